@@ -1,0 +1,14 @@
+# SPDX-License-Identifier: GPL-2.0
+#
+# kelm_flags: what every target is compiled with. Link to it privately.
+
+add_library(kelm_flags INTERFACE)
+target_include_directories(kelm_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(kelm_flags INTERFACE
+  -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wundef -Wcast-align
+  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi>
+  -Werror -fno-omit-frame-pointer)
+if(KELM_SANITIZE)
+  target_compile_options(kelm_flags INTERFACE -fsanitize=${KELM_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(kelm_flags INTERFACE -fsanitize=${KELM_SANITIZE})
+endif()

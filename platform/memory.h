@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Memory.
+#pragma once
+
+#include "platform/label.h"
+
+#include <cstddef>
+
+// Whether an allocation may wait for memory: GFP_KERNEL only in a task that holds no
+// spinlock, GFP_ATOMIC anywhere.
+enum gfp_t : unsigned { GFP_ATOMIC, GFP_KERNEL };
+
+extern "C" {
+
+// size bytes aligned for any type, uninitialised (kmalloc) or zero (kzalloc); null when
+// there are none. The caller owns them until kfree. A size of 0 gives a unique pointer.
+[[nodiscard]] void *kmalloc(std::size_t size, gfp_t gfp) KELM_PLATFORM(kmalloc);
+[[nodiscard]] void *kzalloc(std::size_t size, gfp_t gfp) KELM_PLATFORM(kzalloc);
+
+// Any context. Null is ignored.
+void kfree(const void *ptr) KELM_PLATFORM(kfree);
+}

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The kernel log and kernel warnings.
+#pragma once
+
+#include "platform/label.h"
+
+// Level prefixes of a printk format, the kernel's own.
+#define KERN_INFO "\0016"
+#define KERN_DEBUG "\0017"
+
+extern "C" {
+
+// Writes one line to the log; fmt starts with a level prefix. Any context, any lock held;
+// never waits for whoever reads the log. Formats: the C library's, integers, %s and %p.
+[[gnu::format(printf, 1, 2)]] void printk(const char *fmt, ...) KELM_PLATFORM(printk);
+
+// A kernel warning: a broken invariant, reported with a backtrace. Execution goes on. fmt has
+// no level prefix. Any context.
+[[gnu::format(printf, 1, 2)]] void WARN(const char *fmt, ...) KELM_PLATFORM(WARN);
+}

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Pseudo-random numbers.
+#pragma once
+
+#include "platform/label.h"
+
+#include <cstdint>
+
+extern "C" {
+
+// Uniform over 32 bits, no cryptographic quality. Any context.
+[[nodiscard]] std::uint32_t prandom_u32() KELM_PLATFORM(prandom_u32);
+}
