@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// A hierarchical timing wheel on 64-bit ticks: exact to the tick at any distance, constant cost
+// to arm and to cancel.
+//
+// A timer lies at the level of the highest 6-bit digit in which its due tick differs from the
+// wheel's position, in the bucket of its own digit there. When the position reaches a bucket of
+// a higher level, the bucket's timers move down; those of the lowest level are due. Timers of one
+// tick are due in the order in which they were armed.
+//
+// A wheel does no locking; its host does. The host also decides what "now" is.
+#pragma once
+
+#include "platform/timer.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+
+namespace hosted
+{
+
+struct wheel_link {
+    wheel_link *next;
+    wheel_link *prev;
+};
+
+// What a timer_list holds. A host may derive from it what it needs besides.
+struct wheel_timer : wheel_link {
+    std::uint64_t due;     // the tick at which it fires; of use while pending
+    std::uint64_t expires; // the tick it was last armed for, 0 if never
+    timer_function function;
+
+    [[nodiscard]] bool pending() const { return next != nullptr; }
+};
+
+class timer_wheel
+{
+  public:
+    static constexpr std::uint64_t NEVER = std::numeric_limits<std::uint64_t>::max();
+
+    // Everything up to and including tick now counts as past.
+    explicit timer_wheel(std::uint64_t now);
+    timer_wheel(const timer_wheel &) = delete;
+    timer_wheel &operator=(const timer_wheel &) = delete;
+
+    // Arms or moves a timer. It becomes due at tick expires, but not before now + 1. Returns
+    // whether it was pending.
+    bool arm(wheel_timer &timer, std::uint64_t expires, std::uint64_t now);
+
+    // Returns whether it was pending.
+    bool cancel(wheel_timer &timer);
+
+    // Takes one timer out that is due at tick up_to or before, earliest tick first, or returns
+    // null when there is none left. One pass asks with the same up_to until it gets null; what
+    // is armed meanwhile, with a now of at least up_to, is left to a later pass. choice selects
+    // among the timers due at that tick, modulo their number.
+    wheel_timer *pop_due(std::uint64_t up_to, std::uint64_t choice = 0);
+
+    // No timer is due before this tick: sleep until then and ask again. Close timers give their
+    // own tick, distant ones a tick at which they move down. NEVER without timers.
+    [[nodiscard]] std::uint64_t next_event() const;
+
+    [[nodiscard]] std::size_t size() const { return count; }
+
+  private:
+    static constexpr unsigned int DIGIT_BITS = 6;
+    static constexpr unsigned int BUCKETS = 1U << DIGIT_BITS;
+    static constexpr unsigned int LEVELS = (64 + DIGIT_BITS - 1) / DIGIT_BITS;
+
+    void file(wheel_timer &timer);
+    void take_out(wheel_timer &timer);
+    void move_down(unsigned int level, unsigned int bucket);
+
+    std::uint64_t position; // every timer due up to here is in the due list
+    std::size_t count = 0;
+    std::array<std::uint64_t, LEVELS> occupied{}; // per level, one bit for each bucket in use
+    std::array<std::array<wheel_link, BUCKETS>, LEVELS> buckets;
+    wheel_link due_list;
+};
+
+} // namespace hosted
