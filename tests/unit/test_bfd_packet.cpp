@@ -1,0 +1,210 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Which control packets are valid, where their fields lie, and the hex dump.
+#include "protocol_fixture.h"
+
+#include <optional>
+
+namespace
+{
+
+struct header {
+    unsigned version = 1;
+    unsigned state = BFD_STATE_UP;
+    bool auth_present = false;
+    bool multipoint = false;
+    std::uint8_t multiplier = 3;
+    std::uint8_t len = 24;
+    std::uint32_t my_discriminator = 1;
+    std::uint32_t your_discriminator = 1;
+    std::uint8_t auth_type = 0;
+    std::uint8_t auth_len = 0;
+};
+
+// The first `available` bytes of the packet, in a block of that size.
+exact_copy encode(const header &h, std::size_t available)
+{
+    bytes packet(256);
+    packet[0] = static_cast<std::uint8_t>(h.version << 5);
+    packet[1] = static_cast<std::uint8_t>(h.state << 6 | (h.auth_present ? 4u : 0u) |
+                                          (h.multipoint ? 1u : 0u));
+    packet[2] = h.multiplier;
+    packet[3] = h.len;
+    store_be32(&packet[4], h.my_discriminator);
+    store_be32(&packet[8], h.your_discriminator);
+    packet[24] = h.auth_type;
+    packet[25] = h.auth_len;
+    return exact_copy({packet.data(), available});
+}
+
+struct section_rule {
+    std::uint8_t type, min_len, max_len;
+};
+
+// RFC 5880 sections 4.2 to 4.4, and the debugging type.
+constexpr section_rule section_rules[] = {{1, 4, 19},  {2, 24, 24}, {3, 24, 24},
+                                          {4, 28, 28}, {5, 28, 28}, {255, 8, 8}};
+
+std::optional<std::size_t> section_len(const header &h)
+{
+    for (const section_rule &rule : section_rules) {
+        if (h.auth_type == rule.type && h.auth_len >= rule.min_len && h.auth_len <= rule.max_len)
+            return h.auth_len;
+    }
+    return std::nullopt;
+}
+
+// RFC 5880 section 6.8.6, written as a list of what discards a packet.
+bool rfc_accepts(const header &h, std::size_t available)
+{
+    std::size_t needed = 24;
+    if (h.auth_present) {
+        const std::optional<std::size_t> section = section_len(h);
+        if (!section)
+            return false;
+        needed += *section;
+    }
+    const bool session_is_down = h.state == BFD_STATE_ADMIN_DOWN || h.state == BFD_STATE_DOWN;
+    const bool discarded = available < 24 || h.version != 1 || h.len < needed ||
+                           h.len > available || h.multiplier == 0 || h.multipoint ||
+                           h.my_discriminator == 0 ||
+                           (h.your_discriminator == 0 && !session_is_down);
+    return !discarded;
+}
+
+std::string describe(const header &h, std::size_t available)
+{
+    return "version " + std::to_string(h.version) + " state " + std::to_string(h.state) + " A " +
+           std::to_string(h.auth_present) + " M " + std::to_string(h.multipoint) + " multiplier " +
+           std::to_string(h.multiplier) + " len " + std::to_string(h.len) + " of " +
+           std::to_string(available) + " my " + std::to_string(h.my_discriminator) + " your " +
+           std::to_string(h.your_discriminator) + " section " + std::to_string(h.auth_type) + "/" +
+           std::to_string(h.auth_len);
+}
+
+class validation : public testing::Test
+{
+  protected:
+    void check(const header &h, std::size_t available)
+    {
+        exact_copy packet = encode(h, available);
+        const bool valid = kelm_packet_valid(packet.ctrl(), available);
+        ASSERT_EQ(valid, rfc_accepts(h, available)) << describe(h, available);
+        (valid ? valid_ : invalid_)++;
+    }
+
+    void TearDown() override
+    {
+        EXPECT_GT(valid_, 0);
+        EXPECT_GT(invalid_, 0);
+    }
+
+  private:
+    int valid_ = 0;
+    int invalid_ = 0;
+};
+
+TEST_F(validation, agrees_with_the_rfc_on_lengths)
+{
+    for (const bool auth_present : {false, true})
+        for (const std::uint8_t len :
+             bytes{0, 23, 24, 26, 27, 28, 32, 43, 44, 47, 48, 51, 52, 53, 255})
+            for (const std::size_t available :
+                 std::vector<std::size_t>{0, 1, 23, 24, 25, 27, 28, 32, 43, 48, 52, 53, 255})
+                for (const std::uint8_t type : bytes{0, 1, 2, 3, 4, 5, 6, 253, 254, 255})
+                    for (const std::uint8_t auth_len :
+                         bytes{0, 3, 4, 5, 8, 9, 19, 20, 23, 24, 25, 28, 29, 255}) {
+                        const header h = {.auth_present = auth_present,
+                                          .len = len,
+                                          .auth_type = type,
+                                          .auth_len = auth_len};
+                        ASSERT_NO_FATAL_FAILURE(check(h, available));
+                    }
+}
+
+TEST_F(validation, agrees_with_the_rfc_on_fields)
+{
+    for (unsigned version = 0; version < 8; version++)
+        for (unsigned state = 0; state < 4; state++)
+            for (const bool multipoint : {false, true})
+                for (const std::uint8_t multiplier : bytes{0, 1, 255})
+                    for (const std::uint32_t my : {0u, 1u, 0x1000000u, 0xffffffffu})
+                        for (const std::uint32_t your : {0u, 1u, 0x1000000u, 0xffffffffu})
+                            for (const bool auth_present : {false, true}) {
+                                const header h = {.version = version,
+                                                  .state = state,
+                                                  .auth_present = auth_present,
+                                                  .multipoint = multipoint,
+                                                  .multiplier = multiplier,
+                                                  .len = 28,
+                                                  .my_discriminator = my,
+                                                  .your_discriminator = your,
+                                                  .auth_type = 1,
+                                                  .auth_len = 4};
+                                ASSERT_NO_FATAL_FAILURE(check(h, 28));
+                            }
+}
+
+TEST(bfd_packet, diagnostic_flags_and_intervals_do_not_matter)
+{
+    for (int diag = 0; diag < 32; diag++)
+        for (const int flags : {0x00, 0x20, 0x10, 0x08, 0x02, 0x3a}) {
+            bytes packet = make_packet();
+            packet[0] = static_cast<std::uint8_t>(packet[0] | diag);
+            packet[1] = static_cast<std::uint8_t>(packet[1] | flags);
+            std::fill(packet.begin() + 12, packet.end(), std::uint8_t{0xff});
+            EXPECT_TRUE(kelm_packet_valid(exact_copy(packet).ctrl(), packet.size()));
+        }
+}
+
+TEST(bfd_packet, fields_lie_where_the_wire_has_them)
+{
+    const std::uint8_t wire[24] = {0x25, 0xa5, 7, 24};
+    bfd_ctrl ctrl;
+    std::copy_n(wire, sizeof wire, reinterpret_cast<std::uint8_t *>(&ctrl));
+    EXPECT_EQ(ctrl.version, 1);
+    EXPECT_EQ(ctrl.diag, BFD_DIAG_PATH_DOWN);
+    EXPECT_EQ(ctrl.state, BFD_STATE_INIT);
+    EXPECT_EQ(ctrl.poll, 1);
+    EXPECT_EQ(ctrl.final, 0);
+    EXPECT_EQ(ctrl.control_plane_independent, 0);
+    EXPECT_EQ(ctrl.auth_present, 1);
+    EXPECT_EQ(ctrl.demand_mode, 0);
+    EXPECT_EQ(ctrl.multipoint, 1);
+
+    // Each single-bit field against its mask, so that no two are swapped.
+    reinterpret_cast<std::uint8_t *>(&ctrl)[1] = BFD_FLAG_FINAL | BFD_FLAG_DEMAND_MODE;
+    EXPECT_TRUE(ctrl.final && ctrl.demand_mode && !ctrl.poll && !ctrl.control_plane_independent &&
+                !ctrl.auth_present && !ctrl.multipoint);
+    reinterpret_cast<std::uint8_t *>(&ctrl)[1] =
+        BFD_FLAG_POLL | BFD_FLAG_CONTROL_PLANE_INDEPENDENT | BFD_FLAG_AUTH_PRESENT;
+    EXPECT_TRUE(ctrl.poll && ctrl.control_plane_independent && ctrl.auth_present && !ctrl.final &&
+                !ctrl.demand_mode && !ctrl.multipoint);
+}
+
+TEST(bfd_packet, hex_dump_groups_by_four_and_ends_at_100_bytes)
+{
+    bytes data(150);
+    for (std::size_t i = 0; i < data.size(); i++)
+        data[i] = static_cast<std::uint8_t>(i + 0x9a);
+    std::string first_100;
+    for (std::size_t i = 0; i < 100; i++) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", data[i]);
+        first_100 += std::string(i != 0 && i % 4 == 0 ? " " : "") + digits;
+    }
+    ASSERT_EQ(first_100.size(), 224u);
+
+    const struct {
+        std::size_t size;
+        std::string text;
+    } cases[] = {{0, ""},          {1, "9a"},        {4, "9a9b9c9d"}, {6, "9a9b9c9d 9e9f"},
+                 {100, first_100}, {101, first_100}, {150, first_100}};
+    for (const auto &c : cases) {
+        exact_copy dumped({data.data(), c.size});
+        kelm_dump_count_hex_bytes(77, dumped.data(), static_cast<std::uint32_t>(c.size), remember);
+        EXPECT_EQ(take_traced(), (std::vector<trace_line>{{KELM_DLOG, 77, c.text}})) << c.size;
+    }
+}
+
+} // namespace
