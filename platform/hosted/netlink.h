@@ -9,6 +9,7 @@
 // while the engine's input, step, start, dump or done runs.
 #pragma once
 
+#include "platform/capability.h"
 #include "platform/hosted/mutex.h"
 #include "platform/hosted/sock.h"
 #include "platform/hosted/wait.h"
@@ -47,13 +48,13 @@ class netlink_port
     // Whether the agent has read all that was delivered.
     [[nodiscard]] virtual bool drained() = 0;
 
-    // Whether the sender of the request that is being handled holds the capability; outside of a
-    // request, whether the agent who opened the socket does. No lock is held.
+    // Whether the agent holds the capability: it who sent the request, or asked for the groups,
+    // that is being handled. No lock is held.
     [[nodiscard]] virtual bool sender_capable(int capability) = 0;
 
   private:
     friend class netlink_table;
-    friend bool current_sender_capable(int capability);
+    friend bool ::capable(int capability);
 
     netlink_table *table = nullptr;
     std::uint32_t port_id = 0;
@@ -69,7 +70,6 @@ class netlink_table
 {
   public:
     netlink_table() = default;
-    ~netlink_table();
     netlink_table(const netlink_table &) = delete;
     netlink_table &operator=(const netlink_table &) = delete;
 
@@ -95,24 +95,28 @@ class netlink_table
     // The kernel's side, for the service functions; see platform/netlink.h.
     [[nodiscard]] sock *open_kernel_sock(net *ns, const netlink_kernel_cfg &cfg);
     void close_kernel_sock(sock *sk);
-    int start_dump(sk_buff *request, const nlmsghdr *nlh, const netlink_dump_control &control);
+    [[nodiscard]] int start_dump(sk_buff *request, const nlmsghdr *nlh,
+                                 const netlink_dump_control &control);
     int broadcast(sk_buff *skb, std::uint32_t except, std::uint32_t group);
     int unicast(sk_buff *skb, std::uint32_t port_id);
     void note_overrun(std::uint32_t port_id);
 
   private:
+    // All with the lock held; those that take it release it while the engine runs.
+    using guard = std::unique_lock<mutex>;
     int deliver(netlink_port &port, std::span<const std::uint8_t> datagram);
     bool tell_overrun(netlink_port &port);
-    int next_dump_datagram(netlink_port &port, std::unique_lock<mutex> &lock);
-    bool send_dump_datagram(netlink_port &port);
-    void end_dump(netlink_port &port, std::unique_lock<mutex> &lock);
+    void continue_dump(netlink_port &port, guard &held);
+    int fill_datagram(netlink_port &port, guard &held);
+    bool send_datagram(netlink_port &port);
+    void end_dump(netlink_port &port, guard &held);
     [[nodiscard]] std::uint32_t free_port_id();
 
     mutex lock;
     wait_queue idle; // a request or dump call has returned
     netlink_sock *kernel_sock = nullptr;
     std::map<std::uint32_t, netlink_port *> ports;
-    std::uint32_t last_port_id = 0;
+    std::uint32_t next_port_id = 0xffffefff; // downwards, where no process id is
 };
 
 // What the service functions netlink_kernel_create and netlink_kernel_release of a host do,

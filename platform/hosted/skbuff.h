@@ -28,19 +28,21 @@ struct skb_block {
 } // namespace hosted
 
 struct sk_buff {
-    sk_buff *next; // for whatever queue holds it
-    hosted::skb_block *block;
-    unsigned int data;           // start of the data in the block
-    unsigned int tail;           // end of the part of it that is in the block
-    hosted::skb_block *fragment; // the rest of the data, all of its bytes; null when contiguous
-    unsigned int room_limit;     // with any data in it, the buffer takes no more than this; 0: all
-    unsigned int mac_header;
-    unsigned int network_header;
-    int iif;
-    int member_ifindex;
-    sock *sk;
-    std::uint32_t portid;
-    std::atomic<int> users;
+    sk_buff *next = nullptr; // for whatever queue holds it
+    hosted::skb_block *block = nullptr;
+    unsigned int data = 0; // start of the data in the block
+    unsigned int tail = 0; // end of the part of it that is in the block
+    // All of its bytes are the rest of the data; null when the data is contiguous.
+    hosted::skb_block *fragment = nullptr;
+    // If not 0: how much data there may be in all, once there is any.
+    unsigned int room_limit = 0;
+    unsigned int mac_header = 0;
+    unsigned int network_header = 0;
+    int iif = 0;
+    int member_ifindex = 0;
+    sock *sk = nullptr;
+    std::uint32_t portid = 0;
+    std::atomic<int> users = 1;
 };
 
 namespace hosted

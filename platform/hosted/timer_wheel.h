@@ -71,12 +71,12 @@ class timer_wheel
 
     void file(wheel_timer &timer);
     void take_out(wheel_timer &timer);
-    void move_down(unsigned int level, unsigned int bucket);
+    void move_down(std::uint64_t tick);
 
     std::uint64_t position; // every timer due up to here is in the due list
     std::size_t count = 0;
     std::array<std::uint64_t, LEVELS> occupied{}; // per level, one bit for each bucket in use
-    std::array<std::array<wheel_link, BUCKETS>, LEVELS> buckets;
+    std::array<wheel_link, std::size_t{LEVELS} * BUCKETS> buckets;
     wheel_link due_list;
 };
 

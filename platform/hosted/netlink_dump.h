@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// What the two files share that netlink consists of, the state of a dump above all.
+#pragma once
+
+#include "platform/netlink.h"
+
+#include <cstdint>
+
+namespace hosted
+{
+
+// The body of a message.
+inline std::uint8_t *message_body(nlmsghdr *nlh)
+{
+    return reinterpret_cast<std::uint8_t *>(nlh) + NLMSG_HDRLEN;
+}
+
+struct netlink_dump {
+    netlink_callback callback{};
+    int (*fill)(sk_buff *skb, netlink_callback *cb);
+    int (*finish)(netlink_callback *cb);
+    std::uint32_t min_room;
+    int fill_result = 1;        // positive: there is more to come; else what NLMSG_DONE tells
+    bool done_appended = false; // what is or was in unsent ends with NLMSG_DONE
+    bool running = true;        // the engine's code is being called
+    bool ending = false;        // and it is `finish`
+    sk_buff *unsent = nullptr;  // filled, and not delivered for want of room
+};
+
+} // namespace hosted

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "platform/hosted/timer_wheel.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace hosted
+{
+
+static_assert(sizeof(wheel_timer) <= KELM_TIMER_SIZE);
+
+namespace
+{
+
+void make_empty(wheel_link &head)
+{
+    head.next = &head;
+    head.prev = &head;
+}
+
+bool is_empty(const wheel_link &head)
+{
+    return head.next == &head;
+}
+
+void append(wheel_link &head, wheel_link &link)
+{
+    link.next = &head;
+    link.prev = head.prev;
+    head.prev->next = &link;
+    head.prev = &link;
+}
+
+void unlink(wheel_link &link)
+{
+    link.prev->next = link.next;
+    link.next->prev = link.prev;
+    link.next = nullptr;
+    link.prev = nullptr;
+}
+
+wheel_timer &timer_of(wheel_link &link)
+{
+    return static_cast<wheel_timer &>(link);
+}
+
+} // namespace
+
+timer_wheel::timer_wheel(std::uint64_t now) : position(now)
+{
+    for (wheel_link &head : buckets)
+        make_empty(head);
+    make_empty(due_list);
+}
+
+bool timer_wheel::arm(wheel_timer &timer, std::uint64_t expires, std::uint64_t now)
+{
+    const bool was_pending = cancel(timer);
+    timer.expires = expires;
+    timer.due = std::max({expires, now + 1, position + 1});
+    file(timer);
+    ++count;
+    return was_pending;
+}
+
+bool timer_wheel::cancel(wheel_timer &timer)
+{
+    if (!timer.pending())
+        return false;
+    take_out(timer);
+    return true;
+}
+
+wheel_timer *timer_wheel::pop_due(std::uint64_t up_to, std::uint64_t choice)
+{
+    while (is_empty(due_list)) {
+        const std::uint64_t tick = next_event();
+        if (tick > up_to || tick == NEVER) {
+            position = std::max(position, up_to);
+            return nullptr;
+        }
+        move_down(tick);
+    }
+    wheel_link *chosen = due_list.next;
+    if (choice != 0) {
+        std::uint64_t due = 0;
+        for (const wheel_link *link = due_list.next; link != &due_list; link = link->next)
+            ++due;
+        for (std::uint64_t skip = choice % due; skip > 0; --skip)
+            chosen = chosen->next;
+    }
+    take_out(timer_of(*chosen));
+    return &timer_of(*chosen);
+}
+
+std::uint64_t timer_wheel::next_event() const
+{
+    if (!is_empty(due_list))
+        return position;
+    for (unsigned int level = 0; level < LEVELS; ++level) {
+        if (occupied[level] == 0)
+            continue;
+        const unsigned int shift = level * DIGIT_BITS;
+        const std::uint64_t lower_digits =
+            shift + DIGIT_BITS < 64 ? (std::uint64_t{1} << (shift + DIGIT_BITS)) - 1 : NEVER;
+        const auto digit = static_cast<std::uint64_t>(std::countr_zero(occupied[level]));
+        return (position & ~lower_digits) | digit << shift;
+    }
+    return NEVER;
+}
+
+void timer_wheel::file(wheel_timer &timer)
+{
+    if (timer.due <= position) {
+        append(due_list, timer);
+        return;
+    }
+    const auto highest_bit = static_cast<unsigned int>(std::bit_width(timer.due ^ position)) - 1;
+    const unsigned int level = highest_bit / DIGIT_BITS;
+    const unsigned int digit = (timer.due >> (level * DIGIT_BITS)) % BUCKETS;
+    append(buckets[level * BUCKETS + digit], timer);
+    occupied[level] |= std::uint64_t{1} << digit;
+}
+
+void timer_wheel::take_out(wheel_timer &timer)
+{
+    const wheel_link *head = timer.next == timer.prev ? timer.next : nullptr;
+    unlink(timer);
+    --count;
+    if (head == nullptr || head == &due_list)
+        return;
+    // It was alone between its bucket's head and itself.
+    const auto index = static_cast<std::size_t>(head - buckets.data());
+    occupied[index / BUCKETS] &= ~(std::uint64_t{1} << (index % BUCKETS));
+}
+
+// Moves the position to a tick that next_event gave, and that event's bucket down with it. All
+// other timers stay at their level: their digit there is still ahead.
+void timer_wheel::move_down(std::uint64_t tick)
+{
+    unsigned int level = 0;
+    while (occupied[level] == 0)
+        ++level;
+    const auto digit = static_cast<unsigned int>(std::countr_zero(occupied[level]));
+    wheel_link &head = buckets[level * BUCKETS + digit];
+    occupied[level] &= occupied[level] - 1;
+    position = tick;
+    while (!is_empty(head)) {
+        wheel_timer &timer = timer_of(*head.next);
+        unlink(timer);
+        file(timer);
+    }
+}
+
+} // namespace hosted
