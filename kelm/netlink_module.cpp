@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The module's start and stop, in order and in reverse.
+#include "kelm/netlink_internal.h"
+#include "kelm/rx.h"
+#include "kelm/tx.h"
+#include "platform/kthread.h"
+#include "platform/module.h"
+#include "platform/net.h"
+
+namespace
+{
+constinit task_struct *kelm_vrf_cleanup_task = nullptr;
+constinit notifier_block netdev_notifier = {netdev_callback};
+
+// Module-wide state as it is at load: a host may start the engine again after kelm_release.
+void init_components()
+{
+    debug_init();
+    vrf_list_init();
+    kelm_rx_module_init();
+    kelm_tx_module_init();
+    dump_init();
+    sync_init();
+    // The notifier brings the first vrfs, and with them requests that may arm the timer.
+    session_stats_init();
+}
+
+int start_cleanup_thread()
+{
+    task_struct *task =
+        kthread_create_on_node(kelm_vrf_cleanup, nullptr, NUMA_NO_NODE, "kelm_vrf_cleanup");
+    if (IS_ERR(task)) {
+        netlink_log(1, "Error starting kelm_vrf_cleanup task");
+        return PTR_ERR(task);
+    }
+    kelm_vrf_cleanup_task = task;
+    wake_up_process(task);
+    return 0;
+}
+} // namespace
+
+int kelm_init()
+{
+    module_get_self();
+    init_components();
+
+    // Replays the devices that exist, and so creates the vrfs of all namespaces.
+    int err = register_netdevice_notifier(&netdev_notifier);
+    if (err != 0) {
+        netlink_log(1, "Error registering netdev notifier");
+        kelm_release();
+        return err;
+    }
+    err = start_cleanup_thread();
+    if (err != 0) {
+        unregister_netdevice_notifier(&netdev_notifier);
+        kelm_release();
+    }
+    return err;
+}
+
+void kelm_exit()
+{
+    if (kelm_vrf_cleanup_task != nullptr) {
+        kthread_stop(kelm_vrf_cleanup_task);
+        kelm_vrf_cleanup_task = nullptr;
+    }
+    unregister_netdevice_notifier(&netdev_notifier);
+}
+
+void kelm_release()
+{
+    session_stats_stop();
+    release_all_vrfs();
+    // A request that was under way may have set the interval once more.
+    session_stats_stop();
+    kelm_tx_release();
+}

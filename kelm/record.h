@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Records on the heap of the host.
+#pragma once
+
+#include "platform/memory.h"
+
+#include <new>
+
+// A value-initialised T in zeroed memory, or null.
+template<class T>
+[[nodiscard]] T *new_record(gfp_t gfp)
+{
+    void *memory = kzalloc(sizeof(T), gfp);
+    return memory != nullptr ? new (memory) T() : nullptr;
+}
+
+template<class T>
+void delete_record(T *record)
+{
+    record->~T();
+    kfree(record);
+}

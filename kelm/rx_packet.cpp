@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The receive path: one datagram is validated, matched to its session, authenticated, measured;
+// it restarts the session's detection timer, and goes up to the agent only if the state machine
+// must see it. A frame that goes up is not copied: its own buffer becomes the message.
+//
+// Softirq context, on several processors at once. The session's lock is held from the lookup to
+// the end, the send included.
+#include "kelm/byte_order.h"
+#include "kelm/dump.h"
+#include "kelm/guard.h"
+#include "kelm/kelm_bfd_common_utils.h"
+#include "kelm/message.h"
+#include "kelm/netlink.h"
+#include "kelm/rx_internal.h"
+#include "kelm/skb_ptr.h"
+#include "kelm/tx.h"
+#include "platform/socket.h"
+
+#include <optional>
+
+namespace
+{
+constinit relaxed<bool> first_packet(true);
+
+inline constexpr unsigned PACKET_CHANGE_HEADROOM = NLMSG_HDRLEN + sizeof(kelm_msg_rx_packet_change);
+
+// A received datagram as part of its frame. Pointers into a buffer are good until it is expanded.
+struct received_frame {
+    const std::uint8_t *link_header;
+    std::uint8_t *bfd; // the BFD control packet
+    std::uint32_t bfd_len;
+    std::uint32_t l3_offset; // from the link-layer header
+    std::uint32_t bfd_offset;
+    int ifindex;
+    int member_ifindex;
+
+    explicit received_frame(const sk_buff *skb)
+        : link_header(skb_mac_header(skb)), bfd(skb_data(skb)), bfd_len(skb_len(skb)),
+          l3_offset(static_cast<std::uint32_t>(skb_network_header(skb) - link_header)),
+          bfd_offset(static_cast<std::uint32_t>(bfd - link_header)), ifindex(skb_iif(skb)),
+          member_ifindex(skb_member_ifindex(skb))
+    {
+    }
+    [[nodiscard]] std::size_t len() const { return std::size_t{bfd_offset} + bfd_len; }
+    [[nodiscard]] bfd_ctrl *header() const { return reinterpret_cast<bfd_ctrl *>(bfd); }
+    [[nodiscard]] std::uint32_t your_discriminator() const
+    {
+        return load_be32(bfd + offsetof(bfd_ctrl, your_discriminator));
+    }
+    // How much of the packet counts as its content: with authentication also type and length of
+    // the section, but neither key id nor sequence number nor digest.
+    [[nodiscard]] std::size_t content_len() const
+    {
+        return bfd[1] & BFD_FLAG_AUTH_PRESENT ? BFD_CTRL_LEN + 2 : BFD_CTRL_LEN;
+    }
+};
+
+void r_trace(kelm_trace_type type, std::uint32_t disc, const char *str)
+{
+    rx_log(disc, type == KELM_VLOG ? 3 : 2, "%s", str);
+}
+
+bool auth_valid(rx_session *session, const received_frame &frame)
+{
+    return kelm_auth_valid(&session->auth, session->auth_key, &session->seq_num,
+                           &session->stats.num_auth_fail, &session->stats.num_auth_type_mismatch,
+                           session->multiplier, frame.header(), frame.link_header + frame.l3_offset,
+                           frame.ifindex, static_cast<std::int32_t>(frame.bfd_len) - BFD_CTRL_LEN,
+                           r_trace);
+}
+
+void restart_detection(rx_session *session)
+{
+    if (!session->timer_active)
+        return;
+    const unsigned long now = get_jiffies_64();
+    const unsigned long expiry = detection_expiry(session, now);
+    mod_timer(&session->timer, expiry);
+    rx_log(session->discriminator, 3, "Reset timer for session %u to %lu now %lu",
+           session->discriminator, expiry, now);
+}
+
+bool content_changed(const rx_session *session, const received_frame &frame)
+{
+    const std::size_t len = frame.content_len();
+    // The stored packet may be shorter: frames of one length can differ in their headers'.
+    return session->packet.len - session->bfd_offset < len ||
+           std::memcmp(frame.bfd, session->packet.data + session->bfd_offset, len) != 0;
+}
+
+// Whether the agent must see the packet.
+bool must_pass_up(const rx_session *session, const received_frame &frame)
+{
+    const std::uint32_t disc = session->discriminator;
+    if (frame.len() != session->packet.len) {
+        rx_log(disc, 2, "Passing up - %lu != %lu", frame.len(), session->packet.len);
+        return true;
+    }
+    if (frame.member_ifindex != session->member_ifindex) {
+        rx_log(disc, 2, "Passing up - member link changed");
+        return true;
+    }
+    if (session->mydisc_rtt) // a time stamp is no change
+        store_be32(frame.bfd + offsetof(bfd_ctrl, my_discriminator), 0);
+    if (content_changed(session, frame)) {
+        rx_log(disc, 2, "Passing up - content changed");
+        return true;
+    }
+    if (frame.bfd[1] & BFD_FLAG_POLL) {
+        rx_log(disc, 2, "Passing up - poll bit set");
+        return true;
+    }
+    if (frame.bfd[1] & BFD_FLAG_FINAL) {
+        rx_log(disc, 2, "Passing up - final bit set");
+        return true;
+    }
+    return false;
+}
+
+// Keeps a copy of the frame as the session's last one. False without memory: the session then has
+// none, so that the next packet is passed up.
+bool store_frame(rx_session *session, const received_frame &frame)
+{
+    session->stats.num_passup++;
+    kfree(session->packet.data);
+    session->ifindex = frame.ifindex;
+    session->member_ifindex = frame.member_ifindex;
+    session->l3_offset = frame.l3_offset;
+    session->bfd_offset = frame.bfd_offset;
+    session->packet.len = frame.len();
+    session->packet.data = static_cast<std::uint8_t *>(kmalloc(frame.len(), GFP_ATOMIC));
+    if (session->packet.data == nullptr) {
+        session->stats.packet_alloc_fail++;
+        session->packet.len = 0;
+        return false;
+    }
+    std::memcpy(session->packet.data, frame.link_header, frame.len());
+    return true;
+}
+
+void log_buffer(std::uint32_t disc, const sk_buff *skb, const std::uint8_t *bfd)
+{
+    rx_log(disc, 3, "skb->data %p ->head %p bfd %p", static_cast<void *>(skb_data(skb)),
+           static_cast<void *>(skb_head(skb)), static_cast<const void *>(bfd));
+}
+
+// Writes the message's headers in front of the frame, in the headroom made for them.
+void push_headers(sk_buff *skb, std::uint32_t disc)
+{
+    const received_frame frame(skb);
+    const auto frame_len = static_cast<std::uint32_t>(frame.len());
+    skb_push(skb, frame.bfd_offset);
+    rx_log(disc, 2, "Packet is for session %u", disc);
+    log_buffer(disc, skb, frame.bfd);
+
+    kelm_msg_rx_packet_change msg = {};
+    msg.header.discriminator = disc;
+    msg.ifindex = static_cast<std::uint32_t>(frame.ifindex);
+    msg.member_ifindex = static_cast<std::uint32_t>(frame.member_ifindex);
+    msg.l3_offset = frame.l3_offset;
+    msg.bfd_offset = frame.bfd_offset;
+    msg.packet_len = frame_len;
+    std::memcpy(skb_push(skb, sizeof(msg)), &msg, sizeof(msg));
+    log_buffer(disc, skb, frame.bfd);
+    rx_log(disc, 3, "l3_offset %u bfd_offset %u packet_len %zu member_ifindex %d", msg.l3_offset,
+           msg.bfd_offset, frame.len(), frame.member_ifindex);
+
+    nlmsghdr hdr = {};
+    hdr.nlmsg_len = PACKET_CHANGE_HEADROOM + frame_len;
+    hdr.nlmsg_type = KELM_MSG_RX_PACKET_CHANGE;
+    std::memcpy(skb_push(skb, sizeof(hdr)), &hdr, sizeof(hdr));
+}
+
+// Turns the datagram into a message to the agent. session, if any, is locked.
+void pass_up_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const received_frame &frame)
+{
+    const std::uint32_t disc = frame.your_discriminator();
+    rx_log(disc, 2, "Passing packet for session %u to SSM vrf %p", disc, static_cast<void *>(vrf));
+    if (session != nullptr && !store_frame(session, frame))
+        return;
+    const int err = pskb_expand_head(skb.get(), PACKET_CHANGE_HEADROOM, 0, GFP_ATOMIC);
+    if (err != 0) {
+        KELM_LOG("Rx", 2, "failed to expand skb %d", err);
+        if (session != nullptr)
+            session->stats.pskb_expand_fail++;
+        else
+            count(vrf->stats.pskb_expand_fail);
+        skb.drop();
+        return;
+    }
+    push_headers(skb.get(), disc);
+    kelm_netlink_send_packet_change(vrf, skb.release());
+}
+
+// A packet whose session is known and locked.
+void session_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const received_frame &frame)
+{
+    if (!auth_valid(session, frame)) {
+        rx_log(session->discriminator, 2, "Packet failed auth check");
+        session->stats.num_auth_fail++;
+        return;
+    }
+    record_stats(session,
+                 load_host<std::uint32_t>(frame.bfd + offsetof(bfd_ctrl, my_discriminator)));
+    restart_detection(session);
+    if (must_pass_up(session, frame))
+        pass_up_packet(vrf, session, skb, frame);
+}
+
+// A valid packet: with a session, or for the agent to make something of.
+void valid_packet(kelm_vrf *vrf, skb_ptr &skb, const received_frame &frame)
+{
+    const std::uint32_t disc = frame.your_discriminator();
+    if (disc == 0) {
+        KELM_LOG("Rx", 2, "Passing up - discriminator==0");
+        count(vrf->stats.num_passup_disc_0);
+        pass_up_packet(vrf, nullptr, skb, frame);
+        return;
+    }
+    softirq_guard table(rx_lock);
+    if (rx_session *session = __get_session(vrf, disc)) {
+        softirq_guard lock(session->lock);
+        table.unlock();
+        session_packet(vrf, session, skb, frame);
+        return;
+    }
+    table.unlock();
+    rx_log(disc, 2, "Passing up - no session %u", disc);
+    count(vrf->stats.num_invalid_sessions);
+    pass_up_packet(vrf, nullptr, skb, frame);
+}
+
+// Traffic from outside proves that the system can transmit too.
+void note_first_packet()
+{
+    if (!first_packet)
+        return;
+    first_packet = false;
+    KELM_LOG("Rx", 2, "Tx path ready from kernel");
+    kelm_set_tx_path_ready();
+}
+} // namespace
+
+void rx_packet_init()
+{
+    first_packet = true;
+}
+
+void rx_data_ready(sock *sk)
+{
+    auto *vrf = static_cast<kelm_vrf *>(sock_user_data(sk));
+    KELM_LOG("Rx", 3, "Received packet");
+    note_first_packet();
+    skb_ptr skb(__skb_recv_udp(sk));
+    if (!skb) {
+        KELM_LOG("Rx", 2, "Packet missing!");
+        count(vrf->stats.rx_packet_missing);
+        return;
+    }
+    // The packet is read as one piece, and written to.
+    const int err = skb_linearize_cow(skb.get());
+    if (err != 0) {
+        KELM_LOG("Rx", 2, "failed to expand skb %d", err);
+        count(vrf->stats.pskb_expand_fail);
+        skb.drop();
+        return;
+    }
+    const received_frame frame(skb.get());
+    if (!kelm_packet_valid(frame.header(), frame.bfd_len)) {
+        KELM_LOG("Rx", 2, "Packet failed RFC validation");
+        count(vrf->stats.rfc_drops);
+        return;
+    }
+    valid_packet(vrf, skb, frame);
+}
+
+int fill_packet_change(sk_buff *skb, rx_session *session, const dump_request &request)
+{
+    const stored_frame &frame = session->packet;
+    if (frame.len == 0)
+        return 0;
+    kelm_msg_rx_packet_change msg = {};
+    const std::size_t body_len = sizeof(msg) + frame.len;
+    if (!message_fits(skb, body_len))
+        return -1;
+    msg.header.discriminator = session->discriminator;
+    msg.ifindex = static_cast<std::uint32_t>(session->ifindex);
+    msg.member_ifindex = static_cast<std::uint32_t>(session->member_ifindex);
+    msg.l3_offset = session->l3_offset;
+    msg.bfd_offset = session->bfd_offset;
+    msg.packet_len = static_cast<std::uint32_t>(frame.len);
+    nlmsghdr *hdr = __nlmsg_put(skb, request.portid, request.seq, KELM_MSG_RX_PACKET_CHANGE,
+                                static_cast<int>(body_len), 0);
+    auto *body = reinterpret_cast<std::uint8_t *>(hdr) + NLMSG_HDRLEN;
+    std::memcpy(body, &msg, sizeof(msg));
+    std::memcpy(body + sizeof(msg), frame.data, frame.len);
+    return 0;
+}

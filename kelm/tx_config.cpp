@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Configuration of transmit packets: the set and delete requests. A replaced packet keeps its
+// record, timer, references, sequence number, pending latch and, unless the period changes, its
+// statistics; only the settings and the bytes change.
+#include "kelm/guard.h"
+#include "kelm/kelm_bfd_common_utils.h"
+#include "kelm/message.h"
+#include "kelm/record.h"
+#include "kelm/tx_internal.h"
+#include "platform/err.h"
+
+namespace
+{
+inline constexpr std::uint32_t BFD_HEADER_LEN = sizeof(bfd_ctrl);
+inline constexpr std::uint32_t UDP_HEADER_LEN = 8;
+
+// Whether a whole IP header lies at offset, in front of the UDP header.
+bool ip_header_fits(const kelm_msg_tx_set_packet &msg, std::uint32_t offset)
+{
+    const std::uint32_t udp_offset = msg.latch_offset - UDP_HEADER_LEN;
+    if (offset >= udp_offset)
+        return false;
+    const std::uint32_t ip_header_len = msg.packet[offset] >> 4 == 4 ? 20 : 40;
+    return udp_offset - offset >= ip_header_len;
+}
+
+// Whether everything that a transmission reads or writes lies inside the packet, whose BFD header
+// is known to. The send looks at the IP header of an IP packet, the checksum at ip_hdr_offset.
+bool offsets_valid(const kelm_msg_tx_set_packet &msg)
+{
+    return msg.latch_offset > UDP_HEADER_LEN && ip_header_fits(msg, msg.ip_hdr_offset) &&
+           (msg.type != KELM_TX_SESSION_IP || ip_header_fits(msg, 0));
+}
+
+// Whether the bytes that a digest covers, the packet's own idea of its length, are there.
+bool digest_covered(const kelm_msg_tx_set_packet &msg, std::uint32_t auth_len)
+{
+    if (!kelm_is_md5_auth(msg.auth.type) && !kelm_is_sha1_auth(msg.auth.type))
+        return true;
+    return msg.packet[msg.latch_offset + offsetof(bfd_ctrl, len)] <= BFD_HEADER_LEN + auth_len;
+}
+
+bool auth_type_valid(std::uint8_t type)
+{
+    return (type >= BFD_AUTH_PASSWORD && type <= BFD_AUTH_METICULOUS_SHA1) ||
+           type == BFD_AUTH_DEBUG_SEQNUM;
+}
+
+// Checks what the agent says of its packet, before anything is locked or changed.
+int check_packet(const kelm_msg_tx_set_packet &msg)
+{
+    const std::uint32_t disc = msg.header.discriminator;
+    if (disc == 0)
+        return -EINVAL;
+    if (msg.type >= KELM_TX_SESSION_MAX)
+        return -EAFNOSUPPORT;
+
+    const auto auth_len =
+        static_cast<std::uint8_t>(kelm_auth_header_len_hdr(msg.auth.type, &msg.auth_hdr));
+    // In 64 bits, where no offset wraps around.
+    const std::uint64_t bfd_end = std::uint64_t{msg.latch_offset} + BFD_HEADER_LEN;
+    const bool auth_present = bfd_end <= msg.packet_len &&
+                              (msg.packet[msg.latch_offset + 1] & BFD_FLAG_AUTH_PRESENT) != 0;
+    if (auth_present && auth_len <= offsetof(bfd_auth_password_full, password)) {
+        tx_log(disc, 2, "auth_header_len %u less than bfd_auth_password len %lu", auth_len,
+               offsetof(bfd_auth_password_full, password));
+        return -EINVAL;
+    }
+    const std::uint64_t expected_len = bfd_end + auth_len;
+    if (msg.packet_len != expected_len) {
+        tx_log(disc, 2, "Packet size incorrect for auth type %d. %u vs %u. Disc %d", msg.auth.type,
+               msg.packet_len, static_cast<std::uint32_t>(expected_len), static_cast<int>(disc));
+        return -EINVAL;
+    }
+    if (auth_present && !auth_type_valid(msg.auth.type)) {
+        tx_log(disc, 2, "Auth bit and type don't match. auth_present is %d", 1);
+        return -EINVAL;
+    }
+    if (!offsets_valid(msg) || !digest_covered(msg, auth_len))
+        return -EINVAL;
+    if (msg.period == 0) {
+        KELM_LOG("Tx", 1, "Zero period is no longer supported (%u)", disc);
+        return -EINVAL;
+    }
+    return 0;
+}
+
+void copy_settings(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
+{
+    packet->ifindex = msg.ifindex;
+    packet->period = msg.period;
+    packet->send_oob_packet = (msg.flags & KELM_TX_SEND_OOB) != 0;
+    packet->mydisc_rtt = (msg.flags & KELM_TX_MYDISC_RTT) != 0;
+    packet->ip_hdr_offset = msg.ip_hdr_offset;
+    packet->latch_offset = msg.latch_offset;
+    packet->latch_period = msg.latch_period;
+    packet->latch_state = msg.latch_state;
+    packet->jitter_type = msg.jitter_type;
+    if (packet->auth.type != msg.auth.type)
+        tx_log(packet->discriminator, 2, "Changing auth type from %d to %d", packet->auth.type,
+               msg.auth.type);
+    packet->auth = msg.auth;
+    packet->auth_hdr = msg.auth_hdr;
+    packet->auth_hdr_offset = packet->latch_offset + BFD_HEADER_LEN;
+}
+
+int change_type(tx_packet *packet, std::uint32_t type)
+{
+    if (packet->type == type)
+        return 0;
+    tx_log(packet->discriminator, 2, "Changing type from %d to %d", static_cast<int>(packet->type),
+           static_cast<int>(type));
+    packet->sk = tx_socket_get(packet->vrf, type);
+    packet->type = type;
+    return packet->sk != nullptr ? 0 : -ESHUTDOWN;
+}
+
+int copy_packet(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
+{
+    auto *data = static_cast<std::uint8_t *>(kmalloc(msg.packet_len, GFP_ATOMIC));
+    if (data == nullptr) {
+        tx_log(packet->discriminator, 2, "Failed to allocate packet data");
+        return -ENOMEM;
+    }
+    tx_log(packet->discriminator, 2, "Copying packet data of %d byte",
+           static_cast<int>(msg.packet_len));
+    kfree(packet->packet);
+    packet->packet = data;
+    packet->packet_len = msg.packet_len;
+    std::memcpy(data, msg.packet, msg.packet_len);
+    return 0;
+}
+
+// What fails here leaves the settings that were already copied in place.
+int configure(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
+{
+    const kelm_microsecs old_period = packet->period;
+    copy_settings(packet, msg);
+    int err = change_type(packet, msg.type);
+    if (err != 0)
+        return err;
+    if (packet->period != old_period) {
+        clear_packet_stats(&packet->stats.lifetime_stats);
+        clear_packet_stats(&packet->stats.snapshot_stats);
+    }
+    err = copy_packet(packet, msg);
+    if (err != 0)
+        return err;
+    update_udp_checksum(packet, false);
+    if (kelm_tx_path_ready)
+        static_cast<void>(schedule_packet(packet, false));
+    return 0;
+}
+
+int set_packet(kelm_vrf *vrf, const kelm_msg_tx_set_packet &msg)
+{
+    const std::uint32_t disc = msg.header.discriminator;
+    bh_guard table(tx_lock);
+    tx_log(disc, 2, "Got packets lock");
+    tx_packet *packet = __get_packet(vrf, disc);
+    if (packet == nullptr) {
+        tx_log(disc, 2, "Allocating new packet");
+        packet = __create_packet(vrf, disc);
+        if (packet == nullptr)
+            return -ENOMEM;
+    }
+    bh_guard lock(packet->lock);
+    tx_log(disc, 2, "Got packet lock");
+    return configure(packet, msg);
+}
+} // namespace
+
+int kelm_tx_set_packet(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
+{
+    const auto *msg = request_body<kelm_msg_tx_set_packet>(hdr);
+    if (msg == nullptr || !request_has_tail<kelm_msg_tx_set_packet>(hdr, msg->packet_len))
+        return -EINVAL;
+    const std::uint32_t disc = msg->header.discriminator;
+    tx_log(disc, 2, "Processing TX_SET_PACKET for session %u vrf %p", disc,
+           static_cast<void *>(vrf));
+    int result = check_packet(*msg);
+    if (result != 0)
+        return result;
+    result = set_packet(vrf, *msg);
+    tx_log(disc, 2, "Returning %d", result);
+    return result;
+}
+
+int kelm_tx_delete_packet(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
+{
+    const auto *msg = request_body<kelm_msg_tx_delete_packet>(hdr);
+    if (msg == nullptr)
+        return -EINVAL;
+    const std::uint32_t disc = msg->header.discriminator;
+    tx_log(disc, 2, "Processing TX_DELETE_PACKET for session %u vrf %p", disc,
+           static_cast<void *>(vrf));
+    if (disc == 0)
+        return -EINVAL;
+    bh_guard table(tx_lock);
+    tx_packet *packet = __get_packet(vrf, disc);
+    if (packet == nullptr)
+        return -ENOENT;
+    {
+        bh_guard lock(packet->lock);
+        packet->dead = true;
+    }
+    tx_log(disc, 3, "Unlinking tx %u on delete", disc);
+    packet->list.unlink();
+    vrf->packets_seq++;
+    __put_packet(packet, false);
+    return 0;
+}
