@@ -11,8 +11,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <ostream>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 using bytes = std::vector<std::uint8_t>;

@@ -3,6 +3,7 @@
 // Which control packets are valid, where their fields lie, and the hex dump.
 #include "protocol_fixture.h"
 
+#include <cstdio>
 #include <optional>
 
 namespace
