@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "kelmctl/objects.h"
+
+namespace kelmctl
+{
+
+namespace
+{
+
+const object table[] = {
+    {"session", "receive sessions: detection of failures", session_commands},
+    {"packet", "transmit packets: periodic transmission", packet_commands},
+    {"statistics", "all counters, the module's included", statistics_commands},
+    {"monitor", "events as they happen", monitor_commands},
+    {"tx-path", "the switch that lets transmission begin", tx_path_commands},
+    {"debug", "how much kelm logs", debug_commands},
+    {"sync", "the state of everything; mark and sweep", sync_commands},
+};
+
+} // namespace
+
+constinit const std::span<const object> objects = table;
+
+} // namespace kelmctl

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: GPL-2.0
+#ifndef KELMCTL_OBJECTS_H
+#define KELMCTL_OBJECTS_H
+
+#include "kelmctl/command.h"
+
+namespace kelmctl
+{
+
+// Each object's file defines its commands.
+extern const std::span<const command> session_commands;
+extern const std::span<const command> packet_commands;
+extern const std::span<const command> statistics_commands;
+extern const std::span<const command> tx_path_commands;
+extern const std::span<const command> debug_commands;
+extern const std::span<const command> sync_commands;
+extern const std::span<const command> monitor_commands;
+
+} // namespace kelmctl
+
+#endif

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "kelmctl/options.h"
+
+#include <getopt.h>
+
+#include <vector>
+
+#include "kelmctl/command.h"
+
+namespace kelmctl
+{
+
+namespace
+{
+
+constexpr option_entry table[] = {
+    {'j', "json", nullptr, "JSON, for programs", &options::json},
+    {'p', "pretty", nullptr, "indent the JSON", &options::pretty},
+    {'s', "statistics", nullptr, "tell everything there is, a block for each",
+     &options::statistics},
+    {'A', "all-vrfs", nullptr, "statistics of all network namespaces, the newest first",
+     &options::all_vrfs},
+    {'n', "netns", "NETNS", "act in this network namespace: a name, or a path", nullptr},
+    {'h', "help", nullptr, "this text", &options::help},
+    {'V', "version", nullptr, "the version", &options::version},
+};
+
+} // namespace
+
+constinit const std::span<const option_entry> option_table = table;
+
+std::string option_entry::synopsis() const
+{
+    return std::string("-") + letter + ", --" + name + (value == nullptr ? "" : " ") +
+           (value == nullptr ? "" : value);
+}
+
+options parse_options(std::span<char *const> words, std::span<char *const> &rest)
+{
+    std::string letters = "+:"; // stop at the first word that is no option; report errors to us
+    std::vector<option> longs;
+    for (const auto &entry : table) {
+        letters += std::string(1, entry.letter) + (entry.value == nullptr ? "" : ":");
+        longs.push_back({entry.name, entry.value == nullptr ? no_argument : required_argument,
+                         nullptr, entry.letter});
+    }
+    longs.push_back({});
+
+    options parsed;
+    optind = 0; // glibc: begin anew
+    for (;;) {
+        const int before = optind == 0 ? 1 : optind;
+        const int letter = getopt_long(static_cast<int>(words.size()), words.data(),
+                                       letters.c_str(), longs.data(), nullptr);
+        if (letter == -1)
+            break;
+        if (letter == '?')
+            throw usage_error("there is no option '" +
+                              std::string(words[static_cast<size_t>(before)]) + "'");
+        if (letter == ':')
+            throw usage_error("option '" + std::string(words[static_cast<size_t>(before)]) +
+                              "' wants a value");
+        for (const auto &entry : table)
+            if (entry.letter == letter && entry.flag != nullptr)
+                parsed.*entry.flag = true;
+        if (letter == 'n')
+            parsed.netns = optarg;
+    }
+    rest = words.subspan(static_cast<size_t>(optind));
+    return parsed;
+}
+
+} // namespace kelmctl

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: GPL-2.0
+#ifndef KELMCTL_OPTIONS_H
+#define KELMCTL_OPTIONS_H
+
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace kelmctl
+{
+
+// The options in front of the object.
+struct options {
+    bool json = false;
+    bool pretty = false;
+    bool statistics = false;
+    bool all_vrfs = false;
+    bool help = false;
+    bool version = false;
+    std::string netns;
+};
+
+struct option_entry {
+    char letter;
+    const char *name;
+    const char *value; // what help calls it, or null
+    const char *help;
+    bool options::*flag; // set by an option without a value
+
+    std::string synopsis() const;
+};
+
+extern const std::span<const option_entry> option_table;
+
+// Reads the options and sets `rest` to the words after them. Throws usage_error.
+options parse_options(std::span<char *const> words, std::span<char *const> &rest);
+
+} // namespace kelmctl
+
+#endif

@@ -1,0 +1,231 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The object "packet": kelm's transmit packets.
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "kelmctl/auth_arguments.h"
+#include "kelmctl/objects.h"
+#include "kelmctl/statistics.h"
+#include "libkelm/error.h"
+
+namespace kelmctl
+{
+
+namespace
+{
+
+constexpr parameter own_parameters[] = {
+    {"local", "ADDRESS", "source address (required)"},
+    {"peer", "ADDRESS", "destination address (required)"},
+    {"interval", "TIME", "transmit interval, before jitter: 300ms, 1.5s (required)"},
+    {"dev", "IFNAME", "send on this interface"},
+    {"type", "TYPE",
+     "single-hop, echo, lag, multihop or sbfd: sets the UDP ports (default\n"
+     "single-hop)"},
+    {"port", "N", "UDP destination port, if not the type's"},
+    {"source-port", "N", "UDP source port, if not the type's"},
+    {"ttl", "N", "TTL or hop limit (default 255)"},
+    {"dst-mac", "MAC",
+     "send an Ethernet frame to this address instead of an IP datagram;\n"
+     "01:00:5e:90:00:01 for the members of a LAG"},
+    {"src-mac", "MAC", "source of the Ethernet frame (default the interface's)"},
+    {"jitter", "RULE",
+     "none, 75 or 75-90: the interval is shortened at random to 75-100% or\n"
+     "75-90% of itself (default 75, with multiplier 1 75-90)"},
+    {"state", "STATE", "admin-down, down, init or up (default down)"},
+    {"diag", "DIAG", "diagnostic: none, time-expired, ... or see kelmctl(8) (default none)"},
+    {"multiplier", "N", "detect multiplier, 1 to 255 (default 3)"},
+    {"my-discriminator", "N", "if not the packet's own"},
+    {"your-discriminator", "N", "the peer's (default 0: not known)"},
+    {"min-tx", "TIME", "Desired Min TX Interval (default the interval)"},
+    {"min-rx", "TIME", "Required Min RX Interval (default the interval)"},
+    {"min-echo-rx", "TIME", "Required Min Echo RX Interval (default 0)"},
+    {"poll", "", "set the Poll bit"},
+    {"final", "", "set the Final bit; it only goes out together with 'oob'"},
+    {"demand", "", "set the Demand bit"},
+    {"cpi", "on|off", "the Control Plane Independent bit (default on)"},
+    {"oob", "", "send it once at once, out of band, before the rhythm goes on"},
+    {"rtt", "", "stamp My Discriminator with the time, to measure round trips"},
+    {"latch-state", "STATE", "the state that it carries once latched (default down)"},
+    {"latch-interval", "TIME", "the interval that it is sent with once latched (default 1s)"},
+};
+
+constexpr auto set_parameters = [] {
+    std::array<parameter, std::size(own_parameters) + std::size(auth_parameters)> all{};
+    const auto end = std::ranges::copy(own_parameters, all.begin()).out;
+    std::ranges::copy(auth_parameters, end);
+    return all;
+}();
+
+constexpr kelm_microsecs default_latch_interval = 1'000'000;
+
+struct ports {
+    uint16_t destination;
+    uint16_t source; // 0: one of the session's own
+};
+
+// By kelm_rx_session_types: the packets of a session of that type.
+constexpr ports type_ports[KELM_RX_SESSION_MAX] = {
+    {kelm::port_single_hop, 0},
+    {kelm::port_echo, 0},
+    {kelm::port_lag, 0},
+    {kelm::port_multihop, 0},
+    {kelm::port_sbfd_reflector, kelm::port_sbfd_initiator},
+};
+
+// From the range of RFC 5881 section 4, the same for the session's life.
+uint16_t own_source_port(uint32_t discriminator)
+{
+    constexpr uint32_t first = 49152;
+    constexpr uint32_t count = 16384;
+    return static_cast<uint16_t>(first + discriminator % count);
+}
+
+bool is_link_local(const kelm::ip_address &address)
+{
+    return address.family == AF_INET6 && address.octets[0] == 0xfe &&
+           (address.octets[1] & 0xc0) == 0x80;
+}
+
+kelm::bfd_fields bfd_arguments(const arguments &args, uint32_t discriminator,
+                               kelm_microsecs interval)
+{
+    constexpr uint32_t any = 0xffffffff;
+    kelm::bfd_fields bfd;
+    bfd.state =
+        static_cast<uint8_t>(args.choice("state", kelm::state_names).value_or(BFD_STATE_DOWN));
+    bfd.diag =
+        static_cast<uint8_t>(args.choice("diag", kelm::diagnostic_names).value_or(BFD_DIAG_NONE));
+    bfd.poll = args.has("poll");
+    bfd.final = args.has("final");
+    bfd.demand_mode = args.has("demand");
+    bfd.control_plane_independent = args.on_off("cpi").value_or(true);
+    bfd.detect_multiplier = static_cast<uint8_t>(args.number("multiplier", 1, 255).value_or(3));
+    bfd.my_discriminator = args.number("my-discriminator", 1, any).value_or(discriminator);
+    bfd.your_discriminator = args.number("your-discriminator", 0, any).value_or(0);
+    bfd.min_tx_interval = args.duration("min-tx").value_or(interval);
+    bfd.min_rx_interval = args.duration("min-rx").value_or(interval);
+    bfd.min_echo_rx_interval = args.duration("min-echo-rx").value_or(0);
+    return bfd;
+}
+
+std::optional<kelm::ethernet_settings> ethernet_arguments(context &ctx, const arguments &args)
+{
+    const auto destination = args.mac("dst-mac");
+    auto source = args.mac("src-mac");
+    if (!destination && source)
+        throw usage_error("'src-mac' needs 'dst-mac'");
+    if (!destination)
+        return std::nullopt;
+    const std::string dev = args.required("dev", args.text("dev"));
+    if (!source)
+        source = ctx.links().mac(dev);
+    if (!source)
+        throw usage_error(dev + " has no Ethernet address: give 'src-mac'");
+    return kelm::ethernet_settings{*destination, *source};
+}
+
+kelm::packet_settings packet_arguments(context &ctx, const arguments &args, uint32_t discriminator,
+                                       kelm_microsecs interval)
+{
+    const uint32_t type =
+        args.choice("type", kelm::session_type_names).value_or(KELM_RX_SESSION_BFD);
+    const ports defaults = type_ports[type];
+    const uint16_t source_port =
+        defaults.source != 0 ? defaults.source : own_source_port(discriminator);
+
+    kelm::packet_settings settings;
+    settings.source = args.required("local", args.address("local"));
+    settings.destination = args.required("peer", args.address("peer"));
+    settings.destination_port =
+        static_cast<uint16_t>(args.number("port", 1, 65535).value_or(defaults.destination));
+    settings.source_port =
+        static_cast<uint16_t>(args.number("source-port", 1, 65535).value_or(source_port));
+    settings.ttl = static_cast<uint8_t>(args.number("ttl", 1, 255).value_or(255));
+    settings.ethernet = ethernet_arguments(ctx, args);
+    settings.bfd = bfd_arguments(args, discriminator, interval);
+    settings.auth = auth_argument(args);
+    if (is_link_local(settings.destination) && !args.has("dev"))
+        throw usage_error("a link-local peer needs 'dev'");
+    return settings;
+}
+
+kelm_msg_tx_set_packet schedule_arguments(context &ctx, const arguments &args,
+                                          uint32_t discriminator, kelm_microsecs interval,
+                                          uint8_t multiplier)
+{
+    kelm_msg_tx_set_packet settings = {};
+    settings.header.discriminator = discriminator;
+    settings.period = interval;
+    settings.jitter_type = static_cast<uint16_t>(
+        args.choice("jitter", kelm::jitter_names)
+            .value_or(multiplier == 1 ? BFD_TX_JITTER_75_90 : BFD_TX_JITTER_75));
+    settings.latch_period = args.duration("latch-interval").value_or(default_latch_interval);
+    settings.latch_state = static_cast<uint8_t>(
+        args.choice("latch-state", kelm::state_names).value_or(BFD_STATE_DOWN));
+    if (args.has("oob"))
+        settings.flags |= KELM_TX_SEND_OOB;
+    if (args.has("rtt"))
+        settings.flags |= KELM_TX_MYDISC_RTT;
+    if (const auto dev = args.text("dev"))
+        settings.ifindex = ctx.interface_index(*dev);
+    return settings;
+}
+
+void run_set(context &ctx, const arguments &args)
+{
+    const uint32_t discriminator = args.required_discriminator();
+    const kelm_microsecs interval = args.required("interval", args.duration("interval"));
+    if (interval == 0 || args.duration("latch-interval") == 0U)
+        throw usage_error("an interval must be longer than 0");
+
+    const auto wire = packet_arguments(ctx, args, discriminator, interval);
+    auto settings =
+        schedule_arguments(ctx, args, discriminator, interval, wire.bfd.detect_multiplier);
+    const kelm::built_packet built = kelm::build_packet(wire);
+    built.apply_to(settings, wire.auth.type);
+    ctx.client().execute(kelm::set_packet(settings, built.packet));
+}
+
+void run_show(context &ctx, const arguments &args)
+{
+    const uint32_t wanted = args.discriminator().value_or(0);
+    const statistics stats = read_statistics(ctx, wanted);
+    if (wanted != 0 && stats.packets.empty())
+        throw kelm::error(ENOENT, "there is no transmit packet " + std::to_string(wanted));
+    std::vector<record> records;
+    for (const auto &[key, message] : stats.packets)
+        records.push_back(tx_stats_record(message, key.first));
+    ctx.out.list(std::move(records), wanted != 0);
+}
+
+void run_delete(context &ctx, const arguments &args)
+{
+    ctx.client().execute(kelm::delete_packet(args.required_discriminator()));
+}
+
+constexpr command commands[] = {
+    {"show",
+     "[DISCRIMINATOR]",
+     "show the packets with their statistics, or one of them in full\n"
+     "\"last\" is the last transmission, \"min\", \"avg\" and \"max\" are the times between\n"
+     "transmissions.",
+     {},
+     run_show},
+    {"set", "DISCRIMINATOR",
+     "create a packet that is sent periodically, or replace it\n"
+     "What is not given is as by default, whatever it was before. Nothing is sent before the\n"
+     "transmit path is ready: see 'kelmctl tx-path help'.",
+     set_parameters, run_set},
+    {"delete", "DISCRIMINATOR", "delete a packet", {}, run_delete},
+};
+
+} // namespace
+
+constinit const std::span<const command> packet_commands = commands;
+
+} // namespace kelmctl

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: GPL-2.0
+#ifndef KELMCTL_PRINTER_H
+#define KELMCTL_PRINTER_H
+
+#include <iosfwd>
+#include <memory>
+
+#include "kelmctl/options.h"
+#include "kelmctl/record.h"
+
+namespace kelmctl
+{
+
+// Shows records in the form that the options ask for. Lists are shown by finish(): in JSON they
+// are one array together.
+class printer
+{
+  public:
+    printer(const options &, std::ostream &);
+    ~printer();
+
+    // A table for people, or a block for each where they want everything.
+    void list(std::vector<record>, bool blocks = false);
+    // A line for each.
+    void lines(std::vector<record>);
+    // One line, at once.
+    void event(const record &);
+
+    // Throws kelm::error when the output could not be written.
+    void finish();
+
+  private:
+    struct array; // the JSON
+
+    void check_output();
+
+    const options &options_;
+    std::ostream &out_;
+    std::unique_ptr<array> array_;
+    bool separate_ = false; // an empty line goes in front of the next table or block
+};
+
+} // namespace kelmctl
+
+#endif

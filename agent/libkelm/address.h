@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: GPL-2.0
+#ifndef LIBKELM_ADDRESS_H
+#define LIBKELM_ADDRESS_H
+
+#include <array>
+#include <optional>
+#include <string>
+
+#include "libkelm/bytes.h"
+
+namespace kelm
+{
+
+struct ip_address {
+    int family = 0; // AF_INET, AF_INET6, or 0: no address
+    std::array<uint8_t, 16> octets{};
+
+    static std::optional<ip_address> parse(const std::string &text);
+    // 4 octets for AF_INET, 16 for AF_INET6.
+    static ip_address from(int family, const uint8_t *octets);
+
+    byte_view view() const;
+    std::string text() const;
+    bool operator==(const ip_address &) const = default;
+};
+
+struct mac_address {
+    std::array<uint8_t, 6> octets{};
+
+    static std::optional<mac_address> parse(const std::string &text); // "02:00:00:aa:bb:cc"
+    std::string text() const;
+    bool operator==(const mac_address &) const = default;
+};
+
+} // namespace kelm
+
+#endif

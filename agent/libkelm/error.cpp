@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "libkelm/error.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "kelm.h"
+
+namespace kelm
+{
+
+namespace
+{
+
+struct request_name {
+    uint16_t type;
+    const char *doing;
+};
+
+constexpr request_name request_names[] = {
+    {KELM_MSG_TX_SET_PACKET, "set transmit packet"},
+    {KELM_MSG_TX_DELETE_PACKET, "delete transmit packet"},
+    {KELM_MSG_RX_SET_SESSION, "set receive session"},
+    {KELM_MSG_RX_DELETE_SESSION, "delete receive session"},
+    {KELM_MSG_GET_STATS, "get statistics"},
+    {KELM_MSG_SYNC, "synchronise"},
+    {KELM_MSG_SET_DEBUG_LEVEL, "set the debug level"},
+    {KELM_MSG_TX_PATH_READY, "declare the transmit path ready"},
+    {KELM_MSG_SET_SESSION_STATS_INTERVAL, "set the statistics interval"},
+};
+
+struct explanation {
+    uint16_t type; // 0: any request
+    int number;
+    const char *text;
+};
+
+// The first match counts, so a request's own meaning of a number stands before the general one.
+constexpr explanation explanations[] = {
+    {KELM_MSG_TX_SET_PACKET, EINVAL,
+     "discriminator and period must not be 0, the packet must end where its BFD packet with the "
+     "authentication section of the configured type ends, and its IP and UDP headers must lie in "
+     "front of that"},
+    {KELM_MSG_TX_SET_PACKET, EAFNOSUPPORT, "kelm knows no such type of transmit packet"},
+    {KELM_MSG_TX_SET_PACKET, ENOMEM,
+     "kelm is out of memory; settings may have been stored, the bytes sent so far are unchanged"},
+    {KELM_MSG_TX_SET_PACKET, ESHUTDOWN, "the network namespace is going down"},
+    {KELM_MSG_TX_DELETE_PACKET, EINVAL, "discriminator 0 names no packet"},
+    {KELM_MSG_TX_DELETE_PACKET, ENOENT, "this network namespace has no such transmit packet"},
+    {KELM_MSG_RX_SET_SESSION, EINVAL, "discriminator 0 cannot be a session's"},
+    {KELM_MSG_RX_SET_SESSION, EAFNOSUPPORT, "kelm knows no such type of receive session"},
+    {KELM_MSG_RX_SET_SESSION, ENXIO,
+     "a transmit packet that it should latch does not exist: set that packet first, then the "
+     "session again, which for now is configured but without this link and with its detection "
+     "timer untouched"},
+    {KELM_MSG_RX_SET_SESSION, ENOMEM, "kelm is out of memory; nothing has changed"},
+    {KELM_MSG_RX_SET_SESSION, ESHUTDOWN,
+     "the network namespace is going down; the session is partly configured"},
+    {KELM_MSG_RX_DELETE_SESSION, EINVAL, "discriminator 0 names no session"},
+    {KELM_MSG_RX_DELETE_SESSION, ENOENT, "this network namespace has no such receive session"},
+    {KELM_MSG_GET_STATS, ENOENT,
+     "this network namespace has neither a receive session nor a transmit packet with this "
+     "discriminator"},
+    {KELM_MSG_GET_STATS, EAGAIN, "the reply found no room: read what is waiting and ask again"},
+    {KELM_MSG_SET_DEBUG_LEVEL, EPERM,
+     "the module's debug level needs the network administration privilege (CAP_NET_ADMIN): run "
+     "as root"},
+    {KELM_MSG_SET_DEBUG_LEVEL, ENOSR,
+     "100 sessions have debug levels of their own, which is the most there can be: clear some"},
+    {KELM_MSG_TX_PATH_READY, ENODATA, "the request must not name a session"},
+    {KELM_MSG_SET_SESSION_STATS_INTERVAL, EINVAL, "the request must not name a session"},
+    {0, EPERM,
+     "this needs the network administration privilege (CAP_NET_ADMIN): run as root, or give the "
+     "program that capability"},
+    {0, ENODEV,
+     "kelm does not serve this network namespace: its loopback interface may just have come or "
+     "gone, or kelmd was started with --netns for others"},
+    {0, ENOMSG, "the kelm that is running does not know this request: are versions mixed?"},
+    {0, EINVAL, "kelm found the request malformed: are versions mixed?"},
+    {0, ENOMEM, "kelm is out of memory"},
+    {0, EBUSY, "another dump is still running on this socket"},
+};
+
+std::string refusal(uint16_t type, uint32_t discriminator, int number)
+{
+    std::string text = "cannot send request " + std::to_string(type);
+    for (const auto &name : request_names)
+        if (name.type == type)
+            text = std::string("cannot ") + name.doing;
+    if (discriminator != 0)
+        text += " " + std::to_string(discriminator);
+    text += ": " + errno_text(number);
+    const std::string meaning = explain(type, number);
+    return meaning.empty() ? text : text + ": " + meaning;
+}
+
+} // namespace
+
+refused::refused(uint16_t message_type, uint32_t discriminator, int number)
+    : error(number, refusal(message_type, discriminator, number)), message_type_(message_type)
+{
+}
+
+void throw_errno(int number, const std::string &what)
+{
+    throw error(number, what + ": " + errno_text(number));
+}
+
+std::string explain(uint16_t message_type, int number)
+{
+    for (const auto &entry : explanations)
+        if ((entry.type == message_type || entry.type == 0) && entry.number == number)
+            return entry.text;
+    return {};
+}
+
+std::string errno_text(int number)
+{
+    const char *name = strerrorname_np(number);
+    const char *text = strerrordesc_np(number);
+    if (name == nullptr || text == nullptr)
+        return "error " + std::to_string(number);
+    return std::string(text) + " (" + name + ")";
+}
+
+} // namespace kelm

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// How libkelm reports failure: exceptions that carry the error number and a sentence for people,
+// which says what was wrong and, where that helps, what to do.
+#ifndef LIBKELM_ERROR_H
+#define LIBKELM_ERROR_H
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace kelm
+{
+
+class error : public std::runtime_error
+{
+  public:
+    // `number` is a positive errno value.
+    error(int number, const std::string &text) : std::runtime_error(text), number_(number) {}
+
+    int number() const noexcept { return number_; }
+
+  private:
+    int number_;
+};
+
+// kelm itself refused a request.
+class refused : public error
+{
+  public:
+    refused(uint16_t message_type, uint32_t discriminator, int number);
+
+    uint16_t message_type() const noexcept { return message_type_; }
+
+  private:
+    uint16_t message_type_;
+};
+
+// Throws error with "<what>: <text of number> (<NAME>)".
+[[noreturn]] void throw_errno(int number, const std::string &what);
+
+// What the positive error number means as the answer to a request of this message type. Empty if
+// it has no meaning of its own there.
+std::string explain(uint16_t message_type, int number);
+
+// "Invalid argument (EINVAL)"
+std::string errno_text(int number);
+
+} // namespace kelm
+
+#endif

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// BFD packets as they came from the wire: taken apart for people and state machines.
+#ifndef LIBKELM_FRAME_H
+#define LIBKELM_FRAME_H
+
+#include "libkelm/packet.h"
+#include "libkelm/report.h"
+
+namespace kelm
+{
+
+// The authentication section, without its secret.
+struct bfd_auth_info {
+    uint8_t type = BFD_AUTH_NONE;
+    uint8_t length = 0;
+    uint8_t key_id = 0;               // 0 for the debug sequence number, which has none
+    std::optional<uint32_t> sequence; // for the types that have one
+};
+
+struct bfd_packet {
+    uint8_t version = 0;
+    uint8_t length = 0; // as the packet says, not as received
+    bool multipoint = false;
+    bool auth_present = false;
+    bfd_fields fields;
+    std::optional<bfd_auth_info>
+        auth; // of a packet with the A bit, and of one with a debug trailer
+};
+
+// Nothing if there are fewer than 24 bytes; what the packet says is not judged.
+std::optional<bfd_packet> decode_bfd(byte_view control);
+
+struct frame_info {
+    ip_address source; // family 0 where there is no readable IP header
+    ip_address destination;
+    uint8_t ttl = 0; // or hop limit
+    uint16_t source_port = 0;
+    uint16_t destination_port = 0;
+    bfd_packet bfd;
+};
+
+// Nothing if the frame holds no BFD packet where it should.
+std::optional<frame_info> decode_frame(const packet_change &);
+
+} // namespace kelm
+
+#endif

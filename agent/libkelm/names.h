@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Words for the protocol's numbers, as people type and read them.
+#ifndef LIBKELM_NAMES_H
+#define LIBKELM_NAMES_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace kelm
+{
+
+struct number_name {
+    uint32_t number;
+    std::string_view name;
+};
+
+using name_table = std::span<const number_name>;
+
+extern const name_table state_names;        // bfd_states
+extern const name_table diagnostic_names;   // bfd_diagnostics
+extern const name_table auth_type_names;    // bfd_auth_types
+extern const name_table jitter_names;       // bfd_tx_jitter_types
+extern const name_table session_type_names; // kelm_rx_session_types
+
+// The number itself, in digits, where the table has no name for it.
+std::string name_of(name_table, uint32_t number);
+std::optional<uint32_t> number_of(name_table, std::string_view name);
+// "down, init, up"
+std::string all_names(name_table);
+
+} // namespace kelm
+
+#endif

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "libkelm/netns.h"
+
+#include <fcntl.h>
+#include <sched.h>
+
+#include <cerrno>
+#include <future>
+
+#include "libkelm/error.h"
+#include "libkelm/fd.h"
+
+namespace kelm
+{
+
+void in_netns(const std::string &netns, const std::function<void()> &work)
+{
+    if (netns.empty())
+        return work();
+
+    const bool is_path = netns.find('/') != std::string::npos;
+    const std::string path = is_path ? netns : "/run/netns/" + netns;
+    const unique_fd ns(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!ns) {
+        if (errno == ENOENT)
+            throw error(ENOENT, "there is no network namespace " + netns + ": " + path +
+                                    " does not exist ('ip netns' lists the names)");
+        throw_errno(errno, "cannot open network namespace " + path);
+    }
+    std::async(std::launch::async, [&] {
+        if (setns(ns.get(), CLONE_NEWNET) != 0) {
+            const int number = errno;
+            throw_errno(number, "cannot enter network namespace " + path +
+                                    (number == EPERM ? " (that needs CAP_SYS_ADMIN)" : ""));
+        }
+        work();
+    }).get();
+}
+
+} // namespace kelm

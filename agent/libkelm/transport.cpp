@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "libkelm/transport.h"
+
+#include <linux/netlink.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "kelm.h"
+#include "libkelm/error.h"
+#include "libkelm/message.h"
+#include "libkelm/netns.h"
+
+namespace kelm
+{
+
+namespace
+{
+
+// The abstract name of kelmd's socket; one per network namespace, as netlink units are.
+constexpr char daemon_name[] = "kelm-netlink-31";
+
+constexpr int socket_buffer_size = 1 << 20;
+constexpr size_t receive_size = 128 << 10; // to begin with: longer datagrams are made room for
+
+// The forced form passes the system's limit where the caller has the privilege.
+void enlarge_buffer(int fd, int forced_option, int option)
+{
+    if (setsockopt(fd, SOL_SOCKET, forced_option, &socket_buffer_size, sizeof socket_buffer_size) !=
+        0)
+        (void)setsockopt(fd, SOL_SOCKET, option, &socket_buffer_size, sizeof socket_buffer_size);
+}
+
+unique_fd connect_to_daemon()
+{
+    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!fd)
+        throw_errno(errno, "cannot open a socket");
+
+    // Also bounds the wait in connect().
+    const timeval patience = {.tv_sec = answer_timeout.count() / 1000, .tv_usec = 0};
+    (void)setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, daemon_name, sizeof daemon_name - 1);
+    // An abstract name has neither terminator nor padding.
+    const socklen_t length = offsetof(sockaddr_un, sun_path) + sizeof daemon_name;
+    if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), length) == 0)
+        return fd;
+    if (errno == ECONNREFUSED || errno == ENOENT)
+        throw error(errno, "kelm does not run in this network namespace: the kernel has no netlink "
+                           "unit 31 and no kelmd listens; start kelmd, load kelm.ko, or choose "
+                           "another namespace");
+    if (errno == EAGAIN)
+        throw error(ETIMEDOUT, "kelmd does not accept connections");
+    throw_errno(errno, "cannot connect to kelmd");
+}
+
+milliseconds remaining(std::chrono::steady_clock::time_point deadline)
+{
+    const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+    return std::max(left, milliseconds(0));
+}
+
+} // namespace
+
+transport::transport(unique_fd fd, bool is_kernel) : fd_(std::move(fd)), is_kernel_(is_kernel)
+{
+    enlarge_buffer(fd_.get(), SO_SNDBUFFORCE, SO_SNDBUF);
+    enlarge_buffer(fd_.get(), SO_RCVBUFFORCE, SO_RCVBUF);
+}
+
+transport transport::open(const std::string &netns)
+{
+    std::optional<transport> opened;
+    in_netns(netns, [&] {
+        unique_fd kernel(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, KELM_NETLINK_UNIT));
+        if (kernel) {
+            opened = transport(std::move(kernel), true);
+            opened->bind_kernel();
+        } else {
+            opened = adopt(connect_to_daemon());
+        }
+    });
+    return *std::move(opened);
+}
+
+transport transport::adopt(unique_fd connected)
+{
+    transport adopted(std::move(connected), false);
+    adopted.verify_daemon();
+    adopted.bind_daemon(0);
+    return adopted;
+}
+
+// Anybody may take kelmd's abstract name where kelmd does not run; what is sent here holds keys.
+void transport::verify_daemon() const
+{
+    ucred peer = {};
+    socklen_t length = sizeof peer;
+    if (getsockopt(fd_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        throw_errno(errno, "cannot tell who runs kelmd");
+    if (peer.uid != 0 && peer.uid != geteuid())
+        throw error(EPERM, "kelmd's socket is held by user " + std::to_string(peer.uid) +
+                               ", who is neither root nor you: not talking to process " +
+                               std::to_string(peer.pid));
+}
+
+void transport::bind_kernel()
+{
+    sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    if (bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        throw_errno(errno, "cannot bind the netlink socket");
+    socklen_t length = sizeof address;
+    if (getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&address), &length) != 0)
+        throw_errno(errno, "cannot learn the netlink port id");
+    port_id_ = address.nl_pid;
+}
+
+// The bind packet: a sockaddr_nl, shorter than any message, in both directions.
+void transport::bind_daemon(uint32_t mask)
+{
+    sockaddr_nl wanted = {};
+    wanted.nl_family = AF_NETLINK;
+    wanted.nl_pid = port_id_;
+    wanted.nl_groups = mask;
+    send({reinterpret_cast<const uint8_t *>(&wanted), sizeof wanted});
+
+    const auto deadline = std::chrono::steady_clock::now() + answer_timeout;
+    for (;;) {
+        bytes datagram;
+        if (receive_raw(datagram, remaining(deadline)) == outcome::timed_out)
+            throw error(ETIMEDOUT, "kelmd does not answer the bind packet");
+        if (datagram.size() != sizeof wanted) {
+            early_.push_back(std::move(datagram));
+            continue;
+        }
+        const auto got = *read_as<sockaddr_nl>(datagram);
+        if (got.nl_pid == 0)
+            throw error(EADDRINUSE, "kelmd has given the port id to somebody else");
+        port_id_ = got.nl_pid;
+        groups_ = got.nl_groups;
+        return;
+    }
+}
+
+void transport::set_kernel_groups(uint32_t mask)
+{
+    for (int group = 1; group < KELM_NLG_NUM; group++) {
+        const uint32_t bit = 1U << (group - 1);
+        const int option = (mask & bit) != 0 ? NETLINK_ADD_MEMBERSHIP : NETLINK_DROP_MEMBERSHIP;
+        if (((mask ^ groups_) & bit) == 0)
+            continue;
+        if (setsockopt(fd_.get(), SOL_NETLINK, option, &group, sizeof group) != 0)
+            throw_errno(errno, "cannot change the membership of group " + std::to_string(group));
+        groups_ ^= bit;
+    }
+}
+
+void transport::set_groups(uint32_t mask)
+{
+    if (is_kernel_)
+        set_kernel_groups(mask);
+    else
+        bind_daemon(mask);
+    if ((mask & ~groups_) != 0)
+        throw error(EPERM, "kelm's notifications need the network administration privilege "
+                           "(CAP_NET_ADMIN): run as root, or give the program that capability");
+}
+
+void transport::send(byte_view datagram)
+{
+    sockaddr_nl kernel = {};
+    kernel.nl_family = AF_NETLINK;
+    const auto *address = is_kernel_ ? reinterpret_cast<const sockaddr *>(&kernel) : nullptr;
+    const socklen_t address_length = is_kernel_ ? sizeof kernel : 0;
+
+    ssize_t sent;
+    do {
+        sent = sendto(fd_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL, address,
+                      address_length);
+    } while (sent < 0 && errno == EINTR);
+    if (sent >= 0)
+        return;
+    if (errno == EAGAIN)
+        throw error(ETIMEDOUT, "kelmd does not read what it is sent");
+    if (errno == EPIPE || errno == ECONNRESET)
+        throw error(errno, "kelmd has closed the connection");
+    if (errno == ECONNREFUSED)
+        throw error(errno, "kelm does not serve this network namespace (any more)");
+    throw_errno(errno, "cannot send to kelm");
+}
+
+transport::outcome transport::receive(bytes &into, milliseconds timeout)
+{
+    if (!early_.empty()) {
+        into = std::move(early_.front());
+        early_.pop_front();
+        return outcome::datagram;
+    }
+    return receive_raw(into, timeout);
+}
+
+// Datagrams whose sender is not the kernel are passed over: any process may send to a netlink
+// port.
+transport::outcome transport::receive_raw(bytes &into, milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        pollfd waiting = {.fd = fd_.get(), .events = POLLIN, .revents = 0};
+        const int ready = poll(&waiting, 1, static_cast<int>(remaining(deadline).count()));
+        if (ready == 0)
+            return outcome::timed_out;
+        if (ready < 0 && errno != EINTR)
+            throw_errno(errno, "cannot wait for kelm");
+        if (ready < 0)
+            continue;
+
+        sockaddr_nl sender = {};
+        socklen_t sender_length = sizeof sender;
+        ssize_t received = recv(fd_.get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+        if (received > 0) {
+            into.resize(std::max(receive_size, static_cast<size_t>(received)));
+            received = recvfrom(fd_.get(), into.data(), into.size(), MSG_DONTWAIT,
+                                reinterpret_cast<sockaddr *>(&sender), &sender_length);
+        }
+        if (received < 0 && errno == ENOBUFS)
+            return outcome::overrun;
+        if (received < 0 && (errno == EAGAIN || errno == EINTR))
+            continue;
+        if (received < 0 && errno != ECONNRESET)
+            throw_errno(errno, "cannot receive from kelm");
+        if (received <= 0)
+            throw error(ECONNRESET, "kelmd has closed the connection");
+        if (is_kernel_ && (sender_length < sizeof sender || sender.nl_pid != 0))
+            continue;
+        into.resize(static_cast<size_t>(received));
+        return outcome::datagram;
+    }
+}
+
+} // namespace kelm
