@@ -12,78 +12,58 @@
 
 namespace
 {
-inline constexpr std::uint32_t BFD_HEADER_LEN = sizeof(bfd_ctrl);
-inline constexpr std::uint32_t UDP_HEADER_LEN = 8;
-
-// Whether a whole IP header lies at offset, in front of the UDP header.
-bool ip_header_fits(const kelm_msg_tx_set_packet &msg, std::uint32_t offset)
-{
-    const std::uint32_t udp_offset = msg.latch_offset - UDP_HEADER_LEN;
-    if (offset >= udp_offset)
-        return false;
-    const std::uint32_t ip_header_len = msg.packet[offset] >> 4 == 4 ? 20 : 40;
-    return udp_offset - offset >= ip_header_len;
-}
-
-// Whether everything that a transmission reads or writes lies inside the packet, whose BFD header
-// is known to. The send looks at the IP header of an IP packet, the checksum at ip_hdr_offset.
-bool offsets_valid(const kelm_msg_tx_set_packet &msg)
-{
-    return msg.latch_offset > UDP_HEADER_LEN && ip_header_fits(msg, msg.ip_hdr_offset) &&
-           (msg.type != KELM_TX_SESSION_IP || ip_header_fits(msg, 0));
-}
-
 // Whether the bytes that a digest covers, the packet's own idea of its length, are there.
 bool digest_covered(const kelm_msg_tx_set_packet &msg, std::uint32_t auth_len)
 {
     if (!kelm_is_md5_auth(msg.auth.type) && !kelm_is_sha1_auth(msg.auth.type))
         return true;
-    return msg.packet[msg.latch_offset + offsetof(bfd_ctrl, len)] <= BFD_HEADER_LEN + auth_len;
+    return msg.packet[msg.latch_offset + offsetof(bfd_ctrl, len)] <= BFD_CTRL_LEN + auth_len;
 }
 
-bool auth_type_valid(std::uint8_t type)
+// Checks the BFD control packet and its authentication section: that the packet ends where they
+// do, and that flag, type and length of the section go together.
+int check_auth(const kelm_msg_tx_set_packet &msg, const packet_layout &layout)
 {
-    return (type >= BFD_AUTH_PASSWORD && type <= BFD_AUTH_METICULOUS_SHA1) ||
-           type == BFD_AUTH_DEBUG_SEQNUM;
+    const std::uint32_t disc = msg.header.discriminator;
+    const std::uint8_t type = msg.auth.type;
+    const auto auth_len = static_cast<std::uint8_t>(kelm_auth_header_len_hdr(type, &msg.auth_hdr));
+    const bool auth_present =
+        layout.bfd_header_fits() && (msg.packet[msg.latch_offset + 1] & BFD_FLAG_AUTH_PRESENT) != 0;
+    if (auth_present && auth_len <= BFD_AUTH_COMMON_LEN) {
+        tx_log(disc, 2, "auth_header_len %u less than bfd_auth_password len %lu", auth_len,
+               static_cast<unsigned long>(BFD_AUTH_COMMON_LEN));
+        return -EINVAL;
+    }
+    // In 64 bits, where no offset wraps around.
+    const std::uint64_t expected_len = std::uint64_t{msg.latch_offset} + auth_len + BFD_CTRL_LEN;
+    if (msg.packet_len != expected_len) {
+        tx_log(disc, 2, "Packet size incorrect for auth type %d. %u vs %u. Disc %d", type,
+               msg.packet_len, static_cast<std::uint32_t>(expected_len), static_cast<int>(disc));
+        return -EINVAL;
+    }
+    if (auth_present && !kelm_is_simple_auth(type) && !kelm_auth_has_seq_num(type)) {
+        tx_log(disc, 2, "Auth bit and type don't match. auth_present is %d", 1);
+        return -EINVAL;
+    }
+    return digest_covered(msg, auth_len) ? 0 : -EINVAL;
 }
 
 // Checks what the agent says of its packet, before anything is locked or changed.
 int check_packet(const kelm_msg_tx_set_packet &msg)
 {
-    const std::uint32_t disc = msg.header.discriminator;
-    if (disc == 0)
+    if (msg.header.discriminator == 0)
         return -EINVAL;
     if (msg.type >= KELM_TX_SESSION_MAX)
         return -EAFNOSUPPORT;
-
-    const auto auth_len =
-        static_cast<std::uint8_t>(kelm_auth_header_len_hdr(msg.auth.type, &msg.auth_hdr));
-    // In 64 bits, where no offset wraps around.
-    const std::uint64_t bfd_end = std::uint64_t{msg.latch_offset} + BFD_HEADER_LEN;
-    const bool auth_present = bfd_end <= msg.packet_len &&
-                              (msg.packet[msg.latch_offset + 1] & BFD_FLAG_AUTH_PRESENT) != 0;
-    if (auth_present && auth_len <= offsetof(bfd_auth_password_full, password)) {
-        tx_log(disc, 2, "auth_header_len %u less than bfd_auth_password len %lu", auth_len,
-               offsetof(bfd_auth_password_full, password));
-        return -EINVAL;
-    }
-    const std::uint64_t expected_len = bfd_end + auth_len;
-    if (msg.packet_len != expected_len) {
-        tx_log(disc, 2, "Packet size incorrect for auth type %d. %u vs %u. Disc %d", msg.auth.type,
-               msg.packet_len, static_cast<std::uint32_t>(expected_len), static_cast<int>(disc));
-        return -EINVAL;
-    }
-    if (auth_present && !auth_type_valid(msg.auth.type)) {
-        tx_log(disc, 2, "Auth bit and type don't match. auth_present is %d", 1);
-        return -EINVAL;
-    }
-    if (!offsets_valid(msg) || !digest_covered(msg, auth_len))
-        return -EINVAL;
+    const packet_layout layout = {msg.packet, msg.packet_len, msg.ip_hdr_offset, msg.latch_offset};
+    const int err = check_auth(msg, layout);
+    if (err != 0)
+        return err;
     if (msg.period == 0) {
-        KELM_LOG("Tx", 1, "Zero period is no longer supported (%u)", disc);
+        KELM_LOG("Tx", 1, "Zero period is no longer supported (%u)", msg.header.discriminator);
         return -EINVAL;
     }
-    return 0;
+    return layout.fits(msg.type) ? 0 : -EINVAL;
 }
 
 void copy_settings(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
@@ -102,7 +82,7 @@ void copy_settings(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
                msg.auth.type);
     packet->auth = msg.auth;
     packet->auth_hdr = msg.auth_hdr;
-    packet->auth_hdr_offset = packet->latch_offset + BFD_HEADER_LEN;
+    packet->auth_hdr_offset = packet->latch_offset + BFD_CTRL_LEN;
 }
 
 int change_type(tx_packet *packet, std::uint32_t type)

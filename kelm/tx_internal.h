@@ -9,6 +9,7 @@
 
 #include "kelm/clocks.h"
 #include "kelm/tx.h"
+#include "kelm/tx_layout.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
 
@@ -74,6 +75,11 @@ struct tx_packet {
     unsigned long last_tx_jiffies; // tick of the last in-band transmission; 0 for none
 
     list_link alive; // every packet that is not freed, guarded by tx_lock
+
+    [[nodiscard]] packet_layout layout() const
+    {
+        return {packet, packet_len, ip_hdr_offset, latch_offset};
+    }
 };
 
 // Guards the packet tables of all vrfs.
@@ -111,8 +117,8 @@ void __put_packet(tx_packet *packet, bool force);
 void tx_trigger(tx_packet *packet, bool is_callback);
 void tx_trigger_callback(timer_list *timer);
 
-// Writes the UDP checksum into the packet: with force always, without only if authentication
-// changes the packet. The caller holds the packet's lock.
+// Writes the UDP checksum into the packet, if it has the headers for it: with force always, without
+// only if authentication changes the packet. The caller holds the packet's lock.
 void update_udp_checksum(tx_packet *packet, bool force);
 
 // Sends the packet on its socket. The number of bytes sent or a negative error number. The

@@ -22,7 +22,6 @@ inline constexpr int SOL_IPV6 = 41;
 inline constexpr int IPV6_PKTINFO = 50;
 
 inline constexpr std::uint8_t IPPROTO_UDP = 17;
-inline constexpr std::uint32_t UDP_HEADER_LEN = 8;
 inline constexpr std::size_t UDP_CHECK_OFFSET = 6;
 inline constexpr std::size_t IPV4_ADDR_LEN = 4;
 inline constexpr std::size_t IPV6_ADDR_LEN = 16;
@@ -167,15 +166,14 @@ int send_packet(const tx_packet *packet)
 
 void update_udp_checksum(tx_packet *packet, bool force)
 {
-    const auto len =
-        static_cast<std::int32_t>(packet->packet_len - packet->latch_offset + UDP_HEADER_LEN);
-    if ((packet->auth.type == BFD_AUTH_NONE && !force) || len <= 0)
+    if ((packet->auth.type == BFD_AUTH_NONE && !force) || !packet->layout().udp_headers_fit())
         return;
+    const auto udp_len =
+        static_cast<std::uint32_t>(packet->packet_len - packet->latch_offset + UDP_HEADER_LEN);
     std::uint8_t *udp = packet->packet + packet->latch_offset - UDP_HEADER_LEN;
     store_host<std::uint16_t>(udp + UDP_CHECK_OFFSET, 0);
-    const std::uint32_t sum = csum_partial(udp, len, 0);
+    const std::uint32_t sum = csum_partial(udp, static_cast<int>(udp_len), 0);
     const ip_addresses ip(packet->packet + packet->ip_hdr_offset);
-    const auto udp_len = static_cast<std::uint32_t>(len);
     const std::uint16_t check =
         ip.v4
             ? csum_tcpudp_magic(load_host<std::uint32_t>(ip.source),

@@ -55,11 +55,10 @@ int apply_latch(tx_packet *packet, std::uint8_t *bfd)
     tx_log(disc, 2, "Packet %u latched to diag %u", disc, diag);
     packet->period = packet->latch_period;
     packet->stats.num_latches++;
-    const std::size_t needed = std::size_t{packet->latch_offset} + sizeof(bfd_ctrl);
-    if (needed > packet->packet_len) {
+    if (!packet->layout().bfd_header_fits()) {
         packet->stats.num_latch_errors++;
         tx_log(disc, 2, "Packet too short to modify (disc %u len %zu < %lu)", disc,
-               packet->packet_len, needed);
+               packet->packet_len, std::size_t{packet->latch_offset} + BFD_CTRL_LEN);
         return EINVAL;
     }
     bfd[0] = static_cast<std::uint8_t>((bfd[0] & 0xE0) | (diag & 0x1F));
@@ -73,8 +72,10 @@ int apply_latch(tx_packet *packet, std::uint8_t *bfd)
 int update_packet(tx_packet *packet)
 {
     std::uint8_t *bfd = packet->packet + packet->latch_offset;
-    stamp_rtt(packet, bfd);
-    clear_final_bit(packet, bfd);
+    if (packet->layout().bfd_header_fits()) {
+        stamp_rtt(packet, bfd);
+        clear_final_bit(packet, bfd);
+    }
     const int err = apply_latch(packet, bfd);
     // Last, so that the digest covers what was changed.
     if (err == 0)
@@ -82,6 +83,13 @@ int update_packet(tx_packet *packet)
                           static_cast<kelm_tx_session_types>(packet->type), packet->auth.type,
                           &packet->seq_num, &packet->auth_hdr, r_trace);
     return err;
+}
+
+bool too_short(tx_packet *packet)
+{
+    tx_log(packet->discriminator, 2, "Packet too short. %lu bytes", packet->packet_len);
+    packet->stats.num_short_packets++;
+    return false;
 }
 
 // Whether there is something to send.
@@ -97,12 +105,7 @@ bool can_send(tx_packet *packet)
         packet->stats.num_empty_packets++;
         return false;
     }
-    if (packet->packet_len < MIN_PACKET_LEN) {
-        tx_log(disc, 2, "Packet too short. %lu bytes", packet->packet_len);
-        packet->stats.num_short_packets++;
-        return false;
-    }
-    return true;
+    return packet->packet_len >= MIN_PACKET_LEN || too_short(packet);
 }
 
 // Edits and sends the packet; a send that fails is counted and otherwise like one that succeeds.
@@ -120,6 +123,8 @@ bool transmit(tx_packet *packet)
                  static_cast<int>(packet->type));
         return false;
     }
+    if (!packet->layout().fits(packet->type))
+        return too_short(packet);
     const int sent = send_packet(packet);
     if (sent < 0 || static_cast<std::size_t>(sent) != packet->packet_len) {
         tx_log(packet->discriminator, 2, "Error Txing: %d", sent);
