@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "platform/user/agent_connection.h"
+
+#include "platform/hosted/skbuff.h"
+#include "platform/user/log.h"
+
+#include <cerrno>
+#include <cstring>
+#include <linux/netlink.h>
+#include <linux/sockios.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <vector>
+
+namespace kelmd
+{
+
+namespace
+{
+
+// A request as long as this is handled, a longer one refused. The longest that makes sense
+// carries a packet of 64 KiB.
+constexpr std::size_t request_room = 256 * 1024;
+
+// How many datagrams one agent gets handled before the others have their turn.
+constexpr int datagrams_per_turn = 16;
+
+// The send queue, counted with the kernel's overhead (256 bytes and more for each datagram), and
+// that of a subscriber, which must hold what comes in bursts.
+constexpr int queue_bytes = 512 * 1024;
+constexpr int subscriber_queue_bytes = 4 * 1024 * 1024;
+
+void set_queue(int fd, int bytes)
+{
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+}
+
+// The buffer for requests: one for all connections, of which one at a time is served.
+std::vector<std::uint8_t> &request_buffer()
+{
+    static std::vector<std::uint8_t> buffer(request_room);
+    return buffer;
+}
+
+} // namespace
+
+agent_connection::agent_connection(net &ns, unique_fd socket, const peer_process &opener)
+    : net_(ns), socket_(std::move(socket)), opener_(opener), sender_(opener)
+{
+    set_queue(socket_.get(), queue_bytes);
+    get_net(net_);
+}
+
+agent_connection::~agent_connection()
+{
+    net_.netlink.close(*this);
+    put_net(net_);
+}
+
+agent_connection::outcome agent_connection::on_ready(std::uint32_t events)
+{
+    if ((events & EPOLLOUT) != 0) {
+        if (bind_answer_due_)
+            answer_bind();
+        net_.netlink.readable_again(*this);
+    }
+    return (events & ~EPOLLOUT) != 0 ? read_some() : outcome::WAIT;
+}
+
+agent_connection::outcome agent_connection::read_some()
+{
+    std::vector<std::uint8_t> &buffer = request_buffer();
+    for (int i = 0; i < datagrams_per_turn; ++i) {
+        iovec room{buffer.data(), buffer.size()};
+        alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(ucred))];
+        msghdr message{};
+        message.msg_iov = &room;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        // With MSG_TRUNC the result is the datagram's length even where that exceeds the room.
+        const ssize_t received = recvmsg(socket_.get(), &message, MSG_TRUNC | MSG_CMSG_CLOEXEC);
+        if (received < 0)
+            return errno == EAGAIN ? outcome::WAIT : outcome::CLOSED;
+        const cmsghdr *const header = CMSG_FIRSTHDR(&message);
+        if (header == nullptr || header->cmsg_type != SCM_CREDENTIALS)
+            return outcome::CLOSED; // the end: a datagram, empty too, has credentials
+        ucred credentials{};
+        std::memcpy(&credentials, CMSG_DATA(header), sizeof credentials);
+        sender_ = credentials.pid == opener_.pid && credentials.uid == opener_.uid
+                      ? opener_
+                      : identify(credentials.pid, credentials.uid);
+
+        if (handle(buffer, static_cast<std::size_t>(received)) == outcome::CLOSED)
+            return outcome::CLOSED;
+    }
+    return outcome::AGAIN;
+}
+
+// Handles a datagram of len bytes, as much of it as there was room for at the start of buffer.
+agent_connection::outcome agent_connection::handle(std::span<const std::uint8_t> buffer,
+                                                   std::size_t len)
+{
+    if (len == sizeof(sockaddr_nl)) {
+        sockaddr_nl wanted;
+        std::memcpy(&wanted, buffer.data(), sizeof wanted);
+        return handle_bind(wanted);
+    }
+    // As on netlink, who sends without having bound gets a port of its own.
+    if (id() == 0)
+        (void)net_.netlink.bind(*this, 0, 0);
+    if (len > buffer.size())
+        refuse_overlong(buffer, len);
+    else
+        net_.netlink.receive(*this, buffer.first(len));
+    return outcome::WAIT;
+}
+
+agent_connection::outcome agent_connection::handle_bind(const sockaddr_nl &wanted)
+{
+    bool bound = wanted.nl_family == AF_NETLINK;
+    if (bound && id() != 0)
+        net_.netlink.set_groups(*this, wanted.nl_groups);
+    else if (bound)
+        bound = net_.netlink.bind(*this, wanted.nl_pid, wanted.nl_groups);
+    if (!bound)
+        net_.netlink.close(*this); // so that the answer says 0
+    else if (groups() != 0)
+        set_queue(socket_.get(), subscriber_queue_bytes);
+    answer_bind();
+    return bound ? outcome::WAIT : outcome::CLOSED;
+}
+
+void agent_connection::answer_bind()
+{
+    const sockaddr_nl answer{
+        .nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = id(), .nl_groups = groups()};
+    bind_answer_due_ =
+        ::send(socket_.get(), &answer, sizeof answer, MSG_DONTWAIT | MSG_NOSIGNAL) < 0 &&
+        errno == EAGAIN;
+}
+
+// What does not fit is not looked into; the first message in it is told so.
+void agent_connection::refuse_overlong(std::span<const std::uint8_t> beginning, std::size_t len)
+{
+    log_line("refused a request of %zu bytes from port %u: the limit is %zu", len, id(),
+             beginning.size());
+    struct {
+        nlmsghdr header;
+        nlmsgerr error;
+    } refusal{};
+    std::memcpy(&refusal.error.msg, beginning.data(), sizeof refusal.error.msg);
+    refusal.error.error = -EMSGSIZE;
+    refusal.header = {.nlmsg_len = sizeof refusal,
+                      .nlmsg_type = NLMSG_ERROR,
+                      .nlmsg_flags = NLM_F_CAPPED,
+                      .nlmsg_seq = refusal.error.msg.nlmsg_seq,
+                      .nlmsg_pid = id()};
+    const auto *const bytes = reinterpret_cast<const std::uint8_t *>(&refusal);
+    sk_buff *const skb = hosted::skb_copy_bytes({bytes, sizeof refusal}, 0, GFP_KERNEL);
+    if (skb == nullptr)
+        return;
+    (void)net_.netlink.unicast(skb, id());
+    consume_skb(skb);
+}
+
+int agent_connection::deliver(std::span<const std::uint8_t> datagram)
+{
+    if (datagram.size() < sizeof(nlmsghdr))
+        return -EMSGSIZE; // would read as the answer to a bind packet, or as the end
+    if (::send(socket_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+        return 0;
+    switch (errno) {
+    case EMSGSIZE:
+        return -EMSGSIZE;
+    case EPIPE:
+    case ECONNRESET:
+    case ENOTCONN:
+        return -ECONNREFUSED;
+    default: // full, or the kernel has no memory for now
+        return -EAGAIN;
+    }
+}
+
+bool agent_connection::drained()
+{
+    // A datagram that is being freed at this moment counts one byte until the kernel is done
+    // with it, and that end is not signalled.
+    constexpr int being_freed = 64;
+    int unread = 0;
+    return ioctl(socket_.get(), SIOCOUTQ, &unread) != 0 || unread <= being_freed;
+}
+
+bool agent_connection::sender_capable(int capability)
+{
+    return holds_capability(sender_, capability) &&
+           (sender_ == opener_ || holds_capability(opener_, capability));
+}
+
+} // namespace kelmd

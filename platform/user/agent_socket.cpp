@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "platform/user/agent_socket.h"
+
+#include "platform/user/agent_connection.h"
+#include "platform/user/system_call.h"
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
+
+namespace kelmd
+{
+
+namespace
+{
+
+// How many connections are taken before others have their turn.
+constexpr int connections_per_turn = 16;
+
+// Connections of users other than root, in all namespaces: enough for their tools, too few to
+// use up kelmd's descriptors.
+constexpr int limit_per_user = 32;
+constexpr int limit_of_users = 256;
+
+class connection_quota
+{
+  public:
+    bool take(uid_t user)
+    {
+        if (user == 0)
+            return true;
+        if (total_ >= limit_of_users || used_[user] >= limit_per_user)
+            return false;
+        ++total_;
+        ++used_[user];
+        return true;
+    }
+
+    void give_back(uid_t user)
+    {
+        if (user == 0)
+            return;
+        --total_;
+        if (--used_[user] == 0)
+            used_.erase(user);
+    }
+
+  private:
+    std::map<uid_t, int> used_;
+    int total_ = 0;
+};
+
+connection_quota &quota()
+{
+    static connection_quota connections;
+    return connections;
+}
+
+unique_fd seqpacket_socket(const net &ns)
+{
+    const in_namespace inside(ns);
+    if (inside.error() != 0)
+        throw std::system_error(inside.error(), std::generic_category(), "setns");
+    return unique_fd(checked("AF_UNIX socket",
+                             ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
+}
+
+socklen_t fill_address(sockaddr_un &address)
+{
+    address = {};
+    address.sun_family = AF_UNIX;
+    agent_socket_name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + agent_socket_name.size());
+}
+
+bool get_peer(int fd, ucred &peer)
+{
+    socklen_t len = sizeof peer;
+    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) == 0;
+}
+
+} // namespace
+
+agent_listener::agent_listener(event_loop &loop, net &ns)
+    : loop_(loop), net_(ns), socket_(seqpacket_socket(ns))
+{
+    // On the listener, so that what is sent before the connection is taken has credentials too.
+    const int on = 1;
+    checked("SO_PASSCRED", setsockopt(socket_.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on));
+    sockaddr_un address;
+    const socklen_t len = fill_address(address);
+    checked("agent socket",
+            ::bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address), len));
+    checked("agent socket", ::listen(socket_.get(), SOMAXCONN));
+    loop_.watch(socket_.get(), EPOLLIN | EPOLLET, [this](std::uint32_t) { accept_some(); });
+}
+
+agent_listener::~agent_listener()
+{
+    loop_.unwatch(socket_.get());
+    while (!connections_.empty())
+        close(connections_.begin()->first);
+}
+
+void agent_listener::accept_some()
+{
+    for (int i = 0; i < connections_per_turn; ++i) {
+        unique_fd socket(::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (!socket)
+            return; // none is left; or no descriptor is, and the next close tries again
+        take(std::move(socket));
+    }
+    loop_.rearm(socket_.get());
+}
+
+void agent_listener::take(unique_fd socket)
+{
+    ucred peer{};
+    if (!get_peer(socket.get(), peer) || !quota().take(peer.uid))
+        return;
+    const int fd = socket.get();
+    connections_[fd] =
+        std::make_unique<agent_connection>(net_, std::move(socket), identify(peer.pid, peer.uid));
+    try {
+        loop_.watch(fd, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET,
+                    [this, fd](std::uint32_t events) { serve(fd, events); });
+    } catch (const std::system_error &) {
+        close(fd);
+        throw;
+    }
+}
+
+void agent_listener::serve(int fd, std::uint32_t events)
+{
+    switch (connections_.at(fd)->on_ready(events)) {
+    case agent_connection::outcome::WAIT:
+        break;
+    case agent_connection::outcome::AGAIN:
+        loop_.rearm(fd);
+        break;
+    case agent_connection::outcome::CLOSED:
+        close(fd);
+        loop_.rearm(socket_.get());
+        break;
+    }
+}
+
+void agent_listener::close(int fd)
+{
+    const auto found = connections_.find(fd);
+    loop_.unwatch(fd);
+    quota().give_back(found->second->user());
+    connections_.erase(found);
+}
+
+std::optional<pid_t> agent_socket_owner(const net &ns)
+{
+    const unique_fd socket = seqpacket_socket(ns);
+    sockaddr_un address;
+    const socklen_t len = fill_address(address);
+    if (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), len) != 0 &&
+        errno == ECONNREFUSED)
+        return std::nullopt;
+    ucred peer{};
+    return get_peer(socket.get(), peer) ? peer.pid : 0;
+}
+
+} // namespace kelmd

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// kelmd: the engine as a daemon, on real sockets and without a kernel module. Here are its start
+// and its end, in order. The main thread is the control thread.
+#include "platform/capability.h"
+#include "platform/module.h"
+#include "platform/user/event_loop.h"
+#include "platform/user/log.h"
+#include "platform/user/namespaces.h"
+#include "platform/user/process.h"
+#include "platform/user/softirq.h"
+#include "platform/user/system_call.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <exception>
+#include <linux/capability.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <systemd/sd-daemon.h>
+
+// There is no module to unload.
+void module_get_self() {}
+
+namespace
+{
+
+using namespace kelmd;
+
+struct options {
+    bool realtime = false;
+    namespace_options namespaces;
+};
+
+constexpr std::array end_signals{SIGTERM, SIGINT};
+
+int end_event = -1;
+
+// The first signal asks for an orderly end, a second one is not caught any more.
+void on_end_signal(int /*signal*/)
+{
+    const int saved_errno = errno;
+    for (const int each : end_signals)
+        std::signal(each, SIG_DFL);
+    eventfd_write(end_event, 1);
+    errno = saved_errno;
+}
+
+void end_on_signals(event_loop &loop)
+{
+    end_event = checked("eventfd", eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    loop.watch(end_event, EPOLLIN, [&loop](std::uint32_t) { loop.stop(); });
+    struct sigaction action {
+    };
+    action.sa_handler = on_end_signal;
+    action.sa_flags = SA_RESTART;
+    for (const int each : end_signals)
+        sigaction(each, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+// Every namespace takes nine descriptors, every agent one.
+void raise_descriptor_limit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+void lock_memory()
+{
+    if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0)
+        throw std::system_error(errno, std::generic_category(),
+                                "--realtime needs CAP_IPC_LOCK or a higher limit of locked "
+                                "memory (ulimit -l, LimitMEMLOCK=): mlockall");
+}
+
+bool check_privilege(const options &chosen)
+{
+    if (!have_capability(CAP_NET_RAW)) {
+        log_line("CAP_NET_RAW is missing, which sending BFD packets needs; run kelmd as root, or "
+                 "with the capabilities CAP_NET_RAW, CAP_NET_ADMIN and CAP_SYS_ADMIN");
+        return false;
+    }
+    if (!have_capability(CAP_NET_ADMIN))
+        log_line("CAP_NET_ADMIN is missing: buffers stay at the system's limits, and packets may "
+                 "get lost under load");
+    if (!have_capability(CAP_SYS_ADMIN) && !chosen.namespaces.initial_only)
+        log_line("CAP_SYS_ADMIN is missing: only the initial network namespace can be served");
+    return true;
+}
+
+// Takes down what kelm_init and the agents have made, in the order that kelm_release asks for.
+void take_down(namespace_set &served)
+{
+    served.close_agents();
+    kelm_exit();
+    kelm_release();
+    stop_softirq();
+}
+
+int run(const options &chosen)
+{
+    if (!check_privilege(chosen))
+        return EXIT_FAILURE;
+    raise_descriptor_limit();
+    event_loop loop;
+    end_on_signals(loop);
+    namespace_set &served = make_namespaces(loop, chosen.namespaces);
+    start_softirq(chosen.realtime);
+    if (chosen.realtime)
+        lock_memory();
+    if (kelm_init() != 0) {
+        const std::string reason = served.initial_obstacle();
+        log_line("cannot serve the initial network namespace: %s", reason.c_str());
+        stop_softirq();
+        return EXIT_FAILURE;
+    }
+    log_line("ready");
+    sd_notify(0, "READY=1");
+    loop.run();
+    sd_notify(0, "STOPPING=1");
+    take_down(served);
+    return EXIT_SUCCESS;
+}
+
+// The exit status, or -1 to go on.
+int parse_command_line(int argc, char **argv, options &chosen)
+{
+    CLI::App app("kelm as a daemon: keeps the periodic transmission and the detection timers of "
+                 "BFD\nsessions for an agent. Stays in the foreground, logs to standard error.",
+                 "kelmd");
+    std::vector<std::string> names;
+    app.set_version_flag("--version", "kelmd " KELM_VERSION);
+    app.add_flag("--realtime", chosen.realtime,
+                 "Receive and run timers under the real-time scheduler, with memory locked");
+    auto *const netns =
+        app.add_option("--netns", names,
+                       "Serve this named network namespace (repeatable) besides the one that "
+                       "kelmd is started in; without the option, all that are in /run/netns")
+            ->type_name("NAME")
+            ->allow_extra_args(false);
+    app.add_flag("--no-netns", chosen.namespaces.initial_only,
+                 "Serve the network namespace that kelmd is started in alone")
+        ->excludes(netns);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        constexpr int usage_error = 2;
+        return app.exit(error) == 0 ? EXIT_SUCCESS : usage_error;
+    }
+    chosen.namespaces.only.insert(names.begin(), names.end());
+    return -1;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    options chosen;
+    if (const int status = parse_command_line(argc, argv, chosen); status >= 0)
+        return status;
+    process_log().start();
+    int status = EXIT_FAILURE;
+    try {
+        status = run(chosen);
+    } catch (const std::exception &error) {
+        log_line("cannot start: %s", error.what());
+        stop_softirq();
+    }
+    process_log().stop(std::chrono::seconds(1));
+    return status;
+}

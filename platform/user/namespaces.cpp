@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Life of a namespace here: found by name; announced, upon which the engine makes its vrf; if it
+// could not, tried again from time to time; held by us while it has a name, then while it has
+// processes; let go, upon which the engine's cleanup thread sees that only its own sockets are
+// left and lets go too; and when the last of those is released, reported gone and forgotten.
+#include "platform/user/namespaces.h"
+
+#include "platform/user/agent_socket.h"
+#include "platform/user/log.h"
+#include "platform/user/port_owner.h"
+#include "platform/user/process.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <utility>
+
+namespace kelmd
+{
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr const char *names_directory = "/run/netns";
+
+constexpr auto retry_interval = 5s;
+constexpr auto process_check_interval = 1s;
+constexpr auto first_mount_wait = 5ms;
+constexpr auto longest_mount_wait = 1000ms;
+
+std::unique_ptr<namespace_set> the_namespaces;
+
+} // namespace
+
+namespace_set &make_namespaces(event_loop &loop, namespace_options options)
+{
+    the_namespaces = std::make_unique<namespace_set>(loop, std::move(options));
+    return *the_namespaces;
+}
+
+namespace_set &namespaces()
+{
+    return *the_namespaces;
+}
+
+namespace_set::namespace_set(event_loop &loop, namespace_options options)
+    : loop_(loop), options_(std::move(options)), mount_check_(loop, [this] { scan(); }),
+      retry_(loop, [this] { retry_unserved(); }),
+      process_check_(loop, [this] { let_go_abandoned(); })
+{
+}
+
+namespace_set::~namespace_set() = default;
+
+int namespace_set::start(notifier_block *notifier)
+{
+    notifier_ = notifier;
+    netns_key key{};
+    unique_fd handle = open_netns("/proc/self/ns/net", key);
+    const net &initial = take_up(key, std::move(handle), true);
+    if (initial.agents == nullptr) {
+        notifier_ = nullptr;
+        return -(initial.obstacle.error != 0 ? initial.obstacle.error : EIO);
+    }
+    for (const std::string &name : options_.only) {
+        netns_key ignored{};
+        if (!open_netns(std::string(names_directory) + "/" + name, ignored))
+            log_line("network namespace %s does not exist yet; waiting for it", name.c_str());
+    }
+    if (!options_.initial_only) {
+        directory_.emplace(loop_, names_directory, [this] {
+            mount_wait_ = first_mount_wait;
+            scan();
+        });
+        mount_wait_ = first_mount_wait;
+        scan();
+    }
+    return 0;
+}
+
+void namespace_set::stop()
+{
+    directory_.reset();
+    notifier_ = nullptr;
+}
+
+void namespace_set::close_agents()
+{
+    for (const auto &ns : nets_)
+        ns->agents.reset();
+}
+
+void namespace_set::close_agents_of(net &ns)
+{
+    // reap leaves a namespace alone whose agents are not closed, so it will still be there.
+    if (loop_.is_own_thread())
+        ns.agents.reset();
+    else
+        loop_.post([&ns] { ns.agents.reset(); });
+}
+
+void namespace_set::reap_soon()
+{
+    loop_.post([this] { reap(); });
+}
+
+std::string namespace_set::initial_obstacle() const
+{
+    return nets_.empty() ? "" : explain(*nets_.front(), nets_.front()->obstacle);
+}
+
+std::size_t namespace_set::served() const
+{
+    return static_cast<std::size_t>(
+        std::ranges::count_if(nets_, [](const auto &ns) { return ns->agents != nullptr; }));
+}
+
+net &namespace_set::take_up(netns_key key, unique_fd handle, bool initial)
+{
+    net &ns = *nets_.emplace_back(std::make_unique<net>(key, std::move(handle), initial));
+    ns.label = initial ? "the initial one" : "without a name";
+    ns.held = true;
+    get_net(ns);
+    if (initial)
+        announce(ns);
+    return ns;
+}
+
+// Lets the engine make a vrf.
+void namespace_set::announce(net &ns)
+{
+    ns.obstacle = {};
+    notifier_->notifier_call(notifier_, NETDEV_REGISTER, &ns.lo);
+    if (ns.agents == nullptr && ns.obstacle.what == obstacle::NONE)
+        ns.obstacle = {.what = obstacle::OTHER, .call = "making its vrf", .error = ENOMEM};
+    if (!ns.initial)
+        report(ns);
+}
+
+// Tells of a namespace that cannot be served, once for every reason; and when it is after all.
+void namespace_set::report(net &ns)
+{
+    if (ns.agents != nullptr) {
+        if (ns.reported.what != obstacle::NONE)
+            log_line("network namespace %s: served now", ns.label.c_str());
+        ns.reported = {};
+        return;
+    }
+    if (ns.obstacle != ns.reported)
+        log_line("network namespace %s is not served: %s; trying again every %lld s",
+                 ns.label.c_str(), explain(ns, ns.obstacle).c_str(),
+                 static_cast<long long>(retry_interval.count()));
+    ns.reported = ns.obstacle;
+    retry_.arm(retry_interval);
+}
+
+// Brings nets_ in line with the names that there are.
+void namespace_set::scan()
+{
+    if (notifier_ == nullptr)
+        return;
+    netns_listing listing = directory_->list();
+    std::map<netns_key, std::set<std::string>> names;
+    std::map<netns_key, unique_fd> handles;
+    for (netns_name &entry : listing.names) {
+        if (!options_.only.empty() && !options_.only.contains(entry.name))
+            continue;
+        names[entry.key].insert(entry.name);
+        handles.try_emplace(entry.key, std::move(entry.handle));
+    }
+    for (const auto &ns : nets_) {
+        const auto found = names.extract(ns->key);
+        if (!ns->initial)
+            update_names(*ns, found.empty() ? std::set<std::string>{} : found.mapped());
+    }
+    for (auto &[key, new_names] : names) {
+        net &ns = take_up(key, std::move(handles.at(key)), false);
+        update_names(ns, std::move(new_names));
+        announce(ns);
+    }
+    if (!listing.unusable.empty()) {
+        mount_check_.arm(mount_wait_);
+        mount_wait_ = std::min<std::chrono::milliseconds>(2 * mount_wait_, longest_mount_wait);
+    }
+    let_go_abandoned();
+}
+
+void namespace_set::update_names(net &ns, std::set<std::string> names)
+{
+    if (!names.empty() && !ns.held) { // it had been let go, and somebody named it once more
+        ns.held = true;
+        get_net(ns);
+        retry_.arm(retry_interval); // its vrf may be gone by now
+    }
+    ns.names = std::move(names);
+    if (!ns.names.empty())
+        ns.label = *ns.names.begin();
+}
+
+void namespace_set::retry_unserved()
+{
+    if (notifier_ == nullptr)
+        return;
+    for (const auto &ns : nets_) {
+        if (ns->agents != nullptr || !ns->held)
+            continue;
+        retry_.arm(retry_interval);
+        if (is_cleared(*ns, ns->obstacle))
+            announce(*ns);
+    }
+}
+
+// Gives up the hold on namespaces that have neither a name nor a process any more.
+void namespace_set::let_go_abandoned()
+{
+    bool some_have_processes = false;
+    for (const auto &ns : nets_) {
+        if (ns->initial || !ns->held || !ns->names.empty())
+            continue;
+        if (netns_has_processes(ns->key)) {
+            some_have_processes = true;
+        } else {
+            ns->held = false;
+            put_net(*ns);
+        }
+    }
+    if (some_have_processes)
+        process_check_.arm(process_check_interval);
+}
+
+// Reports those gone that nothing refers to any more, and forgets them.
+void namespace_set::reap()
+{
+    const auto unused = [](const std::unique_ptr<net> &ns) {
+        return ns->references == 0 && ns->agents == nullptr;
+    };
+    if (notifier_ == nullptr)
+        return;
+    for (const auto &ns : nets_) {
+        if (unused(ns))
+            notifier_->notifier_call(notifier_, NETDEV_UNREGISTER, &ns->lo);
+    }
+    std::erase_if(nets_, unused);
+}
+
+} // namespace kelmd

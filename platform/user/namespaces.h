@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The namespaces that kelmd serves: found, announced to the engine, given up.
+//
+// All on the control thread, but where a function says otherwise.
+#pragma once
+
+#include "platform/user/event_loop.h"
+#include "platform/user/loop_timer.h"
+#include "platform/user/net.h"
+#include "platform/user/netns_directory.h"
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace kelmd
+{
+
+struct namespace_options {
+    bool initial_only = false;
+    std::set<std::string> only; // names to serve; empty: all
+};
+
+class namespace_set
+{
+  public:
+    namespace_set(event_loop &loop, namespace_options options);
+    ~namespace_set();
+
+    // Announces the initial namespace and then all others that there are, and from then on those
+    // that come and go. 0, or a negative error number if the initial one got no vrf.
+    int start(notifier_block *notifier);
+
+    // Announces nothing more.
+    void stop();
+
+    // Closes the agents' sockets and connections in all namespaces.
+    void close_agents();
+
+    // The same in one, at once on the control thread, else later there. Any thread that holds a
+    // reference on the namespace.
+    void close_agents_of(net &ns);
+
+    // Gives up the namespaces that nobody refers to any more, on the control thread, later. Any
+    // thread.
+    void reap_soon();
+
+    // Why the initial namespace is not served, in one line for people.
+    [[nodiscard]] std::string initial_obstacle() const;
+
+    [[nodiscard]] std::size_t served() const;
+
+    [[nodiscard]] event_loop &loop() { return loop_; }
+
+  private:
+    net &take_up(netns_key key, unique_fd handle, bool initial);
+    void announce(net &ns);
+    void report(net &ns);
+    void scan();
+    void update_names(net &ns, std::set<std::string> names);
+    void retry_unserved();
+    void let_go_abandoned();
+    void reap();
+
+    event_loop &loop_;
+    const namespace_options options_;
+    notifier_block *notifier_ = nullptr;
+    std::vector<std::unique_ptr<net>> nets_; // in the order of announcement
+    std::optional<netns_directory> directory_;
+    loop_timer mount_check_;   // while a name waits for its mount
+    loop_timer retry_;         // while a namespace is not served
+    loop_timer process_check_; // while a namespace has processes, but no name
+    std::chrono::milliseconds mount_wait_{};
+};
+
+// The one that the process has; made by the first call, which says how.
+namespace_set &make_namespaces(event_loop &loop, namespace_options options);
+namespace_set &namespaces();
+
+} // namespace kelmd

@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "platform/user/process.h"
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace kelmd
+{
+
+namespace
+{
+
+std::string proc_path(pid_t pid, const char *file)
+{
+    return "/proc/" + std::to_string(pid) + "/" + file;
+}
+
+std::optional<std::string> read_file(const std::string &path)
+{
+    std::ifstream file(path);
+    std::string text(std::istreambuf_iterator<char>(file), {});
+    if (!file || text.empty())
+        return std::nullopt;
+    return text;
+}
+
+// The words after "name:" at the beginning of a line.
+std::optional<std::string_view> line_value(std::string_view text, std::string_view name)
+{
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        if (line.starts_with(name) && line.substr(name.size()).starts_with(':'))
+            return line.substr(name.size() + 1);
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+    }
+    return std::nullopt;
+}
+
+// Takes the first number off the words; false if they do not begin with one.
+template<typename Number>
+bool take_number(std::string_view &words, Number &number, int base = 10)
+{
+    words.remove_prefix(std::min(words.find_first_not_of(" \t"), words.size()));
+    const auto [end, error] =
+        std::from_chars(words.data(), words.data() + words.size(), number, base);
+    if (error != std::errc{})
+        return false;
+    words.remove_prefix(static_cast<std::size_t>(end - words.data()));
+    return true;
+}
+
+bool shares_our_user_namespace(pid_t pid)
+{
+    struct stat theirs;
+    struct stat ours;
+    return stat(proc_path(pid, "ns/user").c_str(), &theirs) == 0 &&
+           stat("/proc/self/ns/user", &ours) == 0 && theirs.st_ino == ours.st_ino &&
+           theirs.st_dev == ours.st_dev;
+}
+
+std::uint64_t start_time_of(pid_t pid)
+{
+    const auto text = read_file(proc_path(pid, "stat"));
+    return text ? parse_start_time(*text).value_or(0) : 0;
+}
+
+bool has_bit(std::uint64_t set, int bit)
+{
+    return (set >> bit & 1) != 0;
+}
+
+} // namespace
+
+std::optional<process_status> parse_status(std::string_view text)
+{
+    process_status status{};
+    auto uids = line_value(text, "Uid");
+    auto capabilities = line_value(text, "CapEff");
+    if (!uids || !capabilities || !take_number(*uids, status.real_uid) ||
+        !take_number(*uids, status.effective_uid) ||
+        !take_number(*capabilities, status.effective_capabilities, 16))
+        return std::nullopt;
+    return status;
+}
+
+std::optional<std::uint64_t> parse_start_time(std::string_view text)
+{
+    // The second field is the command in parentheses and may hold anything, parentheses too.
+    const std::size_t command_end = text.rfind(')');
+    if (command_end == std::string_view::npos)
+        return std::nullopt;
+    text.remove_prefix(command_end + 1);
+    constexpr int fields_between = 19; // start time is field 22
+    for (int i = 0; i < fields_between; ++i) {
+        text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+        text.remove_prefix(std::min(text.find(' '), text.size()));
+    }
+    std::uint64_t start_time = 0;
+    if (!take_number(text, start_time))
+        return std::nullopt;
+    return start_time;
+}
+
+peer_process identify(pid_t pid, uid_t uid)
+{
+    return {.pid = pid, .uid = uid, .start_time = pid > 0 ? start_time_of(pid) : 0};
+}
+
+bool holds_capability(const peer_process &peer, int capability)
+{
+    if (peer.pid <= 0 || peer.start_time == 0)
+        return false;
+    const auto text = read_file(proc_path(peer.pid, "status"));
+    const auto status = text ? parse_status(*text) : std::nullopt;
+    if (!status || !shares_our_user_namespace(peer.pid))
+        return false;
+    // Last, so that all that was read before belongs to this process.
+    if (start_time_of(peer.pid) != peer.start_time)
+        return false;
+    return (status->real_uid == peer.uid || status->effective_uid == peer.uid) &&
+           has_bit(status->effective_capabilities, capability);
+}
+
+bool have_capability(int capability)
+{
+    const auto text = read_file("/proc/thread-self/status");
+    const auto status = text ? parse_status(*text) : std::nullopt;
+    return status && has_bit(status->effective_capabilities, capability);
+}
+
+std::string describe_process(pid_t pid)
+{
+    std::string name = read_file(proc_path(pid, "comm")).value_or("a process\n");
+    name.pop_back();
+    // A process calls itself what it likes; a log line is one line.
+    std::ranges::replace_if(
+        name, [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
+    return name + " (pid " + std::to_string(pid) + ")";
+}
+
+bool netns_has_processes(const netns_key &key)
+{
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry("/proc", error), end; entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        std::string_view digits = name;
+        pid_t pid = 0;
+        struct stat status;
+        if (take_number(digits, pid) && digits.empty() && pid != getpid() &&
+            stat(proc_path(pid, "ns/net").c_str(), &status) == 0 &&
+            netns_key{status.st_dev, status.st_ino} == key)
+            return true;
+    }
+    return false;
+}
+
+} // namespace kelmd

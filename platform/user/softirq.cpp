@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// One round of the thread takes the time, sees which sockets have something, empties those, and
+// only then runs the timers that were due at the time it took. So whatever the thread was kept
+// from, and for how long: a datagram that arrived before a timer was due is handled before that
+// timer runs. A detection timer never fires over the proof that the peer was alive.
+#include "platform/user/softirq.h"
+
+#include "platform/clock.h"
+#include "platform/hosted/wait.h"
+#include "platform/user/context.h"
+#include "platform/user/fd.h"
+#include "platform/user/system_call.h"
+#include "platform/user/thread.h"
+#include "platform/user/timer.h"
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+#include <sched.h>
+#include <set>
+#include <sys/epoll.h>
+#include <thread>
+#include <vector>
+
+namespace kelmd
+{
+
+namespace
+{
+
+// Above what ordinary programs use, below the kernel's own threads for interrupts (50).
+constexpr int realtime_priority = 40;
+
+using guard_lock = std::unique_lock<hosted::mutex>;
+
+struct softirq_state {
+    unique_fd epoll{checked("epoll_create1", epoll_create1(EPOLL_CLOEXEC))};
+    std::atomic<bool> stopping = false;
+    std::thread thread;
+
+    hosted::mutex lock; // guards what follows
+    std::set<receiver *> receivers;
+    receiver *draining = nullptr;
+    int waiters = 0; // threads that wait for draining to change
+    hosted::wait_queue drained;
+};
+
+softirq_state &state()
+{
+    static softirq_state softirq;
+    return softirq;
+}
+
+// Drains the receiver that an event was for, unless it has been removed since.
+void drain(softirq_state &softirq, const epoll_event &event)
+{
+    auto *const source = static_cast<receiver *>(event.data.ptr); // null for the timers' clock
+    guard_lock guard(softirq.lock);
+    if (!softirq.receivers.contains(source))
+        return;
+    softirq.draining = source;
+    guard.unlock();
+    source->drain();
+    guard.lock();
+    softirq.draining = nullptr;
+    if (softirq.waiters != 0)
+        softirq.drained.wake_all();
+}
+
+// Room for an event of every receiver and of the timers' clock.
+void make_room(softirq_state &softirq, std::vector<epoll_event> &events)
+{
+    const guard_lock guard(softirq.lock);
+    if (events.size() <= softirq.receivers.size())
+        events.resize(2 * softirq.receivers.size() + 1);
+}
+
+void run_softirq(softirq_state &softirq)
+{
+    this_context.softirq = true;
+    std::vector<epoll_event> events;
+    while (!softirq.stopping) {
+        make_room(softirq, events);
+        const std::uint64_t now = get_jiffies_64();
+        const int timeout = sleep_until_timers(now) ? -1 : 0;
+        const int ready = epoll_wait(softirq.epoll.get(), events.data(),
+                                     static_cast<int>(events.size()), timeout);
+        for (int i = 0; i < ready; ++i)
+            drain(softirq, events[static_cast<std::size_t>(i)]);
+        if (timeout == 0)
+            run_timers(now);
+    }
+}
+
+} // namespace
+
+void start_softirq(bool realtime)
+{
+    softirq_state &softirq = state();
+    epoll_event clock{.events = EPOLLIN | EPOLLET, .data = {.ptr = nullptr}};
+    checked("epoll_ctl", epoll_ctl(softirq.epoll.get(), EPOLL_CTL_ADD, timer_clock_fd(), &clock));
+    softirq.thread = start_thread("kelmd-softirq", [&softirq] { run_softirq(softirq); });
+    if (!realtime)
+        return;
+    const sched_param parameters{.sched_priority = realtime_priority};
+    if (const int error =
+            pthread_setschedparam(softirq.thread.native_handle(), SCHED_FIFO, &parameters))
+        throw std::system_error(error, std::generic_category(), "SCHED_FIFO");
+}
+
+void stop_softirq()
+{
+    softirq_state &softirq = state();
+    if (!softirq.thread.joinable())
+        return;
+    softirq.stopping = true;
+    ring_timer_clock();
+    softirq.thread.join();
+}
+
+int add_receiver(receiver &source)
+{
+    softirq_state &softirq = state();
+    const guard_lock guard(softirq.lock);
+    epoll_event event{.events = EPOLLIN, .data = {.ptr = &source}};
+    if (epoll_ctl(softirq.epoll.get(), EPOLL_CTL_ADD, source.receive_fd(), &event) != 0)
+        return -errno;
+    softirq.receivers.insert(&source);
+    return 0;
+}
+
+void remove_receiver(receiver &source)
+{
+    assert_may_sleep("sock_release");
+    softirq_state &softirq = state();
+    guard_lock guard(softirq.lock);
+    if (softirq.receivers.erase(&source) == 0)
+        return;
+    epoll_ctl(softirq.epoll.get(), EPOLL_CTL_DEL, source.receive_fd(), nullptr);
+    ++softirq.waiters;
+    softirq.drained.wait(guard, [&] { return softirq.draining != &source; });
+    --softirq.waiters;
+}
+
+} // namespace kelmd
