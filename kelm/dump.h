@@ -25,7 +25,7 @@ struct dump_cursor {
 
 // Adds to skb what one table of a vrf holds, as whole messages, from the cursor on. 0 when done
 // with this vrf; -1 when the next message does not fit, the cursor then being where to go on.
-// Neither repeats nor skips, but starts over when something was deleted from the table meanwhile.
+// Neither repeats nor skips, but starts over when a request deleted something from the table.
 // Any context, never sleeps, takes the table's lock.
 using dumpfn = int (*)(kelm_vrf *vrf, sk_buff *skb, const dump_cursor &cursor,
                        const dump_request &request);

@@ -33,9 +33,9 @@
  * - Dumped (KELM_MSG_GET_STATS otherwise, KELM_MSG_SYNC without flags): a series of datagrams of
  *   whole messages, each with the agent's port id and the request's sequence number, ended by
  *   NLMSG_DONE. The next datagram is made when the agent has read the one before. A dump that
- *   has started is not acknowledged. A record that is deleted meanwhile makes the dump start
- *   over, so that a record may be reported twice but none is missed. A socket runs one dump at a
- *   time.
+ *   has started is not acknowledged. A record that is deleted by request meanwhile makes the dump
+ *   start over, so that a record may be reported twice but none is missed; a sweep, which empties
+ *   a vrf, does not. A socket runs one dump at a time.
  *
  * Multicast groups: KELM_NLG_NUM_CONTROL carries KELM_MSG_RX_PACKET_CHANGE and the periodic
  * statistics, KELM_NLG_NUM_NOTIFICATION carries session failures. Multicasts can be lost when a

@@ -29,6 +29,9 @@ enum lock_rank : unsigned {
 
 inline constexpr std::uint32_t KELM_HASH_SIZE = 32;
 
+// The minimum of a statistics block without a sample.
+inline constexpr std::uint32_t NO_MINIMUM = 0xFFFFFFFF;
+
 // The chain of a discriminator in the tables of a vrf.
 [[nodiscard]] constexpr std::uint32_t disc_hash(std::uint32_t discriminator)
 {
@@ -81,9 +84,9 @@ struct kelm_vrf {
 
     kelm_socket tx_sockets[KELM_TX_SESSION_MAX];
     kelm_socket rx_sockets[KELM_RX_SESSION_MAX];
-    sock *netlink_sock;
+    sock *netlink_sock; // stands longer than the receive sockets
 
-    list_link retired;       // vrfs on their way out, after they have left kelm_vrf_list
+    list_link leaving;       // vrfs on their way out, after they have left kelm_vrf_list
     bool path_ready_pending; // its packets are still to be started; guarded by kelm_vrf_lock
 };
 

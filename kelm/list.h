@@ -64,7 +64,8 @@ class intrusive_list
     void push_front(T &record) { link(record).insert_before(*head_.next); }
     void push_back(T &record) { link(record).insert_before(head_); }
 
-    [[nodiscard]] static bool contains_linked(T &record) { return link(record).linked(); }
+    // Whether the record is in any list through this link.
+    [[nodiscard]] static bool is_linked(T &record) { return link(record).linked(); }
     static void unlink(T &record) { link(record).unlink(); }
 
     // Unlinks and returns the first record; null if there is none.

@@ -31,14 +31,11 @@ template<class Body>
     return skb_tailroom(skb) >= NLMSG_SPACE(body_len);
 }
 
-// Appends a message with this body. 0, or -1 with nothing written if there is no room.
+// Appends a message with this body, which fits.
 template<class Body>
-[[nodiscard]] int append_message(sk_buff *skb, std::uint32_t portid, std::uint32_t seq, int type,
-                                 const Body &body)
+void append_message(sk_buff *skb, std::uint32_t portid, std::uint32_t seq, int type,
+                    const Body &body)
 {
-    if (!message_fits(skb, sizeof(Body)))
-        return -1;
     nlmsghdr *hdr = __nlmsg_put(skb, portid, seq, type, static_cast<int>(sizeof(Body)), 0);
     std::memcpy(reinterpret_cast<std::uint8_t *>(hdr) + NLMSG_HDRLEN, &body, sizeof(Body));
-    return 0;
 }

@@ -44,7 +44,7 @@ void clear_session_levels()
 void set_global_level(std::uint16_t level)
 {
     const auto stored = static_cast<std::uint8_t>(level);
-    if (level > 1)
+    if (stored > 1)
         kelm_debugs.global_level = stored;
     netlink_log(2, "Set global debug level to %u", level);
     kelm_debugs.global_level = stored;

@@ -5,8 +5,6 @@
 // three phases: sessions, packets, module counters. A walk over all vrfs goes from the newest to
 // the oldest and holds a reference on the one that it is visiting.
 #include "kelm/clocks.h"
-#include "kelm/dump.h"
-#include "kelm/guard.h"
 #include "kelm/message.h"
 #include "kelm/netlink_internal.h"
 #include "kelm/record.h"
@@ -21,7 +19,7 @@ namespace
 enum dump_slot { PHASE, BUCKET, CHAIN_DEPTH, RX_SEQ, TX_SEQ, INPROGRESS };
 enum dump_phase : long { PHASE_RX, PHASE_TX, PHASE_MODULE };
 
-constinit relaxed<std::int32_t> module_stats_seq(1);
+constinit atomic_counter module_stats_seq = 1;
 constinit relaxed<bool> warned_no_vrfs(false);
 
 void restart_phase(netlink_callback *dump, dump_phase phase)
@@ -36,6 +34,7 @@ std::uint64_t value_of(const atomic_counter &counter)
     return static_cast<std::uint64_t>(std::int64_t{counter.load(std::memory_order_relaxed)});
 }
 
+// Takes the next sequence number if it is unsolicited.
 kelm_msg_module_stats module_stats_message(const kelm_module_stats &stats, bool unsolicited)
 {
     kelm_msg_module_stats msg = {};
@@ -52,7 +51,8 @@ kelm_msg_module_stats module_stats_message(const kelm_module_stats &stats, bool 
     const timespec64 now = wall_clock();
     msg.timestamp_secs = static_cast<std::uint64_t>(now.tv_sec);
     msg.timestamp_nsecs = static_cast<std::uint64_t>(now.tv_nsec);
-    msg.seq_num = static_cast<std::uint64_t>(std::int64_t{module_stats_seq});
+    const std::int64_t seq = unsolicited ? module_stats_seq++ : module_stats_seq.load();
+    msg.seq_num = static_cast<std::uint64_t>(seq);
     msg.unsolicited = unsolicited;
     return msg;
 }
@@ -72,14 +72,14 @@ int module_get_stats(kelm_vrf *vrf, sk_buff *skb, const dump_cursor &, const dum
 {
     if (!(request.flags & KELM_STATS_MODULE))
         return 0;
-    if (!(request.flags & KELM_STATS_NO_REPORT) &&
+    if (!(request.flags & KELM_STATS_NO_REPORT)) {
+        if (!message_fits(skb, sizeof(kelm_msg_module_stats)))
+            return -1;
         append_message(skb, request.portid, request.seq, KELM_MSG_MODULE_STATS,
-                       module_stats_message(vrf->stats, request.unsolicited)) != 0)
-        return -1;
+                       module_stats_message(vrf->stats, request.unsolicited));
+    }
     if (request.flags & KELM_STATS_CLEAR)
         clear_module_stats(vrf->stats);
-    if (request.unsolicited)
-        module_stats_seq = module_stats_seq + 1;
     return 0;
 }
 
@@ -138,22 +138,22 @@ int send_all_vrfs_stats(sk_buff *skb, netlink_callback *dump, dump_data *data, b
     return 0;
 }
 
-// What start_dump hands to the dump's start, which runs before start_dump returns.
-struct dump_start {
+// What start_dump hands to create_dump_data, which runs before start_dump returns.
+struct dump_order {
     kelm_vrf *vrf;
     std::uint32_t discriminator;
     std::uint32_t flags;
 };
 
-int begin_dump(netlink_callback *dump)
+int create_dump_data(netlink_callback *dump)
 {
-    const auto *start = static_cast<const dump_start *>(dump->data);
+    const auto *order = static_cast<const dump_order *>(dump->data);
     auto *data = new_record<dump_data>(GFP_KERNEL);
     if (data == nullptr)
         return -ENOMEM;
-    data->vrf = vrf_ref(start->vrf);
-    data->discriminator = start->discriminator;
-    data->flags = start->flags;
+    data->vrf = vrf_ref(order->vrf);
+    data->discriminator = order->discriminator;
+    data->flags = order->flags;
     dump->data = data;
     return 0;
 }
@@ -243,12 +243,12 @@ int send_stats(sk_buff *skb, netlink_callback *dump, bool unsolicited)
 int start_dump(kelm_vrf *vrf, sk_buff *skb, const nlmsghdr *hdr, std::uint32_t discriminator,
                std::uint32_t flags, int (*fn)(sk_buff *skb, netlink_callback *dump))
 {
-    dump_start start = {vrf, discriminator, flags};
+    dump_order order = {vrf, discriminator, flags};
     const netlink_dump_control control = {
-        .start = begin_dump,
+        .start = create_dump_data,
         .dump = fn,
         .done = free_dump_data,
-        .data = &start,
+        .data = &order,
         .min_dump_alloc = 2048,
     };
     return netlink_dump_start(vrf->netlink_sock, skb, hdr, &control);

@@ -3,6 +3,7 @@
 // What the parts of the control channel offer to each other.
 #pragma once
 
+#include "kelm/dump.h"
 #include "kelm/netlink.h"
 #include "platform/netlink.h"
 #include "platform/timer.h"
@@ -29,10 +30,13 @@ void receive_netlink(sk_buff *skb);
 void vrf_list_init();
 int netdev_callback(notifier_block *nb, unsigned long event, void *info);
 int kelm_vrf_cleanup(void *argument); // body of the cleanup thread
-void release_all_vrfs();              // see kelm_release; without the cleanup thread
+void release_all_vrfs();              // see kelm_release
 
 // The newest vrf, with a reference; none if there is no vrf.
 [[nodiscard]] vrf_ref first_vrf();
+
+// The oldest vrf, with a reference; none if there is no vrf.
+[[nodiscard]] vrf_ref last_vrf();
 
 // The vrf behind this one in kelm_vrf_list, with a reference; none behind the last one, and none
 // if the given vrf has left the list meanwhile.
@@ -64,7 +68,6 @@ struct dump_data {
 
 // Adds one vrf to a dump, from where its state stands: receive, transmit and module phase. The
 // result is send_stats'. moduledump may be null; type names the dump in the log.
-struct dump_phases;
 [[nodiscard]] int dump_rxtx(sk_buff *skb, netlink_callback *dump, const dump_phases &phases,
                             bool unsolicited);
 

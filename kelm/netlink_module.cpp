@@ -49,14 +49,11 @@ int kelm_init()
     int err = register_netdevice_notifier(&netdev_notifier);
     if (err != 0) {
         netlink_log(1, "Error registering netdev notifier");
-        kelm_release();
         return err;
     }
     err = start_cleanup_thread();
-    if (err != 0) {
+    if (err != 0)
         unregister_netdevice_notifier(&netdev_notifier);
-        kelm_release();
-    }
     return err;
 }
 
@@ -73,7 +70,5 @@ void kelm_release()
 {
     session_stats_stop();
     release_all_vrfs();
-    // A request that was under way may have set the interval once more.
-    session_stats_stop();
     kelm_tx_release();
 }

@@ -3,8 +3,6 @@
 // Periodic statistics: once per interval, everything that a statistics dump of all vrfs holds is
 // multicast to the agents of the default vrf, the oldest, which is the initial namespace's. Runs
 // come from the timer and from the request that sets the interval, and may overlap.
-#include "kelm/dump.h"
-#include "kelm/guard.h"
 #include "kelm/message.h"
 #include "kelm/netlink_internal.h"
 #include "kelm/skb_ptr.h"
@@ -13,16 +11,10 @@
 
 namespace
 {
-inline constexpr unsigned BROADCAST_SIZE = 2048;
+constexpr unsigned BROADCAST_SIZE = 2048;
 
 constinit relaxed<std::uint16_t> session_stats_timer_interval_seconds(0);
 constinit timer_list session_stats_timer = {};
-
-vrf_ref default_vrf()
-{
-    bh_guard lock(kelm_vrf_lock);
-    return vrf_ref(kelm_vrf_list.back());
-}
 
 // Fills and multicasts one datagram. Whether there is more to send.
 bool broadcast_next(kelm_vrf *vrf, netlink_callback *dump)
@@ -55,7 +47,7 @@ void handle_session_stats_timer()
     const std::uint16_t interval = session_stats_timer_interval_seconds;
     if (interval == 0)
         return;
-    const vrf_ref vrf = default_vrf();
+    const vrf_ref vrf = last_vrf();
     if (!vrf) {
         netlink_log(2, "Error getting default vrf");
         return;

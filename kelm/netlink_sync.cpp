@@ -2,7 +2,6 @@
 //
 // Synchronisation with a restarted agent: the dump of everything a vrf holds, and mark and sweep,
 // which empties the vrfs that no agent has claimed since the mark.
-#include "kelm/dump.h"
 #include "kelm/guard.h"
 #include "kelm/message.h"
 #include "kelm/netlink_internal.h"
@@ -14,7 +13,7 @@ constinit relaxed<std::int32_t> vrf_mark(0);
 
 namespace
 {
-inline constexpr int SWEEP_BATCH = 16;
+constexpr int SWEEP_BATCH = 16;
 
 constexpr dump_phases sync_phases = {kelm_rx_sync, kelm_tx_sync, nullptr, "sync"};
 

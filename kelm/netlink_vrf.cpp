@@ -17,15 +17,14 @@ constinit intrusive_list<kelm_vrf, by_vrfs> kelm_vrf_list;
 
 namespace
 {
-inline constexpr long CLEANUP_PERIOD_TICKS = 25;
+constexpr long CLEANUP_PERIOD_TICKS = 25;
 
-struct by_retired {
-    static constexpr list_link kelm_vrf::*member() { return &kelm_vrf::retired; }
+struct by_leaving {
+    static constexpr list_link kelm_vrf::*member() { return &kelm_vrf::leaving; }
 };
-using retired_list = intrusive_list<kelm_vrf, by_retired>;
+using leaving_list = intrusive_list<kelm_vrf, by_leaving>;
 
-constinit retired_list unreferenced_vrfs;          // to be destroyed; guarded by kelm_vrf_lock
-constinit std::atomic<std::int32_t> vrf_count = 0; // vrfs that were created and not yet destroyed
+constinit leaving_list unreferenced_vrfs; // to be destroyed; guarded by kelm_vrf_lock
 
 // Creates the sockets of a new vrf; on failure undoes what was done, in reverse.
 int create_sockets(kelm_vrf *vrf)
@@ -73,7 +72,6 @@ void vrf_init(net *net)
         netlink_log(1, "Unable to create vrf");
         return;
     }
-    vrf_count++;
     {
         bh_guard lock(kelm_vrf_lock);
         kelm_vrf_list.push_front(*vrf);
@@ -83,18 +81,19 @@ void vrf_init(net *net)
 
 void destroy_vrf(kelm_vrf *vrf)
 {
-    netlink_kernel_release(vrf->netlink_sock);
+    // Reception first: its callbacks multicast on the netlink socket. Transmission last: its
+    // sockets are what keeps the namespace alive.
     kelm_rx_free(vrf);
+    netlink_kernel_release(vrf->netlink_sock);
     kelm_tx_free(vrf);
     delete_record(vrf);
-    vrf_count--;
     netlink_log(2, "Destroyed vrf %p", static_cast<void *>(vrf));
 }
 
 // Destroys the vrfs that have lost their last reference; returns how many.
 int destroy_unreferenced_vrfs()
 {
-    retired_list vrfs;
+    leaving_list vrfs;
     {
         bh_guard lock(kelm_vrf_lock);
         vrfs.take(unreferenced_vrfs);
@@ -116,7 +115,7 @@ bool netns_pinned_by_kelm(const kelm_vrf &vrf)
 template<class Pick>
 int retire_vrfs(Pick should_go)
 {
-    retired_list leaving;
+    leaving_list leaving;
     {
         bh_guard lock(kelm_vrf_lock);
         kelm_vrf_list.for_each([&](kelm_vrf &vrf) {
@@ -129,7 +128,8 @@ int retire_vrfs(Pick should_go)
     }
     int dropped = 0;
     for (; kelm_vrf *vrf = leaving.pop_front(); dropped++) {
-        // Sessions hold references on their vrf, which would otherwise never reach its last.
+        // Sessions hold references on their vrf, which would otherwise never reach its last. No
+        // new one comes: an agent's socket that could ask for it would hold the namespace.
         kelm_rx_clear(vrf);
         kelm_netlink_put_vrf(vrf);
     }
@@ -192,16 +192,24 @@ vrf_ref first_vrf()
     return vrf_ref(kelm_vrf_list.front());
 }
 
+vrf_ref last_vrf()
+{
+    bh_guard lock(kelm_vrf_lock);
+    return vrf_ref(kelm_vrf_list.back());
+}
+
 vrf_ref next_vrf(kelm_vrf *vrf)
 {
     bh_guard lock(kelm_vrf_lock);
-    return vrf_ref(kelm_vrf_list.contains_linked(*vrf) ? kelm_vrf_list.next(*vrf) : nullptr);
+    return vrf_ref(kelm_vrf_list.is_linked(*vrf) ? kelm_vrf_list.next(*vrf) : nullptr);
 }
 
 int kelm_vrf_cleanup(void *)
 {
     while (!kthread_should_stop()) {
-        if (destroy_unreferenced_vrfs() + retire_vrfs(netns_pinned_by_kelm) == 0)
+        const int retired = retire_vrfs(netns_pinned_by_kelm);
+        const int destroyed = destroy_unreferenced_vrfs();
+        if (retired + destroyed == 0)
             schedule_timeout_interruptible(CLEANUP_PERIOD_TICKS);
     }
     return 0;
@@ -211,9 +219,4 @@ void release_all_vrfs()
 {
     retire_vrfs([](const kelm_vrf &) { return true; });
     destroy_unreferenced_vrfs();
-    while (vrf_count != 0) {
-        // Somebody is about to drop the last reference.
-        schedule_timeout_interruptible(1);
-        destroy_unreferenced_vrfs();
-    }
 }

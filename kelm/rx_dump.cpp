@@ -16,10 +16,13 @@ int fill_rx_sync(sk_buff *skb, rx_session *session, const dump_request &request)
         KELM_LOG("Rx", 1, "No fail_skb for %u in fill_rx_sync", session->discriminator);
         return 0;
     }
+    if (!message_fits(skb, sizeof(kelm_msg_rx_sync)))
+        return -1;
     kelm_msg_rx_sync msg = {};
     msg.header.discriminator = session->discriminator;
     msg.timer_active = session->timer_active;
-    return append_message(skb, request.portid, request.seq, KELM_MSG_RX_SYNC, msg);
+    append_message(skb, request.portid, request.seq, KELM_MSG_RX_SYNC, msg);
+    return 0;
 }
 
 // The session table of a vrf as dump_table walks it: up to two messages per session.

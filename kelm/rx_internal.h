@@ -17,8 +17,6 @@
 
 #define rx_log(discriminator, level, ...) KELM_LOG_SESSION("Rx", discriminator, level, __VA_ARGS__)
 
-inline constexpr std::uint32_t NO_MINIMUM = 0xFFFFFFFF;
-
 // Accepted packets, the intervals between them in microseconds, and round trips in 16 ns units.
 struct rx_common_stats {
     std::uint64_t num_received;

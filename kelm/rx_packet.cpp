@@ -23,7 +23,7 @@ namespace
 {
 constinit relaxed<bool> first_packet(true);
 
-inline constexpr unsigned PACKET_CHANGE_HEADROOM = NLMSG_HDRLEN + sizeof(kelm_msg_rx_packet_change);
+constexpr unsigned PACKET_CHANGE_HEADROOM = NLMSG_HDRLEN + sizeof(kelm_msg_rx_packet_change);
 
 // A received datagram as part of its frame. Pointers into a buffer are good until it is expanded.
 struct received_frame {

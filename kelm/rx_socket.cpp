@@ -9,8 +9,8 @@
 
 namespace
 {
-inline constexpr int AF_INET6 = 10;
-inline constexpr int SOCK_DGRAM = 2;
+constexpr int AF_INET6 = 10;
+constexpr int SOCK_DGRAM = 2;
 
 constexpr std::uint16_t type_to_port[KELM_RX_SESSION_MAX] = {
     3784,  // KELM_RX_SESSION_BFD: single-hop (RFC 5881)

@@ -150,10 +150,12 @@ void record_stats(rx_session *session, std::uint32_t pkt_tx_time)
 
 int fill_rx_stats(sk_buff *skb, rx_session *session, const dump_request &request)
 {
-    if (!(request.flags & KELM_STATS_NO_REPORT) &&
+    if (!(request.flags & KELM_STATS_NO_REPORT)) {
+        if (!message_fits(skb, sizeof(kelm_msg_rx_stats)))
+            return -1;
         append_message(skb, request.portid, request.seq, KELM_MSG_RX_STATS,
-                       stats_message(*session, request.unsolicited)) != 0)
-        return -1;
+                       stats_message(*session, request.unsolicited));
+    }
     if (request.flags & KELM_STATS_CLEAR)
         clear_on_request(&session->stats);
     if (request.unsolicited)

@@ -12,9 +12,12 @@ using txfillfn = int (*)(sk_buff *skb, tx_packet *packet, const dump_request &re
 
 int fill_tx_sync(sk_buff *skb, tx_packet *packet, const dump_request &request)
 {
+    if (!message_fits(skb, sizeof(kelm_msg_tx_sync)))
+        return -1;
     kelm_msg_tx_sync msg = {};
     msg.header.discriminator = packet->discriminator;
-    return append_message(skb, request.portid, request.seq, KELM_MSG_TX_SYNC, msg);
+    append_message(skb, request.portid, request.seq, KELM_MSG_TX_SYNC, msg);
+    return 0;
 }
 
 // The packet table of a vrf as dump_table walks it: one message per packet.

@@ -19,8 +19,6 @@
 
 #define tx_log(discriminator, level, ...) KELM_LOG_SESSION("Tx", discriminator, level, __VA_ARGS__)
 
-inline constexpr std::uint32_t NO_MINIMUM = 0xFFFFFFFF;
-
 // Intervals between in-band transmissions, microseconds.
 struct tx_common_stats {
     std::uint64_t num_sent;

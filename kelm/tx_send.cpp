@@ -12,22 +12,22 @@
 
 namespace
 {
-inline constexpr std::uint16_t AF_INET6 = 10;
-inline constexpr std::uint16_t AF_PACKET = 17;
-inline constexpr std::uint32_t MSG_DONTWAIT = 0x40;
-inline constexpr std::uint32_t MSG_CONFIRM = 0x800;
-inline constexpr int SOL_IP = 0;
-inline constexpr int IP_PKTINFO = 8;
-inline constexpr int SOL_IPV6 = 41;
-inline constexpr int IPV6_PKTINFO = 50;
+constexpr std::uint16_t AF_INET6 = 10;
+constexpr std::uint16_t AF_PACKET = 17;
+constexpr std::uint32_t MSG_DONTWAIT = 0x40;
+constexpr std::uint32_t MSG_CONFIRM = 0x800;
+constexpr int SOL_IP = 0;
+constexpr int IP_PKTINFO = 8;
+constexpr int SOL_IPV6 = 41;
+constexpr int IPV6_PKTINFO = 50;
 
-inline constexpr std::uint8_t IPPROTO_UDP = 17;
-inline constexpr std::size_t UDP_CHECK_OFFSET = 6;
-inline constexpr std::size_t IPV4_ADDR_LEN = 4;
-inline constexpr std::size_t IPV6_ADDR_LEN = 16;
+constexpr std::uint8_t IPPROTO_UDP = 17;
+constexpr std::size_t UDP_CHECK_OFFSET = 6;
+constexpr std::size_t IPV4_ADDR_LEN = 4;
+constexpr std::size_t IPV6_ADDR_LEN = 16;
 
 // Traffic this frequent proves that the neighbour is there.
-inline constexpr kelm_microsecs MAX_CONFIRM_PERIOD = 999'999;
+constexpr kelm_microsecs MAX_CONFIRM_PERIOD = 999'999;
 
 struct sockaddr_inet6 {
     std::uint16_t family;
@@ -61,7 +61,7 @@ struct ipv4_pktinfo {
     std::uint8_t spec_dst[IPV4_ADDR_LEN]; // local source
     std::uint8_t addr[IPV4_ADDR_LEN];
 };
-inline constexpr std::size_t IPV4_PKTINFO_LEN = sizeof(control_header) + 12;
+constexpr std::size_t IPV4_PKTINFO_LEN = sizeof(control_header) + 12;
 static_assert(offsetof(ipv4_pktinfo, addr) + IPV4_ADDR_LEN == IPV4_PKTINFO_LEN);
 
 struct ipv6_pktinfo {
@@ -69,7 +69,7 @@ struct ipv6_pktinfo {
     std::uint8_t addr[IPV6_ADDR_LEN]; // local source
     std::uint32_t ifindex;
 };
-inline constexpr std::size_t IPV6_PKTINFO_LEN = sizeof(control_header) + 20;
+constexpr std::size_t IPV6_PKTINFO_LEN = sizeof(control_header) + 20;
 static_assert(offsetof(ipv6_pktinfo, ifindex) + 4 == IPV6_PKTINFO_LEN);
 static_assert(sizeof(ipv6_pktinfo) == 40);
 

@@ -9,8 +9,8 @@
 
 namespace
 {
-inline constexpr std::uint32_t TX_PRIORITY = 6; // network control
-inline constexpr int TX_SNDBUF = 16 * 1024 * 1024;
+constexpr std::uint32_t TX_PRIORITY = 6; // network control
+constexpr int TX_SNDBUF = 16 * 1024 * 1024;
 
 struct socket_type {
     int family;

@@ -129,10 +129,12 @@ void tx_record_stats(tx_packet *packet)
 
 int fill_tx_stats(sk_buff *skb, tx_packet *packet, const dump_request &request)
 {
-    if (!(request.flags & KELM_STATS_NO_REPORT) &&
+    if (!(request.flags & KELM_STATS_NO_REPORT)) {
+        if (!message_fits(skb, sizeof(kelm_msg_tx_stats)))
+            return -1;
         append_message(skb, request.portid, request.seq, KELM_MSG_TX_STATS,
-                       stats_message(*packet, request.unsolicited)) != 0)
-        return -1;
+                       stats_message(*packet, request.unsolicited));
+    }
     if (request.flags & KELM_STATS_CLEAR)
         clear_on_request(&packet->stats);
     if (request.unsolicited)

@@ -20,7 +20,7 @@ using packet_chain = intrusive_list<tx_packet>;
 
 void warn_broken_invariants(tx_packet *packet)
 {
-    if (packet_chain::contains_linked(*packet))
+    if (packet_chain::is_linked(*packet))
         WARN("Packet structure with 0 refcount still in hash table. packet: %p, dead: %d",
              static_cast<void *>(packet), packet->dead);
     packet_chain::unlink(*packet);

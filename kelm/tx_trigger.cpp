@@ -18,7 +18,7 @@ constinit relaxed<bool> kelm_randomize_delay(false);
 
 namespace
 {
-inline constexpr std::size_t MIN_PACKET_LEN = 20;
+constexpr std::size_t MIN_PACKET_LEN = 20;
 
 constinit relaxed<bool> told_extra_reference(false);
 constinit relaxed<bool> told_no_release(false);

@@ -51,7 +51,8 @@ using netlink_step = int (*)(sk_buff *skb, nlmsghdr *nlh, netlink_ext_ack *extac
 [[nodiscard]] sock *netlink_kernel_create(net *net, int unit, const netlink_kernel_cfg *cfg)
     KELM_PLATFORM(netlink_kernel_create);
 
-// Returns once no input runs or will run. Task context.
+// Returns once no input runs or will run. Task context; also from a notifier, with whatever the
+// host locks around one.
 void netlink_kernel_release(sock *sk) KELM_PLATFORM(netlink_kernel_release);
 
 // Walks the messages of one datagram and calls the step for each that fits, carries
@@ -76,8 +77,8 @@ nlmsghdr *__nlmsg_put(sk_buff *skb, std::uint32_t portid, std::uint32_t seq, int
 // Delivers the buffer to every subscriber of a group, or to one port. The buffer is taken over
 // whatever the result. Nobody waits: a subscriber without room misses the message. Any context.
 //
-// netlink_broadcast: 0 if at least one subscriber got it; -ESRCH without subscribers; another
-// negative error number if nobody had room or it could not be delivered.
+// netlink_broadcast: 0 if a subscriber got it; -ESRCH without subscribers; which negative error
+// number tells that nobody had room is the host's choice.
 [[nodiscard]] int netlink_broadcast(sock *sk, sk_buff *skb, std::uint32_t portid,
                                     std::uint32_t group, gfp_t gfp)
     KELM_PLATFORM(netlink_broadcast);

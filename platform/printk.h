@@ -11,11 +11,11 @@
 
 extern "C" {
 
-// Writes one line to the log; fmt starts with a level prefix. Any context, any lock held;
-// never waits for whoever reads the log. Formats: the C library's, integers, %s and %p.
+// Writes to the log; fmt starts with a level prefix and brings its own line break. Any context, any
+// lock held; never waits for whoever reads the log. Formats: the C library's, integers, %s and %p.
 [[gnu::format(printf, 1, 2)]] void printk(const char *fmt, ...) KELM_PLATFORM(printk);
 
 // A kernel warning: a broken invariant, reported with a backtrace. Execution goes on. fmt has
-// no level prefix. Any context.
+// neither level prefix nor line break. Any context.
 [[gnu::format(printf, 1, 2)]] void WARN(const char *fmt, ...) KELM_PLATFORM(WARN);
 }

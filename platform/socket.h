@@ -45,7 +45,7 @@ void sock_release(sock *sk) KELM_PLATFORM(sock_release);
 
 // Installs the callback for received datagrams with a pointer for its use; before the bind, so
 // that no datagram goes by unseen. The callback runs in softirq context, once for each datagram
-// queued, possibly on several processors at once.
+// that __skb_recv_udp then returns, possibly on several processors at once.
 void sock_set_data_ready(sock *sk, sock_data_ready callback, void *user_data)
     KELM_PLATFORM(sock_set_data_ready);
 [[nodiscard]] void *sock_user_data(const sock *sk) KELM_PLATFORM(sock_user_data);

@@ -23,7 +23,8 @@ extern "C" {
 
 using timer_function = void (*)(timer_list *timer);
 
-// Prepares an unarmed timer. To be called once before any other use. Any context.
+// Prepares a timer, unarmed. To be called before any other use, again only while it is neither
+// pending nor running. Any context.
 void timer_setup(timer_list *timer, timer_function function) KELM_PLATFORM(timer_setup);
 
 // Arms the timer for tick expires, or moves it there. Returns 1 if it was pending, else 0.
