@@ -102,9 +102,10 @@ void write_udp_headers(std::span<std::uint8_t> payload, const udp_arrival &arriv
 {
     const std::size_t room = udp_header_room(arrival, link_len);
     std::uint8_t *link = payload.data() - room;
-    std::memset(link, 0, link_len);
     const std::uint16_t ethertype = htons(is_ipv4(arrival) ? ETHERTYPE_IP : ETHERTYPE_IPV6);
-    std::memcpy(link + link_len - sizeof ethertype, &ethertype, sizeof ethertype);
+    std::memset(link, 0, link_len);
+    if (link_len >= sizeof ethertype)
+        std::memcpy(link + link_len - sizeof ethertype, &ethertype, sizeof ethertype);
 
     std::uint8_t *udp = payload.data() - sizeof(udphdr);
     const std::size_t udp_len = sizeof(udphdr) + payload.size();

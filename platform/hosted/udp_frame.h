@@ -35,7 +35,8 @@ struct udp_arrival {
                                           std::size_t link_len = ETHERNET_HEADER_LEN);
 
 // Writes link, IPv4 or IPv6, and UDP header into the udp_header_room bytes before the payload.
-// The link header is zero but for the EtherType at its end; lengths and checksums are valid.
+// The link header, if there is to be one, is zero but for the EtherType at its end; lengths and
+// checksums are valid.
 void write_udp_headers(std::span<std::uint8_t> payload, const udp_arrival &arrival,
                        std::size_t link_len = ETHERNET_HEADER_LEN);
 

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The engine's memory: every block is listed with the code that asked for it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace sim
+{
+
+struct alignas(16) block_header {
+    static constexpr std::size_t MAX_CALLERS = 6;
+
+    block_header *next;
+    block_header *prev;
+    std::size_t size;
+    std::uint32_t magic;
+    std::array<void *, MAX_CALLERS> callers; // innermost first, null where unknown
+};
+
+class heap
+{
+  public:
+    heap();
+    heap(const heap &) = delete;
+    heap &operator=(const heap &) = delete;
+
+    [[nodiscard]] void *allocate(std::size_t size);
+    void release(const void *memory);
+
+    [[nodiscard]] std::size_t blocks() const { return count; }
+    [[nodiscard]] std::size_t bytes() const { return total; }
+
+    // A failure for each block that is still there; then gives them back.
+    void report_leaks();
+
+  private:
+    block_header list; // a ring
+    std::size_t count = 0;
+    std::size_t total = 0;
+};
+
+} // namespace sim

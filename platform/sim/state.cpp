@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Contexts' rules, the passing of time, and the death of namespaces.
+#include "platform/sim/state.h"
+
+#include "platform/hosted/skbuff.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace sim
+{
+
+namespace
+{
+
+constexpr std::int64_t NS_PER_TICK = 1'000'000;
+
+// Not 0, and five minutes before 32 bits overflow, as the kernel does it.
+constexpr std::uint64_t FIRST_TICK = (std::uint64_t{1} << 32) - 300 * TICKS_PER_SECOND;
+constexpr clocks AT_START{
+    .tick = FIRST_TICK, .wall_ns = 1'764'000'000'123'456'789, .raw_ns = 98'765'432'100};
+
+state *existing = nullptr;
+
+bool reallocation_allowed()
+{
+    return the().faults.use(service::skb_reallocation) == 0;
+}
+
+} // namespace
+
+state &the()
+{
+    return *existing;
+}
+
+state::state(const world_options &wanted)
+    : options(wanted), clock(AT_START), sched(wanted.seed), wheel(AT_START.tick),
+      tie_breaker(wanted.seed + 1), prandom(wanted.seed + 2)
+{
+    if (existing != nullptr)
+        fatal("there is a world already");
+    existing = this;
+    hosted::skb_may_reallocate = reallocation_allowed;
+}
+
+state::~state()
+{
+    existing = nullptr;
+}
+
+void state::expect_may_sleep(const char *what)
+{
+    const context &self = sched.current();
+    if (self.may_sleep()) [[likely]]
+        return;
+    failure("%s %s\n%s", what, self.softirq_depth != 0 ? "in softirq context" : "with a lock held",
+            sched.report().c_str());
+}
+
+void state::advance_to(std::uint64_t tick)
+{
+    if (!sched.on_main())
+        fatal("only the test itself moves the clock");
+    while (clock.tick < tick) {
+        const std::uint64_t event = std::min({tick, wheel.next_event(), sched.next_wake()});
+        const std::uint64_t next = std::max(event, clock.tick + 1);
+        const auto ns = static_cast<std::int64_t>(next - clock.tick) * NS_PER_TICK;
+        clock = {next, clock.wall_ns + ns, clock.raw_ns + ns};
+        run_timers();
+        settle();
+    }
+}
+
+void state::settle()
+{
+    if (!sched.on_main())
+        return;
+    sched.settle();
+    while (!dying.empty()) {
+        net &ns = *dying.front();
+        dying.pop_front();
+        notify(ns, NETDEV_UNREGISTER);
+        if (ns.sockets != 0)
+            failure("namespace %s is gone, and %d sockets are still in it", ns.name.c_str(),
+                    ns.sockets);
+        ns.devices.clear();
+        ns.dead = true;
+        sched.settle();
+    }
+}
+
+softirq_scope::softirq_scope() : self(the().sched.current())
+{
+    if (self.held_count != 0)
+        failure("a softirq on a processor that holds a lock\n%s", the().sched.report().c_str());
+    ++self.softirq_depth;
+}
+
+softirq_scope::~softirq_scope()
+{
+    if (self.held_count != 0)
+        failure("a softirq ends with a lock held\n%s", the().sched.report().c_str());
+    --self.softirq_depth;
+}
+
+} // namespace sim

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "platform/hosted/wait.h"
+
+#include "platform/sim/state.h"
+
+namespace hosted
+{
+
+void wait_queue::wait(std::unique_lock<mutex> &lock, const std::function<bool()> &done)
+{
+    if (done())
+        return;
+    sim::the().expect_may_sleep("waiting for another context");
+    lock.unlock();
+    sim::the().sched.wait("another context", done);
+    lock.lock();
+}
+
+// Waiters are looked at whenever somebody is chosen to run.
+void wait_queue::wake_all() {}
+
+} // namespace hosted

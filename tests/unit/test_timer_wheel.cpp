@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The timer wheel against a model that is a sorted list.
+#include "platform/hosted/timer_wheel.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace
+{
+
+using hosted::timer_wheel;
+using hosted::wheel_timer;
+
+wheel_timer idle_timer()
+{
+    return {};
+}
+
+// Arming order breaks ties, so the model is keyed by (due tick, serial number of the arming).
+struct model {
+    std::map<std::pair<std::uint64_t, std::uint64_t>, wheel_timer *> pending;
+    std::map<wheel_timer *, std::pair<std::uint64_t, std::uint64_t>> where;
+    std::uint64_t armings = 0;
+
+    bool cancel(wheel_timer *timer)
+    {
+        const auto found = where.find(timer);
+        if (found == where.end())
+            return false;
+        pending.erase(found->second);
+        where.erase(found);
+        return true;
+    }
+
+    bool arm(wheel_timer *timer, std::uint64_t expires, std::uint64_t now)
+    {
+        const bool was_pending = cancel(timer);
+        const auto key = std::make_pair(std::max(expires, now + 1), armings++);
+        pending[key] = timer;
+        where[timer] = key;
+        return was_pending;
+    }
+
+    wheel_timer *pop_due(std::uint64_t up_to)
+    {
+        if (pending.empty() || pending.begin()->first.first > up_to)
+            return nullptr;
+        wheel_timer *timer = pending.begin()->second;
+        cancel(timer);
+        return timer;
+    }
+};
+
+class timer_wheel_random : public testing::TestWithParam<unsigned int>
+{
+};
+
+TEST_P(timer_wheel_random, does_what_a_sorted_list_does)
+{
+    std::mt19937_64 random(GetParam());
+    const auto below = [&random](std::uint64_t n) { return random() % n; };
+    std::uint64_t now = 1 + (random() >> below(64)) / 2;
+    timer_wheel wheel(now);
+    model expected;
+    std::vector<wheel_timer> timers(40, idle_timer());
+
+    for (int step = 0; step < 4000; ++step) {
+        wheel_timer *timer = &timers[below(timers.size())];
+        const std::uint64_t kind = below(10);
+        if (kind < 6) {
+            // Every distance from the past to the far end of 64 bits; ties are frequent.
+            const std::uint64_t distance = random() >> below(64);
+            const std::uint64_t expires =
+                below(8) == 0 ? now - std::min(now, distance)
+                              : now + std::min(distance, timer_wheel::NEVER - 1 - now);
+            ASSERT_EQ(wheel.arm(*timer, expires, now), expected.arm(timer, expires, now));
+            ASSERT_EQ(timer->expires, expires);
+        } else if (kind < 8) {
+            ASSERT_EQ(wheel.cancel(*timer), expected.cancel(timer));
+        } else {
+            const std::uint64_t jump = random() >> (24 + below(40));
+            now = std::min(now + jump, timer_wheel::NEVER / 2);
+            for (;;) {
+                ASSERT_LE(wheel.next_event(), expected.pending.empty()
+                                                  ? timer_wheel::NEVER
+                                                  : expected.pending.begin()->first.first);
+                wheel_timer *due = wheel.pop_due(now);
+                ASSERT_EQ(due, expected.pop_due(now));
+                if (due == nullptr)
+                    break;
+                ASSERT_FALSE(due->pending());
+                // What a callback does: arm itself again, sometimes for now or the past.
+                if (below(4) == 0) {
+                    const std::uint64_t again = now - below(2) + below(3);
+                    ASSERT_EQ(wheel.arm(*due, again, now), expected.arm(due, again, now));
+                }
+            }
+        }
+        ASSERT_EQ(wheel.size(), expected.pending.size());
+        ASSERT_EQ(timer->pending(), expected.where.contains(timer));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(seeds, timer_wheel_random, testing::Range(1U, 31U));
+
+TEST(timer_wheel, a_timer_armed_for_now_in_a_pass_waits_for_the_next_tick)
+{
+    timer_wheel wheel(100);
+    wheel_timer first = idle_timer();
+    wheel_timer second = idle_timer();
+    wheel.arm(first, 105, 100);
+    wheel.arm(second, 106, 100);
+    ASSERT_EQ(wheel.pop_due(110), &first); // a late pass: it is 110 already
+    wheel.arm(first, 110, 110);
+    EXPECT_EQ(wheel.pop_due(110), &second);
+    EXPECT_EQ(wheel.pop_due(110), nullptr);
+    EXPECT_EQ(wheel.next_event(), 111U);
+    EXPECT_EQ(wheel.pop_due(111), &first);
+}
+
+TEST(timer_wheel, a_due_timer_can_be_cancelled_and_moved_by_another_of_its_tick)
+{
+    timer_wheel wheel(7);
+    std::vector<wheel_timer> timers(3, idle_timer());
+    for (wheel_timer &timer : timers)
+        wheel.arm(timer, 9, 7);
+    ASSERT_EQ(wheel.pop_due(9), &timers[0]);
+    EXPECT_TRUE(timers[1].pending());
+    EXPECT_TRUE(wheel.cancel(timers[1]));
+    EXPECT_TRUE(wheel.arm(timers[2], 20, 9));
+    EXPECT_EQ(wheel.pop_due(19), nullptr);
+    EXPECT_EQ(wheel.pop_due(20), &timers[2]);
+    EXPECT_EQ(wheel.next_event(), timer_wheel::NEVER);
+}
+
+TEST(timer_wheel, choice_reaches_each_timer_of_a_tick_and_none_of_another)
+{
+    for (std::uint64_t choice = 0; choice < 6; ++choice) {
+        timer_wheel wheel(1);
+        std::vector<wheel_timer> timers(4, idle_timer());
+        for (std::size_t i = 0; i < timers.size(); ++i)
+            wheel.arm(timers[i], i < 3 ? 5 : 6, 1);
+        EXPECT_EQ(wheel.pop_due(6, choice), &timers[choice % 3]);
+    }
+}
+
+TEST(timer_wheel, a_close_event_is_told_exactly)
+{
+    timer_wheel wheel(1000);
+    wheel_timer timer = idle_timer();
+    wheel.arm(timer, 1003, 1000);
+    EXPECT_EQ(wheel.next_event(), 1003U);
+}
+
+} // namespace
