@@ -44,11 +44,6 @@ constexpr std::uint32_t host_to_be32(std::uint32_t value)
     return std::endian::native == std::endian::big ? value : __builtin_bswap32(value);
 }
 
-constexpr std::uint16_t be16_to_host(std::uint16_t value)
-{
-    return host_to_be16(value);
-}
-
 constexpr std::uint32_t be32_to_host(std::uint32_t value)
 {
     return host_to_be32(value);

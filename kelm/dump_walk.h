@@ -17,6 +17,7 @@
 // far), chain(bucket); fill(skb, record, chain_depth, request), which takes step chain_depth %
 // steps of a record and returns 0, or non-zero if there was no room. See dumpfn for the rest.
 
+// In a function with a Table and a dump_request named request.
 #define dump_log(level, text, ...)                                                                 \
     do {                                                                                           \
         if (should_log(request.discriminator, level))                                              \

@@ -11,10 +11,8 @@ class [[nodiscard]] basic_guard
   public:
     explicit basic_guard(spinlock_t &lock) : lock_(&lock) { Lock(lock_); }
     ~basic_guard() { unlock(); }
-    basic_guard(basic_guard &&other) noexcept : lock_(other.lock_) { other.lock_ = nullptr; }
     basic_guard(const basic_guard &) = delete;
     basic_guard &operator=(const basic_guard &) = delete;
-    basic_guard &operator=(basic_guard &&) = delete;
 
     // Releases the lock before the end of the scope; at most once has an effect.
     void unlock()

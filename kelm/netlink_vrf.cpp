@@ -110,10 +110,10 @@ bool netns_pinned_by_kelm(const kelm_vrf &vrf)
     return vrf.nrefs != 0 && net_refcount(vrf.net) == vrf.nrefs;
 }
 
-// Takes every vrf that should_go picks out of kelm_vrf_list and drops the list's references;
-// returns how many.
+// Takes every vrf that should_go picks out of kelm_vrf_list, lets empty remove the sessions, which
+// hold references on their vrf, and drops the list's references. Returns how many there were.
 template<class Pick>
-int retire_vrfs(Pick should_go)
+int retire_vrfs(Pick should_go, void (*empty)(kelm_vrf *vrf))
 {
     leaving_list leaving;
     {
@@ -128,9 +128,7 @@ int retire_vrfs(Pick should_go)
     }
     int dropped = 0;
     for (; kelm_vrf *vrf = leaving.pop_front(); dropped++) {
-        // Sessions hold references on their vrf, which would otherwise never reach its last. No
-        // new one comes: an agent's socket that could ask for it would hold the namespace.
-        kelm_rx_clear(vrf);
+        empty(vrf);
         kelm_netlink_put_vrf(vrf);
     }
     return dropped;
@@ -207,7 +205,9 @@ vrf_ref next_vrf(kelm_vrf *vrf)
 int kelm_vrf_cleanup(void *)
 {
     while (!kthread_should_stop()) {
-        const int retired = retire_vrfs(netns_pinned_by_kelm);
+        // Nobody adds a session to a vrf that has been emptied: an agent's socket that could ask
+        // for one would hold the namespace.
+        const int retired = retire_vrfs(netns_pinned_by_kelm, kelm_rx_clear);
         const int destroyed = destroy_unreferenced_vrfs();
         if (retired + destroyed == 0)
             schedule_timeout_interruptible(CLEANUP_PERIOD_TICKS);
@@ -217,6 +217,7 @@ int kelm_vrf_cleanup(void *)
 
 void release_all_vrfs()
 {
-    retire_vrfs([](const kelm_vrf &) { return true; });
+    // Without receive sockets no softirq is left that could hold a vrf.
+    retire_vrfs([](const kelm_vrf &) { return true; }, kelm_rx_free);
     destroy_unreferenced_vrfs();
 }

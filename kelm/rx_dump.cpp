@@ -10,6 +10,26 @@ namespace
 {
 using rxfillfn = int (*)(sk_buff *skb, rx_session *session, const dump_request &request);
 
+// The stored frame, if any.
+int fill_packet_change(sk_buff *skb, rx_session *session, const dump_request &request)
+{
+    const stored_frame &frame = session->packet;
+    if (frame.len == 0)
+        return 0;
+    const std::size_t body_len = sizeof(kelm_msg_rx_packet_change) + frame.len;
+    if (!message_fits(skb, body_len))
+        return -1;
+    const kelm_msg_rx_packet_change msg =
+        packet_change_message(session->discriminator, session->info, frame.len);
+    nlmsghdr *hdr = __nlmsg_put(skb, request.portid, request.seq, KELM_MSG_RX_PACKET_CHANGE,
+                                static_cast<int>(body_len), 0);
+    auto *body = reinterpret_cast<std::uint8_t *>(hdr) + NLMSG_HDRLEN;
+    std::memcpy(body, &msg, sizeof(msg));
+    std::memcpy(body + sizeof(msg), frame.data, frame.len);
+    return 0;
+}
+
+// The timer state. A session in the table has a failure message.
 int fill_rx_sync(sk_buff *skb, rx_session *session, const dump_request &request)
 {
     if (session->fail_skb == nullptr) {

@@ -42,6 +42,14 @@ struct rx_session_stats {
     timespec64 last_state_change; // of the last configuration or timeout, wall clock
 };
 
+// Where a frame came in, and where its headers lie, from the link-layer header on.
+struct frame_info {
+    int ifindex;
+    int member_ifindex; // member link of a link aggregate; 0 where the host cannot tell
+    std::uint32_t l3_offset;
+    std::uint32_t bfd_offset;
+};
+
 // A copy of the last frame passed up, from its link-layer header to the end of the BFD packet.
 struct stored_frame {
     std::size_t len; // 0 for none
@@ -65,12 +73,8 @@ struct rx_session {
     std::uint32_t type;                                     // kelm_rx_session_types
     tx_packet *latch_tx_packets[KELM_NUM_LATCH_TX_PACKETS]; // counted; null ends the list
     std::uint8_t latch_diagnostic;
-    sk_buff *fail_skb; // the failure message
-    // Of the last frame passed up:
-    int ifindex;
-    int member_ifindex;
-    std::uint32_t l3_offset;
-    std::uint32_t bfd_offset;
+    sk_buff *fail_skb;     // the failure message
+    frame_info info;       // of the last frame passed up
     std::uint32_t seq_num; // last accepted authentication sequence number; 0 for none
     stored_frame packet;
 };
@@ -102,7 +106,6 @@ void record_stats(rx_session *session, std::uint32_t pkt_tx_time);
 // Appends one KELM_MSG_RX_STATS and clears what the request says. 0, or -1 without room.
 [[nodiscard]] int fill_rx_stats(sk_buff *skb, rx_session *session, const dump_request &request);
 
-// Appends the session's stored frame, if any, as KELM_MSG_RX_PACKET_CHANGE. 0, or -1 without room.
-// The caller holds the session's lock.
-[[nodiscard]] int fill_packet_change(sk_buff *skb, rx_session *session,
-                                     const dump_request &request);
+// The fixed part of a KELM_MSG_RX_PACKET_CHANGE for a frame of that length.
+[[nodiscard]] kelm_msg_rx_packet_change
+packet_change_message(std::uint32_t discriminator, const frame_info &info, std::size_t frame_len);

@@ -7,7 +7,6 @@
 // Softirq context, on several processors at once. The session's lock is held from the lookup to
 // the end, the send included.
 #include "kelm/byte_order.h"
-#include "kelm/dump.h"
 #include "kelm/guard.h"
 #include "kelm/kelm_bfd_common_utils.h"
 #include "kelm/message.h"
@@ -16,8 +15,6 @@
 #include "kelm/skb_ptr.h"
 #include "kelm/tx.h"
 #include "platform/socket.h"
-
-#include <optional>
 
 namespace
 {
@@ -30,20 +27,21 @@ struct received_frame {
     const std::uint8_t *link_header;
     std::uint8_t *bfd; // the BFD control packet
     std::uint32_t bfd_len;
-    std::uint32_t l3_offset; // from the link-layer header
-    std::uint32_t bfd_offset;
-    int ifindex;
-    int member_ifindex;
+    frame_info info;
 
     explicit received_frame(const sk_buff *skb)
-        : link_header(skb_mac_header(skb)), bfd(skb_data(skb)), bfd_len(skb_len(skb)),
-          l3_offset(static_cast<std::uint32_t>(skb_network_header(skb) - link_header)),
-          bfd_offset(static_cast<std::uint32_t>(bfd - link_header)), ifindex(skb_iif(skb)),
-          member_ifindex(skb_member_ifindex(skb))
+        : link_header(skb_mac_header(skb)), bfd(skb_data(skb)),
+          bfd_len(skb_len(skb)), info{skb_iif(skb), skb_member_ifindex(skb),
+                                      offset_of(skb_network_header(skb)), offset_of(bfd)}
     {
     }
-    [[nodiscard]] std::size_t len() const { return std::size_t{bfd_offset} + bfd_len; }
+    [[nodiscard]] std::uint32_t offset_of(const std::uint8_t *header) const
+    {
+        return static_cast<std::uint32_t>(header - link_header);
+    }
+    [[nodiscard]] std::size_t len() const { return std::size_t{info.bfd_offset} + bfd_len; }
     [[nodiscard]] bfd_ctrl *header() const { return reinterpret_cast<bfd_ctrl *>(bfd); }
+    [[nodiscard]] const std::uint8_t *ip_header() const { return link_header + info.l3_offset; }
     [[nodiscard]] std::uint32_t your_discriminator() const
     {
         return load_be32(bfd + offsetof(bfd_ctrl, your_discriminator));
@@ -65,9 +63,9 @@ bool auth_valid(rx_session *session, const received_frame &frame)
 {
     return kelm_auth_valid(&session->auth, session->auth_key, &session->seq_num,
                            &session->stats.num_auth_fail, &session->stats.num_auth_type_mismatch,
-                           session->multiplier, frame.header(), frame.link_header + frame.l3_offset,
-                           frame.ifindex, static_cast<std::int32_t>(frame.bfd_len) - BFD_CTRL_LEN,
-                           r_trace);
+                           session->multiplier, frame.header(), frame.ip_header(),
+                           frame.info.ifindex,
+                           static_cast<std::int32_t>(frame.bfd_len) - BFD_CTRL_LEN, r_trace);
 }
 
 void restart_detection(rx_session *session)
@@ -84,9 +82,9 @@ void restart_detection(rx_session *session)
 bool content_changed(const rx_session *session, const received_frame &frame)
 {
     const std::size_t len = frame.content_len();
-    // The stored packet may be shorter: frames of one length can differ in their headers'.
-    return session->packet.len - session->bfd_offset < len ||
-           std::memcmp(frame.bfd, session->packet.data + session->bfd_offset, len) != 0;
+    // The stored packet may be shorter: frames of equal length can have longer headers.
+    return session->packet.len - session->info.bfd_offset < len ||
+           std::memcmp(frame.bfd, session->packet.data + session->info.bfd_offset, len) != 0;
 }
 
 // Whether the agent must see the packet.
@@ -97,7 +95,7 @@ bool must_pass_up(const rx_session *session, const received_frame &frame)
         rx_log(disc, 2, "Passing up - %lu != %lu", frame.len(), session->packet.len);
         return true;
     }
-    if (frame.member_ifindex != session->member_ifindex) {
+    if (frame.info.member_ifindex != session->info.member_ifindex) {
         rx_log(disc, 2, "Passing up - member link changed");
         return true;
     }
@@ -124,10 +122,7 @@ bool store_frame(rx_session *session, const received_frame &frame)
 {
     session->stats.num_passup++;
     kfree(session->packet.data);
-    session->ifindex = frame.ifindex;
-    session->member_ifindex = frame.member_ifindex;
-    session->l3_offset = frame.l3_offset;
-    session->bfd_offset = frame.bfd_offset;
+    session->info = frame.info;
     session->packet.len = frame.len();
     session->packet.data = static_cast<std::uint8_t *>(kmalloc(frame.len(), GFP_ATOMIC));
     if (session->packet.data == nullptr) {
@@ -149,25 +144,18 @@ void log_buffer(std::uint32_t disc, const sk_buff *skb, const std::uint8_t *bfd)
 void push_headers(sk_buff *skb, std::uint32_t disc)
 {
     const received_frame frame(skb);
-    const auto frame_len = static_cast<std::uint32_t>(frame.len());
-    skb_push(skb, frame.bfd_offset);
+    skb_push(skb, frame.info.bfd_offset);
     rx_log(disc, 2, "Packet is for session %u", disc);
     log_buffer(disc, skb, frame.bfd);
 
-    kelm_msg_rx_packet_change msg = {};
-    msg.header.discriminator = disc;
-    msg.ifindex = static_cast<std::uint32_t>(frame.ifindex);
-    msg.member_ifindex = static_cast<std::uint32_t>(frame.member_ifindex);
-    msg.l3_offset = frame.l3_offset;
-    msg.bfd_offset = frame.bfd_offset;
-    msg.packet_len = frame_len;
+    const kelm_msg_rx_packet_change msg = packet_change_message(disc, frame.info, frame.len());
     std::memcpy(skb_push(skb, sizeof(msg)), &msg, sizeof(msg));
     log_buffer(disc, skb, frame.bfd);
     rx_log(disc, 3, "l3_offset %u bfd_offset %u packet_len %zu member_ifindex %d", msg.l3_offset,
-           msg.bfd_offset, frame.len(), frame.member_ifindex);
+           msg.bfd_offset, frame.len(), frame.info.member_ifindex);
 
     nlmsghdr hdr = {};
-    hdr.nlmsg_len = PACKET_CHANGE_HEADROOM + frame_len;
+    hdr.nlmsg_len = PACKET_CHANGE_HEADROOM + msg.packet_len;
     hdr.nlmsg_type = KELM_MSG_RX_PACKET_CHANGE;
     std::memcpy(skb_push(skb, sizeof(hdr)), &hdr, sizeof(hdr));
 }
@@ -242,6 +230,19 @@ void note_first_packet()
 }
 } // namespace
 
+kelm_msg_rx_packet_change packet_change_message(std::uint32_t discriminator, const frame_info &info,
+                                                std::size_t frame_len)
+{
+    kelm_msg_rx_packet_change msg = {};
+    msg.header.discriminator = discriminator;
+    msg.ifindex = static_cast<std::uint32_t>(info.ifindex);
+    msg.member_ifindex = static_cast<std::uint32_t>(info.member_ifindex);
+    msg.l3_offset = info.l3_offset;
+    msg.bfd_offset = info.bfd_offset;
+    msg.packet_len = static_cast<std::uint32_t>(frame_len);
+    return msg;
+}
+
 void rx_packet_init()
 {
     first_packet = true;
@@ -273,27 +274,4 @@ void rx_data_ready(sock *sk)
         return;
     }
     valid_packet(vrf, skb, frame);
-}
-
-int fill_packet_change(sk_buff *skb, rx_session *session, const dump_request &request)
-{
-    const stored_frame &frame = session->packet;
-    if (frame.len == 0)
-        return 0;
-    kelm_msg_rx_packet_change msg = {};
-    const std::size_t body_len = sizeof(msg) + frame.len;
-    if (!message_fits(skb, body_len))
-        return -1;
-    msg.header.discriminator = session->discriminator;
-    msg.ifindex = static_cast<std::uint32_t>(session->ifindex);
-    msg.member_ifindex = static_cast<std::uint32_t>(session->member_ifindex);
-    msg.l3_offset = session->l3_offset;
-    msg.bfd_offset = session->bfd_offset;
-    msg.packet_len = static_cast<std::uint32_t>(frame.len);
-    nlmsghdr *hdr = __nlmsg_put(skb, request.portid, request.seq, KELM_MSG_RX_PACKET_CHANGE,
-                                static_cast<int>(body_len), 0);
-    auto *body = reinterpret_cast<std::uint8_t *>(hdr) + NLMSG_HDRLEN;
-    std::memcpy(body, &msg, sizeof(msg));
-    std::memcpy(body + sizeof(msg), frame.data, frame.len);
-    return 0;
 }

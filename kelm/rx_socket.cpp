@@ -4,14 +4,12 @@
 // too. They do not hold the namespace.
 #include "kelm/byte_order.h"
 #include "kelm/rx_internal.h"
+#include "kelm/socket_abi.h"
 #include "platform/err.h"
 #include "platform/socket.h"
 
 namespace
 {
-constexpr int AF_INET6 = 10;
-constexpr int SOCK_DGRAM = 2;
-
 constexpr std::uint16_t type_to_port[KELM_RX_SESSION_MAX] = {
     3784,  // KELM_RX_SESSION_BFD: single-hop (RFC 5881)
     3785,  // KELM_RX_SESSION_ECHO: echo (RFC 5881)
@@ -19,15 +17,6 @@ constexpr std::uint16_t type_to_port[KELM_RX_SESSION_MAX] = {
     4784,  // KELM_RX_SESSION_MULTIHOP: multihop (RFC 5883)
     47657, // KELM_RX_SESSION_SBFD_INITIATOR: replies of an S-BFD reflector
 };
-
-struct sockaddr_inet6 {
-    std::uint16_t family;
-    std::uint16_t port; // network order
-    std::uint32_t flowinfo;
-    std::uint8_t addr[16];
-    std::uint32_t scope_id;
-};
-static_assert(sizeof(sockaddr_inet6) == 28);
 
 int bind_socket(sock *sk, std::uint16_t port)
 {

@@ -86,8 +86,8 @@ extern spinlock_t tx_lock;
 extern relaxed<bool> kelm_tx_path_ready;
 extern relaxed<bool> kelm_randomize_delay; // only while the path-ready walk starts the packets
 
-void tx_table_init();
 void tx_trigger_init();
+void tx_path_init();
 
 // The packet of a vrf. The caller holds tx_lock; no reference is taken.
 [[nodiscard]] tx_packet *__get_packet(kelm_vrf *vrf, std::uint32_t discriminator);
@@ -96,8 +96,8 @@ void tx_trigger_init();
 // caller holds tx_lock.
 [[nodiscard]] tx_packet *__create_packet(kelm_vrf *vrf, std::uint32_t discriminator);
 
-// Unlinks a packet from its table and drops the table's reference. The caller holds tx_lock.
-// force marks it dead.
+// Drops a reference; the last one frees the packet. force marks it dead first. The caller holds
+// tx_lock, not the packet's, and has unlinked the packet if the reference was the table's.
 void __put_packet(tx_packet *packet, bool force);
 
 // The vrf's transmit socket of a type, or null.
@@ -119,8 +119,9 @@ void tx_trigger_callback(timer_list *timer);
 // only if authentication changes the packet. The caller holds the packet's lock.
 void update_udp_checksum(tx_packet *packet, bool force);
 
-// Sends the packet on its socket. The number of bytes sent or a negative error number. The
-// caller holds the packet's lock.
+// Sends the packet on its socket. The number of bytes sent or a negative error number; a packet
+// without a socket, or without the headers that its settings name, is not sent. The caller holds
+// the packet's lock.
 [[nodiscard]] int send_packet(const tx_packet *packet);
 
 // Statistics. The caller holds the packet's lock.

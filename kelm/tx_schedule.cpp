@@ -34,40 +34,61 @@ std::uint32_t jitter_usecs(const tx_packet *packet)
     return jitter_reduction(packet->jitter_type, packet->period) + (jiffies_to_usecs(1) >> 1);
 }
 
-unsigned long due_tick(tx_packet *packet, bool is_callback)
-{
-    const std::uint32_t disc = packet->discriminator;
-    std::uint32_t jitter = jitter_usecs(packet);
-    std::uint32_t base = packet->period;
-    if (packet->send_oob_packet && !is_callback) {
-        const unsigned long expires = timer_expires(&packet->timer);
-        tx_log(disc, 3, "To schedule OOB packet, store in-band expires %lu", expires);
-        packet->inband_expires = expires;
-        base = 0;
-    }
-    // A packet that is still out of band when the path becomes ready is not delayed.
-    if (kelm_randomize_delay && base != 0) {
-        const std::uint32_t delay = prandom_u32() % base;
-        tx_log(disc, 3, "Scheduling packet randomize_delay period %u delay %lu", packet->period,
-               static_cast<unsigned long>(delay));
-        base = delay;
-        jitter = 0;
-    }
+// From the last in-band transmission to the next one, microseconds.
+struct interval {
+    std::uint32_t base;
+    std::uint32_t jitter; // to be subtracted
+};
 
-    unsigned long due;
-    if (packet->send_oob_packet && is_callback) {
-        due = packet->inband_expires;
-        tx_log(disc, 3, "Reschedule packet using last in-band expires %lu", due);
-        packet->send_oob_packet = false;
-    } else {
-        due = packet->last_tx_jiffies + __usecs_to_jiffies(base) - __usecs_to_jiffies(jitter);
-    }
+interval draw_interval(const tx_packet *packet, bool out_of_band)
+{
+    interval next = {0, jitter_usecs(packet)};
+    if (!out_of_band)
+        next.base = packet->period;
+    // A packet that is still out of band when the path becomes ready is not delayed.
+    if (!kelm_randomize_delay || next.base == 0)
+        return next;
+    const unsigned long delay = prandom_u32() % next.base;
+    tx_log(packet->discriminator, 3, "Scheduling packet randomize_delay period %u delay %lu",
+           packet->period, delay);
+    return {static_cast<std::uint32_t>(delay), 0};
+}
+
+// An out-of-band transmission interrupts the rhythm; its due tick is kept until that is over.
+void save_rhythm(tx_packet *packet)
+{
+    packet->inband_expires = timer_expires(&packet->timer);
+    tx_log(packet->discriminator, 3, "To schedule OOB packet, store in-band expires %lu",
+           packet->inband_expires);
+}
+
+unsigned long resume_rhythm(tx_packet *packet)
+{
+    tx_log(packet->discriminator, 3, "Reschedule packet using last in-band expires %lu",
+           packet->inband_expires);
+    packet->send_oob_packet = false;
+    return packet->inband_expires;
+}
+
+unsigned long next_due_tick(tx_packet *packet, bool is_callback)
+{
+    const bool out_of_band_begins = packet->send_oob_packet && !is_callback;
+    const bool out_of_band_ends = packet->send_oob_packet && is_callback;
+    if (out_of_band_begins)
+        save_rhythm(packet);
+    const interval next = draw_interval(packet, out_of_band_begins);
+    const unsigned long jitter_ticks = __usecs_to_jiffies(next.jitter);
+    unsigned long due = packet->last_tx_jiffies + __usecs_to_jiffies(next.base) - jitter_ticks;
+    if (out_of_band_ends)
+        due = resume_rhythm(packet);
+
     const unsigned long now = get_jiffies_64();
-    // The difference, since the jitter may take the due tick below zero.
+    // By their difference, since the jitter may take the due tick below zero.
     if (static_cast<long>(now - due) > 0)
         due = now + 1;
-    tx_log(disc, 3, "Scheduling packet %u to %lu now %lu jitter %lu packet->period %u", disc, due,
-           now, __usecs_to_jiffies(jitter), packet->period);
+    tx_log(packet->discriminator, 3,
+           "Scheduling packet %u to %lu now %lu jitter %lu packet->period %u",
+           packet->discriminator, due, now, jitter_ticks, packet->period);
     return due;
 }
 } // namespace
@@ -76,7 +97,7 @@ bool schedule_packet(tx_packet *packet, bool is_callback)
 {
     if (packet->last_tx_jiffies == 0)
         packet->last_tx_jiffies = get_jiffies_64();
-    const bool pending = mod_timer(&packet->timer, due_tick(packet, is_callback)) != 0;
+    const bool pending = mod_timer(&packet->timer, next_due_tick(packet, is_callback)) != 0;
     if (is_callback)
         return pending;
     if (!pending)

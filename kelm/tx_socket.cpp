@@ -3,6 +3,7 @@
 // The two transmit sockets of a vrf: raw IPv6 for IP packets, which carry their own IP header,
 // and a packet socket for link-layer frames. They are ordinary sockets, so that they hold their
 // namespace; nrefs counts them.
+#include "kelm/socket_abi.h"
 #include "kelm/tx_internal.h"
 #include "platform/err.h"
 #include "platform/socket.h"
@@ -19,8 +20,8 @@ struct socket_type {
 };
 
 constexpr socket_type typemap[KELM_TX_SESSION_MAX] = {
-    {10, 3, 255}, // KELM_TX_SESSION_IP: AF_INET6, SOCK_RAW, IPPROTO_RAW
-    {17, 3, 2},   // KELM_TX_SESSION_L2: AF_PACKET, SOCK_RAW; a protocol that no frame has
+    {AF_INET6, SOCK_RAW, IPPROTO_RAW}, // KELM_TX_SESSION_IP
+    {AF_PACKET, SOCK_RAW, 2},          // KELM_TX_SESSION_L2; no frame has this protocol
 };
 
 int init_socket(kelm_vrf *vrf, std::uint32_t type)

@@ -91,13 +91,10 @@ kelm_msg_tx_stats stats_message(const tx_packet &packet, bool unsolicited)
 // All but the snapshot, which only its report restarts.
 void clear_on_request(tx_packet_stats *stats)
 {
+    const tx_common_stats snapshot = stats->snapshot_stats;
+    *stats = {};
+    stats->snapshot_stats = snapshot;
     clear_packet_stats(&stats->lifetime_stats);
-    stats->num_tx_errors = 0;
-    stats->num_empty_packets = 0;
-    stats->num_short_packets = 0;
-    stats->num_latch_errors = 0;
-    stats->num_latches = 0;
-    stats->last_tx_time = {};
 }
 } // namespace
 

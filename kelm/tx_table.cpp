@@ -40,9 +40,11 @@ tx_packet *find_in_all_vrfs(kelm_vrf *vrf, std::uint32_t discriminator)
 }
 } // namespace
 
-void tx_table_init()
+void kelm_tx_module_init()
 {
     spin_lock_init(&tx_lock, LOCK_TX_TABLE, "tx_lock");
+    tx_path_init();
+    tx_trigger_init();
 }
 
 tx_packet *__get_packet(kelm_vrf *vrf, std::uint32_t discriminator)
@@ -129,7 +131,7 @@ void kelm_tx_release()
         tx_packet *packet;
         {
             bh_guard table(tx_lock);
-            packet = alive_packets.front();
+            packet = alive_packets.pop_front();
             if (packet == nullptr)
                 return;
             packet->refcount.fetch_add(1, std::memory_order_relaxed);

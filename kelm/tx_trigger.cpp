@@ -9,12 +9,8 @@
 #include "kelm/byte_order.h"
 #include "kelm/guard.h"
 #include "kelm/kelm_bfd_common_utils.h"
-#include "kelm/netlink.h"
 #include "kelm/tx_internal.h"
 #include "platform/err.h"
-
-constinit relaxed<bool> kelm_tx_path_ready(false);
-constinit relaxed<bool> kelm_randomize_delay(false);
 
 namespace
 {
@@ -46,7 +42,7 @@ void clear_final_bit(const tx_packet *packet, std::uint8_t *bfd)
 
 // Turns the packet into one that reports the failure, for good. 0, or EINVAL if the packet
 // cannot hold it; the latch then stays pending.
-int apply_latch(tx_packet *packet, std::uint8_t *bfd)
+int apply_latch(tx_packet *packet)
 {
     const std::uint32_t disc = packet->discriminator;
     const auto diag = static_cast<std::uint32_t>(packet->latch_diag.load());
@@ -61,8 +57,10 @@ int apply_latch(tx_packet *packet, std::uint8_t *bfd)
                packet->packet_len, std::size_t{packet->latch_offset} + BFD_CTRL_LEN);
         return EINVAL;
     }
-    bfd[0] = static_cast<std::uint8_t>((bfd[0] & 0xE0) | (diag & 0x1F));
-    bfd[1] = static_cast<std::uint8_t>((bfd[1] & 0x3F) | (packet->latch_state << 6));
+    std::uint8_t *bfd = packet->packet + packet->latch_offset;
+    bfd[0] = static_cast<std::uint8_t>((bfd[0] & BFD_VERSION_MASK) | (diag & BFD_DIAG_MASK));
+    bfd[1] = static_cast<std::uint8_t>((bfd[1] & ~BFD_STATE_MASK) |
+                                       (packet->latch_state << BFD_STATE_SHIFT));
     store_be32(bfd + offsetof(bfd_ctrl, your_discriminator), 0);
     store_be32(bfd + offsetof(bfd_ctrl, min_tx_interval), packet->latch_period);
     packet->latch_diag = 0;
@@ -71,25 +69,18 @@ int apply_latch(tx_packet *packet, std::uint8_t *bfd)
 
 int update_packet(tx_packet *packet)
 {
-    std::uint8_t *bfd = packet->packet + packet->latch_offset;
     if (packet->layout().bfd_header_fits()) {
+        std::uint8_t *bfd = packet->packet + packet->latch_offset;
         stamp_rtt(packet, bfd);
         clear_final_bit(packet, bfd);
     }
-    const int err = apply_latch(packet, bfd);
+    const int err = apply_latch(packet);
     // Last, so that the digest covers what was changed.
     if (err == 0)
         kelm_auth_process(packet->packet, packet->packet_len, packet->latch_offset,
                           static_cast<kelm_tx_session_types>(packet->type), packet->auth.type,
                           &packet->seq_num, &packet->auth_hdr, r_trace);
     return err;
-}
-
-bool too_short(tx_packet *packet)
-{
-    tx_log(packet->discriminator, 2, "Packet too short. %lu bytes", packet->packet_len);
-    packet->stats.num_short_packets++;
-    return false;
 }
 
 // Whether there is something to send.
@@ -105,7 +96,12 @@ bool can_send(tx_packet *packet)
         packet->stats.num_empty_packets++;
         return false;
     }
-    return packet->packet_len >= MIN_PACKET_LEN || too_short(packet);
+    if (packet->packet_len < MIN_PACKET_LEN) {
+        tx_log(disc, 2, "Packet too short. %lu bytes", packet->packet_len);
+        packet->stats.num_short_packets++;
+        return false;
+    }
+    return true;
 }
 
 // Edits and sends the packet; a send that fails is counted and otherwise like one that succeeds.
@@ -123,8 +119,6 @@ bool transmit(tx_packet *packet)
                  static_cast<int>(packet->type));
         return false;
     }
-    if (!packet->layout().fits(packet->type))
-        return too_short(packet);
     const int sent = send_packet(packet);
     if (sent < 0 || static_cast<std::size_t>(sent) != packet->packet_len) {
         tx_log(packet->discriminator, 2, "Error Txing: %d", sent);
@@ -147,39 +141,10 @@ bool transmit_and_schedule(tx_packet *packet, bool is_callback)
                reinterpret_cast<unsigned long long>(packet));
     return true;
 }
-
-// Marks every vrf as still to be started.
-void mark_vrfs_pending()
-{
-    bh_guard lock(kelm_vrf_lock);
-    kelm_vrf_list.for_each([](kelm_vrf &vrf) { vrf.path_ready_pending = true; });
-}
-
-// The first vrf in the list that is still to be started, no longer marked.
-vrf_ref next_pending_vrf()
-{
-    bh_guard lock(kelm_vrf_lock);
-    for (kelm_vrf *vrf = kelm_vrf_list.front(); vrf != nullptr; vrf = kelm_vrf_list.next(*vrf)) {
-        if (vrf->path_ready_pending) {
-            vrf->path_ready_pending = false;
-            return vrf_ref(vrf);
-        }
-    }
-    return {};
-}
-
-void trigger_all_packets(kelm_vrf *vrf)
-{
-    bh_guard table(tx_lock);
-    for (auto &chain : vrf->packets)
-        chain.for_each([](tx_packet &packet) { tx_trigger(&packet, false); });
-}
 } // namespace
 
 void tx_trigger_init()
 {
-    kelm_tx_path_ready = false;
-    kelm_randomize_delay = false;
     told_extra_reference = false;
     told_no_release = false;
 }
@@ -208,24 +173,4 @@ void tx_trigger(tx_packet *packet, bool is_callback)
     } else if (!told_no_release.exchange(true)) {
         printk(KERN_DEBUG "kelm: tx_trigger attempted release from callback");
     }
-}
-
-// Packets that are set from now on are scheduled at once; those stored so far are started here,
-// vrf by vrf. A vrf that goes meanwhile takes its packets with it, one that comes has none yet.
-void kelm_set_tx_path_ready()
-{
-    KELM_LOG("Tx", 2, "Setting kelm_tx_path_ready");
-    if (kelm_tx_path_ready.exchange(true))
-        return;
-    kelm_randomize_delay = true;
-    mark_vrfs_pending();
-    while (const vrf_ref vrf = next_pending_vrf())
-        trigger_all_packets(vrf.get());
-    kelm_randomize_delay = false;
-}
-
-void kelm_tx_module_init()
-{
-    tx_table_init();
-    tx_trigger_init();
 }

@@ -74,8 +74,9 @@ int netlink_rcv_skb(sk_buff *skb, netlink_step step) KELM_PLATFORM(netlink_rcv_s
 nlmsghdr *__nlmsg_put(sk_buff *skb, std::uint32_t portid, std::uint32_t seq, int type, int len,
                       int flags) KELM_PLATFORM(__nlmsg_put);
 
-// Delivers the buffer to every subscriber of a group, or to one port. The buffer is taken over
-// whatever the result. Nobody waits: a subscriber without room misses the message. Any context.
+// Delivers the buffer to every subscriber of a group, or to one port. The reference is taken over
+// whatever the result; others may hold more, and the host does not change the data. Nobody waits: a
+// subscriber without room misses the message. Any context.
 //
 // netlink_broadcast: 0 if a subscriber got it; -ESRCH without subscribers; which negative error
 // number tells that nobody had room is the host's choice.

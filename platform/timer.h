@@ -9,7 +9,7 @@
 //  - A timer armed for now or for the past fires at the next tick, never within the pass
 //    over expired timers that is under way.
 //  - Timers are not copied or moved; their memory may be freed once the timer is neither
-//    pending nor running.
+//    pending nor running. A callback may free its own timer.
 #pragma once
 
 #include "platform/label.h"

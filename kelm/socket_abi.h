@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Numbers and layouts of the Linux socket interface, as socket creation, addresses and control
+// data of the platform's sockets have them.
+#pragma once
+
+#include "kelm/ip_addresses.h"
+
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr std::uint16_t AF_INET6 = 10;
+inline constexpr std::uint16_t AF_PACKET = 17;
+inline constexpr int SOCK_DGRAM = 2;
+inline constexpr int SOCK_RAW = 3;
+inline constexpr int IPPROTO_RAW = 255;
+inline constexpr std::uint32_t MSG_DONTWAIT = 0x40;
+inline constexpr std::uint32_t MSG_CONFIRM = 0x800;
+inline constexpr int SOL_IP = 0;
+inline constexpr int IP_PKTINFO = 8;
+inline constexpr int SOL_IPV6 = 41;
+inline constexpr int IPV6_PKTINFO = 50;
+
+struct sockaddr_inet6 {
+    std::uint16_t family;
+    std::uint16_t port; // network order
+    std::uint32_t flowinfo;
+    std::uint8_t addr[IPV6_ADDR_LEN];
+    std::uint32_t scope_id;
+};
+static_assert(sizeof(sockaddr_inet6) == 28);
+
+struct sockaddr_link {
+    std::uint16_t family;
+    std::uint16_t protocol;
+    std::int32_t ifindex;
+    std::uint16_t hatype;
+    std::uint8_t pkttype;
+    std::uint8_t halen;
+    std::uint8_t addr[8];
+};
+static_assert(sizeof(sockaddr_link) == 20);
+
+struct control_header {
+    std::size_t len; // with this header
+    std::int32_t level;
+    std::int32_t type;
+};
+
+struct ipv4_pktinfo {
+    control_header header;
+    std::uint32_t ifindex;
+    std::uint8_t spec_dst[IPV4_ADDR_LEN]; // local source
+    std::uint8_t addr[IPV4_ADDR_LEN];
+};
+inline constexpr std::size_t IPV4_PKTINFO_LEN = sizeof(control_header) + 12;
+static_assert(offsetof(ipv4_pktinfo, addr) + IPV4_ADDR_LEN == IPV4_PKTINFO_LEN);
+
+struct ipv6_pktinfo {
+    control_header header;
+    std::uint8_t addr[IPV6_ADDR_LEN]; // local source
+    std::uint32_t ifindex;
+};
+inline constexpr std::size_t IPV6_PKTINFO_LEN = sizeof(control_header) + 20;
+static_assert(offsetof(ipv6_pktinfo, ifindex) + 4 == IPV6_PKTINFO_LEN);
+static_assert(sizeof(ipv6_pktinfo) == 40);
