@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 
 namespace kelm
@@ -45,13 +46,17 @@ std::string ip_address::text() const
 std::optional<mac_address> mac_address::parse(const std::string &text)
 {
     mac_address address;
-    auto &o = address.octets;
-    int end = 0;
-    if (std::sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%n", &o[0], &o[1], &o[2],
-                    &o[3], &o[4], &o[5], &end) != 6 ||
-        static_cast<size_t>(end) != text.size())
-        return std::nullopt;
-    return address;
+    const char *at = text.data();
+    const char *const end = at + text.size();
+    for (size_t i = 0; i < address.octets.size(); i++) {
+        if (i > 0 && (at == end || *at++ != ':'))
+            return std::nullopt;
+        const auto [stop, problem] = std::from_chars(at, end, address.octets[i], 16);
+        if (problem != std::errc())
+            return std::nullopt;
+        at = stop;
+    }
+    return at == end ? std::optional(address) : std::nullopt;
 }
 
 std::string mac_address::text() const

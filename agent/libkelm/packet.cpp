@@ -126,7 +126,8 @@ bytes auth_section(const auth_settings &auth, const bfd_auth_hdr &header)
 {
     bytes section(header.common.len);
     const size_t shown = auth.type == BFD_AUTH_PASSWORD ? section.size() : sizeof(bfd_auth_common);
-    std::memcpy(section.data(), &header, std::min(shown, section.size()));
+    std::copy_n(reinterpret_cast<const uint8_t *>(&header), std::min(shown, section.size()),
+                section.begin());
     return section;
 }
 
