@@ -90,9 +90,9 @@ int netlink_table::start_dump(sk_buff *request, const nlmsghdr *nlh,
     if (!started) {
         consume_skb(dump.callback.skb);
         port.dump.reset();
-    } else {
+    } else if (result == 0) {
         continue_dump(port, held);
-    }
+    } // else it goes on when the agent has read the acknowledgement
     idle.wake_all();
     return result == 0 ? -EINTR : result;
 }

@@ -120,13 +120,11 @@ void world::stop()
     if (std::exchange(running, false)) {
         kelm_exit();
         inside->settle();
-        for (const auto &each : inside->agents)
-            each->close();
+        close_agents();
         kelm_release();
         inside->settle();
     }
-    for (const auto &each : inside->agents)
-        each->close();
+    close_agents();
     check_for_leaks();
 }
 
@@ -216,6 +214,12 @@ agent &world::open_agent(net &ns, const agent_options &options)
 {
     inside->agents.push_back(std::make_unique<agent>(live(&ns), options));
     return *inside->agents.back();
+}
+
+void world::close_agents()
+{
+    for (const auto &each : inside->agents)
+        each->close();
 }
 
 bool world::deliver(net &ns, const datagram &arriving)

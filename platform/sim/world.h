@@ -32,8 +32,8 @@ struct state;
 inline constexpr std::uint32_t TICKS_PER_SECOND = 1000;
 
 struct world_options {
-    std::vector<std::string> namespaces; // that exist when the engine starts, besides the initial
-    bool start = true;                   // the engine, at once
+    std::vector<std::string> namespaces = {}; // there at the start, besides the initial one
+    bool start = true;                        // the engine, at once
     std::uint64_t seed = 1;
     bool shuffle_ties = true; // timers of one tick run in an order drawn from the seed
     bool keep_frames = true;
@@ -69,8 +69,9 @@ class world
     [[nodiscard]] static int refcount(const net &ns);
     [[nodiscard]] static bool alive(const net &ns);
 
-    // Agents live as long as the world, or shorter if they close.
+    // Agents live as long as the world; their sockets close with the engine's stop, or sooner.
     agent &open_agent(net &ns, const agent_options &options = {});
+    void close_agents();
 
     // A datagram arrives: its callback runs now. False if no socket of the namespace has the port.
     bool deliver(net &ns, const datagram &arriving);
