@@ -86,6 +86,7 @@ class softirq_scope
 
   private:
     context &self;
+    std::size_t held_before;
 };
 
 // Allocations of the simulation itself, which no fault concerns, for a scope.

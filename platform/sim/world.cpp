@@ -112,6 +112,8 @@ int world::start()
     const int error = kelm_init();
     running = error == 0;
     inside->settle();
+    if (!running)
+        kelm_release();
     return error;
 }
 
