@@ -5,6 +5,7 @@
 
 #include "sim_fixture.h"
 
+#include <concepts>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -24,6 +25,7 @@ inline constexpr int UNANSWERED = 1;
 int ask(agent &a, std::uint16_t type, std::span<const std::uint8_t> body);
 
 template<class Body>
+    requires(!std::convertible_to<const Body &, std::span<const std::uint8_t>>)
 int ask(agent &a, std::uint16_t type, const Body &body)
 {
     return ask(a, type, as_bytes(body));

@@ -1,0 +1,345 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Setting and deleting transmit packets: what is refused, in which order, and what a request
+// that fails half way leaves behind.
+#include "wire_fixture.h"
+
+namespace
+{
+
+using namespace sim;
+
+constexpr std::uint32_t SESSION = 5;
+
+class tx_config : public testing::Test
+{
+  protected:
+    tx_config()
+    {
+        EXPECT_EQ(set_debug_level(a, 2), 0);
+        w.clear_log();
+    }
+
+    [[nodiscard]] bool exists() { return tx_stats(a, SESSION).has_value(); }
+
+    // Repeats a request until what fails is the allocation of the packet's bytes. Before that,
+    // each time, refused() is called.
+    template<class Refused>
+    void set_without_memory_for_bytes(const bytes &body, const Refused &refused)
+    {
+        w.clear_log();
+        for (std::uint64_t n = 1;; ++n) {
+            ASSERT_LT(n, 10U);
+            w.fail(service::allocation, -ENOMEM, n);
+            const int result = ask(a, KELM_MSG_TX_SET_PACKET, body);
+            if (w.logged("Failed to allocate packet data") != 0) {
+                EXPECT_EQ(result, -ENOMEM);
+                return;
+            }
+            refused(result);
+        }
+    }
+
+    world w;
+    agent &a = w.open_agent(w.initial());
+};
+
+// An authenticated packet, of which the fixed part and the bytes can be spoilt.
+struct parts {
+    bytes packet;
+    kelm_msg_tx_set_packet fixed;
+
+    [[nodiscard]] bytes body() const
+    {
+        bytes result;
+        append(result, as_bytes(fixed));
+        append(result, packet);
+        return result;
+    }
+};
+
+parts good_parts(std::uint8_t auth_type = BFD_AUTH_METICULOUS_SHA1)
+{
+    outgoing packet;
+    packet.payload = with_section({.my_discriminator = SESSION}, auth_section(auth_type));
+    const bytes body = set_request(SESSION, packet);
+    return {packet.encode(), read_as<kelm_msg_tx_set_packet>(body)};
+}
+
+struct refusal {
+    const char *what;
+    void (*spoil)(parts &);
+    int error;
+    const char *line; // that only this refusal logs
+};
+
+// In the order of the checks.
+constexpr refusal refusals[] = {
+    {"discriminator 0", [](parts &p) { p.fixed.header.discriminator = 0; }, -EINVAL, nullptr},
+    {"unknown type", [](parts &p) { p.fixed.type = 2; }, -EAFNOSUPPORT, nullptr},
+    {"A bit without a section", [](parts &p) { p.fixed.auth.type = BFD_AUTH_NONE; }, -EINVAL,
+     "kelm Tx (5): auth_header_len 0 less than bfd_auth_password len 3"},
+    {"length",
+     [](parts &p) {
+         p.packet.push_back(0);
+         ++p.fixed.packet_len;
+     },
+     -EINVAL, "kelm Tx (5): Packet size incorrect for auth type 5. 81 vs 80. Disc 5"},
+    {"period 0", [](parts &p) { p.fixed.period = 0; }, -EINVAL,
+     "kelm Tx: Zero period is no longer supported (5)"},
+    {"IP header outside", [](parts &p) { p.fixed.ip_hdr_offset = 1; }, -EINVAL, nullptr},
+};
+
+TEST_F(tx_config, refusals_come_in_order_and_change_nothing)
+{
+    const std::size_t memory = w.memory_in_use();
+    for (std::size_t first = 0; first < std::size(refusals); ++first) {
+        // Everything is wrong that is checked from here on.
+        SCOPED_TRACE(refusals[first].what);
+        parts p = good_parts();
+        for (std::size_t i = first; i < std::size(refusals); ++i)
+            refusals[i].spoil(p);
+        w.clear_log();
+        EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, p.body()), refusals[first].error);
+        for (std::size_t i = 0; i < std::size(refusals); ++i) {
+            if (refusals[i].line != nullptr) {
+                EXPECT_EQ(w.logged(refusals[i].line), i == first ? 1U : 0U) << refusals[i].line;
+            }
+        }
+        EXPECT_EQ(w.logged("Returning"), 0U);
+        EXPECT_EQ(w.logged("Got packets lock"), 0U);
+        EXPECT_TRUE(sync_dump(a).messages.empty());
+        EXPECT_EQ(w.memory_in_use(), memory);
+    }
+    EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, good_parts().body()), 0);
+    EXPECT_EQ(w.logged("kelm Tx (5): Returning 0"), 1U);
+}
+
+TEST_F(tx_config, a_message_cut_short_anywhere_is_refused)
+{
+    const bytes body = good_parts().body();
+    for (std::size_t len = 0; len < body.size(); ++len)
+        EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, std::span(body).first(len)), -EINVAL) << len;
+    for (const std::uint32_t announced : {81U, 0x7fffffffU, 0xfffffff0U, 0xffffffffU}) {
+        parts p = good_parts();
+        p.fixed.packet_len = announced;
+        EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, p.body()), -EINVAL) << announced;
+    }
+    EXPECT_EQ(w.logged("Processing TX_SET_PACKET"), 0U);
+    for (std::size_t len = 0; len < sizeof(kelm_msg_tx_delete_packet); ++len)
+        EXPECT_EQ(ask(a, KELM_MSG_TX_DELETE_PACKET, std::span(body).first(len)), -EINVAL) << len;
+}
+
+TEST_F(tx_config, the_packet_ends_where_its_authentication_section_does)
+{
+    for (int type = 0; type <= 255; ++type) {
+        for (const bool a_bit : {false, true}) {
+            const auto auth_type = static_cast<std::uint8_t>(type);
+            const bool known = section_len(auth_type) != 0;
+            for (const int extra : {-1, 0, 1}) {
+                parts p = good_parts(auth_type);
+                p.fixed.auth.type = auth_type;
+                std::uint8_t &flags = p.packet[p.fixed.latch_offset + 1];
+                flags = static_cast<std::uint8_t>(a_bit ? flags | BFD_FLAG_AUTH_PRESENT
+                                                        : flags & ~BFD_FLAG_AUTH_PRESENT);
+                p.packet.resize(p.packet.size() + static_cast<std::size_t>(extra));
+                p.fixed.packet_len = static_cast<std::uint32_t>(p.packet.size());
+                const int expected = extra == 0 && (known || !a_bit) ? 0 : -EINVAL;
+                EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, p.body()), expected)
+                    << "type " << type << " A bit " << a_bit << " extra " << extra;
+            }
+        }
+    }
+}
+
+TEST_F(tx_config, passwords_are_1_to_16_bytes_long)
+{
+    for (std::size_t len = 0; len <= 17; ++len) {
+        bytes section = {BFD_AUTH_PASSWORD, static_cast<std::uint8_t>(3 + len), KEY_ID};
+        section.insert(section.end(), len, 'x');
+        outgoing packet;
+        packet.payload = with_section({}, section);
+        EXPECT_EQ(set(a, SESSION, packet), len >= 1 && len <= 16 ? 0 : -EINVAL) << len;
+    }
+}
+
+// Every place for the two headers, in packets all of whose bytes are the same, so that an IP
+// header of that version begins anywhere. What is accepted is sent, too, with everything in it
+// edited that can be.
+TEST_F(tx_config, headers_lie_in_front_of_each_other_inside_the_packet)
+{
+    ASSERT_EQ(path_ready(a), 0);
+    std::size_t accepted = 0;
+    for (const std::uint8_t filler : bytes{0x40, 0x60}) {
+        const std::uint32_t ip_len = filler == 0x40 ? 20 : 40;
+        for (const std::uint16_t type : {KELM_TX_SESSION_IP, KELM_TX_SESSION_L2}) {
+            for (std::uint32_t latch_offset = 0; latch_offset <= 70; ++latch_offset) {
+                for (std::uint32_t ip_offset = 0; ip_offset <= 70; ++ip_offset) {
+                    parts p{bytes(latch_offset + BFD_CTRL_LEN, filler), {}};
+                    p.fixed.header.discriminator = SESSION;
+                    p.fixed.type = type;
+                    p.fixed.flags = KELM_TX_SEND_OOB | KELM_TX_MYDISC_RTT;
+                    p.fixed.period = 1000;
+                    p.fixed.ip_hdr_offset = ip_offset;
+                    p.fixed.latch_offset = latch_offset;
+                    p.fixed.packet_len = static_cast<std::uint32_t>(p.packet.size());
+                    const bool fits = ip_offset + ip_len + 8 <= latch_offset &&
+                                      (type == KELM_TX_SESSION_L2 || ip_len + 8 <= latch_offset);
+                    ASSERT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, p.body()), fits ? 0 : -EINVAL)
+                        << "version " << filler / 16 << " type " << type << " latch_offset "
+                        << latch_offset << " ip_hdr_offset " << ip_offset;
+                    accepted += fits ? 1U : 0U;
+                    w.advance(fits ? 1 : 0);
+                }
+            }
+        }
+    }
+    // Packets out of band went out at the next tick, each; the others in between are in band.
+    EXPECT_GE(w.take_frames().size(), accepted);
+    EXPECT_EQ(tx_stats(a, SESSION)->num_tx_errors, 0U);
+}
+
+TEST_F(tx_config, no_offset_wraps_around)
+{
+    for (const std::uint32_t latch_offset : {0xffffffe7U, 0xffffffe8U, 0xfffffff8U, 0xffffffffU}) {
+        for (const std::uint32_t ip_offset : {0U, 28U, 0x80000000U, 0xffffffecU, 0xffffffffU}) {
+            parts p = good_parts(BFD_AUTH_NONE);
+            p.fixed.latch_offset = latch_offset;
+            p.fixed.ip_hdr_offset = ip_offset;
+            p.packet.resize(latch_offset + BFD_CTRL_LEN > 4096 ? 4096
+                                                               : latch_offset + BFD_CTRL_LEN);
+            p.fixed.packet_len = latch_offset + BFD_CTRL_LEN; // modulo 2^32
+            EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, p.body()), -EINVAL) << latch_offset;
+        }
+    }
+    for (const std::uint32_t ip_offset : {9U, 0x80000000U, 0xfffffff7U, 0xffffffffU}) {
+        parts p = good_parts(BFD_AUTH_NONE);
+        p.fixed.ip_hdr_offset = ip_offset;
+        EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, p.body()), -EINVAL) << ip_offset;
+    }
+}
+
+TEST_F(tx_config, without_memory_for_its_bytes_a_new_packet_stays_empty_until_set_again)
+{
+    const std::size_t memory = w.memory_in_use();
+    const bytes body = set_request(SESSION, {});
+    bool no_record = false;
+    set_without_memory_for_bytes(body, [&](int result) {
+        no_record = no_record || result == -ENOMEM;
+        EXPECT_NE(result, 0);
+        EXPECT_FALSE(exists());
+        EXPECT_EQ(w.memory_in_use(), memory);
+    });
+    EXPECT_TRUE(no_record);
+    // The record is there, and counts as empty when it is to be sent.
+    EXPECT_TRUE(exists());
+    EXPECT_EQ(path_ready(a), 0);
+    EXPECT_EQ(w.timers(), 0U);
+    EXPECT_EQ(tx_stats(a, SESSION)->num_empty_packets, 1U);
+    EXPECT_EQ(w.logged("No packet to send!"), 1U);
+
+    EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, body), 0);
+    w.advance(299);
+    EXPECT_EQ(w.frames().size(), 1U);
+}
+
+// A failed set leaves new settings beside the old, shorter bytes. Whatever the new offsets and
+// authentication are, and with a latch to be applied on top, nothing outside the bytes is touched
+// and nothing half-edited is sent.
+TEST_F(tx_config, new_offsets_beside_old_bytes_are_harmless)
+{
+    ASSERT_EQ(path_ready(a), 0);
+    const rx latching{.multiplier = 1, .period = 1000, .latch = {SESSION}};
+    const bytes old_bytes = outgoing{}.encode();
+    for (const std::size_t link_len : {0U, 1U, 4U, 14U, 1000U}) {
+        for (const std::uint8_t auth_type : bytes{0, 1, 3, 4, 5, 255}) {
+            for (const bool v6 : {false, true}) {
+                for (const bool latch : {false, true}) {
+                    SCOPED_TRACE(testing::Message()
+                                 << "link " << link_len << " auth " << int{auth_type} << " v6 "
+                                 << v6 << " latch " << latch);
+                    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 10'000}), 0);
+                    outgoing longer;
+                    longer.payload = with_section({}, auth_section(auth_type));
+                    longer.link_len = link_len;
+                    if (v6)
+                        longer.source = longer.destination = address("fe80::1");
+                    const tx fixed{
+                        .period = 20'000, .flags = KELM_TX_MYDISC_RTT, .latch_period = 20'000};
+                    set_without_memory_for_bytes(set_request(SESSION, longer, fixed), [](int) {});
+                    if (latch) {
+                        ASSERT_EQ(set_session(a, SESSION, latching), 0);
+                        w.advance(2);
+                    }
+                    const std::uint64_t errors = tx_stats(a, SESSION)->num_tx_errors;
+                    w.take_frames();
+                    w.advance(50);
+                    const auto stats = *tx_stats(a, SESSION);
+                    // The old bytes hold what fits an IPv4 datagram without a section.
+                    const bool fits = link_len == 0 && !v6;
+                    const bool header_fits = fits || link_len + (v6 ? 48 : 28) <= 28;
+                    if (latch && !header_fits) {
+                        EXPECT_EQ(stats.num_latch_errors, 1U);
+                        EXPECT_TRUE(w.frames().empty());
+                    } else if (!fits) {
+                        EXPECT_GE(stats.num_tx_errors, errors + 2);
+                        EXPECT_TRUE(w.frames().empty());
+                    } else {
+                        EXPECT_EQ(stats.num_tx_errors, errors);
+                        ASSERT_GE(w.frames().size(), 2U);
+                    }
+                    for (const frame &each : w.frames()) {
+                        EXPECT_EQ(each.data.size(), old_bytes.size());
+                        EXPECT_TRUE(udp_checksum_right(each.data));
+                    }
+                    // The next set makes all well again.
+                    w.take_frames();
+                    ASSERT_EQ(set(a, SESSION, longer, fixed), 0);
+                    w.advance(25);
+                    EXPECT_FALSE(w.frames().empty());
+                    if (latch) {
+                        EXPECT_EQ(delete_session(a, SESSION), 0);
+                    }
+                    EXPECT_EQ(delete_packet(a, SESSION), 0);
+                    w.advance(25);
+                    EXPECT_EQ(w.timers(), 0U);
+                }
+            }
+        }
+    }
+}
+
+TEST_F(tx_config, replacing_keeps_statistics_unless_the_period_changes)
+{
+    ASSERT_EQ(path_ready(a), 0);
+    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 100'000}), 0);
+    w.advance(350);
+    ASSERT_EQ(tx_stats(a, SESSION)->num_sent, 3U);
+    w.fail(service::send, -ENOBUFS);
+    w.advance(100);
+    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 100'000, .latch_state = 1}), 0);
+    EXPECT_EQ(tx_stats(a, SESSION)->num_sent, 4U);
+    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 100'001}), 0);
+    const auto stats = *tx_stats(a, SESSION);
+    EXPECT_EQ(stats.num_sent, 0U);
+    EXPECT_EQ(stats.snapshot_num_sent, 0U);
+    EXPECT_EQ(stats.max_lateness, 0U);
+    EXPECT_EQ(stats.num_tx_errors, 1U);
+    EXPECT_NE(stats.last_tx_time.sec, 0U);
+}
+
+TEST_F(tx_config, delete_removes_one_packet_of_its_own_vrf)
+{
+    net &other = w.create_namespace("other");
+    agent &there = w.open_agent(other);
+    ASSERT_EQ(set_packet(a, SESSION), 0);
+    ASSERT_EQ(set_packet(a, SESSION + 32), 0); // in the same chain
+    EXPECT_EQ(delete_packet(a, 0), -EINVAL);
+    EXPECT_EQ(delete_packet(a, SESSION + 64), -ENOENT);
+    EXPECT_EQ(delete_packet(there, SESSION), -ENOENT);
+    EXPECT_EQ(delete_packet(a, SESSION), 0);
+    EXPECT_EQ(delete_packet(a, SESSION), -ENOENT);
+    EXPECT_EQ(names(sync_dump(a).messages), std::vector<std::string>{"tx_sync 37"});
+}
+
+} // namespace
