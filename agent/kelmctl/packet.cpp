@@ -212,7 +212,7 @@ constexpr command commands[] = {
     {"show",
      "[DISCRIMINATOR]",
      "show the packets with their statistics, or one of them in full\n"
-     "\"last\" is the last transmission, \"min\", \"avg\" and \"max\" are the times between\n"
+     "\"last\" is the age of the last transmission, \"interval\" the average time between\n"
      "transmissions.",
      {},
      run_show},

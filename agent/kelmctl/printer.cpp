@@ -73,18 +73,20 @@ const cell *find_cell(const record &in, const std::string &label)
     return found == in.cells().end() ? nullptr : &*found;
 }
 
-// In order of first appearance: a record may lack cells that others have.
+// A record may lack cells that others have: what is new goes behind what its record has before it.
 std::vector<column> find_columns(const std::vector<record> &records)
 {
     std::vector<column> columns;
     for (const auto &record : records) {
+        auto next = columns.begin();
         for (const auto &cell : record.cells()) {
             if (!cell.brief || cell.label.empty())
                 continue;
             auto found = std::ranges::find(columns, cell.label, &column::label);
             if (found == columns.end())
-                found = columns.insert(found, {cell.label, cell.label.size(), cell.is_counter});
+                found = columns.insert(next, {cell.label, cell.label.size(), cell.is_counter});
             found->width = std::max(found->width, cell.text.size());
+            next = found + 1;
         }
     }
     return columns;

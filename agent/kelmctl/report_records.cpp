@@ -85,12 +85,12 @@ record rx_stats_record(const kelm_msg_rx_stats &stats, vrf_number vrf, const rec
     made.append(state);
     made.number("num_received", "received", stats.num_received)
         .age("last_rx_time", "last", stats.last_rx_time, now)
-        .duration("min_period", "min", stats.min_period)
-        .duration("avg_period", "avg", stats.avg_period)
-        .duration("max_period", "max", stats.max_period)
+        .duration("avg_period", "interval", stats.avg_period)
+        .duration("max_period", "longest", stats.max_period)
         .number("num_timeout", "timeouts", stats.num_timeout)
         .number("num_auth_fail", "auth failed", stats.num_auth_fail)
         .full()
+        .duration("min_period", "shortest", stats.min_period)
         .number("num_auth_type_mismatch", "wrong auth type", stats.num_auth_type_mismatch)
         .number("num_passup", "passed up", stats.num_passup)
         .number("packet_alloc_fail", "no memory to keep", stats.packet_alloc_fail)
@@ -101,9 +101,9 @@ record rx_stats_record(const kelm_msg_rx_stats &stats, vrf_number vrf, const rec
         .duration("max_rtt", "max round trip", stats.max_rtt)
         .duration("last_rtt", "last round trip", stats.last_rtt)
         .number("snapshot_num_received", "snapshot received", stats.snapshot_num_received)
-        .duration("snapshot_min_period", "snapshot min", stats.snapshot_min_period)
-        .duration("snapshot_avg_period", "snapshot avg", stats.snapshot_avg_period)
-        .duration("snapshot_max_period", "snapshot max", stats.snapshot_max_period)
+        .duration("snapshot_min_period", "snapshot shortest", stats.snapshot_min_period)
+        .duration("snapshot_avg_period", "snapshot interval", stats.snapshot_avg_period)
+        .duration("snapshot_max_period", "snapshot longest", stats.snapshot_max_period)
         .duration("snapshot_min_rtt", "snapshot min round trip", stats.snapshot_min_rtt)
         .duration("snapshot_avg_rtt", "snapshot avg round trip", stats.snapshot_avg_rtt)
         .duration("snapshot_max_rtt", "snapshot max round trip", stats.snapshot_max_rtt);
@@ -118,12 +118,12 @@ record tx_stats_record(const kelm_msg_tx_stats &stats, vrf_number vrf)
     add_vrf(made, vrf);
     made.number("num_sent", "sent", stats.num_sent)
         .age("last_tx_time", "last", stats.last_tx_time, timestamp(stats))
-        .duration("min_lateness", "min", stats.min_lateness)
-        .duration("avg_lateness", "avg", stats.avg_lateness)
-        .duration("max_lateness", "max", stats.max_lateness)
+        .duration("avg_lateness", "interval", stats.avg_lateness)
+        .duration("max_lateness", "longest", stats.max_lateness)
         .number("num_tx_errors", "errors", stats.num_tx_errors)
         .number("num_latches", "latches", stats.num_latches)
         .full()
+        .duration("min_lateness", "shortest", stats.min_lateness)
         .number("sent_within_1p", "within 1 period", stats.sent_within_1p)
         .number("sent_within_2p", "within 2 periods", stats.sent_within_2p)
         .number("sent_within_3p", "within 3 periods", stats.sent_within_3p)
@@ -132,9 +132,9 @@ record tx_stats_record(const kelm_msg_tx_stats &stats, vrf_number vrf)
         .number("num_empty_packets", "empty", stats.num_empty_packets)
         .number("num_short_packets", "too short", stats.num_short_packets)
         .number("snapshot_num_sent", "snapshot sent", stats.snapshot_num_sent)
-        .duration("snapshot_min_lateness", "snapshot min", stats.snapshot_min_lateness)
-        .duration("snapshot_avg_lateness", "snapshot avg", stats.snapshot_avg_lateness)
-        .duration("snapshot_max_lateness", "snapshot max", stats.snapshot_max_lateness)
+        .duration("snapshot_min_lateness", "snapshot shortest", stats.snapshot_min_lateness)
+        .duration("snapshot_avg_lateness", "snapshot interval", stats.snapshot_avg_lateness)
+        .duration("snapshot_max_lateness", "snapshot longest", stats.snapshot_max_lateness)
         .number("snapshot_sent_within_1p", "snapshot within 1 period",
                 stats.snapshot_sent_within_1p)
         .number("snapshot_sent_within_2p", "snapshot within 2 periods",
@@ -149,7 +149,9 @@ record tx_stats_record(const kelm_msg_tx_stats &stats, vrf_number vrf)
 record module_stats_record(const kelm_msg_module_stats &stats, vrf_number vrf)
 {
     record made;
-    if (vrf == 0)
+    if (stats.unsolicited != 0)
+        made.text("", "module", "statistics");
+    else if (vrf == 0)
         made.text("", "vrf", "this");
     add_vrf(made, vrf);
     made.number("rfc_drops", "invalid", stats.rfc_drops)
@@ -184,11 +186,13 @@ void add_frame(record &to, const kelm::packet_change &change, const kelm::interf
         return;
     const kelm::bfd_packet &bfd = frame->bfd;
     to.text("packet.source", "from", frame->source.text());
+    if (wanted == frame_cells::who_and_state)
+        to.full();
+    to.text("packet.destination", "to", frame->destination.text()).brief();
     to.text("packet.state", "state", kelm::name_of(kelm::state_names, bfd.fields.state));
     to.text("packet.diag", "diag", kelm::name_of(kelm::diagnostic_names, bfd.fields.diag));
     if (wanted == frame_cells::who_and_state)
         to.full();
-    to.text("packet.destination", "to", frame->destination.text());
     to.number("packet.ttl", "ttl", frame->ttl);
     to.json("packet.source_port", uint64_t{frame->source_port});
     to.number("packet.destination_port", "port", frame->destination_port);

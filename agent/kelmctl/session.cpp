@@ -151,8 +151,8 @@ constexpr command commands[] = {
     {"show",
      "[DISCRIMINATOR]",
      "show the sessions with their statistics, or one of them in full\n"
-     "\"last\" is the last packet that was accepted, \"min\", \"avg\" and \"max\" are the times\n"
-     "between packets, \"from\" and \"state\" tell what the peer said last.",
+     "\"from\", \"state\" and \"diag\" are what the peer said last; \"last\" is the age of the\n"
+     "last packet that was accepted, \"interval\" the average time between packets.",
      {},
      run_show},
     {"set", "DISCRIMINATOR",

@@ -12,8 +12,16 @@ namespace kelm
 namespace
 {
 
+using std::chrono::steady_clock;
+
 constexpr int dump_attempts = 5;
 constexpr size_t max_queued_events = 1 << 14;
+
+milliseconds until(steady_clock::time_point deadline)
+{
+    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+    return std::max(left, milliseconds(0));
+}
 
 bool clears_counters(const request &req)
 {
@@ -52,7 +60,8 @@ std::vector<report> client::statistics(uint32_t discriminator, uint32_t flags)
     return starts_dump(req) ? dump(req) : execute(req);
 }
 
-// Sends the request and reads until its acknowledgement or the end of its dump.
+// Sends the request and reads until its acknowledgement or the end of its dump. Events, however
+// many, are no sign that the answer is under way.
 client::answer client::converse(const request &req, uint16_t flags)
 {
     sequence_++;
@@ -60,8 +69,9 @@ client::answer client::converse(const request &req, uint16_t flags)
 
     answer got;
     bytes datagram;
+    auto deadline = steady_clock::now() + answer_timeout_;
     for (;;) {
-        switch (socket_.receive(datagram, answer_timeout)) {
+        switch (socket_.receive(datagram, until(deadline))) {
         case transport::outcome::timed_out:
             throw error(ETIMEDOUT, got.lost ? "kelm's answer is among the datagrams that were lost "
                                               "because notifications came in too fast"
@@ -73,6 +83,7 @@ client::answer client::converse(const request &req, uint16_t flags)
         case transport::outcome::datagram:
             break;
         }
+        const size_t before = got.reports.size();
         message_reader reader(datagram);
         while (auto msg = reader.next())
             take_answer(*msg, got);
@@ -80,6 +91,10 @@ client::answer client::converse(const request &req, uint16_t flags)
             throw refused(req.type, req.discriminator, static_cast<int>(-*got.result));
         if (got.result)
             return got;
+        if (got.reports.size() > before)
+            deadline = steady_clock::now() + answer_timeout_;
+        else if (steady_clock::now() >= deadline)
+            throw error(ETIMEDOUT, "kelm answers nothing but notifications");
     }
 }
 
@@ -126,12 +141,10 @@ void client::receive_events(const bytes &datagram)
 
 std::optional<report> client::next_event(milliseconds timeout)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    const auto deadline = steady_clock::now() + timeout;
     bytes datagram;
     while (events_.empty()) {
-        const auto left =
-            std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
-        switch (socket_.receive(datagram, std::max(left, milliseconds(0)))) {
+        switch (socket_.receive(datagram, until(deadline))) {
         case transport::outcome::timed_out:
             return std::nullopt;
         case transport::outcome::overrun:

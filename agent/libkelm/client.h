@@ -45,6 +45,9 @@ class client
     // descriptor readable.
     std::optional<report> next_event(milliseconds timeout);
 
+    // How long kelm may be silent about a request, before that throws error with ETIMEDOUT.
+    void set_answer_timeout(milliseconds timeout) { answer_timeout_ = timeout; }
+
     int fd() const { return socket_.fd(); }
     const transport &socket() const { return socket_; }
 
@@ -63,6 +66,7 @@ class client
 
     transport socket_;
     uint32_t sequence_;
+    milliseconds answer_timeout_ = answer_timeout;
     std::deque<report> events_;
 };
 

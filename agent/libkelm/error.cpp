@@ -15,6 +15,7 @@ namespace
 struct request_name {
     uint16_t type;
     const char *doing;
+    const char *of = ""; // in front of the discriminator
 };
 
 constexpr request_name request_names[] = {
@@ -22,9 +23,9 @@ constexpr request_name request_names[] = {
     {KELM_MSG_TX_DELETE_PACKET, "delete transmit packet"},
     {KELM_MSG_RX_SET_SESSION, "set receive session"},
     {KELM_MSG_RX_DELETE_SESSION, "delete receive session"},
-    {KELM_MSG_GET_STATS, "get statistics"},
+    {KELM_MSG_GET_STATS, "get statistics", " of"},
     {KELM_MSG_SYNC, "synchronise"},
-    {KELM_MSG_SET_DEBUG_LEVEL, "set the debug level"},
+    {KELM_MSG_SET_DEBUG_LEVEL, "set the debug level", " of"},
     {KELM_MSG_TX_PATH_READY, "declare the transmit path ready"},
     {KELM_MSG_SET_SESSION_STATS_INTERVAL, "set the statistics interval"},
 };
@@ -83,12 +84,13 @@ constexpr explanation explanations[] = {
 
 std::string refusal(uint16_t type, uint32_t discriminator, int number)
 {
-    std::string text = "cannot send request " + std::to_string(type);
-    for (const auto &name : request_names)
-        if (name.type == type)
-            text = std::string("cannot ") + name.doing;
+    request_name name = {type, "send the request"};
+    for (const auto &entry : request_names)
+        if (entry.type == type)
+            name = entry;
+    std::string text = std::string("cannot ") + name.doing;
     if (discriminator != 0)
-        text += " " + std::to_string(discriminator);
+        text += std::string(name.of) + " " + std::to_string(discriminator);
     text += ": " + errno_text(number);
     const std::string meaning = explain(type, number);
     return meaning.empty() ? text : text + ": " + meaning;

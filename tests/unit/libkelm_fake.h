@@ -135,17 +135,18 @@ class fake_daemon
 
     kelm::unique_fd take() { return std::move(client_); }
 
+    // From any thread, once the client's bind packet has been answered.
+    void send(const kelm::bytes &datagram) const
+    {
+        (void)::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
+    }
+
     // Waits for the client to be gone; then the rest may be read.
     void wait() { thread_.join(); }
     const std::vector<seen> &requests() const { return requests_; }
     const std::vector<uint32_t> &groups() const { return groups_; } // of every bind packet
 
   private:
-    void send(const kelm::bytes &datagram) const
-    {
-        (void)::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
-    }
-
     void serve()
     {
         kelm::bytes buffer(1 << 16);

@@ -287,6 +287,21 @@ TEST(printer, one_record_serves_every_form)
     EXPECT_EQ(print(json, true), listing);
 }
 
+// The column order is the records', whichever of them comes first.
+TEST(printer, columns_of_incomplete_records_fall_into_place)
+{
+    std::vector<record> records = two_records();
+    std::swap(records[0], records[1]);
+    std::ostringstream out;
+    const options options;
+    printer printer(options, out);
+    printer.list(records);
+    printer.finish();
+    EXPECT_EQ(out.str(), "SESSION  STATE    AVG\n"
+                         "   1234  -      1.5ms\n"
+                         "      5  up     300ms\n");
+}
+
 TEST(printer, empty_list_is_an_array_in_json_and_nothing_for_people)
 {
     for (const bool json : {false, true}) {
@@ -564,10 +579,10 @@ TEST_F(program, statistics_are_told_once_each_and_by_vrf)
     };
     const auto had = run_with(answer, "-A session show");
     EXPECT_EQ(had.result.out,
-              "SESSION  VRF  RECEIVED   LAST  MIN  AVG  MAX  TIMEOUTS  AUTH FAILED\n"
-              "      5    1         2  never    0    0    0         0            0\n"
-              "      7    1         3  never    0    0    0         0            0\n"
-              "      5    2         4  never    0    0    0         0            0\n");
+              "SESSION  VRF  RECEIVED   LAST  INTERVAL  LONGEST  TIMEOUTS  AUTH FAILED\n"
+              "      5    1         2  never         0        0         0            0\n"
+              "      7    1         3  never         0        0         0            0\n"
+              "      5    2         4  never         0        0         0            0\n");
     EXPECT_EQ(had.requests[0].body, from_hex("000000000c000000"));
 }
 
@@ -599,11 +614,12 @@ TEST_F(program, session_listing_joins_statistics_and_state)
             message(KELM_MSG_RX_SYNC, seq, port_id, from_hex("0500000001000000")) +
             done(request.header)};
     };
-    EXPECT_EQ(run_with(answer, "session").result.out,
-              "SESSION  TIMER    DEV  FROM      STATE  DIAG  RECEIVED      LAST  MIN    AVG  MAX  "
-              "TIMEOUTS  AUTH FAILED\n"
-              "      5  running  lo   10.0.0.1  up     none        10  12ms ago    0  300ms    0  "
-              "       0            0\n");
+    EXPECT_EQ(
+        run_with(answer, "session").result.out,
+        "SESSION  TIMER    DEV  FROM      STATE  DIAG  RECEIVED      LAST  INTERVAL  LONGEST  "
+        "TIMEOUTS  AUTH FAILED\n"
+        "      5  running  lo   10.0.0.1  up     none        10  12ms ago     300ms        0  "
+        "       0            0\n");
     const std::string json = run_with(answer, "-j session").result.out;
     for (const char *part :
          {R"([{"discriminator":5,"timer_active":true,"packet":{"ifindex":1,)",

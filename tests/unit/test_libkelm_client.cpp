@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <cerrno>
 
 #include "libkelm/client.h"
@@ -244,6 +245,32 @@ TEST(client, daemon_that_goes_is_an_error_and_no_hang)
     theirs = {};
     EXPECT_NE(error_number([&] { client.next_event(milliseconds(5000)); }), 0);
     EXPECT_NE(error_number([&] { client.execute(kelm::tx_path_ready()); }), 0);
+}
+
+// Neither silence nor a stream of events keeps a request waiting for ever.
+TEST(client, answer_that_does_not_come_is_given_up)
+{
+    fake_daemon mute({.handle = [](const seen &) { return answers{}; }});
+    kelm::client waiting = connect(mute);
+    waiting.set_answer_timeout(milliseconds(50));
+    EXPECT_EQ(error_number([&] { waiting.execute(kelm::tx_path_ready()); }), ETIMEDOUT);
+
+    std::atomic<bool> enough = false;
+    std::thread talk;
+    fake_daemon talker({.handle = [](const seen &) { return answers{}; }});
+    kelm::unique_fd ends = talker.take();
+    kelm::client client(kelm::transport::adopt(std::move(ends)));
+    talk = std::thread([&] {
+        while (!enough)
+            talker.send(failure_event(1));
+    });
+    client.set_answer_timeout(milliseconds(50));
+    EXPECT_EQ(error_number([&] { client.execute(kelm::tx_path_ready()); }), ETIMEDOUT);
+    enough = true;
+    // The talker's last datagram may be waiting for room.
+    while (client.next_event(milliseconds(10)))
+        ;
+    talk.join();
 }
 
 // In a namespace of the test's own, where kelmd's name is free. Needs root.

@@ -298,13 +298,15 @@ TEST(refused, says_what_was_wrong_and_what_to_do)
                  "packet that it should latch does not exist: set that packet first, then the "
                  "session again, which for now is configured but without this link and with its "
                  "detection timer untouched");
+    EXPECT_TRUE(std::string_view(kelm::refused(KELM_MSG_GET_STATS, 5, ENOENT).what())
+                    .starts_with("cannot get statistics of 5: No such file"));
     EXPECT_NE(kelm::explain(KELM_MSG_TX_SET_PACKET, EPERM).find("CAP_NET_ADMIN"),
               std::string::npos);
     // A request's own meaning comes before the general one.
     EXPECT_NE(kelm::explain(KELM_MSG_TX_DELETE_PACKET, EINVAL),
               kelm::explain(KELM_MSG_RX_DELETE_SESSION, EINVAL));
     EXPECT_EQ(kelm::explain(KELM_MSG_SYNC, EXDEV), "");
-    EXPECT_STREQ(kelm::refused(99, 0, 12345).what(), "cannot send request 99: error 12345");
+    EXPECT_STREQ(kelm::refused(99, 0, 12345).what(), "cannot send the request: error 12345");
 }
 
 } // namespace
