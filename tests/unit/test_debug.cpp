@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Debug levels: of the module, and of single sessions.
+#include "engine_fixture.h"
+#include "kelm/log.h"
+
+#include <cerrno>
+
+namespace
+{
+
+using namespace sim;
+using strings = std::vector<std::string>;
+
+struct debug : testing::Test {
+    // What the log says since the last time.
+    strings lines()
+    {
+        strings result;
+        for (const log_line &line : w.log()) {
+            EXPECT_EQ(line.level, 6) << line.text;
+            result.push_back(line.text);
+        }
+        w.clear_log();
+        return result;
+    }
+
+    world w;
+    agent &a = w.open_agent(w.initial());
+    agent &unprivileged = w.open_agent(w.initial(), {.privileged = false});
+};
+
+TEST_F(debug, global_level_is_1_at_first_and_its_changes_are_logged_from_2_on)
+{
+    EXPECT_TRUE(should_log(0, 1));
+    EXPECT_FALSE(should_log(0, 2));
+    const struct {
+        std::uint16_t level;
+        strings log;
+    } cases[] = {
+        {0, {}},
+        {1, {}},
+        {2, {"kelm Netlink: Set global debug level to 2"}},
+        {2,
+         {"kelm Netlink: Setting debug level for discriminator 0 to 2",
+          "kelm Netlink: Set global debug level to 2"}},
+        {1,
+         {"kelm Netlink: Setting debug level for discriminator 0 to 1",
+          "kelm Netlink: Set global debug level to 1"}},
+        {0x102, {"kelm Netlink: Set global debug level to 258"}}, // cut to 2
+        {0,
+         {"kelm Netlink: Setting debug level for discriminator 0 to 0",
+          "kelm Netlink: Set global debug level to 0"}},
+    };
+    for (const auto &c : cases) {
+        ASSERT_EQ(set_debug_level(a, c.level), 0);
+        EXPECT_EQ(lines(), c.log) << "to level " << c.level;
+        for (std::uint8_t level = 1; level <= 3; ++level)
+            EXPECT_EQ(should_log(0, level), (c.level & 0xff) >= level);
+    }
+}
+
+TEST_F(debug, session_level_only_adds_to_the_global_one)
+{
+    ASSERT_EQ(set_debug_level(a, 3, 7), 0);
+    EXPECT_TRUE(should_log(7, 3));
+    EXPECT_FALSE(should_log(8, 2));
+    EXPECT_TRUE(should_log(8, 1));
+    ASSERT_EQ(set_debug_level(a, 3), 0);
+    ASSERT_EQ(set_debug_level(a, 1, 7), 0);
+    EXPECT_TRUE(should_log(7, 3));
+    ASSERT_EQ(set_debug_level(a, 0), 0);
+    EXPECT_TRUE(should_log(7, 1));
+    EXPECT_FALSE(should_log(7, 2));
+    EXPECT_FALSE(should_log(0, 1)) << "free entries are nobody's";
+    ASSERT_EQ(set_debug_level(a, 0x1ff, 7), 0); // cut to 255
+    EXPECT_TRUE(should_log(7, 255));
+}
+
+TEST_F(debug, session_level_brings_the_lines_about_that_session)
+{
+    ASSERT_EQ(set_debug_level(a, 2, 7), 0);
+    ASSERT_EQ(set_session(a, 8), 0);
+    EXPECT_EQ(lines(), strings{});
+    ASSERT_EQ(set_session(a, 7), 0);
+    const strings logged = lines();
+    EXPECT_FALSE(logged.empty());
+    for (const std::string &line : logged)
+        EXPECT_EQ(line.find("kelm Rx (7): "), 0U) << line;
+}
+
+TEST_F(debug, requests_are_logged_at_3)
+{
+    ASSERT_EQ(set_debug_level(a, 3), 0);
+    lines();
+    EXPECT_EQ(ask(a, 32, bytes(4)), -ENOMSG);
+    EXPECT_EQ(lines(), (strings{"kelm Netlink: Received netlink message (len 20)",
+                                "kelm Netlink: Message has type 32"}));
+    EXPECT_EQ(ask(a, KELM_MSG_RX_SYNC, bytes(4)), -EPERM);
+    EXPECT_EQ(lines(),
+              (strings{"kelm Netlink: Received netlink message (len 20)",
+                       "kelm Netlink: Message has type 24", "kelm Netlink: Found existing vrf"}));
+}
+
+TEST_F(debug, session_changes_are_logged)
+{
+    const std::string received = "kelm Netlink: Setting debug level for discriminator ";
+    ASSERT_EQ(set_debug_level(a, 2), 0);
+    lines();
+    ASSERT_EQ(set_debug_level(a, 3, 7), 0);
+    EXPECT_EQ(lines(), (strings{received + "7 to 3",
+                                "kelm Netlink: Set debug level for discriminator 7 to 3",
+                                "kelm Netlink (7): Session debugs count now 1"}));
+    ASSERT_EQ(set_debug_level(a, 2, 8), 0); // too low for the count's line
+    EXPECT_EQ(lines(), (strings{received + "8 to 2",
+                                "kelm Netlink: Set debug level for discriminator 8 to 2"}));
+    ASSERT_EQ(set_debug_level(a, 0, 7), 0);
+    EXPECT_EQ(lines(), (strings{received + "7 to 0", "kelm Netlink: Clear session 7 debug"}));
+    ASSERT_EQ(set_debug_level(a, 0, 7), 0); // there is none any more
+    EXPECT_EQ(lines(), strings{received + "7 to 0"});
+    ASSERT_EQ(set_debug_level(a, 3, 8), 0); // its entry is reused: still one
+    EXPECT_EQ(lines().back(), "kelm Netlink (8): Session debugs count now 1");
+    ASSERT_EQ(set_debug_level(a, 1, 0, KELM_DEBUG_CLEAR_SESSIONS), 0);
+    EXPECT_EQ(lines(), strings{"kelm Netlink: Clearing session specific debugs"});
+}
+
+TEST_F(debug, privilege_is_for_the_global_level_alone)
+{
+    EXPECT_EQ(set_debug_level(unprivileged, 3), -EPERM);
+    EXPECT_FALSE(should_log(0, 2));
+    EXPECT_EQ(set_debug_level(unprivileged, 3, 7), 0);
+    EXPECT_TRUE(should_log(7, 3));
+
+    // Clearing leaves the global level as it is.
+    EXPECT_EQ(set_debug_level(unprivileged, 3, 0, KELM_DEBUG_CLEAR_SESSIONS), 0);
+    EXPECT_FALSE(should_log(7, 2));
+    EXPECT_FALSE(should_log(0, 2));
+    EXPECT_TRUE(should_log(0, 1));
+
+    ASSERT_EQ(set_debug_level(a, 3, 7), 0);
+    EXPECT_EQ(set_debug_level(unprivileged, 2, 8, KELM_DEBUG_CLEAR_SESSIONS), 0);
+    EXPECT_FALSE(should_log(7, 2));
+    EXPECT_TRUE(should_log(8, 2));
+}
+
+TEST_F(debug, at_most_100_sessions_have_a_level)
+{
+    for (std::uint32_t discriminator = 1; discriminator <= KELM_MAX_SESSION_DEBUGS; ++discriminator)
+        ASSERT_EQ(set_debug_level(a, 2, discriminator), 0);
+    ASSERT_EQ(set_debug_level(a, 2), 0);
+    lines();
+    EXPECT_EQ(set_debug_level(a, 3, 101), -ENOSR);
+    EXPECT_EQ(lines().back(), "kelm Netlink: Maximum number of sessions reached.");
+    EXPECT_FALSE(should_log(101, 3));
+    EXPECT_EQ(set_debug_level(a, 3, 50), 0);
+    EXPECT_TRUE(should_log(50, 3));
+    EXPECT_EQ(set_debug_level(a, 0, 50), 0);
+    EXPECT_EQ(set_debug_level(a, 3, 101), 0);
+    EXPECT_TRUE(should_log(101, 3));
+    EXPECT_EQ(set_debug_level(a, 3, 50), -ENOSR);
+
+    ASSERT_EQ(set_debug_level(a, 1), 0);
+    for (std::uint32_t discriminator = 1; discriminator <= 101; ++discriminator) {
+        EXPECT_EQ(should_log(discriminator, 2), discriminator != 50);
+        EXPECT_EQ(set_debug_level(a, 0, discriminator), 0);
+    }
+    for (std::uint32_t discriminator = 0; discriminator <= 101; ++discriminator)
+        EXPECT_FALSE(should_log(discriminator, 2));
+}
+
+} // namespace

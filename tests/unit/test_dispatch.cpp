@@ -1,0 +1,321 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Requests on their way to their handlers: which are taken from whom, and what becomes of those
+// that are not what they should be.
+#include "engine_fixture.h"
+#include "kelm/log.h"
+#include "platform/sim/random.h"
+
+#include <cerrno>
+
+namespace
+{
+
+using namespace sim;
+using strings = std::vector<std::string>;
+
+constexpr std::uint32_t SESSION = 5;
+constexpr int DUMP = UNANSWERED; // is not acknowledged
+
+// A world in which requests find something to change: a packet that is being sent, a session that
+// has passed up a frame and has its timer running, periodic statistics.
+struct busy_world {
+    explicit busy_world(std::uint64_t seed = 1) : w({.seed = seed})
+    {
+        EXPECT_EQ(path_ready(a), 0);
+        EXPECT_EQ(set_packet(a, SESSION), 0);
+        kelm_msg_rx_set_session session{};
+        session.flags = KELM_RX_TIMER_ACTIVE;
+        session.multiplier = 200;
+        session.latch_tx_packets[0] = SESSION;
+        EXPECT_EQ(set_session(a, SESSION, session), 0);
+        EXPECT_TRUE(receive(w, SESSION));
+        EXPECT_EQ(set_interval(a, 1), 0);
+    }
+
+    // What there is, and what it does: everything that a request could change.
+    strings state()
+    {
+        strings result = names(get_stats(a, 0, KELM_STATS_MODULE).messages);
+        for (const message &m : sync_dump(a).messages)
+            result.emplace_back(m.body.begin(), m.body.end());
+        w.take_frames();
+        observer.read_messages();
+        w.advance(1000); // three transmissions and a periodic run
+        for (const frame &each : w.take_frames())
+            result.emplace_back(each.data.begin(), each.data.end());
+        for (const std::string &reported : names(observer.read_messages()))
+            result.push_back(reported);
+        result.push_back(should_log_global(2) ? "verbose" : "silent");
+        result.push_back(std::to_string(w.timers()) + " timers");
+        return result;
+    }
+
+    world w;
+    agent &a = w.open_agent(w.initial());
+    agent &observer = w.open_agent(w.initial(), {.groups = CONTROL});
+};
+
+struct valid_request {
+    std::uint16_t type;
+    bytes body;
+    std::size_t tail_len_at; // offset of the length of the variable part; 0 without one
+    int result;
+};
+
+template<class Body>
+bytes encode(const Body &body)
+{
+    const auto encoded = as_bytes(body);
+    return {encoded.begin(), encoded.end()};
+}
+
+// One request of each type, every one of which changes or answers something.
+std::vector<valid_request> valid_requests()
+{
+    kelm_msg_tx_set_packet packet{};
+    packet.period = 100'000;
+    kelm_msg_rx_set_session session{};
+    session.period = 100'000;
+    const bytes content = control_packet{.my_discriminator = 6}.encode();
+    return {
+        {KELM_MSG_TX_SET_PACKET, tx_set_packet(SESSION, ipv4_datagram(content), packet),
+         offsetof(kelm_msg_tx_set_packet, packet_len), 0},
+        {KELM_MSG_TX_DELETE_PACKET, encode(kelm_msg_tx_delete_packet{{SESSION}}), 0, 0},
+        {KELM_MSG_RX_SET_SESSION, rx_set_session(SESSION, session),
+         offsetof(kelm_msg_rx_set_session, failure_packet_len), 0},
+        {KELM_MSG_RX_DELETE_SESSION, encode(kelm_msg_rx_delete_session{{SESSION}}), 0, 0},
+        {KELM_MSG_GET_STATS, stats_request(0, KELM_STATS_MODULE), 0, DUMP},
+        {KELM_MSG_SYNC, encode(kelm_msg_sync{{0}, KELM_SYNC_SWEEP}), 0, 0},
+        {KELM_MSG_SET_DEBUG_LEVEL, encode(kelm_msg_set_debug_level{{0}, 0, 3, {}}), 0, 0},
+        {KELM_MSG_TX_PATH_READY, encode(kelm_msg_tx_path_ready{{0}}), 0, 0},
+        {KELM_MSG_SET_SESSION_STATS_INTERVAL,
+         encode(kelm_msg_set_session_stats_interval{{0}, 7, {}}), 0, 0},
+    };
+}
+
+// A message with exactly this body, and more of the datagram behind it.
+bytes with_something_behind(std::uint16_t type, std::span<const std::uint8_t> body)
+{
+    bytes datagram = make_message(type, NLM_F_REQUEST | NLM_F_ACK, 100, body);
+    append(datagram, bytes(1000, 0xff)); // no message, but there to be misread
+    return datagram;
+}
+
+std::optional<int> acknowledged(agent &a, std::span<const std::uint8_t> datagram)
+{
+    EXPECT_EQ(a.send(datagram), 0);
+    std::optional<int> result;
+    for (const message &m : a.read_messages()) {
+        if (m.header.nlmsg_type == NLMSG_ERROR)
+            result = read_as<int>(m.body);
+    }
+    return result;
+}
+
+TEST(dispatch, takes_each_type_from_those_who_may_send_it)
+{
+    // With a body of zeroes: where it is no good it shows that the handler was reached.
+    const struct {
+        std::uint16_t type;
+        int privileged;
+        int unprivileged;
+    } cases[] = {
+        {KELM_MSG_TX_SET_PACKET, -EINVAL, -EPERM},
+        {KELM_MSG_TX_DELETE_PACKET, -EINVAL, -EPERM},
+        {KELM_MSG_TX_STATS, -EPERM, -EPERM},
+        {KELM_MSG_TX_SYNC, -EPERM, -EPERM},
+        {KELM_MSG_RX_SET_SESSION, -EINVAL, -EPERM},
+        {KELM_MSG_RX_DELETE_SESSION, -EINVAL, -EPERM},
+        {KELM_MSG_RX_STATS, -EPERM, -EPERM},
+        {KELM_MSG_RX_PACKET_CHANGE, -EPERM, -EPERM},
+        {KELM_MSG_RX_SYNC, -EPERM, -EPERM},
+        {KELM_MSG_GET_STATS, DUMP, DUMP},
+        {KELM_MSG_SYNC, DUMP, DUMP},
+        {KELM_MSG_SESSION_FAILURE, -EPERM, -EPERM},
+        {KELM_MSG_SET_DEBUG_LEVEL, 0, -EPERM},
+        {KELM_MSG_TX_PATH_READY, 0, 0},
+        {KELM_MSG_MODULE_STATS, -EPERM, -EPERM},
+        {KELM_MSG_SET_SESSION_STATS_INTERVAL, 0, -EPERM},
+        {32, -ENOMSG, -ENOMSG},
+        {33, -ENOMSG, -ENOMSG},
+        {0xffff, -ENOMSG, -ENOMSG},
+    };
+    world w;
+    agent &privileged = w.open_agent(w.initial());
+    agent &unprivileged = w.open_agent(w.initial(), {.privileged = false});
+    const bytes zeroes(200);
+    for (const auto &c : cases) {
+        EXPECT_EQ(ask(privileged, c.type, zeroes), c.privileged) << "type " << c.type;
+        EXPECT_EQ(ask(unprivileged, c.type, zeroes), c.unprivileged) << "type " << c.type;
+        privileged.read_messages();
+        unprivileged.read_messages();
+    }
+    // Mark and sweep are as free as the dump, clearing as free as reading.
+    EXPECT_EQ(mark_or_sweep(unprivileged, KELM_SYNC_MARK | KELM_SYNC_SWEEP), 0);
+    EXPECT_EQ(get_stats(unprivileged, 0, KELM_STATS_CLEAR | KELM_STATS_ALL_VRFS).error, 0);
+}
+
+TEST(dispatch, knows_the_vrf_by_the_agents_namespace)
+{
+    world w({.namespaces = {"red"}});
+    agent &ours = w.open_agent(w.initial());
+    agent &theirs = w.open_agent(w.find("red"));
+    ASSERT_EQ(set_session(ours, 5), 0);
+    ASSERT_EQ(set_packet(theirs, 5), 0);
+    EXPECT_EQ(delete_session(theirs, 5), -ENOENT);
+    EXPECT_EQ(delete_packet(ours, 5), -ENOENT);
+    EXPECT_EQ(delete_session(ours, 5), 0);
+    EXPECT_EQ(delete_packet(theirs, 5), 0);
+}
+
+TEST(dispatch, handles_all_messages_of_a_datagram)
+{
+    world w;
+    agent &a = w.open_agent(w.initial());
+    const bytes session = rx_set_session(5);
+    bytes odd = session; // not a multiple of four: the next message follows after padding
+    odd.resize(odd.size() + 1);
+    const kelm_msg_rx_delete_session unknown{{6}};
+    bytes datagram;
+    append(datagram, make_message(KELM_MSG_RX_SET_SESSION, NLM_F_REQUEST, 1, odd));
+    append(datagram, make_message(KELM_MSG_RX_DELETE_SESSION, NLM_F_REQUEST, 2, as_bytes(unknown)));
+    append(datagram, make_message(KELM_MSG_RX_SET_SESSION, 0, 3, rx_set_session(7)));
+    append(datagram,
+           make_message(KELM_MSG_RX_SET_SESSION, NLM_F_REQUEST | NLM_F_ACK, 4, rx_set_session(8)));
+    append(datagram, make_message(15, NLM_F_REQUEST, 5, session));
+    const std::size_t broken = datagram.size();
+    append(datagram, make_message(KELM_MSG_RX_SET_SESSION, NLM_F_REQUEST, 6, rx_set_session(9)));
+    append(datagram, make_message(KELM_MSG_RX_SET_SESSION, NLM_F_REQUEST, 7, rx_set_session(10)));
+    for (const std::uint32_t nlmsg_len : {0U, 15U, 0xffffffffU}) {
+        std::memcpy(datagram.data() + broken, &nlmsg_len, sizeof nlmsg_len);
+        ASSERT_EQ(a.send(datagram), 0);
+        EXPECT_EQ(names(a.read_messages()), (strings{"ack -2", "ack 0"}));
+        EXPECT_EQ(names(get_stats(a, 0, 0).messages), (strings{"rx_stats 5", "rx_stats 8"}));
+    }
+}
+
+TEST(dispatch, refuses_messages_that_end_before_their_body)
+{
+    for (const valid_request &request : valid_requests()) {
+        SCOPED_TRACE(testing::Message() << "type " << request.type);
+        busy_world busy;
+        agent &a = busy.a;
+        const strings before = busy.state();
+        for (std::size_t len = 0; len < request.body.size(); ++len) {
+            const auto body = std::span(request.body).first(len);
+            ASSERT_EQ(acknowledged(a, with_something_behind(request.type, body)), -EINVAL) << len;
+        }
+        EXPECT_EQ(busy.state(), before);
+
+        // Whole it is taken; overlong, too.
+        bytes overlong = request.body;
+        append(overlong, bytes(7, 0xff));
+        EXPECT_EQ(ask(a, request.type, overlong), request.result);
+        while (a.queued() != 0)
+            a.read_messages();
+        const strings after = busy.state();
+        if (request.type != KELM_MSG_GET_STATS && request.type != KELM_MSG_TX_PATH_READY) {
+            EXPECT_NE(after, before);
+        }
+    }
+}
+
+TEST(dispatch, refuses_messages_that_announce_more_than_they_hold)
+{
+    for (const valid_request &request : valid_requests()) {
+        if (request.tail_len_at == 0)
+            continue;
+        SCOPED_TRACE(testing::Message() << "type " << request.type);
+        busy_world busy;
+        const strings before = busy.state();
+        const auto held =
+            read_as<std::uint32_t>(std::span(request.body).subspan(request.tail_len_at));
+        for (const std::uint32_t announced :
+             {held + 1, held + 4, 0x10000U, 0x7fffffffU, 0x80000000U, 0xffffffffU - 104,
+              0xffffffffU - 15, 0xfffffffcU, 0xffffffffU}) {
+            bytes body = request.body;
+            std::memcpy(body.data() + request.tail_len_at, &announced, sizeof announced);
+            ASSERT_EQ(acknowledged(busy.a, with_something_behind(request.type, body)), -EINVAL)
+                << announced;
+        }
+        EXPECT_EQ(busy.state(), before);
+    }
+}
+
+TEST(dispatch, refuses_offsets_and_lengths_outside_the_packet)
+{
+    const bytes content = ipv4_datagram(control_packet{}.encode());
+    const auto len = static_cast<std::uint32_t>(content.size());
+    const std::uint32_t bfd = len - BFD_CTRL_LEN;
+    const std::uint32_t far[] = {bfd + 1,     len - 1,     len,         len + 1,    0x7fffffff,
+                                 0x80000000U, 0xffffffe7U, 0xffffffe8U, 0xffffffffU};
+    busy_world busy;
+    const strings before = busy.state();
+    for (const std::uint16_t type : {KELM_TX_SESSION_IP, KELM_TX_SESSION_L2}) {
+        const auto attempt = [&](std::uint32_t latch_offset, std::uint32_t ip_hdr_offset) {
+            kelm_msg_tx_set_packet fixed{};
+            fixed.type = type;
+            fixed.latch_offset = latch_offset;
+            fixed.ip_hdr_offset = ip_hdr_offset;
+            return ask(busy.a, KELM_MSG_TX_SET_PACKET, tx_set_packet(SESSION, content, fixed));
+        };
+        for (const std::uint32_t offset : far) {
+            EXPECT_EQ(attempt(offset, 0), -EINVAL) << "latch_offset " << offset;
+            EXPECT_EQ(attempt(bfd, offset), -EINVAL) << "ip_hdr_offset " << offset;
+        }
+        EXPECT_EQ(attempt(bfd - 1, 0), -EINVAL);   // the packet does not end with its BFD part
+        EXPECT_EQ(attempt(bfd, 1), -EINVAL);       // the IP header reaches into the UDP header
+        EXPECT_EQ(attempt(bfd, bfd - 8), -EINVAL); // and lies in it
+    }
+    EXPECT_EQ(busy.state(), before);
+}
+
+TEST(dispatch, survives_any_request)
+{
+    const std::vector<valid_request> requests = valid_requests();
+    for (std::uint64_t seed = 1; seed <= 5; ++seed) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed);
+        busy_world busy(seed);
+        agent &a = busy.a;
+        random_source random(seed);
+        for (int i = 0; i < 3000; ++i) {
+            const valid_request &request = requests[random.below(requests.size())];
+            bytes body = request.body;
+            for (std::uint64_t edits = random.below(4); edits > 0; --edits) {
+                // Mostly near the start, where the fields are; mostly to values at some limit.
+                const std::size_t at = random.below(random.below(body.size()) + 1);
+                const std::uint8_t values[] = {
+                    0, 1, 24, 52, 0x7f, 0x80, 0xff, static_cast<std::uint8_t>(random.next())};
+                body[at] = values[random.below(std::size(values))];
+            }
+            if (random.below(8) == 0)
+                body.resize(random.below(body.size() + 20));
+            if (request.type == KELM_MSG_SET_DEBUG_LEVEL && body.size() > 8)
+                body[8] &= 3;
+            ask(a, request.type, body);
+            a.read_messages();
+            if (random.below(4) == 0)
+                receive(busy.w, SESSION);
+            busy.w.advance(random.below(30));
+        }
+        while (a.queued() != 0)
+            a.read_messages();
+        EXPECT_EQ(set_session(a, SESSION), 0);
+        EXPECT_EQ(set_packet(a, SESSION), 0);
+    }
+}
+
+TEST(dispatch, wants_no_discriminator_for_the_path)
+{
+    world w;
+    agent &a = w.open_agent(w.initial());
+    ASSERT_EQ(set_packet(a, 5), 0);
+    EXPECT_EQ(path_ready(a, 5), -ENODATA);
+    w.advance(1000);
+    EXPECT_TRUE(w.frames().empty());
+    EXPECT_EQ(path_ready(a), 0);
+    EXPECT_EQ(w.frames().size(), 1U);
+}
+
+} // namespace
