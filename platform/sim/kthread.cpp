@@ -37,12 +37,8 @@ constexpr long LONGEST_SLEEP_OF_MAIN = 10'000;
 void sleep_on_main(long ticks)
 {
     sim::state &s = sim::the();
-    static long slept = 0;
-    static const sim::state *slept_in = nullptr;
-    if (std::exchange(slept_in, &s) != &s)
-        slept = 0;
-    slept += ticks;
-    if (slept > LONGEST_SLEEP_OF_MAIN)
+    s.slept_on_main += ticks;
+    if (s.slept_on_main > LONGEST_SLEEP_OF_MAIN)
         sim::fatal("the engine waits for something that does not come\n%s",
                    s.sched.report().c_str());
     s.advance_to(s.clock.tick + static_cast<std::uint64_t>(ticks));

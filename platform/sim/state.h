@@ -52,6 +52,7 @@ struct state {
     notifier_block *notifier = nullptr;
     std::list<std::unique_ptr<agent>> agents;
     int threads = 0;
+    long slept_on_main = 0; // ticks, in kernel services
     int module_references = 0;
 
     std::vector<frame> frames;
