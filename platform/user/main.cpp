@@ -99,10 +99,11 @@ bool check_privilege(const options &chosen)
 }
 
 // Takes down what kelm_init and the agents have made, in the order that kelm_release asks for.
-void take_down(namespace_set &served)
+void take_down(namespace_set &served, bool started)
 {
     served.close_agents();
-    kelm_exit();
+    if (started)
+        kelm_exit();
     kelm_release();
     stop_softirq();
 }
@@ -114,21 +115,21 @@ int run(const options &chosen)
     raise_descriptor_limit();
     event_loop loop;
     end_on_signals(loop);
-    namespace_set &served = make_namespaces(loop, chosen.namespaces);
+    namespace_set served(loop, chosen.namespaces);
     start_softirq(chosen.realtime);
     if (chosen.realtime)
         lock_memory();
     if (kelm_init() != 0) {
         const std::string reason = served.initial_obstacle();
         log_line("cannot serve the initial network namespace: %s", reason.c_str());
-        stop_softirq();
+        take_down(served, false);
         return EXIT_FAILURE;
     }
     log_line("ready");
     sd_notify(0, "READY=1");
     loop.run();
     sd_notify(0, "STOPPING=1");
-    take_down(served);
+    take_down(served, true);
     return EXIT_SUCCESS;
 }
 

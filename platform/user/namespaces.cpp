@@ -31,15 +31,9 @@ constexpr auto process_check_interval = 1s;
 constexpr auto first_mount_wait = 5ms;
 constexpr auto longest_mount_wait = 1000ms;
 
-std::unique_ptr<namespace_set> the_namespaces;
+namespace_set *the_namespaces = nullptr;
 
 } // namespace
-
-namespace_set &make_namespaces(event_loop &loop, namespace_options options)
-{
-    the_namespaces = std::make_unique<namespace_set>(loop, std::move(options));
-    return *the_namespaces;
-}
 
 namespace_set &namespaces()
 {
@@ -51,9 +45,13 @@ namespace_set::namespace_set(event_loop &loop, namespace_options options)
       retry_(loop, [this] { retry_unserved(); }),
       process_check_(loop, [this] { let_go_abandoned(); })
 {
+    the_namespaces = this;
 }
 
-namespace_set::~namespace_set() = default;
+namespace_set::~namespace_set()
+{
+    the_namespaces = nullptr;
+}
 
 int namespace_set::start(notifier_block *notifier)
 {

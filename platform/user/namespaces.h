@@ -27,6 +27,7 @@ struct namespace_options {
 class namespace_set
 {
   public:
+    // The process has one. The loop must outlive it.
     namespace_set(event_loop &loop, namespace_options options);
     ~namespace_set();
 
@@ -76,8 +77,7 @@ class namespace_set
     std::chrono::milliseconds mount_wait_{};
 };
 
-// The one that the process has; made by the first call, which says how.
-namespace_set &make_namespaces(event_loop &loop, namespace_options options);
+// The one that the process has.
 namespace_set &namespaces();
 
 } // namespace kelmd
