@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Periodic statistics: when they come, what they hold, who gets them, and what stops them.
+#include "engine_fixture.h"
+#include "platform/sim/net.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+
+namespace
+{
+
+using namespace sim;
+using strings = std::vector<std::string>;
+
+constexpr std::uint32_t BROADCAST_SIZE = 2048;
+
+struct periodic : testing::Test {
+    // The messages that have come since the last time.
+    strings received() { return names(observer.read_messages()); }
+
+    // So many packets in the initial namespace.
+    void set_packets(std::uint32_t number)
+    {
+        for (std::uint32_t discriminator = 1; discriminator <= number; ++discriminator)
+            ASSERT_EQ(set_packet(a, discriminator), 0);
+    }
+
+    world w{{.namespaces = {"red"}}};
+    net &red = w.find("red");
+    agent &a = w.open_agent(w.initial());
+    agent &observer = w.open_agent(w.initial(), {.groups = CONTROL});
+};
+
+const strings ONE_RUN = {"module_stats", "module_stats"};
+
+TEST_F(periodic, runs_at_once_and_then_at_each_interval)
+{
+    ASSERT_EQ(set_interval(a, 10), 0);
+    EXPECT_EQ(received(), ONE_RUN);
+    for (int run = 0; run < 3; ++run) {
+        w.advance(9999);
+        EXPECT_EQ(received(), strings{});
+        w.advance(1);
+        EXPECT_EQ(received(), ONE_RUN);
+    }
+    // A new interval counts from its request.
+    w.advance(4000);
+    ASSERT_EQ(set_interval(a, 7), 0);
+    EXPECT_EQ(received(), ONE_RUN);
+    w.advance(6999);
+    EXPECT_EQ(received(), strings{});
+    w.advance(1);
+    EXPECT_EQ(received(), ONE_RUN);
+
+    EXPECT_EQ(set_interval(a, 1, 3), -EINVAL); // with a discriminator: nothing changes
+    w.advance(7000);
+    EXPECT_EQ(received(), ONE_RUN);
+
+    ASSERT_EQ(set_interval(a, 0), 0);
+    EXPECT_EQ(w.timers(), 0U);
+    w.advance(20'000);
+    EXPECT_EQ(received(), strings{});
+}
+
+TEST_F(periodic, longest_interval_is_65535_seconds)
+{
+    ASSERT_EQ(set_interval(a, 65535), 0);
+    EXPECT_EQ(received(), ONE_RUN);
+    w.pass(65'535'000 - 1);
+    w.run_timers();
+    EXPECT_EQ(received(), strings{});
+    w.pass(1);
+    w.run_timers();
+    EXPECT_EQ(received(), ONE_RUN);
+}
+
+TEST_F(periodic, holds_everything_of_every_vrf_the_newest_first)
+{
+    agent &theirs = w.open_agent(red, {.groups = CONTROL | NOTIFICATION});
+    agent &other_group = w.open_agent(w.initial(), {.groups = NOTIFICATION});
+    ASSERT_EQ(set_session(a, 5), 0);
+    set_packets(2);
+    ASSERT_EQ(set_session(theirs, 8), 0);
+    ASSERT_EQ(set_interval(theirs, 1), 0); // by whom does not matter
+    w.advance(1000);
+    EXPECT_EQ(module_stats(a).seq_num, 5U);
+    EXPECT_EQ(module_stats(a).seq_num, 5U);
+
+    const std::vector<message> messages = observer.read_messages();
+    const strings run = {"rx_stats 8", "module_stats", "rx_stats 5",
+                         "tx_stats 1", "tx_stats 2",   "module_stats"};
+    strings two_runs = run;
+    two_runs.insert(two_runs.end(), run.begin(), run.end());
+    EXPECT_EQ(names(messages), two_runs);
+    for (const message &m : messages) {
+        EXPECT_EQ(m.header.nlmsg_seq, 0U);
+        EXPECT_EQ(m.header.nlmsg_pid, 0U);
+        EXPECT_EQ(m.header.nlmsg_flags, 0U);
+    }
+    std::uint64_t seq_num = 0;
+    for (const auto &m : bodies<kelm_msg_module_stats>(messages, KELM_MSG_MODULE_STATS)) {
+        EXPECT_EQ(m.seq_num, ++seq_num);
+        EXPECT_EQ(m.unsolicited, 1U);
+    }
+    for (const auto &m : bodies<kelm_msg_rx_stats>(messages, KELM_MSG_RX_STATS))
+        EXPECT_EQ(m.unsolicited, 1U);
+    for (const auto &m : bodies<kelm_msg_tx_stats>(messages, KELM_MSG_TX_STATS))
+        EXPECT_EQ(m.unsolicited, 1U);
+    EXPECT_EQ(theirs.queued(), 0U);
+    EXPECT_EQ(other_group.queued(), 0U);
+}
+
+TEST_F(periodic, fills_as_many_datagrams_as_it_takes)
+{
+    set_packets(25);
+    ASSERT_EQ(set_interval(a, 1), 0);
+    strings all;
+    std::size_t datagrams = 0;
+    for (; observer.queued() != 0; ++datagrams) {
+        const bytes datagram = *observer.read();
+        EXPECT_LE(datagram.size(), BROADCAST_SIZE);
+        for (const message &m : parse_messages(datagram))
+            all.push_back(name(m));
+    }
+    EXPECT_EQ(datagrams, 3U); // ten packets' statistics go into one
+    EXPECT_EQ(all.size(), 27U);
+    std::ranges::sort(all);
+    EXPECT_EQ(std::ranges::unique(all).size(), 1U); // but for the two of the vrfs
+}
+
+TEST_F(periodic, counts_datagrams_that_nobody_got_and_goes_on)
+{
+    observer.close();
+    set_packets(25);
+    ASSERT_EQ(path_ready(a), 0);
+    ASSERT_EQ(set_debug_level(a, 2), 0);
+    ASSERT_EQ(set_interval(a, 1), 0);
+    EXPECT_EQ(module_stats(a).session_stats_broadcast_fail, 3U);
+    EXPECT_EQ(w.logged("kelm Netlink: Error sending session stats netlink message, continuing "
+                       "err: -3"),
+              3U);
+    EXPECT_EQ(w.logged("kelm Netlink: Finished sending stats"), 1U);
+    EXPECT_EQ(tx_stats(a, 1)->num_sent, 1U);
+    EXPECT_EQ(tx_stats(a, 1)->snapshot_num_sent, 0U);
+    w.advance(1000);
+    EXPECT_EQ(module_stats(a).session_stats_broadcast_fail, 6U);
+}
+
+TEST_F(periodic, run_without_a_buffer_is_cut_short_and_the_next_one_comes)
+{
+    set_packets(25);
+    ASSERT_EQ(set_debug_level(a, 2), 0);
+    ASSERT_EQ(set_interval(a, 1), 0);
+    std::set<std::size_t> delivered;
+    for (std::uint64_t nth = 1;; ++nth) {
+        observer.read_messages();
+        const std::uint64_t failed = w.failed(service::allocation);
+        w.fail(service::allocation, -1, nth);
+        w.advance(1000);
+        if (w.failed(service::allocation) == failed)
+            break;
+        EXPECT_EQ(module_stats(a).session_stats_no_skb_fail, nth);
+        EXPECT_EQ(w.logged("kelm Netlink: Error sending session statistics, no skb"), nth);
+        delivered.insert(observer.queued());
+    }
+    EXPECT_EQ(delivered, (std::set<std::size_t>{0, 1, 2})); // and the whole run has three
+    EXPECT_EQ(received().size(), 27U);
+}
+
+// Whether the module messages are numbered from `next` on, in order of their numbers.
+void expect_numbers(std::vector<kelm_msg_module_stats> messages, std::uint64_t next)
+{
+    std::ranges::sort(messages, {}, &kelm_msg_module_stats::seq_num);
+    for (const kelm_msg_module_stats &m : messages)
+        EXPECT_EQ(m.seq_num, next++);
+}
+
+TEST_F(periodic, runs_may_overlap)
+{
+    set_packets(25);
+    ASSERT_EQ(set_session(w.open_agent(red), 8), 0);
+    ASSERT_EQ(set_interval(a, 1), 0);
+    std::uint64_t next =
+        1 + bodies<kelm_msg_module_stats>(observer.read_messages(), KELM_MSG_MODULE_STATS).size();
+    bool more = true;
+    for (std::uint64_t k = 1; more; ++k) {
+        SCOPED_TRACE(testing::Message() << "timer expires at lock point " << k);
+        w.pass(1000);
+        w.at_lock_point(k, [this] { w.run_timers(); });
+        ASSERT_EQ(set_interval(a, 1), 0);
+        more = w.actions_left() == 0;
+        if (!more)
+            break;
+        const std::vector<message> messages = observer.read_messages();
+        const auto modules = bodies<kelm_msg_module_stats>(messages, KELM_MSG_MODULE_STATS);
+        // Two runs, or one that began before the timer expired and armed it anew.
+        ASSERT_EQ(messages.size(), modules.size() / 2 * 28);
+        ASSERT_TRUE(modules.size() == 2 || modules.size() == 4);
+        expect_numbers(modules, next);
+        next += modules.size();
+    }
+}
+
+// The cleanup thread takes the newest vrf away while a run is on its way.
+TEST(periodic_race, run_ends_after_a_vrf_that_is_unlinked_meanwhile)
+{
+    std::size_t cut_short = 0;
+    for (std::uint64_t seed = 1; seed <= 100; ++seed) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed);
+        world w({.namespaces = {"red", "blue"}, .seed = seed});
+        agent &a = w.open_agent(w.initial(), {.groups = CONTROL});
+        net &blue = w.find("blue");
+        agent &theirs = w.open_agent(blue);
+        for (std::uint32_t discriminator = 1; discriminator <= 12; ++discriminator)
+            ASSERT_EQ(set_packet(theirs, discriminator), 0);
+        theirs.close();
+        w.abandon(blue);
+        w.pass(25); // now the thread is due
+        w.race({[&a] { EXPECT_EQ(set_interval(a, 1), 0); }});
+        const strings run = names(a.read_messages());
+        if (run != ONE_RUN) {
+            ++cut_short;
+            EXPECT_EQ(run.size(), 13U);
+            EXPECT_EQ(run.back(), "module_stats");
+        }
+        w.advance(1000);
+        EXPECT_FALSE(w.alive(blue));
+        EXPECT_EQ(names(a.read_messages()), ONE_RUN); // of the two that are left
+    }
+    EXPECT_GT(cut_short, 0U);
+    EXPECT_LT(cut_short, 100U);
+}
+
+} // namespace
