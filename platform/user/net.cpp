@@ -47,6 +47,7 @@ in_namespace::in_namespace(const net &ns)
 {
     if (ns.initial)
         return;
+    (void)initial_namespace_fd(); // opened before it is left for the first time
     if (setns(ns.handle.get(), CLONE_NEWNET) == 0)
         entered_ = true;
     else
