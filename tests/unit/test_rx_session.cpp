@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Setting and deleting receive sessions: what is refused, in which order, and what a request that
+// fails half way leaves behind.
+#include "wire_fixture.h"
+
+namespace
+{
+
+using namespace sim;
+
+constexpr std::uint32_t SESSION = 5;
+constexpr std::uint64_t DETECTION = 900; // ticks, of a session as `rx` makes it
+
+class rx_session_config : public testing::Test
+{
+  protected:
+    // The session failures since the last time.
+    std::vector<std::string> failures() { return names(listener.read_messages()); }
+
+    bool timed_out(std::uint64_t ticks)
+    {
+        w.advance(ticks);
+        return !failures().empty();
+    }
+
+    world w;
+    agent &a = w.open_agent(w.initial());
+    agent &listener = w.open_agent(w.initial(), {.groups = NOTIFICATION});
+};
+
+TEST_F(rx_session_config, refusals_come_in_order_and_change_nothing)
+{
+    ASSERT_EQ(set_debug_level(a, 2), 0);
+    const std::size_t memory = w.memory_in_use();
+    EXPECT_EQ(set_session(a, 0, rx{.type = 5}), -EINVAL);
+    EXPECT_EQ(w.logged("kelm Rx (0): Processing RX_SET_SESSION for session 0"), 1U);
+    for (const std::uint8_t type : bytes{5, 6, 255})
+        EXPECT_EQ(set_session(a, SESSION, rx{.latch = {99}, .type = type}), -EAFNOSUPPORT);
+    EXPECT_EQ(w.logged("Got sessions lock"), 0U);
+    EXPECT_EQ(w.logged("Returning"), 0U);
+    EXPECT_EQ(delete_session(a, 0), -EINVAL);
+    EXPECT_EQ(delete_session(a, SESSION), -ENOENT);
+
+    w.clear_log();
+    const bytes body = rx_set_session(SESSION, rx{});
+    for (std::size_t len = 0; len < body.size(); ++len)
+        EXPECT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, std::span(body).first(len)), -EINVAL) << len;
+    for (std::size_t len = 0; len < 4; ++len)
+        EXPECT_EQ(ask(a, KELM_MSG_RX_DELETE_SESSION, std::span(body).first(len)), -EINVAL) << len;
+    for (const std::uint32_t announced : {21U, 0x7fffffffU, 0xffffff98U, 0xffffffffU}) {
+        bytes lying = body;
+        std::memcpy(&lying[offsetof(kelm_msg_rx_set_session, failure_packet_len)], &announced, 4);
+        EXPECT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, lying), -EINVAL) << announced;
+    }
+    EXPECT_EQ(w.logged("Processing"), 0U);
+    EXPECT_TRUE(sync_dump(a).messages.empty());
+    EXPECT_EQ(w.memory_in_use(), memory);
+}
+
+TEST_F(rx_session_config, sessions_are_found_by_discriminator_alone)
+{
+    net &other = w.create_namespace("other");
+    agent &there = w.open_agent(other);
+    for (const std::uint32_t disc : {5U, 37U, 69U, 0xffffffe5U}) // one chain
+        ASSERT_EQ(set_session(a, disc, rx{.type = static_cast<std::uint8_t>(disc % 5)}), 0);
+    EXPECT_EQ(delete_session(there, 37), -ENOENT);
+    EXPECT_EQ(delete_session(a, 37), 0);
+    EXPECT_EQ(delete_session(a, 37), -ENOENT);
+    EXPECT_EQ(bodies<kelm_msg_rx_sync>(sync_dump(a).messages, KELM_MSG_RX_SYNC).size(), 3U);
+    for (const int port : {3784, 3785, 6784, 4784, 47657}) {
+        datagram packet = arriving({.your_discriminator = 69});
+        packet.port = static_cast<std::uint16_t>(port);
+        ASSERT_TRUE(w.deliver(w.initial(), packet));
+    }
+    EXPECT_EQ(rx_stats(a, 69)->num_received, 5U);
+    EXPECT_EQ(rx_stats(a, 5)->num_received, 0U);
+}
+
+TEST_F(rx_session_config, the_timer_follows_the_flag)
+{
+    ASSERT_EQ(set_session(a, SESSION, rx{.flags = 0}), 0);
+    EXPECT_FALSE(timed_out(2 * DETECTION));
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    w.advance(DETECTION - 1);
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0); // counts from now
+    EXPECT_FALSE(timed_out(DETECTION - 1));
+    ASSERT_EQ(set_session(a, SESSION, rx{.flags = KELM_RX_MYDISC_RTT | 0xfc}), 0);
+    EXPECT_FALSE(timed_out(2 * DETECTION));
+    EXPECT_EQ(w.timers(), 0U);
+    ASSERT_EQ(set_session(a, SESSION, rx{.flags = 0xff}), 0);
+    EXPECT_FALSE(timed_out(DETECTION - 1));
+    EXPECT_TRUE(timed_out(1));
+}
+
+TEST_F(rx_session_config, the_failure_message_is_the_latest_unchanged)
+{
+    const auto with_message = [](const bytes &message) {
+        kelm_msg_rx_set_session fixed = rx{.multiplier = 1, .period = 1};
+        fixed.header.discriminator = SESSION;
+        fixed.failure_packet_len = static_cast<std::uint32_t>(message.size());
+        bytes body;
+        append(body, as_bytes(fixed));
+        append(body, message);
+        return body;
+    };
+    bytes odd = make_message(KELM_MSG_SESSION_FAILURE, 0x1234, 77, bytes(13, 0xee));
+    std::memset(&odd[12], 0x5a, 4);
+    for (const bytes &message : {make_message(99, 0, 0, {}), odd,
+                                 make_message(KELM_MSG_TX_STATS, 0, 0, bytes(60000, 7))}) {
+        ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, with_message(bytes(16))), 0);
+        ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, with_message(message)), 0);
+        w.advance(1);
+        EXPECT_EQ(listener.read(), message);
+        EXPECT_EQ(listener.read(), std::nullopt);
+        // The same again for the next silence.
+        ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, with_message(message)), 0);
+        w.advance(1);
+        EXPECT_EQ(listener.read(), message);
+    }
+    ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, with_message({})), 0);
+    w.advance(1);
+    EXPECT_EQ(rx_stats(a, SESSION)->num_timeout, 7U);
+}
+
+TEST_F(rx_session_config, without_memory_a_session_is_not_created_and_an_old_one_not_touched)
+{
+    const std::size_t memory = w.memory_in_use();
+    ASSERT_EQ(set_debug_level(a, 1), 0);
+    // Two allocations make the request's buffer, one the record, two the failure message.
+    for (std::uint64_t n = 3; n <= 5; ++n) {
+        w.fail(service::allocation, -ENOMEM, n);
+        EXPECT_EQ(set_session(a, SESSION, rx{}), -ENOMEM) << n;
+        EXPECT_EQ(w.logged("kelm Rx: Failed to allocate failed packet"), n - 3);
+        EXPECT_EQ(rx_stats(a, SESSION), std::nullopt);
+        EXPECT_EQ(w.timers(), 0U);
+        EXPECT_EQ(w.memory_in_use(), memory);
+    }
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    const kelm_msg_rx_stats before = *rx_stats(a, SESSION);
+    w.advance(100);
+    for (std::uint64_t n = 3; n <= 4; ++n) {
+        w.fail(service::allocation, -ENOMEM, n);
+        EXPECT_EQ(set_session(a, SESSION, rx{.flags = 0, .period = 5000, .latch = {99}}), -ENOMEM);
+    }
+    EXPECT_EQ(rx_stats(a, SESSION)->last_state_change.nsec, before.last_state_change.nsec);
+    EXPECT_FALSE(timed_out(DETECTION - 101));
+    EXPECT_TRUE(timed_out(1));
+}
+
+TEST_F(rx_session_config, an_unknown_packet_ends_the_request_half_way)
+{
+    ASSERT_EQ(set_debug_level(a, 2), 0);
+    ASSERT_EQ(path_ready(a), 0);
+    for (const std::uint32_t disc : {1U, 2U, 3U, 4U})
+        ASSERT_EQ(set_packet(a, disc), 0);
+    // A new session: there, but its timer is not started.
+    w.clear_log();
+    EXPECT_EQ(set_session(a, SESSION, rx{.latch = {1, 2, 99, 3}}), -ENXIO);
+    EXPECT_EQ(w.logged("kelm Rx (5): Returning -6"), 1U);
+    EXPECT_EQ(w.timers(), 4U);
+    EXPECT_EQ(rx_stats(a, SESSION)->last_state_change.sec, 0U);
+    // An existing one: the timer runs on as it was, with the new links, diagnostic and message.
+    ASSERT_EQ(set_session(a, SESSION, rx{.latch = {4, 4, 4, 4, 4, 4, 4, 4}}), 0);
+    w.advance(100);
+    EXPECT_EQ(set_session(a, SESSION,
+                          rx{.period = 1'000'000,
+                             .latch = {3, 2, 99, 1},
+                             .latch_diagnostic = BFD_DIAG_PATH_DOWN}),
+              -ENXIO);
+    EXPECT_FALSE(timed_out(DETECTION - 101));
+    EXPECT_TRUE(timed_out(1));
+    // In slot order, up to the first empty one.
+    std::vector<std::string> latched;
+    for (const log_line &line : w.log()) {
+        if (line.text.find("Latching") != std::string::npos)
+            latched.push_back(line.text);
+    }
+    EXPECT_EQ(latched, (std::vector<std::string>{"kelm Tx (3): Latching packet 3 with diag 5",
+                                                 "kelm Tx (2): Latching packet 2 with diag 5"}));
+    // The new period holds from the next packet on, if the timer is active.
+    EXPECT_EQ(set_session(a, SESSION, rx{.period = 1'000'000, .latch = {99}}), -ENXIO);
+    ASSERT_TRUE(receive(w, SESSION));
+    EXPECT_FALSE(timed_out(2999));
+    EXPECT_TRUE(timed_out(1));
+}
+
+TEST_F(rx_session_config, up_to_8_packets_are_linked_and_the_first_0_ends_the_list)
+{
+    ASSERT_EQ(path_ready(a), 0);
+    for (std::uint32_t disc = 1; disc <= 9; ++disc)
+        ASSERT_EQ(set_packet(a, disc), 0);
+    kelm_msg_rx_set_session fixed = rx{.latch = {1, 2, 3, 4, 5, 6, 7, 8}};
+    ASSERT_EQ(set_session(a, 100, fixed), 0);
+    const auto latches = [this] {
+        std::uint64_t sum = 0;
+        for (std::uint32_t disc = 1; disc <= 9; ++disc)
+            sum = sum * 10 + tx_stats(a, disc)->num_latches;
+        return sum;
+    };
+    w.advance(DETECTION + 299);
+    EXPECT_EQ(latches(), 111'111'110U);
+    fixed.latch_tx_packets[1] = 0;
+    ASSERT_EQ(set_session(a, 100, fixed), 0);
+    w.advance(DETECTION + 299);
+    EXPECT_EQ(latches(), 211'111'110U);
+    fixed.latch_tx_packets[0] = 0;
+    ASSERT_EQ(set_session(a, 100, fixed), 0);
+    w.advance(DETECTION + 299);
+    EXPECT_EQ(latches(), 211'111'110U);
+}
+
+TEST_F(rx_session_config, packets_of_other_vrfs_are_linked_the_own_one_first_then_the_newest)
+{
+    ASSERT_EQ(path_ready(a), 0);
+    agent &red = w.open_agent(w.create_namespace("red"));
+    agent &blue = w.open_agent(w.create_namespace("blue"));
+    ASSERT_EQ(set_packet(red, 1), 0);
+    ASSERT_EQ(set_packet(blue, 1), 0);
+    const auto latched = [&](agent &owner) { return tx_stats(owner, 1)->num_latches; };
+    ASSERT_EQ(set_session(a, SESSION, rx{.latch = {1}}), 0);
+    w.advance(DETECTION + 299);
+    EXPECT_EQ(latched(red), 0U);
+    EXPECT_EQ(latched(blue), 1U);
+    ASSERT_EQ(set_packet(a, 1), 0);
+    ASSERT_EQ(set_session(a, SESSION, rx{.latch = {1}}), 0);
+    w.advance(DETECTION + 299);
+    EXPECT_EQ(latched(a), 1U);
+    EXPECT_EQ(latched(blue), 1U);
+}
+
+TEST_F(rx_session_config, zero_detection_time_is_accepted_and_over_at_once)
+{
+    const auto zero = [this](std::uint8_t multiplier, kelm_microsecs period) {
+        kelm_msg_rx_set_session fixed = rx{.latch_diagnostic = 0};
+        bytes body = rx_set_session(SESSION, fixed);
+        body[offsetof(kelm_msg_rx_set_session, multiplier)] = multiplier;
+        std::memcpy(&body[offsetof(kelm_msg_rx_set_session, period)], &period, sizeof period);
+        return ask(a, KELM_MSG_RX_SET_SESSION, body);
+    };
+    EXPECT_EQ(zero(0, 300'000), 0);
+    EXPECT_EQ(w.logged("kelm Rx: Session 5 has zero detect time 0 * 300000"), 1U);
+    EXPECT_TRUE(timed_out(1));
+    EXPECT_EQ(zero(3, 0), 0);
+    EXPECT_EQ(w.logged("kelm Rx: Session 5 has zero detect time 3 * 0"), 1U);
+    EXPECT_TRUE(timed_out(1));
+    EXPECT_EQ(zero(128, 0x02000000), 0); // modulo 2^32
+    EXPECT_EQ(w.logged("kelm Rx: Session 5 has zero detect time 128 * 33554432"), 1U);
+    EXPECT_TRUE(timed_out(1));
+    EXPECT_EQ(zero(255, 0x01020305), 0); // 16,777,723 us too many for 32 bits
+    EXPECT_EQ(w.logged("zero detect time"), 3U);
+    const std::uint64_t expected = (255ULL * 0x01020305 % (1ULL << 32) + 999) / 1000;
+    EXPECT_FALSE(timed_out(expected - 1));
+    EXPECT_TRUE(timed_out(1));
+}
+
+TEST_F(rx_session_config, a_new_period_clears_the_interval_statistics_alone)
+{
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(receive(w, SESSION));
+        w.advance(10);
+    }
+    ASSERT_EQ(set_session(a, SESSION, rx{.flags = 0, .multiplier = 9}), 0);
+    kelm_msg_rx_stats stats = *rx_stats(a, SESSION);
+    EXPECT_EQ(stats.num_received, 3U);
+    EXPECT_EQ(stats.max_period, 10'000U);
+    const kelm_time last = stats.last_rx_time;
+    ASSERT_EQ(set_session(a, SESSION, rx{.period = 300'001}), 0);
+    stats = *rx_stats(a, SESSION);
+    EXPECT_EQ(stats.num_received, 0U);
+    EXPECT_EQ(stats.snapshot_num_received, 0U);
+    EXPECT_EQ(stats.max_period, 0U);
+    EXPECT_EQ(stats.num_passup, 1U);
+    EXPECT_EQ(stats.last_rx_time.nsec, last.nsec);
+    // The stored frame stays: the same packet is not passed up again.
+    ASSERT_TRUE(receive(w, SESSION));
+    EXPECT_EQ(rx_stats(a, SESSION)->num_passup, 1U);
+}
+
+TEST_F(rx_session_config, deleted_and_swept_sessions_are_silent_and_gone)
+{
+    const std::size_t memory = w.memory_in_use();
+    ASSERT_EQ(set_packet(a, 1), 0);
+    for (std::uint32_t disc = 1; disc <= 40; ++disc) {
+        ASSERT_EQ(set_session(a, disc, rx{.latch = {1, 1, 1}}), 0);
+        ASSERT_TRUE(receive(w, disc));
+    }
+    w.advance(DETECTION - 1);
+    for (std::uint32_t disc = 1; disc <= 20; ++disc)
+        ASSERT_EQ(delete_session(a, disc), 0);
+    ASSERT_EQ(mark_or_sweep(a, KELM_SYNC_SWEEP), 0);
+    EXPECT_FALSE(timed_out(DETECTION));
+    w.advance(300); // for the packet's timer: the first datagram has made the path ready
+    EXPECT_EQ(w.timers(), 0U);
+    EXPECT_EQ(w.memory_in_use(), memory);
+}
+
+} // namespace
