@@ -1,0 +1,414 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// One received datagram: what is dropped, what is accepted, and what the agent gets to see.
+#include "wire_fixture.h"
+
+namespace
+{
+
+using namespace sim;
+
+constexpr std::uint32_t SESSION = 5;
+
+class rx_packet : public testing::Test
+{
+  protected:
+    rx_packet() { EXPECT_EQ(set_debug_level(a, 2), 0); }
+
+    // Delivers, and says why the packet was passed up: the end of a log line; "" if it was not.
+    std::string reason(const datagram &packet)
+    {
+        w.clear_log();
+        listener.read_messages();
+        EXPECT_TRUE(w.deliver(w.initial(), packet));
+        const std::size_t passed = listener.read_messages().size();
+        for (const log_line &line : w.log()) {
+            const std::size_t at = line.text.find("Passing up - ");
+            if (at != std::string::npos) {
+                EXPECT_EQ(passed, 1U);
+                return line.text.substr(at + 13);
+            }
+        }
+        EXPECT_EQ(passed, 0U);
+        return "";
+    }
+
+    // A datagram that kelm itself sends, with this authentication, as it arrives.
+    datagram own_packet(std::uint8_t auth_type)
+    {
+        outgoing packet;
+        packet.payload = with_section({.my_discriminator = 77, .your_discriminator = SESSION},
+                                      auth_section(auth_type));
+        EXPECT_EQ(path_ready(a), 0);
+        EXPECT_EQ(set(a, 1, packet, tx{.flags = KELM_TX_SEND_OOB}), 0);
+        w.take_frames();
+        w.advance(1);
+        datagram result;
+        const auto sent = bfd_in(w.frames().at(0).data);
+        result.payload.assign(sent.begin(), sent.end());
+        return result;
+    }
+
+    world w;
+    agent &a = w.open_agent(w.initial());
+    agent &listener = w.open_agent(w.initial(), {.groups = CONTROL});
+};
+
+struct shape {
+    const char *host;
+    std::size_t link_len;
+    std::size_t extra; // bytes behind the packet
+    buffer_form form;
+    std::uint32_t linear_len;
+};
+
+TEST_F(rx_packet, packet_change_carries_the_frame)
+{
+    constexpr shape shapes[] = {
+        {"10.0.0.2", 14, 0, buffer_form::linear, 0},
+        {"10.0.0.2", 18, 0, buffer_form::linear, 0}, // as with a VLAN tag
+        {"10.0.0.2", 0, 0, buffer_form::linear, 0},
+        {"10.0.0.2", 14, 3, buffer_form::linear, 0},
+        {"10.0.0.2", 14, 9000, buffer_form::linear, 0},
+        {"fe80::2", 14, 0, buffer_form::linear, 0},
+        {"fe80::2", 18, 1, buffer_form::linear, 0},
+        {"fe80::2", 14, 0, buffer_form::fragmented, 0},
+        {"10.0.0.2", 14, 70, buffer_form::fragmented, 1},
+        {"10.0.0.2", 14, 0, buffer_form::fragmented, 23},
+        {"10.0.0.2", 14, 0, buffer_form::fragmented, 24},
+        {"10.0.0.2", 14, 0, buffer_form::cloned, 0},
+        {"fe80::2", 18, 5, buffer_form::cloned, 0},
+    };
+    std::uint32_t disc = 100;
+    for (const shape &each : shapes) {
+        for (const bool with_session : {true, false}) {
+            SCOPED_TRACE(testing::Message() << each.host << " link " << each.link_len << " extra "
+                                            << each.extra << " session " << with_session);
+            ++disc;
+            if (with_session) {
+                ASSERT_EQ(set_session(a, disc, rx{}), 0);
+            }
+            datagram packet = arriving({.your_discriminator = disc});
+            packet.payload.insert(packet.payload.end(), each.extra, 0xcc);
+            packet.source = packet.destination = address(each.host);
+            packet.link_len = each.link_len;
+            packet.form = each.form;
+            packet.linear_len = each.linear_len;
+            packet.ifindex = 0x01020304;
+            packet.member_ifindex = 0x05060708;
+
+            outgoing frame{packet.payload, packet.source, packet.destination, 0};
+            bytes data(packet.link_len);
+            append(data, frame.encode());
+            const auto len = static_cast<std::uint32_t>(data.size());
+            const auto bfd = static_cast<std::uint32_t>(len - packet.payload.size());
+            const kelm_msg_rx_packet_change head{
+                {disc}, 0x01020304, 0x05060708, static_cast<std::uint32_t>(each.link_len),
+                bfd,    len};
+            const nlmsghdr header{16 + 24 + len, KELM_MSG_RX_PACKET_CHANGE, 0, 0, 0};
+            bytes expected;
+            append(expected, as_bytes(header));
+            append(expected, std::span(as_bytes(head)).first(24));
+            append(expected, data);
+
+            ASSERT_TRUE(w.deliver(w.initial(), packet));
+            std::optional<bytes> message = listener.read();
+            ASSERT_TRUE(message.has_value());
+            // The link header, TOS and source port are the arriving frame's own.
+            const auto blank = [&](bytes &m) {
+                std::fill_n(m.begin() + 40, each.link_len, 0);
+                m[40 + each.link_len + (each.host[0] == '1' ? 1 : 0)] = 0;
+                if (each.host[0] == '1')
+                    std::fill_n(m.begin() + 50 + static_cast<std::ptrdiff_t>(each.link_len), 2, 0);
+                else
+                    m[41 + each.link_len] = 0;
+            };
+            blank(*message);
+            blank(expected);
+            EXPECT_EQ(*message, expected);
+            EXPECT_EQ(listener.read(), std::nullopt);
+
+            // The dump says the same of the session, and padded.
+            const auto dumped =
+                bodies<kelm_msg_rx_packet_change>(sync_dump(a).messages, KELM_MSG_RX_PACKET_CHANGE);
+            ASSERT_EQ(dumped.size(), with_session ? 1U : 0U);
+            if (with_session) {
+                EXPECT_EQ(0, std::memcmp(&dumped[0], &head, sizeof head));
+                ASSERT_EQ(delete_session(a, disc), 0);
+            }
+        }
+    }
+}
+
+TEST_F(rx_packet, what_is_not_bfd_is_dropped_and_counted)
+{
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    const bytes good = arriving({}).payload;
+    std::uint64_t drops = 0;
+    const auto dropped = [&](bytes payload) {
+        datagram packet;
+        packet.payload = std::move(payload);
+        EXPECT_EQ(reason(packet), "");
+        EXPECT_EQ(w.logged("kelm Rx: Packet failed RFC validation"), 1U);
+        EXPECT_EQ(module_stats(a).rfc_drops, ++drops);
+    };
+    for (std::size_t len = 0; len < good.size(); ++len)
+        dropped(bytes(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(len)));
+    for (const auto &[at, value] : std::initializer_list<std::pair<std::size_t, int>>{
+             {0, 0x40}, {1, 0xc1}, {1, 0xc4}, {2, 0}, {3, 23}, {3, 25}, {3, 255}, {7, 0}}) {
+        bytes payload = good;
+        payload[at] = static_cast<std::uint8_t>(value);
+        dropped(payload);
+    }
+    dropped(control_packet{.your_discriminator = 0, .state = BFD_STATE_UP}.encode());
+    dropped(control_packet{.your_discriminator = 0, .state = BFD_STATE_INIT}.encode());
+    EXPECT_EQ(rx_stats(a, SESSION)->num_received, 0U);
+}
+
+TEST_F(rx_packet, packets_without_a_session_are_passed_up)
+{
+    const auto state = [](std::uint8_t s) {
+        return arriving({.your_discriminator = 0, .state = s});
+    };
+    EXPECT_EQ(reason(state(BFD_STATE_DOWN)), "discriminator==0");
+    EXPECT_EQ(reason(state(BFD_STATE_ADMIN_DOWN)), "discriminator==0");
+    EXPECT_EQ(reason(arriving({.your_discriminator = 0xfffffffe})), "no session 4294967294");
+    EXPECT_EQ(reason(arriving({.your_discriminator = 0xfffffffe})), "no session 4294967294");
+    EXPECT_EQ(reason(arriving({.your_discriminator = 5})), "no session 5");
+    const kelm_msg_module_stats stats = module_stats(a);
+    EXPECT_EQ(stats.num_passup_disc_0, 2U);
+    EXPECT_EQ(stats.num_invalid_sessions, 3U);
+    EXPECT_EQ(stats.netlink_packet_change_fail, 0U);
+    listener.close();
+    ASSERT_TRUE(receive(w, SESSION));
+    EXPECT_EQ(module_stats(a).netlink_packet_change_fail, 1U);
+    EXPECT_EQ(w.logged("kelm Netlink: Error sending session packet change -3"), 1U);
+    ASSERT_TRUE(w.call_without_datagram(w.initial(), 4784));
+    EXPECT_EQ(module_stats(a).rx_packet_missing, 1U);
+}
+
+TEST_F(rx_packet, only_what_the_state_machine_must_see_is_passed_up)
+{
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    datagram packet = arriving({});
+    EXPECT_EQ(reason(packet), "66 != 0");
+    EXPECT_EQ(reason(packet), "");
+    // Every bit of the mandatory section that leaves the packet valid, and back again. A changed
+    // Poll or Final bit is a change of content first.
+    for (std::size_t bit = 0; bit < 8 * BFD_CTRL_LEN; ++bit) {
+        datagram changed = packet;
+        changed.payload[bit / 8] =
+            static_cast<std::uint8_t>(changed.payload[bit / 8] ^ 1 << bit % 8);
+        const bool other_session = bit / 32 == 2;
+        const bool invalid = (bit < 8 && bit >= 5) || bit == 8 || bit == 10 || bit / 8 == 3;
+        if (other_session || invalid)
+            continue;
+        EXPECT_EQ(reason(changed), "content changed") << bit;
+        if (changed.payload[1] & BFD_FLAG_POLL)
+            EXPECT_EQ(reason(changed), "poll bit set");
+        else if (changed.payload[1] & BFD_FLAG_FINAL)
+            EXPECT_EQ(reason(changed), "final bit set");
+        else
+            EXPECT_EQ(reason(changed), "") << bit;
+        EXPECT_EQ(reason(packet), "content changed") << bit;
+    }
+    packet.member_ifindex = 7;
+    EXPECT_EQ(reason(packet), "member link changed");
+    EXPECT_EQ(reason(packet), "");
+    packet.ifindex = 99; // neither interface nor addresses count
+    packet.source = address("10.9.9.9");
+    packet.ttl = 3;
+    packet.port = 4784;
+    EXPECT_EQ(reason(packet), "");
+    packet.link_len = 18;
+    EXPECT_EQ(reason(packet), "70 != 66");
+    EXPECT_EQ(reason(packet), "");
+    packet.payload.push_back(0);
+    EXPECT_EQ(reason(packet), "71 != 70");
+    packet.payload.back() = 1; // behind the control packet
+    EXPECT_EQ(reason(packet), "");
+    packet.member_ifindex = 0;
+    EXPECT_EQ(reason(packet), "member link changed");
+}
+
+// Frames of one length, whose headers are longer or shorter.
+TEST_F(rx_packet, stored_frame_may_have_its_packet_elsewhere)
+{
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    datagram first = arriving({});
+    first.link_len = 18;
+    EXPECT_EQ(reason(first), "70 != 0");
+    datagram second = arriving({});
+    second.link_len = 14;
+    second.payload.insert(second.payload.end(), 4, 0xcc);
+    EXPECT_EQ(reason(second), "");
+    second.payload[0] ^= 1;
+    EXPECT_EQ(reason(second), "content changed");
+    EXPECT_EQ(reason(second), "");
+    EXPECT_EQ(reason(first), "content changed");
+    // With authentication two bytes more count than the stored frame has.
+    ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = BFD_AUTH_PASSWORD}), 0);
+    datagram third;
+    third.payload = with_section({}, auth_section(BFD_AUTH_PASSWORD)); // 33 bytes
+    first.link_len = third.link_len + third.payload.size() - BFD_CTRL_LEN;
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    EXPECT_EQ(reason(first), "75 != 70");
+    ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = BFD_AUTH_PASSWORD}), 0);
+    EXPECT_EQ(reason(third), "content changed");
+    EXPECT_EQ(reason(third), "");
+}
+
+TEST_F(rx_packet, our_own_returning_packets_yield_round_trips_and_their_stamp_is_no_change)
+{
+    ASSERT_EQ(set_session(a, SESSION, rx{.flags = KELM_RX_MYDISC_RTT}), 0);
+    const auto returning = [this](std::int64_t after_ns) {
+        datagram packet = arriving({});
+        const auto stamp = static_cast<std::uint32_t>(w.raw_ns() >> 4);
+        std::memcpy(&packet.payload[4], &stamp, sizeof stamp);
+        packet.form = buffer_form::cloned;
+        w.move_clocks(after_ns);
+        return packet;
+    };
+    const auto my_discriminator = [this](const datagram &packet) {
+        w.deliver(w.initial(), packet);
+        const std::vector<message> messages = listener.read_messages();
+        if (messages.empty())
+            return bytes{};
+        const bytes &body = messages.front().body;
+        return bytes(body.begin() + 24 + 42 + 4, body.begin() + 24 + 42 + 8);
+    };
+    const datagram first = returning(1'000'000);
+    EXPECT_EQ(my_discriminator(first), bytes(&first.payload[4], &first.payload[8]));
+    EXPECT_EQ(my_discriminator(returning(4'000'000)), bytes(4, 0)); // 0 is a change, once
+    EXPECT_EQ(my_discriminator(returning(2'000'000)), bytes{});
+    EXPECT_EQ(my_discriminator(returning(0)), bytes{}); // no sample
+    datagram poll = returning(3'000'000);
+    poll.payload[1] |= BFD_FLAG_POLL;
+    EXPECT_EQ(my_discriminator(poll), bytes(4, 0));
+    const kelm_msg_rx_stats stats = *rx_stats(a, SESSION);
+    EXPECT_EQ(stats.min_rtt, 1000U);
+    EXPECT_EQ(stats.max_rtt, 4000U);
+    EXPECT_EQ(stats.last_rtt, 3000U);
+    EXPECT_EQ(stats.avg_rtt, 2000U); // over all 5
+    EXPECT_EQ(stats.num_received, 5U);
+}
+
+TEST_F(rx_packet, what_kelm_sends_kelm_accepts_unless_a_bit_is_wrong)
+{
+    for (const std::uint8_t type : bytes{1, 2, 3, 4, 5}) {
+        SCOPED_TRACE(int{type});
+        const datagram good = own_packet(type);
+        for (std::size_t bit = 8 * BFD_CTRL_LEN; bit < 8 * good.payload.size(); ++bit) {
+            ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = type}), 0);
+            datagram bad = good;
+            bad.payload[bit / 8] = static_cast<std::uint8_t>(bad.payload[bit / 8] ^ 1 << bit % 8);
+            bad.form = buffer_form::cloned; // the digest is computed in place
+            EXPECT_EQ(reason(bad), "") << bit;
+            ASSERT_EQ(delete_session(a, SESSION), 0);
+        }
+        ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = type}), 0);
+        EXPECT_EQ(reason(good), std::to_string(42 + good.payload.size()) + " != 0");
+        EXPECT_EQ(rx_stats(a, SESSION)->num_auth_fail, 0U);
+        // A later one of the same sender: neither key id nor number nor digest is a change.
+        ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = type}), 0);
+        EXPECT_EQ(reason(own_packet(type)), "");
+        EXPECT_EQ(rx_stats(a, SESSION)->num_received, 2U);
+        ASSERT_EQ(delete_session(a, SESSION), 0);
+        ASSERT_EQ(delete_packet(a, 1), 0);
+    }
+}
+
+struct admission {
+    rx session;
+    std::uint8_t ttl;
+    int ifindex;
+    std::uint8_t packet_auth;
+    bool accepted;
+    std::uint64_t mismatches;
+};
+
+TEST_F(rx_packet, type_ttl_and_interface_admit_a_packet)
+{
+    const admission cases[] = {
+        {rx{.auth_flags = KELM_AUTH_TTL_255}, 255, 2, 0, true, 0},
+        {rx{.auth_flags = KELM_AUTH_TTL_255}, 254, 2, 0, false, 0},
+        {rx{.auth_flags = KELM_AUTH_TTL_254}, 254, 2, 0, true, 0},
+        {rx{.auth_flags = KELM_AUTH_TTL_254}, 255, 2, 0, false, 0},
+        {rx{.auth_flags = KELM_AUTH_TTL_254 | KELM_AUTH_TTL_255}, 255, 2, 0, false, 0},
+        {rx{.auth_flags = 0}, 1, 2, 0, true, 0},
+        {rx{.auth_ifindex = 2}, 255, 2, 0, true, 0},
+        {rx{.auth_ifindex = 2}, 255, 3, 0, false, 0},
+        {rx{.auth_type = BFD_AUTH_PASSWORD}, 255, 2, BFD_AUTH_PASSWORD, true, 0},
+        {rx{.auth_type = BFD_AUTH_PASSWORD}, 255, 2, 0, false, 0},
+        {rx{}, 255, 2, BFD_AUTH_PASSWORD, false, 1},
+        {rx{.auth_type = BFD_AUTH_KEYED_MD5}, 255, 2, BFD_AUTH_PASSWORD, false, 1},
+        {rx{.auth_type = BFD_AUTH_DEBUG_SEQNUM}, 255, 2, 0, true, 0},
+    };
+    for (const admission &each : cases) {
+        for (const char *host : {"10.0.0.2", "fe80::2"}) {
+            SCOPED_TRACE(testing::Message() << &each - cases << " from " << host);
+            ASSERT_EQ(set_session(a, SESSION, each.session), 0);
+            datagram packet;
+            packet.payload = with_section({}, auth_section(each.packet_auth));
+            packet.source = packet.destination = address(host);
+            packet.ttl = each.ttl;
+            packet.ifindex = each.ifindex;
+            EXPECT_EQ(reason(packet) != "", each.accepted);
+            EXPECT_EQ(w.logged("kelm Rx (5): Packet failed auth check"), each.accepted ? 0U : 1U);
+            const kelm_msg_rx_stats stats = *rx_stats(a, SESSION);
+            EXPECT_EQ(stats.num_auth_fail, each.accepted ? 0U : 1U);
+            EXPECT_EQ(stats.num_auth_type_mismatch, each.mismatches);
+            EXPECT_EQ(stats.num_received, each.accepted ? 1U : 0U);
+            ASSERT_EQ(delete_session(a, SESSION), 0);
+        }
+    }
+}
+
+TEST_F(rx_packet, without_memory_a_packet_counts_and_is_not_passed_up)
+{
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    const auto passed = [this](const datagram &packet) {
+        EXPECT_TRUE(w.deliver(w.initial(), packet));
+        return listener.read_messages().size();
+    };
+    // No copy: the next packet tries again.
+    w.fail(service::allocation, -ENOMEM);
+    EXPECT_EQ(passed(arriving({})), 0U);
+    EXPECT_EQ(rx_stats(a, SESSION)->packet_alloc_fail, 1U);
+    // No headroom: the copy is there, so that the next one is no change.
+    w.fail(service::skb_reallocation, -ENOMEM);
+    EXPECT_EQ(passed(arriving({})), 0U);
+    EXPECT_EQ(w.logged("kelm Rx: failed to expand skb -12"), 1U);
+    EXPECT_EQ(passed(arriving({})), 0U);
+    kelm_msg_rx_stats stats = *rx_stats(a, SESSION);
+    EXPECT_EQ(stats.pskb_expand_fail, 1U);
+    EXPECT_EQ(stats.num_passup, 2U);
+    EXPECT_EQ(stats.num_received, 3U);
+    EXPECT_EQ(module_stats(a).pskb_expand_fail, 0U);
+    // A failed copy forgets the old one.
+    const datagram changed = arriving({.state = BFD_STATE_INIT});
+    w.fail(service::allocation, -ENOMEM);
+    EXPECT_EQ(passed(changed), 0U);
+    EXPECT_EQ(names(sync_dump(a).messages), std::vector<std::string>{"rx_sync 5"});
+    EXPECT_EQ(passed(changed), 1U);
+    EXPECT_EQ(rx_stats(a, SESSION)->packet_alloc_fail, 2U);
+
+    // Without a session, the vrf counts.
+    w.fail(service::skb_reallocation, -ENOMEM);
+    EXPECT_EQ(passed(arriving({.your_discriminator = 6})), 0U);
+    EXPECT_EQ(module_stats(a).pskb_expand_fail, 1U);
+    // What cannot be read in one piece is dropped before anything else, validation included.
+    datagram scattered = arriving({});
+    scattered.form = buffer_form::fragmented;
+    for (const bool valid : {true, false}) {
+        if (!valid)
+            scattered.payload.resize(10);
+        w.fail(service::skb_reallocation, -ENOMEM);
+        EXPECT_EQ(passed(scattered), 0U);
+    }
+    EXPECT_EQ(module_stats(a).pskb_expand_fail, 3U);
+    EXPECT_EQ(module_stats(a).rfc_drops, 0U);
+    EXPECT_EQ(rx_stats(a, SESSION)->num_received, 5U);
+}
+
+} // namespace
