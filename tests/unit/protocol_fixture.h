@@ -11,10 +11,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <ostream>
 #include <span>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 using bytes = std::vector<std::uint8_t>;
@@ -41,30 +40,24 @@ class exact_copy
     std::span<std::uint8_t> data_;
 };
 
-struct trace_line {
-    kelm_trace_type type;
-    std::uint32_t discriminator;
-    std::string text;
-
-    bool operator==(const trace_line &) const = default;
-};
-
-inline void PrintTo(const trace_line &line, std::ostream *os)
-{
-    *os << "{" << line.type << ", " << line.discriminator << ", \"" << line.text << "\"}";
-}
+// A traced text, with the discriminator that it is about.
+using trace_line = std::tuple<kelm_trace_type, std::uint32_t, std::string>;
 
 inline std::vector<trace_line> traced;
 
 inline void remember(kelm_trace_type type, std::uint32_t discriminator, const char *text)
 {
-    traced.push_back({type, discriminator, text});
+    traced.emplace_back(type, discriminator, text);
 }
 
-// What has been traced since the last call.
-inline std::vector<trace_line> take_traced()
+inline std::string hex(std::span<const std::uint8_t> data)
 {
-    return std::exchange(traced, {});
+    std::string text;
+    for (const std::uint8_t byte : data) {
+        text += "0123456789abcdef"[byte >> 4];
+        text += "0123456789abcdef"[byte & 15];
+    }
+    return text;
 }
 
 constexpr std::uint32_t my_disc = 0x11223344;

@@ -3,15 +3,13 @@
 #ifndef TEST_KELM_H_H
 #define TEST_KELM_H_H
 
-#include <stddef.h>
-
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* Each writes a message body into `size` bytes of 8-byte aligned room; its length, 0: no room. */
-size_t c_agent_tx_set_packet(void *room, size_t size);
-size_t c_agent_rx_set_session(void *room, size_t size);
+/* Fills some fields, and the first byte of what follows the fixed parts; all are zero before. */
+void c_agent_fills(struct kelm_msg_tx_set_packet *tx, struct kelm_msg_rx_set_session *rx,
+                   struct bfd_ctrl *ctrl);
 
 #ifdef __cplusplus
 }
