@@ -43,7 +43,7 @@ test: all
 	$(call say,packages for the tests)
 	@scripts/install-deps test
 	$(call say,address and undefined-behaviour sanitizer build in $(BUILD)/asan/)
-	@$(call build,$(BUILD)/asan,$(asan),unit)
+	@$(call build,$(BUILD)/asan,$(asan),unit;e2e)
 	$(call say,thread sanitizer build in $(BUILD)/tsan/)
 	@$(call build,$(BUILD)/tsan,thread,e2e)
 	$(call say,tests)

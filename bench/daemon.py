@@ -9,7 +9,7 @@ The time is that of all threads of the process, the kernel's work on their behal
 into a veth includes the way up at its other end; packets are sent to a link-layer address that
 nobody has, so that they end there. Reception begins with a datagram in the socket.
 
-Run by way of bench/isolated.
+Run by way of scripts/isolated.
 """
 
 import argparse

@@ -15,7 +15,7 @@ Lateness is measured on the wire, with the kernel's time stamps, on every fifth 
 end. Those are sent without jitter: the next packet of such a session is due exactly a period, less
 a tick, after the tick of the one before. All other sessions have the usual jitter.
 
-Run by way of bench/isolated.
+Run by way of scripts/isolated.
 """
 
 import argparse

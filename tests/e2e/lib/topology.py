@@ -1,0 +1,213 @@
+# SPDX-License-Identifier: GPL-2.0
+"""Network namespaces, the links between them, and what is on the wire."""
+
+import contextlib
+import ctypes
+import itertools
+import socket
+import struct
+import subprocess
+import time
+
+from . import PATIENCE, bfd
+
+_libc = ctypes.CDLL(None, use_errno=True)
+_CLONE_NEWNET = 0x40000000
+_CLONE_NEWUSER = 0x10000000
+_SO_TIMESTAMPNS = 35
+_ETH_P_ALL = 3
+_PACKET_OUTGOING = 4
+
+
+@contextlib.contextmanager
+def in_namespace(name):
+    """Sockets and children made inside belong to the namespace; None is the one we are in."""
+    if name is None:
+        yield
+        return
+    with open("/proc/self/ns/net") as home, open(f"/run/netns/{name}") as there:
+        _setns(there)
+        try:
+            yield
+        finally:
+            _setns(home)
+
+
+def enter(name):
+    """Enters the namespace for good: for a child process."""
+    with open(f"/run/netns/{name}") as there:
+        _setns(there)
+
+
+def unshare_user():
+    """Enters a user namespace of one's own, and has every capability there, for good."""
+    if _libc.unshare(_CLONE_NEWUSER) != 0:
+        raise OSError(ctypes.get_errno(), "unshare")
+
+
+def _setns(file):
+    if _libc.setns(file.fileno(), _CLONE_NEWNET) != 0:
+        raise OSError(ctypes.get_errno(), "setns")
+
+
+def ip(*arguments):
+    subprocess.run(["ip", *map(str, arguments)], check=True)
+
+
+class Wire:
+    """One interface as a BFD peer uses it: frames in and out, with the kernel's time stamps."""
+
+    def __init__(self, namespace, interface):
+        with in_namespace(namespace):
+            self.sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(_ETH_P_ALL))
+        self.sock.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
+        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8 << 20)
+        self.sock.bind((interface, _ETH_P_ALL))
+
+    def close(self):
+        self.sock.close()
+
+    def send(self, frame):
+        self.sock.send(frame)
+
+    def drain(self):
+        """Forgets what has arrived so far."""
+        self.sock.setblocking(False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                self.sock.recv(65536)
+
+    def receive(self, wanted=lambda frame: True, timeout=PATIENCE):
+        """The next UDP datagram that came in and is wanted, or None in the given time."""
+        deadline = time.monotonic() + timeout
+        while (left := deadline - time.monotonic()) > 0:
+            self.sock.settimeout(left)
+            try:
+                data, ancillary, _, address = self.sock.recvmsg(65536, 64)
+            except TimeoutError:
+                return None
+            if address[2] == _PACKET_OUTGOING:
+                continue
+            seconds, nanoseconds = struct.unpack("qq", ancillary[0][2])
+            frame = bfd.parse_frame(data, seconds + nanoseconds / 1e9)
+            if frame and wanted(frame):
+                return frame
+        return None
+
+    def collect(self, count, wanted=lambda frame: True, timeout=PATIENCE):
+        frames = []
+        while len(frames) < count:
+            frame = self.receive(wanted, timeout)
+            assert frame, f"{len(frames)} of {count} packets came within {timeout} s"
+            frames.append(frame)
+        return frames
+
+
+class Link:
+    """
+        namespace near                     namespace far
+      +------------------+              +------------------+
+      | kelm's sessions  |              | the peer: Wire   |
+      |          eth<n> -+--------------+- eth<n>          |
+      |   10.0.n.1       |     veth     |       10.0.n.2   |
+      |   fd00:m::1      |              |       fd00:m::2  |
+      +------------------+              +------------------+
+    """
+
+    def __init__(self, near, far, n=0):
+        self.near_ns, self.far_ns, self.name = near, far, f"eth{n}"
+        self.near4, self.far4 = f"10.0.{n}.1", f"10.0.{n}.2"
+        self.near6, self.far6 = f"fd00:{n + 1}::1", f"fd00:{n + 1}::2"
+        self.near_mac, self.far_mac = f"02:00:00:00:0{n}:01", f"02:00:00:00:0{n}:02"
+        ip("link", "add", self.name, "netns", near, "address", self.near_mac, "type", "veth",
+           "peer", "name", self.name, "netns", far, "address", self.far_mac)
+        self.near_ifindex = self._set_up(near, self.near4, self.near6, self.far4, self.far6,
+                                         self.far_mac)
+        self._set_up(far, self.far4, self.far6, self.near4, self.near6, self.near_mac)
+        self.wire = Wire(far, self.name)
+
+    def _set_up(self, ns, own4, own6, peer4, peer6, peer_mac):
+        """Addresses and neighbours that are known, so that no test waits for their discovery."""
+        commands = f"""
+            link set {self.name} addrgenmode none
+            address add {own4}/24 dev {self.name}
+            address add {own6}/64 dev {self.name} nodad
+            link set {self.name} up
+            neigh add {peer4} lladdr {peer_mac} nud permanent dev {self.name}
+            neigh add {peer6} lladdr {peer_mac} nud permanent dev {self.name}"""
+        subprocess.run(["ip", "-n", ns, "-batch", "-"], input=commands, text=True, check=True)
+        with in_namespace(ns):
+            return socket.if_nametoindex(self.name)
+
+    def close(self):
+        self.wire.close()
+
+    def addresses(self, version):
+        """(near, far)"""
+        return (self.near4, self.far4) if version == 4 else (self.near6, self.far6)
+
+    def packet(self, payload, version=4, **options):
+        """What kelm is to send over this link: the IP datagram."""
+        near, far = self.addresses(version)
+        return bfd.ip_datagram(near, far, payload, **options)
+
+    def send(self, payload, version=4, **options):
+        """The peer sends; returns the frame."""
+        near, far = self.addresses(version)
+        if isinstance(payload, bfd.Bfd):
+            payload = payload.pack()
+        frame = bfd.ethernet(self.near_mac, self.far_mac,
+                             bfd.ip_datagram(far, near, payload, **options))
+        self.wire.send(frame)
+        return frame
+
+    def receive(self, my_disc=None, timeout=PATIENCE):
+        """The next packet that kelm sent to the peer, from a discriminator if given."""
+        return self.wire.receive(self._from(my_disc), timeout)
+
+    def collect(self, count, my_disc=None):
+        return self.wire.collect(count, self._from(my_disc))
+
+    def _from(self, my_disc):
+        return lambda f: f.src in (self.near4, self.near6) and my_disc in (None, f.bfd.my_disc)
+
+    def set(self, state, side="near"):
+        ip("-n", self.near_ns if side == "near" else self.far_ns, "link", "set", self.name, state)
+
+    def lose(self, version=4):
+        """Packets to the far side get lost from now on, those from it do not."""
+        _, far = self.addresses(version)
+        ip("-n", self.near_ns, "neigh", "replace", far, "lladdr", "02:00:00:00:ff:ff", "nud",
+           "permanent", "dev", self.name)
+
+
+class Namespaces:
+    """Makes namespaces for one test and takes them down after it."""
+
+    _numbers = itertools.count(1)
+
+    def __init__(self, host):
+        self.host, self.names, self.links = host, [], []
+
+    def add(self, wait=True):
+        name = f"kelm-e2e-{next(self._numbers)}"
+        ip("netns", "add", name)
+        self.names.append(name)
+        ip("-n", name, "link", "set", "lo", "up")
+        if wait:
+            self.host.wait_for_vrf(name)
+        return name
+
+    def delete(self, name):
+        ip("netns", "delete", name)
+        self.names.remove(name)
+
+    def link(self, near=None, far=None, n=0):
+        self.links.append(Link(near or self.add(), far or self.add(wait=False), n))
+        return self.links[-1]
+
+    def close(self):
+        for link in self.links:
+            link.close()
+        for name in list(self.names):
+            self.delete(name)

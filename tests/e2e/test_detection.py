@@ -1,0 +1,147 @@
+# SPDX-License-Identifier: GPL-2.0
+"""Detection: never early, once, with the agent's own bytes; and not at all while packets come."""
+
+import os
+import struct
+import threading
+import time
+
+from lib import bfd
+from lib import protocol as p
+from lib.agent import Agent
+from lib.bfd import Bfd
+
+SECRET = b"secret"
+TICK = 0.010  # detection counts whole ticks, the first of which may be almost over
+
+
+def set_session(agent, disc=5, **options):
+    options.setdefault("failure", p.failure_message(disc))
+    agent.request(p.RX_SET_SESSION, p.rx_set_session(disc, flags=p.TIMER_ACTIVE, **options))
+
+
+def stamped(event):
+    return event, time.monotonic()
+
+
+def test_a_silent_session_fails_once_and_not_early(agent):
+    started = time.monotonic()
+    set_session(agent, multiplier=3, period=100_000)
+    failure, when = stamped(agent.event())
+    assert failure.type == p.SESSION_FAILURE and failure.body == p.failure_message(5)[16:]
+    assert when - started >= 0.300 - TICK
+    # Nothing more of it until the agent configures the session again.
+    set_session(agent, 6, multiplier=3, period=200_000)
+    assert agent.event(timeout=20).body == p.failure_message(6)[16:]
+    (stats,) = agent.stats(5)
+    assert stats.num_timeout == 1
+    assert [s.timer_active for s in agent.dump(p.SYNC, p.sync())] == [0, 0]
+    set_session(agent, multiplier=1, period=50_000)
+    assert agent.event(p.SESSION_FAILURE, 5)
+
+
+def test_packets_keep_a_session_alive(agent, link):
+    period = 0.300
+    set_session(agent, multiplier=3, period=int(period * 1e6))
+    packet = Bfd(your_disc=5)
+    end = time.monotonic() + 3 * period + 1
+    while time.monotonic() < end:
+        last = time.monotonic()
+        link.send(packet)
+        assert agent.event(p.SESSION_FAILURE, timeout=period / 3) is None
+    failure, when = stamped(agent.event(p.SESSION_FAILURE, 5))
+    assert failure and when - last >= 3 * period - TICK
+    # After the failure packets are received, but start nothing.
+    link.send(packet.but(diag=1))
+    assert agent.event(p.RX_PACKET_CHANGE, 5)
+    assert agent.event(p.RX_PACKET_CHANGE, 5)
+    assert agent.dump(p.SYNC, p.sync())[1].timer_active == 0
+
+
+def test_packets_that_are_not_accepted_keep_nothing_alive(agent, link):
+    set_session(agent, multiplier=3, period=100_000, auth=p.auth_config(type=bfd.KEYED_MD5),
+                keys=[p.auth_key(SECRET, 1)])
+    stop = threading.Event()
+
+    def pester():
+        forged = bfd.signed(Bfd(your_disc=5), bfd.KEYED_MD5, secret=b"wrong")
+        while not stop.wait(0.02):
+            link.send(forged)
+
+    pesterer = threading.Thread(target=pester)
+    pesterer.start()
+    try:
+        assert agent.event(p.SESSION_FAILURE, 5)
+    finally:
+        stop.set()
+        pesterer.join()
+    assert agent.stats(5)[0].num_auth_fail > 0
+
+
+def test_a_deleted_or_stopped_session_does_not_fail(agent):
+    set_session(agent, 5, multiplier=1, period=200_000)
+    set_session(agent, 6, multiplier=1, period=200_000)
+    agent.request(p.RX_DELETE_SESSION, struct.pack("=I", 5))
+    agent.request(p.RX_SET_SESSION, p.rx_set_session(6, failure=p.failure_message(6)))
+    set_session(agent, 7, multiplier=1, period=300_000)
+    assert agent.event(p.SESSION_FAILURE).body == p.failure_message(7)[16:]
+
+
+def test_links_are_latched_in_order_up_to_the_first_empty_one(agent, link):
+    for disc in (1, 2, 3):
+        agent.request(p.TX_SET_PACKET, p.tx_set_packet(
+            disc, link.packet(Bfd(my_disc=disc).pack()), period=30_000))
+    set_session(agent, multiplier=1, period=50_000, latch=(1, 2, 0, 3),
+                latch_diagnostic=bfd.DIAG_PATH_DOWN)
+    assert agent.event(p.SESSION_FAILURE, 5)
+    for disc in (1, 2):
+        assert link.wire.receive(lambda f: f.bfd.my_disc == disc and f.bfd.diag == 5)
+    link.wire.drain()
+    assert link.receive(3).bfd.diag == 0
+
+
+def test_both_ends_on_kelm(agent, link, host):
+    """A session between two namespaces; packets are lost in one direction only."""
+    host.wait_for_vrf(link.far_ns)
+    period, groups = 50_000, (p.CONTROL, p.NOTIFICATION)
+    with Agent(link.far_ns, groups=groups) as far_agent:
+        for side, src, dst, mine in ((agent, link.near4, link.far4, 5),
+                                     (far_agent, link.far4, link.near4, 6)):
+            packet = bfd.ip_datagram(src, dst, Bfd(my_disc=mine, your_disc=11 - mine,
+                                                   min_tx=period).pack())
+            side.request(p.TX_SET_PACKET, p.tx_set_packet(mine, packet, period=period,
+                                                          jitter=p.JITTER_75, latch_period=period))
+            side.request(p.RX_SET_SESSION, p.rx_set_session(
+                mine, flags=p.TIMER_ACTIVE, multiplier=20, period=period, latch=(mine,),
+                failure=p.failure_message(mine)))
+        assert agent.event(p.RX_PACKET_CHANGE, 5) and far_agent.event(p.RX_PACKET_CHANGE, 6)
+        link.lose()
+        assert far_agent.event(p.SESSION_FAILURE, 6)
+        # The other end hears of it: the far end's packets say why, and keep its session alive.
+        change = agent.event(p.RX_PACKET_CHANGE)
+        told = Bfd.parse(p.decode(change).frame[42:])
+        assert (told.state, told.diag, told.your_disc) == (bfd.DOWN, bfd.DIAG_CTRL_TIMEOUT, 0)
+
+
+def test_a_session_survives_a_loaded_machine(agent, link, host):
+    hogs = []
+    try:
+        for _ in range(2 * os.cpu_count()):
+            pid = os.fork()
+            if pid == 0:
+                while True:
+                    pass
+            hogs.append(pid)
+        host.wait_for_vrf(link.far_ns)
+        with Agent(link.far_ns) as far_agent:
+            packet = bfd.ip_datagram(link.far4, link.near4, Bfd(my_disc=6, your_disc=5).pack())
+            far_agent.request(p.TX_SET_PACKET, p.tx_set_packet(6, packet, period=300_000,
+                                                               jitter=p.JITTER_75))
+            set_session(agent, multiplier=5, period=300_000)
+            assert agent.event(p.RX_PACKET_CHANGE, 5)
+            assert agent.event(p.SESSION_FAILURE, timeout=5) is None
+            assert agent.stats(5)[0].num_received >= 10
+    finally:
+        for pid in hogs:
+            os.kill(pid, 9)
+            os.waitpid(pid, 0)

@@ -1,0 +1,215 @@
+# SPDX-License-Identifier: GPL-2.0
+"""kelmd as a program: it starts, explains why it cannot, ends, and leaves nothing behind."""
+
+import os
+import re
+import signal
+import socket
+import subprocess
+
+import pytest
+
+from lib import PATIENCE, wait_until
+from lib import protocol as p
+from lib.agent import Agent
+from lib.bfd import Bfd
+from lib.host import KELMD, Kelmd
+from lib.topology import Namespaces, in_namespace, ip
+
+pytestmark = pytest.mark.kelmd
+
+
+def run(*arguments, **options):
+    return subprocess.run([KELMD, *arguments], capture_output=True, text=True, timeout=PATIENCE,
+                          **options)
+
+
+def sockets_here():
+    """What is bound in this namespace: ports, the agents' name, and raw and packet sockets."""
+    found = []
+    for table in ("udp", "udp6", "raw", "raw6", "packet"):
+        with open(f"/proc/net/{table}") as lines:
+            found += lines.read().splitlines()[1:]
+    with open("/proc/net/unix") as lines:
+        found += [line for line in lines if "@kelm" in line]
+    return found
+
+
+@pytest.fixture
+def namespaces():
+    namespaces = Namespaces(None)
+    yield namespaces
+    namespaces.close()
+
+
+def namespace(namespaces):
+    return namespaces.add(wait=False)
+
+
+def test_help_and_version():
+    for option in ("--netns", "--realtime", "--help", "--version"):
+        assert option in run("--help").stdout
+    assert re.fullmatch(r"kelmd \d+\.\d+\.\d+\n", run("--version").stdout)
+
+
+@pytest.mark.parametrize("arguments", [["--nonsense"], ["surplus"], ["--netns"]])
+def test_wrong_usage(arguments):
+    result = run(*arguments)
+    assert result.returncode == 2 and "--help" in result.stderr
+
+
+@pytest.mark.parametrize("ending", [signal.SIGTERM, signal.SIGINT])
+def test_a_clean_end_leaves_nothing(namespaces, ending):
+    """With sessions, packets, agents and a dump that nobody reads."""
+    link = namespaces.link(namespace(namespaces), namespace(namespaces))
+    host = Kelmd()
+    host.wait_for_vrf(link.near_ns)
+    with Agent(link.near_ns, groups=[p.CONTROL]) as agent, Agent() as other:
+        agent.request(p.TX_PATH_READY, p.tx_path_ready())
+        for disc in range(1, 300):
+            agent.request(p.RX_SET_SESSION, p.rx_set_session(disc, flags=p.TIMER_ACTIVE,
+                                                             period=5_000))
+        agent.request(p.TX_SET_PACKET, p.tx_set_packet(7, link.packet(Bfd(my_disc=7).pack()),
+                                                       period=5_000))
+        other.start_dump(p.GET_STATS, p.get_stats(flags=p.STATS_ALL_VRFS))
+        link.receive(7)
+        host.stop(ending)
+        assert other.receive()  # the part of the dump that was made
+        with pytest.raises(ConnectionResetError):
+            while True:
+                agent.receive()
+    assert sockets_here() == []
+
+
+def test_a_killed_one_is_replaced(namespaces):
+    """Nothing that a kill leaves stands in the way, and namespaces end without anybody's help."""
+    link = namespaces.link(namespace(namespaces), namespace(namespaces))
+    for _ in range(3):
+        host = Kelmd()
+        host.wait_for_vrf(link.near_ns)
+        with Agent(link.near_ns) as agent:
+            agent.request(p.RX_SET_SESSION, p.rx_set_session(7))
+            assert len(agent.stats()) == 1, "a new kelmd knows nothing of the old one's sessions"
+            host.kill()
+    assert sockets_here() == []
+
+
+def one_line(host):
+    """The only line of a kelmd that could not start."""
+    host.process.wait(PATIENCE)
+    assert host.process.returncode not in (0, 2)
+    complaints = [line for line in host.log().splitlines() if "kelm Rx" not in line
+                  and "kelm Netlink" not in line and "kelm Tx" not in line]
+    (line,) = complaints
+    return line
+
+
+def test_a_second_one_says_who_is_first():
+    host = Kelmd()
+    line = one_line(Kelmd(ready=False))
+    assert f"{host.process.pid}" in line and "kelmd" in line
+    host.check()
+    host.stop()
+
+
+def test_a_taken_port_is_fatal_in_the_initial_namespace():
+    with socket.socket(socket.AF_INET6, socket.SOCK_DGRAM) as holder:
+        holder.bind(("::", 4784))
+        line = one_line(Kelmd(ready=False))
+        assert "4784" in line and f"{os.getpid()}" in line
+    assert sockets_here() == []
+
+
+def test_a_taken_port_elsewhere_is_waited_for(namespaces):
+    name = namespace(namespaces)
+    with in_namespace(name):
+        holder = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
+    with holder:
+        holder.bind(("::", 3784))
+        host = Kelmd()
+        wait_until(lambda: re.search(f"{name}.*3784", host.log()), "warning")
+        with pytest.raises(ConnectionRefusedError):
+            Agent(name)
+    host.wait_for_vrf(name)
+    host.stop()
+
+
+def test_without_privilege(namespaces):
+    line = one_line(Kelmd(ready=False, user=65534, group=65534))
+    assert "CAP_NET_RAW" in line
+
+
+def test_namespaces_before_and_after_the_start(namespaces):
+    before = namespace(namespaces)
+    host = Kelmd()
+    after = namespace(namespaces)
+    for name in (before, after):
+        host.wait_for_vrf(name)
+    host.stop()
+
+
+def test_chosen_namespaces(namespaces):
+    chosen, other = namespace(namespaces), namespace(namespaces)
+    host = Kelmd("--netns", chosen, "--netns", "to-come")
+    host.wait_for_vrf(chosen)
+    ip("netns", "add", "to-come")
+    namespaces.names.append("to-come")
+    host.wait_for_vrf("to-come")
+    with pytest.raises(ConnectionRefusedError):
+        Agent(other)
+    host.stop()
+
+
+def test_systemd_is_told(tmp_path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(tmp_path / "notify"))
+        manager.settimeout(PATIENCE)
+        host = Kelmd(env={**os.environ, "NOTIFY_SOCKET": str(tmp_path / "notify")})
+        assert b"READY=1" in manager.recv(4096)
+        host.stop()
+        assert b"STOPPING=1" in manager.recv(4096)
+
+
+def test_a_log_that_nobody_reads_stops_nothing(namespaces):
+    """Not while kelmd runs, and not when it ends."""
+    link = namespaces.link(namespace(namespaces), namespace(namespaces))
+    reader, writer = os.pipe()
+    process = subprocess.Popen([KELMD], stderr=writer)
+    os.close(writer)
+    try:
+        log = b""
+        while b"kelmd: ready" not in log:
+            log += os.read(reader, 4096)
+        with Agent(link.near_ns) as agent:
+            agent.request(p.SET_DEBUG_LEVEL, p.set_debug_level(0, 3))
+            agent.request(p.RX_SET_SESSION, p.rx_set_session(7))
+            for _ in range(3000):
+                link.send(Bfd(your_disc=7))
+            wait_until(lambda: agent.stats(7)[0].num_received == 3000, "every packet received")
+        process.terminate()
+        assert process.wait(PATIENCE) == 0
+    finally:
+        process.kill()
+        process.wait()
+        os.close(reader)
+
+
+def is_sanitized():
+    with open(KELMD, "rb") as program:
+        return re.search(b"__[at]san_init", program.read()) is not None
+
+
+def test_realtime():
+    """The softirq thread has a real-time class, or kelmd says why not and does not start."""
+    host = Kelmd("--realtime", ready=False)
+    wait_until(lambda: "kelmd: ready" in host.log() or host.process.poll() is not None, "outcome")
+    if host.process.poll() is None:
+        threads = os.listdir(f"/proc/{host.process.pid}/task")
+        policies = [os.sched_getscheduler(int(thread)) for thread in threads]
+        assert policies.count(os.SCHED_FIFO) == 1
+        with open(f"/proc/{host.process.pid}/status") as status:
+            locked = int(re.search(r"VmLck:\s+(\d+)", status.read())[1])
+        assert locked > 0 or is_sanitized(), "a sanitizer does not let memory be locked"
+        host.stop()
+    else:
+        assert "CAP_SYS_NICE" in one_line(host)

@@ -1,0 +1,123 @@
+# SPDX-License-Identifier: GPL-2.0
+"""Who may do what: the network administration capability, of the opener and of the sender."""
+
+import errno
+import os
+import socket
+import struct
+
+import pytest
+
+from lib import protocol as p
+from lib.agent import KERNEL, Agent, in_child
+from lib.protocol import KelmError
+from lib.topology import enter, unshare_user
+
+NOBODY = 65534
+
+GUARDED = {
+    p.TX_SET_PACKET: p.tx_set_packet(7, bytes(52)),
+    p.TX_DELETE_PACKET: struct.pack("=I", 7),
+    p.RX_SET_SESSION: p.rx_set_session(7),
+    p.RX_DELETE_SESSION: struct.pack("=I", 7),
+    p.SET_SESSION_STATS_INTERVAL: p.stats_interval(1),
+    p.SET_DEBUG_LEVEL: p.set_debug_level(0, 3),
+}
+OPEN = {
+    p.TX_PATH_READY: p.tx_path_ready(),
+    p.SET_DEBUG_LEVEL: p.set_debug_level(7, 0),
+    p.SYNC: p.sync(p.SYNC_MARK),
+}
+
+
+def become_nobody():
+    os.setgroups([])
+    os.setresgid(NOBODY, NOBODY, NOBODY)
+    os.setresuid(NOBODY, NOBODY, NOBODY)
+
+
+def outcome(agent, type, body):
+    try:
+        agent.request(type, body)
+    except KelmError as error:
+        return error.errno
+    return 0
+
+
+def expect_refusals(agent):
+    """The guarded requests are refused, and the others are not."""
+    assert {type: outcome(agent, type, body) for type, body in GUARDED.items()} == \
+        dict.fromkeys(GUARDED, errno.EPERM)
+    assert {type: outcome(agent, type, body) for type, body in OPEN.items()} == \
+        dict.fromkeys(OPEN, 0)
+    agent.dump(p.GET_STATS, p.get_stats())
+
+
+def look_around():
+    with Agent() as agent:
+        expect_refusals(agent)
+
+
+def test_an_ordinary_user_may_look_but_not_change(link):
+    def become():
+        enter(link.near_ns)
+        become_nobody()
+
+    in_child(become, look_around)
+
+
+def test_root_of_a_user_namespace_is_an_ordinary_user(link):
+    def become():
+        enter(link.near_ns)
+        unshare_user()
+
+    in_child(become, look_around)
+
+
+def test_an_ordinary_user_gets_no_groups(link):
+    def become():
+        enter(link.near_ns)
+        become_nobody()
+
+    def subscribe():
+        try:
+            with Agent(groups=[p.CONTROL]) as agent:
+                return agent.groups
+        except PermissionError:
+            assert KERNEL  # netlink refuses the bind
+            return set()
+
+    assert in_child(become, subscribe) == set()
+
+
+def test_the_sender_counts(link):
+    """A socket that root has opened does not make root of whoever sends on it."""
+    with Agent(link.near_ns) as agent:
+        in_child(become_nobody, lambda: expect_refusals(agent))
+        agent.request(p.RX_SET_SESSION, p.rx_set_session(7))
+
+
+@pytest.mark.kelmd
+@pytest.mark.parametrize("opener_lives", [True, False])
+def test_the_opener_counts(link, opener_lives):
+    """Nor does root, by sending on somebody else's socket, lend its privilege to it."""
+    ours, theirs = socket.socketpair()
+    child = os.fork()
+    if child == 0:
+        ours.close()
+        enter(link.near_ns)
+        become_nobody()
+        with Agent() as agent:
+            socket.send_fds(theirs, [b"x"], [agent.sock.fileno()])
+            theirs.recv(1)
+        os._exit(0)
+    theirs.close()
+    with ours:
+        _, (fd,), _, _ = socket.recv_fds(ours, 1, 1)
+        if not opener_lives:
+            ours.close()
+            os.waitpid(child, 0)
+        with Agent(sock=socket.socket(fileno=fd)) as agent:
+            expect_refusals(agent)
+    if opener_lives:
+        os.waitpid(child, 0)

@@ -1,0 +1,211 @@
+# SPDX-License-Identifier: GPL-2.0
+"""Transmission, as the peer sees it on the wire."""
+
+import statistics
+import struct
+
+import pytest
+
+from lib import bfd, wait_until
+from lib import protocol as p
+from lib.bfd import Bfd
+from lib.topology import ip
+
+SECRET = b"a secret of 20 bytes"
+# What a tick and its rounding, twice, may take off an interval; ticks are up to 4 ms long.
+TICKS = 0.010
+
+
+def set_packet(agent, disc, packet, **options):
+    agent.request(p.TX_SET_PACKET, p.tx_set_packet(disc, packet, **options))
+
+
+def set_bfd(agent, link, control, version=4, packet_options=None, **options):
+    """Has kelm transmit a control packet over the link; its discriminator is the session's."""
+    payload = control if isinstance(control, bytes) else control.pack()
+    options.setdefault("latch_offset", 28 if version == 4 else 48)
+    set_packet(agent, Bfd.parse(payload).my_disc,
+               link.packet(payload, version, **packet_options or {}), **options)
+
+
+def intervals(frames):
+    return [b.time - a.time for a, b in zip(frames, frames[1:])]
+
+
+@pytest.mark.parametrize("version", [4, 6])
+def test_a_packet_goes_out_as_the_agent_made_it(agent, link, version):
+    control = Bfd(my_disc=7, your_disc=9, diag=3, flags=bfd.POLL | bfd.CPI | bfd.DEMAND,
+                  min_echo_rx=17)
+    set_bfd(agent, link, control, version, dict(ttl=254, sport=50000, dport=4784), period=50_000)
+    frame = link.receive(7)
+    assert (frame.src, frame.dst) == link.addresses(version)
+    assert (frame.ttl, frame.sport, frame.dport) == (254, 50000, 4784)
+    assert frame.payload == control.pack() and frame.checksum_ok
+
+
+def test_a_frame_goes_out_as_the_agent_made_it(agent, link):
+    frame = bfd.ethernet("01:00:5e:90:00:01", "02:00:00:00:00:99",
+                         link.packet(Bfd(my_disc=8).pack(), dport=6784))
+    set_packet(agent, 8, frame, type=p.TX_L2, ifindex=link.near_ifindex, ip_hdr_offset=14,
+               latch_offset=42, period=50_000)
+    assert link.receive(8).raw == frame
+
+
+def test_jitter(agent, link):
+    """Every interval is shortened as its rule says; all three run side by side."""
+    period = 0.080
+    rules = {p.JITTER_NONE: 1.0, p.JITTER_75: 0.75, p.JITTER_75_90: 0.757}
+    discs = {rule: 20 + rule for rule in rules}
+    for rule, disc in discs.items():
+        set_bfd(agent, link, Bfd(my_disc=disc), jitter=rule, period=int(period * 1e6))
+    frames = link.collect(90)
+    for rule, shortest in rules.items():
+        found = intervals([f for f in frames if f.bfd.my_disc == discs[rule]])
+        assert min(found) >= shortest * period - TICKS, rule
+        # A loaded machine is late now and then, but not as a rule.
+        assert statistics.median(found) < 2 * period, rule
+        if rule != p.JITTER_NONE:
+            assert max(found) - min(found) > 0.01 * period, "jitter without variation"
+
+
+@pytest.mark.parametrize("type", [bfd.PASSWORD, bfd.KEYED_MD5, bfd.METICULOUS_MD5, bfd.KEYED_SHA1,
+                                  bfd.METICULOUS_SHA1, bfd.DEBUG_SEQNUM])
+@pytest.mark.parametrize("version", [4, 6])
+def test_authentication(agent, link, type, version):
+    secret = SECRET[:16] if type == bfd.PASSWORD else SECRET
+    section = bfd.auth_section(type, key_id=5, secret=secret)
+    key = bfd.auth_section(type, secret=secret)
+    set_bfd(agent, link, Bfd(my_disc=7, auth=section), version, dict(udp_checksum=0xBAD),
+            auth_type=type, auth_hdr=key, period=20_000)
+    payloads = []
+    for frame in link.collect(6, 7):
+        assert frame.checksum_ok
+        payloads.append(frame.payload)
+    if type == bfd.PASSWORD:
+        assert set(payloads) == {Bfd(my_disc=7, auth=section).pack()}
+        return
+    if type in bfd.DIGESTS:
+        assert all(bfd.correctly_signed(payload, SECRET) for payload in payloads)
+    numbers = [bfd.seq_of(payload) for payload in payloads]
+    if type in (bfd.KEYED_MD5, bfd.KEYED_SHA1):
+        assert numbers == sorted(numbers) and numbers[0] > 0
+    else:
+        assert numbers == list(range(numbers[0], numbers[0] + 6))
+
+
+def test_a_replaced_packet_keeps_its_sequence_numbers(agent, link):
+    section = bfd.auth_section(bfd.METICULOUS_SHA1, secret=SECRET)
+    options = dict(auth_type=bfd.METICULOUS_SHA1, auth_hdr=section, period=20_000)
+    set_bfd(agent, link, Bfd(my_disc=7, state=bfd.INIT, auth=section), **options)
+    before = link.collect(3, 7)
+    set_bfd(agent, link, Bfd(my_disc=7, state=bfd.UP, auth=section), **options)
+    frames = before + link.collect(10, 7)
+    numbers = [bfd.seq_of(frame.payload) for frame in frames]
+    assert numbers == list(range(numbers[0], numbers[0] + 13))
+    states = [frame.bfd.state for frame in frames]
+    assert states == sorted(states) and states[-1] == bfd.UP
+
+
+def test_a_final_bit_goes_out_once_and_at_once(agent, link):
+    period = 1_500_000
+    set_bfd(agent, link, Bfd(my_disc=7), period=200_000)
+    link.receive(7)
+    set_bfd(agent, link, Bfd(my_disc=7), period=period)
+    answer = Bfd(my_disc=7, flags=bfd.FINAL)
+    set_bfd(agent, link, answer, period=period, flags=p.SEND_OOB)
+    out_of_band = link.wire.receive(lambda f: f.bfd.flags & bfd.FINAL)
+    in_band = link.receive(7)
+    assert out_of_band.payload == answer.pack()
+    assert in_band.payload == answer.but(flags=0).pack()
+    assert in_band.time - out_of_band.time > 0.3, "the rhythm went on"
+    sent = agent.stats(7)[0]
+    assert sent.num_sent == 1, "out-of-band transmissions are not counted, nor is their period"
+
+
+def test_a_final_bit_is_for_out_of_band_packets_only(agent, link):
+    set_bfd(agent, link, Bfd(my_disc=7, flags=bfd.FINAL | bfd.POLL), period=20_000)
+    assert {f.bfd.flags for f in link.collect(3, 7)} == {bfd.POLL}
+
+
+@pytest.mark.parametrize("version", [4, 6])
+def test_a_failed_session_latches_its_packets(agent, link, version):
+    """From the failure on the wire says so, correctly signed, at the latched interval."""
+    section = bfd.auth_section(bfd.METICULOUS_MD5, secret=SECRET[:16])
+    control = Bfd(my_disc=7, your_disc=9, flags=bfd.CPI, auth=section)
+    set_bfd(agent, link, control, version, auth_type=bfd.METICULOUS_MD5, auth_hdr=section,
+            period=20_000, latch_period=60_000, latch_state=bfd.DOWN)
+    set_bfd(agent, link, Bfd(my_disc=8), version, period=20_000)
+    link.collect(2, 7)
+    agent.request(p.RX_SET_SESSION, p.rx_set_session(
+        7, flags=p.TIMER_ACTIVE, multiplier=3, period=20_000, latch=(7,),
+        latch_diagnostic=bfd.DIAG_CTRL_TIMEOUT, failure=p.failure_message(7)))
+    assert agent.event(p.SESSION_FAILURE, 7)
+    latched = [link.wire.receive(lambda f: f.bfd.my_disc == 7 and f.bfd.diag)]
+    latched += link.collect(4, 7)
+    expected = control.but(diag=bfd.DIAG_CTRL_TIMEOUT, state=bfd.DOWN, your_disc=0, min_tx=60_000)
+    for frame in latched:
+        assert frame.bfd.but(auth=b"") == expected.but(auth=b"", flags=bfd.CPI | bfd.AUTH)
+        assert bfd.correctly_signed(frame.payload, SECRET[:16]) and frame.checksum_ok
+    assert min(intervals(latched)) >= 0.060 - TICKS
+    assert agent.stats(7)[0].num_latches == 1
+    assert link.receive(8).bfd.diag == 0, "a packet that is not linked is not latched"
+    # The agent, told of the failure, sends new contents, and they stand.
+    set_bfd(agent, link, Bfd(my_disc=7, state=bfd.DOWN, diag=5), version, period=20_000)
+    assert link.wire.receive(lambda f: f.bfd.my_disc == 7 and f.bfd.diag == 5)
+
+
+def test_a_deleted_packet_is_silent(agent, link):
+    for disc in (7, 8):
+        set_bfd(agent, link, Bfd(my_disc=disc), period=20_000)
+    link.receive(7)
+    agent.request(p.TX_DELETE_PACKET, struct.pack("=I", 7))
+    link.wire.drain()
+    assert {frame.bfd.my_disc for frame in link.collect(10)} == {8}
+
+
+def test_round_trip(agent, link):
+    """Packets that come back measure their way."""
+    set_bfd(agent, link, Bfd(my_disc=7, your_disc=7), packet_options=dict(dport=3785),
+            period=20_000, flags=p.TX_MYDISC_RTT)
+    agent.request(p.RX_SET_SESSION, p.rx_set_session(7, type=p.RX_ECHO, flags=p.RX_MYDISC_RTT))
+    stamps = set()
+    for frame in link.collect(5):
+        stamps.add(frame.bfd.my_disc)
+        link.send(frame.payload, dport=3785)
+    assert len(stamps) == 5 and 7 not in stamps
+
+    def measured():
+        stats = agent.stats(7)[1]
+        return stats.num_received == 5 and stats
+    stats = wait_until(measured, "five packets received")
+    assert 0 < stats.min_rtt <= stats.avg_rtt <= stats.max_rtt < 20_000_000
+    # The first comes up as it is, the second because a time stamp is not a change.
+    assert stats.num_passup == 2
+
+
+def test_a_packet_that_cannot_be_sent_is_counted_and_tried_again(agent, link):
+    set_bfd(agent, link, Bfd(my_disc=7), period=20_000)
+    set_bfd(agent, link, Bfd(my_disc=8, auth=bfd.auth_section(bfd.KEYED_SHA1, secret=SECRET)),
+            auth_type=bfd.KEYED_SHA1, auth_hdr=bfd.auth_section(bfd.KEYED_SHA1, secret=SECRET),
+            period=20_000)
+    link.collect(2)
+    ip("-n", link.near_ns, "link", "set", link.name, "mtu", 70)
+    wait_until(lambda: agent.stats(8)[0].num_tx_errors > 2, "errors for want of room")
+    link.wire.drain()
+    assert link.receive(7), "a packet that fits is sent all the same"
+    link.set("down")
+    wait_until(lambda: agent.stats(7)[0].num_tx_errors > 2, "errors for want of a link")
+    link.set("up")
+    ip("-n", link.near_ns, "link", "set", link.name, "mtu", 1500)
+    assert link.receive(7) and link.receive(8)
+
+
+def test_the_interface_can_be_chosen(agent, link, namespaces):
+    """Where the routes point does not matter then."""
+    other = namespaces.link(link.near_ns, link.far_ns, n=1)
+    packet = link.packet(Bfd(my_disc=7).pack())
+    ip("-n", link.near_ns, "neigh", "replace", link.far4, "lladdr", other.far_mac, "nud",
+       "permanent", "dev", other.name)
+    set_packet(agent, 7, packet, ifindex=other.near_ifindex, period=20_000)
+    frame = other.wire.receive(lambda f: f.bfd.my_disc == 7)
+    assert frame.src == link.near4
