@@ -11,7 +11,11 @@
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <functional>
 #include <span>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace sim
 {
@@ -27,6 +31,17 @@ class failures_fail_tests : public testing::Environment
 
 inline testing::Environment *const failures =
     testing::AddGlobalTestEnvironment(new failures_fail_tests);
+
+// What the simulation finds wrong while this runs, which does not fail the test.
+inline std::vector<std::string> failures_of(const std::function<void()> &run)
+{
+    std::vector<std::string> texts;
+    const auto previous =
+        std::exchange(on_failure, [&texts](const std::string &text) { texts.push_back(text); });
+    run();
+    on_failure = previous;
+    return texts;
+}
 
 template<class T>
 std::span<const std::uint8_t> as_bytes(const T &object)
