@@ -157,7 +157,7 @@ inline bytes set_request(std::uint32_t discriminator, const outgoing &packet,
 }
 
 inline int set(agent &a, std::uint32_t discriminator, const outgoing &packet,
-               const kelm_msg_tx_set_packet &fixed = {})
+               const kelm_msg_tx_set_packet &fixed = tx{})
 {
     return ask(a, KELM_MSG_TX_SET_PACKET, set_request(discriminator, packet, fixed));
 }
