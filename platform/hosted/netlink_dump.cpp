@@ -106,7 +106,8 @@ void netlink_table::readable_again(netlink_port &port)
     continue_dump(port, held);
 }
 
-// Goes on with a port's dump as far as its agent has read.
+// Goes on with a port's dump as far as its agent has read, but by one datagram at most: an agent
+// that reads as fast as this writes must not keep the others waiting.
 void netlink_table::continue_dump(netlink_port &port, guard &held)
 {
     while (port.dump && !port.dump->running && !port.closing) {
@@ -139,15 +140,16 @@ int netlink_table::fill_datagram(netlink_port &port, guard &held)
     return result;
 }
 
-// False if there is no room yet.
+// False if the agent has to read before the dump goes on: to make room, or for the next datagram.
 bool netlink_table::send_datagram(netlink_port &port)
 {
     netlink_dump &dump = *port.dump;
-    if (!tell_overrun(port) || port.deliver(skb_bytes(dump.unsent)) == -EAGAIN)
+    const int result = tell_overrun(port) ? port.deliver(skb_bytes(dump.unsent)) : -EAGAIN;
+    if (result == -EAGAIN)
         return false;
     consume_skb(dump.unsent);
     dump.unsent = nullptr;
-    return true;
+    return result != 0 || dump.done_appended;
 }
 
 void netlink_table::end_dump(netlink_port &port, guard &held)
