@@ -193,6 +193,8 @@ TEST_F(netlink, a_multicast_succeeds_if_one_subscriber_gets_it)
     EXPECT_EQ(multicast(1), 0);
     EXPECT_EQ(queued(), std::pair(1UL, 2UL));
     EXPECT_EQ(multicast(1), -ENOBUFS);
+    both.set_queue_limit(4); // with the news of what was lost
+    EXPECT_EQ(multicast(1), 0);
     both.close();
     EXPECT_EQ(multicast(2), -ESRCH);
     one.set_queue_limit(2);
