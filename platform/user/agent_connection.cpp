@@ -2,7 +2,7 @@
 #include "platform/user/agent_connection.h"
 
 #include "platform/hosted/skbuff.h"
-#include "platform/user/log.h"
+#include "platform/user/buffer.h"
 
 #include <cerrno>
 #include <cstring>
@@ -22,21 +22,17 @@ namespace
 
 // A request as long as this is handled, a longer one refused. The longest that makes sense
 // carries a packet of 64 KiB.
-constexpr std::size_t request_room = 256 * 1024;
+constexpr std::size_t request_room = 68 * 1024;
 
-// How many datagrams one agent gets handled before the others have their turn.
-constexpr int datagrams_per_turn = 16;
+// How much of one agent is handled before the others have their turn, and what a datagram counts
+// besides its bytes.
+constexpr std::size_t turn_bytes = 64 * 1024;
+constexpr std::size_t datagram_overhead = 256;
 
 // The send queue, counted with the kernel's overhead (256 bytes and more for each datagram), and
 // that of a subscriber, which must hold what comes in bursts.
 constexpr int queue_bytes = 512 * 1024;
 constexpr int subscriber_queue_bytes = 4 * 1024 * 1024;
-
-void set_queue(int fd, int bytes)
-{
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
-        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
-}
 
 // The buffer for requests: one for all connections, of which one at a time is served.
 std::vector<std::uint8_t> &request_buffer()
@@ -48,9 +44,9 @@ std::vector<std::uint8_t> &request_buffer()
 } // namespace
 
 agent_connection::agent_connection(net &ns, unique_fd socket, const peer_process &opener)
-    : net_(ns), socket_(std::move(socket)), opener_(opener), sender_(opener)
+    : net_(ns), socket_(std::move(socket)), opener_(opener)
 {
-    set_queue(socket_.get(), queue_bytes);
+    set_buffer(socket_.get(), SO_SNDBUF, queue_bytes);
     get_net(net_);
 }
 
@@ -73,7 +69,7 @@ agent_connection::outcome agent_connection::on_ready(std::uint32_t events)
 agent_connection::outcome agent_connection::read_some()
 {
     std::vector<std::uint8_t> &buffer = request_buffer();
-    for (int i = 0; i < datagrams_per_turn; ++i) {
+    for (std::size_t used = 0; used < turn_bytes;) {
         iovec room{buffer.data(), buffer.size()};
         alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(ucred))];
         msghdr message{};
@@ -83,19 +79,22 @@ agent_connection::outcome agent_connection::read_some()
         message.msg_controllen = sizeof control;
         // With MSG_TRUNC the result is the datagram's length even where that exceeds the room.
         const ssize_t received = recvmsg(socket_.get(), &message, MSG_TRUNC | MSG_CMSG_CLOEXEC);
-        if (received < 0)
+        if (received < 0) {
+            // The agent closed with something unread; what it had sent before is still here.
+            if (errno == ECONNRESET || errno == EINTR)
+                continue;
             return errno == EAGAIN ? outcome::WAIT : outcome::CLOSED;
+        }
         const cmsghdr *const header = CMSG_FIRSTHDR(&message);
         if (header == nullptr || header->cmsg_type != SCM_CREDENTIALS)
             return outcome::CLOSED; // the end: a datagram, empty too, has credentials
-        ucred credentials{};
-        std::memcpy(&credentials, CMSG_DATA(header), sizeof credentials);
-        sender_ = credentials.pid == opener_.pid && credentials.uid == opener_.uid
-                      ? opener_
-                      : identify(credentials.pid, credentials.uid);
+        std::memcpy(&sender_, CMSG_DATA(header), sizeof sender_);
+        capabilities_.reset();
 
-        if (handle(buffer, static_cast<std::size_t>(received)) == outcome::CLOSED)
+        const auto len = static_cast<std::size_t>(received);
+        if (handle(buffer, len) == outcome::CLOSED)
             return outcome::CLOSED;
+        used += datagram_overhead + len;
     }
     return outcome::AGAIN;
 }
@@ -113,7 +112,7 @@ agent_connection::outcome agent_connection::handle(std::span<const std::uint8_t>
     if (id() == 0)
         (void)net_.netlink.bind(*this, 0, 0);
     if (len > buffer.size())
-        refuse_overlong(buffer, len);
+        refuse_overlong(buffer);
     else
         net_.netlink.receive(*this, buffer.first(len));
     return outcome::WAIT;
@@ -122,14 +121,15 @@ agent_connection::outcome agent_connection::handle(std::span<const std::uint8_t>
 agent_connection::outcome agent_connection::handle_bind(const sockaddr_nl &wanted)
 {
     bool bound = wanted.nl_family == AF_NETLINK;
+    // Before the first event can come.
+    if (bound && wanted.nl_groups != 0 && sender_capable(CAP_NET_ADMIN))
+        set_buffer(socket_.get(), SO_SNDBUF, subscriber_queue_bytes);
     if (bound && id() != 0)
         net_.netlink.set_groups(*this, wanted.nl_groups);
     else if (bound)
         bound = net_.netlink.bind(*this, wanted.nl_pid, wanted.nl_groups);
     if (!bound)
         net_.netlink.close(*this); // so that the answer says 0
-    else if (groups() != 0)
-        set_queue(socket_.get(), subscriber_queue_bytes);
     answer_bind();
     return bound ? outcome::WAIT : outcome::CLOSED;
 }
@@ -144,10 +144,8 @@ void agent_connection::answer_bind()
 }
 
 // What does not fit is not looked into; the first message in it is told so.
-void agent_connection::refuse_overlong(std::span<const std::uint8_t> beginning, std::size_t len)
+void agent_connection::refuse_overlong(std::span<const std::uint8_t> beginning)
 {
-    log_line("refused a request of %zu bytes from port %u: the limit is %zu", len, id(),
-             beginning.size());
     struct {
         nlmsghdr header;
         nlmsgerr error;
@@ -196,8 +194,13 @@ bool agent_connection::drained()
 
 bool agent_connection::sender_capable(int capability)
 {
-    return holds_capability(sender_, capability) &&
-           (sender_ == opener_ || holds_capability(opener_, capability));
+    if (!capabilities_) {
+        const bool is_opener = sender_.pid == opener_.pid && sender_.uid == opener_.uid;
+        capabilities_ = capabilities_of(opener_);
+        if (!is_opener && *capabilities_ != 0)
+            *capabilities_ &= capabilities_of(identify(sender_.pid, sender_.uid));
+    }
+    return (*capabilities_ >> capability & 1) != 0;
 }
 
 } // namespace kelmd

@@ -12,7 +12,9 @@
 #include "platform/user/process.h"
 
 #include <cstdint>
+#include <optional>
 #include <span>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 struct sockaddr_nl;
@@ -49,12 +51,15 @@ class agent_connection final : public hosted::netlink_port
     outcome handle(std::span<const std::uint8_t> buffer, std::size_t len);
     outcome handle_bind(const sockaddr_nl &wanted);
     void answer_bind();
-    void refuse_overlong(std::span<const std::uint8_t> beginning, std::size_t len);
+    void refuse_overlong(std::span<const std::uint8_t> beginning);
 
     net &net_;
     const unique_fd socket_;
     const peer_process opener_;
-    peer_process sender_; // of the last datagram
+    // Of the datagram that is being handled: who sent it, and, once somebody has asked, the
+    // capabilities that the sender and the opener share.
+    ucred sender_{};
+    std::optional<std::uint64_t> capabilities_;
     bool bind_answer_due_ = false;
 };
 

@@ -57,15 +57,17 @@ task_struct *kthread_create_on_node(int (*body)(void *argument), void *argument,
                                     const char *name)
 {
     kelmd::assert_may_sleep(__func__);
-    auto task = std::make_unique<task_struct>();
-    task->body = body;
-    task->argument = argument;
     try {
+        auto task = std::make_unique<task_struct>();
+        task->body = body;
+        task->argument = argument;
         task->thread = kelmd::start_thread(name, [made = task.get()] { run(*made); });
+        return task.release();
     } catch (const std::system_error &error) {
         return error_pointer(error.code().value());
+    } catch (const std::bad_alloc &) {
+        return error_pointer(ENOMEM);
     }
-    return task.release();
 }
 
 void wake_up_process(task_struct *task)

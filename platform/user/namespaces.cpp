@@ -110,12 +110,6 @@ std::string namespace_set::initial_obstacle() const
     return nets_.empty() ? "" : explain(*nets_.front(), nets_.front()->obstacle);
 }
 
-std::size_t namespace_set::served() const
-{
-    return static_cast<std::size_t>(
-        std::ranges::count_if(nets_, [](const auto &ns) { return ns->agents != nullptr; }));
-}
-
 net &namespace_set::take_up(netns_key key, unique_fd handle, bool initial)
 {
     net &ns = *nets_.emplace_back(std::make_unique<net>(key, std::move(handle), initial));

@@ -52,8 +52,6 @@ class namespace_set
     // Why the initial namespace is not served, in one line for people.
     [[nodiscard]] std::string initial_obstacle() const;
 
-    [[nodiscard]] std::size_t served() const;
-
     [[nodiscard]] event_loop &loop() { return loop_; }
 
   private:

@@ -2,7 +2,10 @@
 #include "platform/user/process.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <cstring>
+#include <elf.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -82,7 +85,8 @@ std::optional<process_status> parse_status(std::string_view text)
     process_status status{};
     auto uids = line_value(text, "Uid");
     auto capabilities = line_value(text, "CapEff");
-    if (!uids || !capabilities || !take_number(*uids, status.real_uid) ||
+    uid_t real_uid = 0; // comes first
+    if (!uids || !capabilities || !take_number(*uids, real_uid) ||
         !take_number(*uids, status.effective_uid) ||
         !take_number(*capabilities, status.effective_capabilities, 16))
         return std::nullopt;
@@ -112,19 +116,30 @@ peer_process identify(pid_t pid, uid_t uid)
     return {.pid = pid, .uid = uid, .start_time = pid > 0 ? start_time_of(pid) : 0};
 }
 
-bool holds_capability(const peer_process &peer, int capability)
+bool parse_secure(std::string_view auxv)
+{
+    std::array<unsigned long, 2> entry{}; // type and value
+    for (; auxv.size() >= sizeof entry; auxv.remove_prefix(sizeof entry)) {
+        std::memcpy(entry.data(), auxv.data(), sizeof entry);
+        if (entry[0] == AT_SECURE)
+            return entry[1] != 0;
+    }
+    return true;
+}
+
+std::uint64_t capabilities_of(const peer_process &peer)
 {
     if (peer.pid <= 0 || peer.start_time == 0)
-        return false;
+        return 0;
     const auto text = read_file(proc_path(peer.pid, "status"));
     const auto status = text ? parse_status(*text) : std::nullopt;
-    if (!status || !shares_our_user_namespace(peer.pid))
-        return false;
+    if (!status || status->effective_uid != peer.uid || !shares_our_user_namespace(peer.pid))
+        return 0;
+    // After the status: a program with file capabilities keeps its user. Root had all before.
+    if (peer.uid != 0 && parse_secure(read_file(proc_path(peer.pid, "auxv")).value_or("")))
+        return 0;
     // Last, so that all that was read before belongs to this process.
-    if (start_time_of(peer.pid) != peer.start_time)
-        return false;
-    return (status->real_uid == peer.uid || status->effective_uid == peer.uid) &&
-           has_bit(status->effective_capabilities, capability);
+    return start_time_of(peer.pid) == peer.start_time ? status->effective_capabilities : 0;
 }
 
 bool have_capability(int capability)

@@ -18,7 +18,7 @@ namespace kelmd
 // again; the start time and the user tell another process of the same number.
 struct peer_process {
     pid_t pid = 0;                // 0: one that cannot be seen from here
-    uid_t uid = 0;                // real or effective, as the socket gave it
+    uid_t uid = 0;                // as the socket gave it
     std::uint64_t start_time = 0; // clock ticks since boot; 0: it was gone already
 
     bool operator==(const peer_process &) const = default;
@@ -26,7 +26,6 @@ struct peer_process {
 
 // What matters of /proc/PID/status.
 struct process_status {
-    uid_t real_uid;
     uid_t effective_uid;
     std::uint64_t effective_capabilities; // one bit each
 };
@@ -36,11 +35,17 @@ struct process_status {
 // The start time from /proc/PID/stat.
 [[nodiscard]] std::optional<std::uint64_t> parse_start_time(std::string_view text);
 
+// Whether the kernel started the program with more privilege than whoever asked for it had
+// (AT_SECURE), from /proc/PID/auxv. What cannot be read counts as such.
+[[nodiscard]] bool parse_secure(std::string_view auxv);
+
 // Notes a process down by its number while it is known to be the right one.
 [[nodiscard]] peer_process identify(pid_t pid, uid_t uid);
 
-// Whether it is still that process and holds the capability in our own user namespace.
-[[nodiscard]] bool holds_capability(const peer_process &peer, int capability);
+// The effective capabilities of that process in our own user namespace, one bit each. None if it
+// is not that process any more, or not with the privilege of that user: between what it did on the
+// socket and now it may have become a program, su for one, that lends it nothing but a number.
+[[nodiscard]] std::uint64_t capabilities_of(const peer_process &peer);
 
 // Whether kelmd itself holds a capability.
 [[nodiscard]] bool have_capability(int capability);

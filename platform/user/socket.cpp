@@ -4,12 +4,11 @@
 // in udp_socket.cpp.
 #include "platform/user/socket.h"
 
+#include "platform/user/buffer.h"
 #include "platform/user/context.h"
-#include "platform/user/log.h"
 #include "platform/user/net.h"
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -47,13 +46,13 @@ ssize_t host_sock::send(const msghdr &message, int flags)
 namespace
 {
 
+// Refusals are for want of CAP_NET_ADMIN, which kelmd tells at its start.
 void set_fd_option(int fd, int option, int value)
 {
-    static std::atomic<bool> told = false;
-    if (setsockopt(fd, SOL_SOCKET, option, &value, sizeof value) != 0 && !told.exchange(true))
-        log_line("a socket option of what is sent was refused (%s): priority and buffer size stay "
-                 "at the system's defaults; CAP_NET_ADMIN is missing",
-                 std::strerror(errno));
+    if (option == SO_SNDBUF)
+        set_buffer(fd, option, value);
+    else
+        setsockopt(fd, SOL_SOCKET, option, &value, sizeof value);
 }
 
 } // namespace
@@ -100,9 +99,8 @@ unique_fd open_socket(int family, int type, int protocol)
 unique_fd open_raw_socket(int family)
 {
     unique_fd fd = open_socket(family, SOCK_RAW, IPPROTO_RAW);
-    const int least = 0;
     if (fd)
-        setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
+        set_buffer(fd.get(), SO_RCVBUF, 0);
     return fd;
 }
 
@@ -232,7 +230,7 @@ void sock_set_priority(sock *sk, std::uint32_t priority)
 
 void sock_set_sndbuf(sock *sk, int bytes)
 {
-    host(sk).set_option(SO_SNDBUFFORCE, bytes);
+    host(sk).set_option(SO_SNDBUF, bytes);
 }
 
 sk_buff *__skb_recv_udp(sock *sk)

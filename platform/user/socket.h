@@ -31,7 +31,7 @@ struct host_sock : sock {
     // As ::sendmsg. Any thread.
     virtual ssize_t send(const msghdr &message, int flags);
 
-    // Sets a socket option of level SOL_SOCKET; a refusal is told in the log, once.
+    // Sets a socket option of level SOL_SOCKET; as far as the system allows.
     virtual void set_option(int option, int value);
 
     const unique_fd fd;

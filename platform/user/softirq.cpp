@@ -116,7 +116,9 @@ void start_softirq(bool realtime)
     const sched_param parameters{.sched_priority = realtime_priority};
     if (const int error =
             pthread_setschedparam(softirq.thread.native_handle(), SCHED_FIFO, &parameters))
-        throw std::system_error(error, std::generic_category(), "SCHED_FIFO");
+        throw std::system_error(error, std::generic_category(),
+                                "--realtime needs CAP_SYS_NICE or a limit of real-time priority "
+                                "(ulimit -r, LimitRTPRIO=): SCHED_FIFO");
 }
 
 void stop_softirq()

@@ -4,6 +4,7 @@
 // headers in front of it are written anew from what the ancillary data tells.
 #include "platform/hosted/skbuff.h"
 #include "platform/hosted/udp_frame.h"
+#include "platform/user/buffer.h"
 #include "platform/user/socket.h"
 
 #include <array>
@@ -105,9 +106,7 @@ void read_control(const cmsghdr &header, hosted::udp_arrival &arrival)
 int prepare_udp_socket(int fd)
 {
     // A failure here means smaller buffers than we would like, and is no reason to give up.
-    const int bytes = receive_buffer_bytes;
-    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    set_buffer(fd, SO_RCVBUF, receive_buffer_bytes);
 
     struct option {
         int level;
