@@ -1,13 +1,17 @@
 # SPDX-License-Identifier: GPL-2.0
 """Who may do what: the network administration capability, of the opener and of the sender."""
 
+import contextlib
 import errno
 import os
+import re
+import signal
 import socket
 import struct
 
 import pytest
 
+from lib import PATIENCE, wait_until
 from lib import protocol as p
 from lib.agent import KERNEL, Agent, in_child
 from lib.protocol import KelmError
@@ -95,6 +99,57 @@ def test_the_sender_counts(link):
     with Agent(link.near_ns) as agent:
         in_child(become_nobody, lambda: expect_refusals(agent))
         agent.request(p.RX_SET_SESSION, p.rx_set_session(7))
+
+
+@contextlib.contextmanager
+def stopped(process):
+    process.send_signal(signal.SIGSTOP)
+    try:
+        yield
+    finally:
+        process.send_signal(signal.SIGCONT)
+
+
+def effective_user(pid):
+    with open(f"/proc/{pid}/status") as status:
+        return int(re.search(r"Uid:\t\d+\t(\d+)", status.read())[1])
+
+
+@pytest.mark.kelmd
+def test_a_program_with_more_privilege_lends_none(host, link):
+    """What an ordinary user has sent does not gain by a set-user-ID program that it then runs."""
+    with Agent(link.near_ns) as root:
+        ours, theirs = socket.socketpair()
+        password_reader, password = os.pipe()
+        child = os.fork()
+        if child == 0:
+            try:
+                os.close(password)
+                os.dup2(password_reader, 0)
+                enter(link.near_ns)
+                become_nobody()
+                with Agent() as agent:
+                    socket.send_fds(theirs, [b"x"], [agent.sock.fileno()])
+                    theirs.recv(1)
+                    agent.send(p.message(p.RX_SET_SESSION, p.rx_set_session(7),
+                                         p.NLM_F_REQUEST | p.NLM_F_ACK, 1))
+                    os.execlp("su", "su", "root")  # waits for the password
+            finally:
+                os._exit(1)
+        os.close(password_reader)
+        _, (fd,), _, _ = socket.recv_fds(ours, 1, 1)
+        with socket.socket(fileno=fd) as sock:
+            sock.settimeout(PATIENCE)
+            with stopped(host.process):
+                ours.send(b"x")
+                wait_until(lambda: effective_user(child) == 0, "su as root")
+            (answer,) = p.parse(sock.recv(65536))
+            assert effective_user(child) == 0
+        os.close(password)
+        os.waitpid(child, 0)
+        assert answer.type == p.NLMSG_ERROR
+        assert struct.unpack_from("=i", answer.body)[0] == -errno.EPERM
+        assert root.stats() == []
 
 
 @pytest.mark.kelmd

@@ -55,7 +55,10 @@ class Agent:
             self.pid, mask = self.sock.getsockname()
         else:
             self.sock.send(struct.pack("=HHII", socket.AF_NETLINK, 0, pid, mask))
-            answer = self.sock.recv(65536)
+            answer = self.sock.recv(1 << 20)
+            while len(answer) > 12:  # an event, or an answer to an earlier request
+                self.backlog += protocol.parse(answer)
+                answer = self.sock.recv(1 << 20)
             assert len(answer) == 12, f"a bind packet was answered with {len(answer)} bytes"
             family, _, self.pid, mask = struct.unpack("=HHII", answer)
             assert family == socket.AF_NETLINK
