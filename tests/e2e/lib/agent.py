@@ -39,7 +39,7 @@ class Agent:
         self.sock.settimeout(PATIENCE)
         if rcvbuf:
             self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
-        self.seq = 0
+        self.pid, self.seq = 0, 0
         self.backlog = []
         try:
             self.bind(pid, groups)
@@ -51,7 +51,7 @@ class Agent:
         """Takes a port id and groups; afterwards pid and groups are what was granted."""
         mask = sum(1 << group - 1 for group in groups)
         if KERNEL:
-            self.sock.bind((pid, mask))
+            self.sock.bind((pid or self.pid, mask))
             self.pid, mask = self.sock.getsockname()
         else:
             self.sock.send(struct.pack("=HHII", socket.AF_NETLINK, 0, pid, mask))
