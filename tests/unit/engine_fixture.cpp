@@ -42,8 +42,10 @@ int ask(agent &a, std::uint16_t type, std::span<const std::uint8_t> body)
     return a.request(type, body).value_or(UNANSWERED);
 }
 
-int set_packet(agent &a, std::uint32_t discriminator, const kelm_msg_tx_set_packet &fixed)
+int set_packet(agent &a, std::uint32_t discriminator, kelm_msg_tx_set_packet fixed)
 {
+    if (fixed.latch_period == 0)
+        fixed.latch_period = 1'000'000;
     const control_packet content{.my_discriminator = discriminator, .your_discriminator = 77};
     return ask(a, KELM_MSG_TX_SET_PACKET,
                tx_set_packet(discriminator, ipv4_datagram(content.encode()), fixed));

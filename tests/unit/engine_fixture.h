@@ -25,15 +25,15 @@ inline constexpr int UNANSWERED = 1;
 int ask(agent &a, std::uint16_t type, std::span<const std::uint8_t> body);
 
 template<class Body>
-    requires(!std::convertible_to<const Body &, std::span<const std::uint8_t>>)
-int ask(agent &a, std::uint16_t type, const Body &body)
+requires(!std::convertible_to<const Body &, std::span<const std::uint8_t>>) int ask(
+    agent &a, std::uint16_t type, const Body &body)
 {
     return ask(a, type, as_bytes(body));
 }
 
 // The requests, each with the fields that its test cares about. A packet is a control packet of
 // its discriminator in an IPv4 datagram, a session a bare one, its timer not active.
-int set_packet(agent &a, std::uint32_t discriminator, const kelm_msg_tx_set_packet &fixed = {});
+int set_packet(agent &a, std::uint32_t discriminator, kelm_msg_tx_set_packet fixed = {});
 int set_session(agent &a, std::uint32_t discriminator, const kelm_msg_rx_set_session &fixed = {});
 int delete_packet(agent &a, std::uint32_t discriminator);
 int delete_session(agent &a, std::uint32_t discriminator);

@@ -1,0 +1,471 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// Statistics requests, and the dumps of sessions and packets that stop when a datagram is full
+// and go on later.
+#include "engine_fixture.h"
+#include "kelm/dump.h"
+#include "kelm/netlink_internal.h"
+#include "kelm/rx.h"
+#include "kelm/skb_ptr.h"
+#include "kelm/tx.h"
+#include "platform/hosted/skbuff.h"
+#include "platform/sim/random.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <tuple>
+
+namespace
+{
+
+using namespace sim;
+using strings = std::vector<std::string>;
+
+constexpr std::uint32_t CLEAR = KELM_STATS_CLEAR;
+constexpr std::uint32_t NO_REPORT = KELM_STATS_NO_REPORT;
+constexpr std::uint32_t MODULE = KELM_STATS_MODULE;
+constexpr std::uint32_t ALL_VRFS = KELM_STATS_ALL_VRFS;
+
+TEST(get_stats, answers_each_request_with_what_it_asks_for)
+{
+    world w({.namespaces = {"red", "blue"}});
+    agent &a = w.open_agent(w.initial());
+    for (const std::uint32_t discriminator : {37U, 5U, 7U, 69U}) // three of them share a chain
+        ASSERT_EQ(set_session(a, discriminator), 0);
+    for (const std::uint32_t discriminator : {6U, 5U})
+        ASSERT_EQ(set_packet(a, discriminator), 0);
+    ASSERT_EQ(set_session(w.open_agent(w.find("red")), 5), 0);
+    ASSERT_EQ(set_packet(w.open_agent(w.find("blue")), 9), 0);
+
+    const struct {
+        std::uint32_t discriminator;
+        std::uint32_t flags;
+        strings messages;
+    } cases[] = {
+        {5, 0, {"tx_stats 5", "rx_stats 5", "ack 0"}},
+        {7, 0, {"rx_stats 7", "ack 0"}},
+        {6, 0, {"tx_stats 6", "ack 0"}},
+        {8, 0, {"ack -2"}},
+        {9, 0, {"ack -2"}}, // of another vrf
+        {5, CLEAR, {"rx_stats 5", "tx_stats 5", "done 0"}},
+        {69, CLEAR, {"rx_stats 69", "done 0"}},
+        {101, CLEAR, {"done 0"}},
+        {5, 0x80, {"rx_stats 5", "tx_stats 5", "done 0"}}, // unknown flags are flags
+        {5, MODULE, {"rx_stats 5", "tx_stats 5", "module_stats", "done 0"}},
+        {5,
+         ALL_VRFS | MODULE,
+         {"module_stats", "rx_stats 5", "module_stats", "rx_stats 5", "tx_stats 5", "module_stats",
+          "done 0"}},
+        {0,
+         0,
+         {"rx_stats 37", "rx_stats 5", "rx_stats 69", "rx_stats 7", "tx_stats 5", "tx_stats 6",
+          "done 0"}},
+        {0,
+         ALL_VRFS,
+         {"tx_stats 9", "rx_stats 5", "rx_stats 37", "rx_stats 5", "rx_stats 69", "rx_stats 7",
+          "tx_stats 5", "tx_stats 6", "done 0"}},
+        {0, NO_REPORT | MODULE, {"done 0"}},
+        {0, NO_REPORT | CLEAR | MODULE | ALL_VRFS, {"done 0"}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << "session " << c.discriminator << ", flags " << c.flags);
+        ASSERT_EQ(a.send(make_message(KELM_MSG_GET_STATS, NLM_F_REQUEST | NLM_F_ACK, 4711,
+                                      stats_request(c.discriminator, c.flags))),
+                  0);
+        std::vector<message> messages = a.read_messages();
+        EXPECT_EQ(a.queued(), 0U);
+        EXPECT_EQ(names(messages), c.messages);
+        for (const message &m : messages) {
+            EXPECT_EQ(m.header.nlmsg_seq, 4711U);
+            EXPECT_EQ(m.header.nlmsg_pid, a.id());
+            if (m.header.nlmsg_type >= KELM_MSG_MIN) {
+                EXPECT_EQ(m.header.nlmsg_flags, 0U);
+            }
+        }
+        for (const auto &m : bodies<kelm_msg_module_stats>(messages, KELM_MSG_MODULE_STATS)) {
+            EXPECT_EQ(m.seq_num, 1U);
+            EXPECT_EQ(m.unsolicited, 0U);
+        }
+    }
+}
+
+// Every counter of a vrf is raised, each by another number.
+TEST(get_stats, reports_and_clears_the_counters_of_the_vrf)
+{
+    world w;
+    agent &a = w.open_agent(w.initial());
+    kelm_msg_rx_set_session session{};
+    session.flags = KELM_RX_TIMER_ACTIVE;
+    const auto times = [](int n, const auto &action) {
+        for (; n > 0; --n)
+            action();
+    };
+    times(1, [&] { w.deliver(w.initial(), {.payload = bytes(3)}); });
+    times(2, [&] { w.call_without_datagram(w.initial(), 3784); });
+    times(3, [&] { receive(w, 99); });
+    times(4, [&] {
+        w.deliver(w.initial(), arriving({.your_discriminator = 0, .state = BFD_STATE_DOWN}));
+    });
+    times(5, [&] {
+        EXPECT_EQ(set_session(a, 5, session), 0);
+        w.advance(1000);
+    });
+    times(6, [&] {
+        w.fail(service::skb_reallocation, -ENOMEM);
+        receive(w, 99);
+    });
+    times(8, [&] { EXPECT_EQ(set_interval(a, 1), 0); });
+    const std::uint64_t allocations = w.uses(service::allocation);
+    w.advance(1000); // fails to be broadcast, too
+    const std::uint64_t of_one_run = w.uses(service::allocation) - allocations;
+    EXPECT_GE(of_one_run, 1U);
+    times(7, [&] {
+        w.fail(service::allocation, -1);
+        w.advance(1000);
+    });
+    EXPECT_EQ(set_interval(a, 0), 0);
+    times(1, [&] { EXPECT_EQ(set_interval(a, 1), 0); });
+    EXPECT_EQ(set_interval(a, 0), 0);
+
+    const kelm_msg_module_stats s = module_stats(a);
+    EXPECT_EQ(s.rfc_drops, 1U);
+    EXPECT_EQ(s.rx_packet_missing, 2U);
+    EXPECT_EQ(s.num_invalid_sessions, 9U);
+    EXPECT_EQ(s.num_passup_disc_0, 4U);
+    EXPECT_EQ(s.netlink_packet_change_fail, 7U); // nobody is subscribed
+    EXPECT_EQ(s.netlink_failure_fail, 5U);
+    EXPECT_EQ(s.pskb_expand_fail, 6U);
+    EXPECT_EQ(s.session_stats_no_skb_fail, 7U);
+    EXPECT_EQ(s.session_stats_send_stats_fail, 0U);
+    EXPECT_EQ(s.session_stats_broadcast_fail, 10U);
+    EXPECT_EQ(s.timestamp_secs, static_cast<std::uint64_t>(w.wall_ns() / 1'000'000'000));
+    EXPECT_EQ(s.timestamp_nsecs, static_cast<std::uint64_t>(w.wall_ns() % 1'000'000'000));
+
+    // CLEAR without MODULE leaves them, with NO_REPORT it clears them unread.
+    ASSERT_EQ(get_stats(a, 0, CLEAR).error, 0);
+    EXPECT_EQ(module_stats(a).num_invalid_sessions, 9U);
+    ASSERT_EQ(get_stats(a, 0, CLEAR | NO_REPORT | MODULE).error, 0);
+    kelm_msg_module_stats expected{};
+    expected.timestamp_secs = s.timestamp_secs;
+    expected.timestamp_nsecs = s.timestamp_nsecs;
+    expected.seq_num = s.seq_num;
+    const kelm_msg_module_stats cleared = module_stats(a);
+    EXPECT_EQ(std::memcmp(&cleared, &expected, sizeof expected), 0);
+}
+
+TEST(get_stats, counts_a_reply_that_cannot_be_delivered)
+{
+    world w;
+    agent &a = w.open_agent(w.initial(), {.queue_limit = 0});
+    ASSERT_EQ(set_session(a, 5), UNANSWERED);
+    ASSERT_EQ(set_debug_level(a, 2), UNANSWERED);
+    const kelm_vrf *vrf = find_vrf(&w.initial()).get();
+    ASSERT_EQ(a.send(make_message(KELM_MSG_GET_STATS, NLM_F_REQUEST, 1, stats_request(5, 0))), 0);
+    EXPECT_EQ(w.logged("kelm Netlink: Error sending stats -11"), 1U);
+    EXPECT_EQ(vrf->stats.netlink_stats_fail, 1);
+    a.set_queue_limit(100);
+    ASSERT_EQ(get_stats(a, 0, CLEAR | MODULE).error, 0);
+    EXPECT_EQ(vrf->stats.netlink_stats_fail, 0);
+}
+
+// Dumps of more than one datagram.
+struct long_dump : testing::Test {
+    long_dump()
+    {
+        for (std::uint32_t discriminator = 1; discriminator <= NUMBER; ++discriminator)
+            EXPECT_EQ(set_packet(a, discriminator), 0);
+    }
+
+    void start(agent &of, std::uint32_t flags = 0)
+    {
+        ASSERT_EQ(
+            of.send(make_message(KELM_MSG_GET_STATS, NLM_F_REQUEST, 1, stats_request(0, flags))),
+            0);
+        ASSERT_EQ(of.queued(), 1U);
+    }
+
+    // The rest of a dump: how often each packet is in it. It ends as it should.
+    std::map<std::uint32_t, int> finish(agent &of)
+    {
+        std::vector<message> messages;
+        while (of.queued() != 0) {
+            for (const message &m : of.read_messages())
+                messages.push_back(m);
+        }
+        EXPECT_EQ(name(messages.back()), "done 0");
+        std::map<std::uint32_t, int> result;
+        for (const auto &m : bodies<kelm_msg_tx_stats>(messages, KELM_MSG_TX_STATS))
+            ++result[m.header.discriminator];
+        return result;
+    }
+
+    static constexpr std::uint32_t NUMBER = 300;
+
+    world w;
+    agent &a = w.open_agent(w.initial());
+    agent &other = w.open_agent(w.initial());
+};
+
+TEST_F(long_dump, reports_everything_once)
+{
+    for (const std::uint32_t flags : {0U, ALL_VRFS}) {
+        start(a, flags);
+        start(other, flags); // each socket has one of its own
+        EXPECT_EQ(ask(a, KELM_MSG_GET_STATS, stats_request(0, CLEAR)), -EBUSY);
+        EXPECT_EQ(ask(a, KELM_MSG_SYNC, kelm_msg_sync{}), -EBUSY);
+        for (agent *of : {&a, &other}) {
+            const auto found = finish(*of);
+            EXPECT_EQ(found.size(), NUMBER);
+            for (const auto &[discriminator, times] : found)
+                EXPECT_EQ(times, 1) << discriminator;
+        }
+    }
+}
+
+TEST_F(long_dump, starts_over_after_a_deletion_and_only_then)
+{
+    start(a);
+    ASSERT_EQ(set_packet(other, 1), 0);         // replaced
+    ASSERT_EQ(set_packet(other, 32 * 1000), 0); // into a chain that is done
+    ASSERT_EQ(delete_session(other, 1), -ENOENT);
+    ASSERT_EQ(set_session(other, 1), 0);
+    ASSERT_EQ(delete_session(other, 1), 0); // of the other table
+    auto found = finish(a);
+    EXPECT_EQ(found.size(), NUMBER);
+    for (const auto &[discriminator, times] : found)
+        EXPECT_EQ(times, 1) << discriminator;
+
+    start(a);
+    ASSERT_EQ(delete_packet(other, 32), 0); // in front of the cursor
+    found = finish(a);
+    EXPECT_EQ(found.size(), NUMBER + 1);
+    EXPECT_EQ(found[32], 1);
+    EXPECT_EQ(found[64], 2);
+    EXPECT_EQ(found[31], 1);
+
+    // A sweep empties the vrf without that.
+    start(a);
+    ASSERT_EQ(mark_or_sweep(other, KELM_SYNC_SWEEP), 0);
+    found = finish(a);
+    EXPECT_LT(found.size(), NUMBER);
+    EXPECT_EQ(finish((start(a), a)).size(), 0U);
+}
+
+TEST_F(long_dump, ends_when_its_agent_does)
+{
+    net &red = w.create_namespace("red");
+    for (const std::uint32_t flags : {0U, ALL_VRFS}) {
+        agent &dying = w.open_agent(red);
+        for (std::uint32_t discriminator = 1; discriminator <= NUMBER; ++discriminator)
+            ASSERT_EQ(set_packet(dying, discriminator), 0);
+        start(dying, flags);
+        dying.close();
+    }
+    w.abandon(red);
+    w.advance(25);
+    EXPECT_FALSE(w.alive(red));
+}
+
+TEST_F(long_dump, ends_at_a_message_that_fits_into_no_datagram)
+{
+    const vrf_ref vrf = find_vrf(&w.initial());
+    dump_data data = {vrf_ref(vrf.get()), 0, 0};
+    netlink_callback dump = {};
+    dump.data = &data;
+    const skb_ptr skb(alloc_skb(199, GFP_KERNEL));
+    EXPECT_EQ(send_stats(skb.get(), &dump, false), 0);
+    EXPECT_EQ(skb_len(skb.get()), 0U);
+}
+
+// The four walks over the tables against a model that knows of no chains and cursors: a list of
+// messages in order, and in it the place to go on from.
+class walk_model
+{
+  public:
+    struct table {
+        struct record {
+            std::uint64_t created;
+            std::size_t frame_len; // passed up last
+        };
+        std::map<std::uint32_t, record> records; // by discriminator
+        std::uint64_t deletions = 0;
+    };
+
+    walk_model(const table &walked, std::uint32_t wanted, bool stats, std::size_t size)
+        : records(&walked), only(wanted), is_stats(stats), message_size(size)
+    {
+    }
+
+    // What the next call writes into so much room, and whether that completes the walk.
+    std::pair<strings, bool> next(std::size_t room, const char *stats_name, const char *sync_name)
+    {
+        if (records->deletions != seen)
+            place = {};
+        seen = records->deletions;
+        strings written;
+        for (const auto &[at, m] : messages(stats_name, sync_name)) {
+            if (at < place)
+                continue;
+            place = at;
+            if (m.size > room)
+                return {written, false};
+            room -= m.size;
+            if (m.size != 0)
+                written.push_back(m.name);
+        }
+        place = position{32, 0, 0};
+        return {written, true};
+    }
+
+  private:
+    using position = std::tuple<std::uint32_t, std::uint64_t, int>; // chain, age, message
+
+    struct expected {
+        std::string name;
+        std::size_t size; // 0: nothing to write
+    };
+
+    std::map<position, expected> messages(const char *stats_name, const char *sync_name) const
+    {
+        std::map<position, expected> result;
+        for (const auto &[discriminator, r] : records->records) {
+            if (only != 0 && discriminator != only)
+                continue;
+            const std::string suffix = " " + std::to_string(discriminator);
+            const position first{discriminator % 32, r.created, 0};
+            const position second{discriminator % 32, r.created, 1};
+            if (is_stats) {
+                result[first] = {stats_name + suffix, message_size};
+                continue;
+            }
+            if (r.frame_len != 0)
+                result[first] = {"packet_change" + suffix, NLMSG_ALIGN(40 + r.frame_len)};
+            result[second] = {sync_name + suffix, message_size};
+        }
+        return result;
+    }
+
+    const table *records;
+    std::uint32_t only;
+    bool is_stats;
+    std::size_t message_size;
+    std::uint64_t seen = 0;
+    position place{};
+};
+
+// One walk of the engine, with its cursor.
+struct walk {
+    dumpfn function;
+    std::uint32_t discriminator;
+    walk_model model;
+    const char *stats_name;
+    const char *sync_name;
+    long bucket = 0;
+    long chain_depth = 0;
+    long table_seq = 0;
+
+    // Fills one buffer; false when the walk is complete.
+    bool go_on(kelm_vrf *vrf, std::uint32_t room)
+    {
+        const skb_ptr skb(alloc_skb(room, GFP_KERNEL));
+        const int result = function(vrf, skb.get(), {bucket, chain_depth, &table_seq},
+                                    {11, 22, discriminator, 0, false});
+        const auto [written, complete] = model.next(room, stats_name, sync_name);
+        EXPECT_EQ(names(parse_messages(hosted::skb_bytes(skb.get()))), written);
+        EXPECT_EQ(result, complete ? 0 : -1);
+        return result != 0;
+    }
+};
+
+class walks : public testing::TestWithParam<std::uint64_t>
+{
+  protected:
+    std::uint32_t any_discriminator()
+    {
+        // Few chains, and several records in each.
+        return static_cast<std::uint32_t>(1 + random.below(4) + 32 * random.below(6));
+    }
+
+    walk any_walk()
+    {
+        const std::uint32_t wanted = random.below(4) == 0 ? any_discriminator() : 0;
+        switch (random.below(4)) {
+        case 0:
+            return {kelm_rx_get_stats, wanted, {sessions, wanted, true, 184}, "rx_stats", ""};
+        case 1:
+            return {kelm_tx_get_stats, wanted, {packets, wanted, true, 200}, "tx_stats", ""};
+        case 2:
+            return {kelm_rx_sync, wanted, {sessions, wanted, false, 24}, "", "rx_sync"};
+        default:
+            return {kelm_tx_sync, wanted, {packets, wanted, false, 20}, "", "tx_sync"};
+        }
+    }
+
+    // Some request or packet, in the engine and in the model.
+    void change_something()
+    {
+        const std::uint32_t disc = any_discriminator();
+        switch (random.below(6)) {
+        case 0:
+        case 1:
+            ASSERT_EQ(set_session(a, disc), 0);
+            sessions.records.try_emplace(disc, walk_model::table::record{++created, 0});
+            break;
+        case 2:
+            ASSERT_EQ(set_packet(a, disc), 0);
+            packets.records.try_emplace(disc, walk_model::table::record{++created, 0});
+            break;
+        case 3: {
+            datagram packet = arriving({.your_discriminator = disc});
+            packet.link_len = 10 + random.below(20);
+            packet.port = 3784;
+            w.deliver(w.initial(), packet);
+            if (const auto found = sessions.records.find(disc); found != sessions.records.end())
+                found->second.frame_len = packet.link_len + 20 + 8 + BFD_CTRL_LEN;
+            break;
+        }
+        case 4:
+            remove(sessions, disc, delete_session(a, disc));
+            break;
+        default:
+            remove(packets, disc, delete_packet(a, disc));
+        }
+    }
+
+    static void remove(walk_model::table &from, std::uint32_t disc, int result)
+    {
+        const bool existed = from.records.erase(disc) != 0;
+        from.deletions += existed ? 1 : 0;
+        ASSERT_EQ(result, existed ? 0 : -ENOENT);
+    }
+
+    world w;
+    agent &a = w.open_agent(w.initial());
+    random_source random{GetParam()};
+    walk_model::table sessions;
+    walk_model::table packets;
+    std::uint64_t created = 0;
+};
+
+TEST_P(walks, go_on_where_they_stopped)
+{
+    const vrf_ref vrf = find_vrf(&w.initial());
+    for (int i = 0; i < 50; ++i)
+        change_something();
+    std::vector<walk> running;
+    for (int step = 0; step < 6000 && !HasFailure(); ++step) {
+        while (running.size() < 4)
+            running.push_back(any_walk());
+        // Deletions start walks over: now and then there is a time without any changes.
+        if (step / 200 % 2 == 0 && random.below(3) == 0)
+            change_something();
+        const std::size_t chosen = random.below(running.size());
+        if (!running[chosen].go_on(vrf.get(), static_cast<std::uint32_t>(random.below(500))))
+            running.erase(running.begin() + static_cast<std::ptrdiff_t>(chosen));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(seeds, walks, testing::Range<std::uint64_t>(1, 9));
+
+} // namespace

@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// What a restarted agent needs: the dump of everything that a vrf holds, and the sweep of the
+// vrfs that nobody has claimed since the mark.
+#include "engine_fixture.h"
+
+#include <cerrno>
+
+namespace
+{
+
+using namespace sim;
+using strings = std::vector<std::string>;
+
+TEST(sync_dump, tells_of_sessions_with_their_frames_and_of_packets)
+{
+    world w({.namespaces = {"red"}});
+    agent &a = w.open_agent(w.initial(), {.groups = CONTROL});
+    EXPECT_EQ(names(sync_dump(a).messages), strings{});
+    EXPECT_EQ(sync_dump(a).error, 0);
+
+    kelm_msg_rx_set_session session{};
+    session.flags = KELM_RX_TIMER_ACTIVE;
+    ASSERT_EQ(set_session(a, 5, session), 0);
+    ASSERT_EQ(set_session(a, 37), 0);
+    ASSERT_EQ(set_session(a, 6, session), 0);
+    ASSERT_EQ(set_packet(a, 9), 0);
+    ASSERT_EQ(set_packet(a, 8), 0);
+    ASSERT_EQ(set_session(w.open_agent(w.find("red")), 7), 0);
+    w.advance(500);
+    datagram packet = arriving({.your_discriminator = 5});
+    packet.member_ifindex = 17;
+    ASSERT_TRUE(w.deliver(w.initial(), packet));
+    w.advance(500); // session 6 has timed out, 5 has not
+    const std::vector<message> passed_up = a.read_messages();
+    ASSERT_EQ(names(passed_up), strings{"packet_change 5"});
+
+    const dump_result result = sync_dump(a);
+    EXPECT_EQ(result.error, 0);
+    EXPECT_EQ(names(result.messages), (strings{"packet_change 5", "rx_sync 5", "rx_sync 37",
+                                               "rx_sync 6", "tx_sync 8", "tx_sync 9"}));
+    EXPECT_EQ(result.messages[0].body, passed_up[0].body);
+    for (const auto &m : bodies<kelm_msg_rx_sync>(result.messages, KELM_MSG_RX_SYNC))
+        EXPECT_EQ(m.timer_active, m.header.discriminator == 5 ? 1U : 0U);
+    for (const message &m : result.messages) {
+        EXPECT_EQ(m.header.nlmsg_seq, a.last_seq());
+        EXPECT_EQ(m.header.nlmsg_pid, a.id());
+        EXPECT_EQ(m.header.nlmsg_flags, 0U);
+    }
+    // Nothing is counted or cleared by it.
+    EXPECT_EQ(rx_stats(a, 5)->num_received, 1U);
+}
+
+void fill(agent &a)
+{
+    kelm_msg_rx_set_session session{};
+    session.flags = KELM_RX_TIMER_ACTIVE;
+    session.latch_tx_packets[0] = 5;
+    ASSERT_EQ(set_packet(a, 5), 0);
+    ASSERT_EQ(set_session(a, 5, session), 0);
+}
+
+bool is_empty(agent &a)
+{
+    return sync_dump(a).messages.empty();
+}
+
+// A number of vrfs with a session and a packet each.
+struct vrfs {
+    explicit vrfs(std::size_t number)
+    {
+        while (agents.size() < number) {
+            net &ns = agents.empty() ? w.initial()
+                                     : w.create_namespace("ns" + std::to_string(agents.size()));
+            agents.push_back(&w.open_agent(ns));
+            fill(*agents.back());
+        }
+    }
+    agent &operator[](std::size_t i) { return *agents[i]; }
+
+    world w;
+    std::vector<agent *> agents;
+};
+
+TEST(sweep, empties_the_vrfs_that_nobody_has_claimed)
+{
+    for (const std::size_t number : {19U, 20U, 21U, 36U, 40U}) {
+        SCOPED_TRACE(testing::Message() << number << " vrfs");
+        vrfs of(number);
+        ASSERT_EQ(path_ready(of[0]), 0);
+        ASSERT_EQ(set_debug_level(of[0], 3), 0);
+        ASSERT_EQ(mark_or_sweep(of[0], KELM_SYNC_MARK), 0); // is no claim itself
+        // A refused message claims its vrf as well, but for those refused before it is looked up.
+        EXPECT_EQ(delete_session(of[1], 99), -ENOENT);
+        EXPECT_EQ(ask(of[2], KELM_MSG_RX_STATS, bytes(4)), -EPERM);
+        EXPECT_EQ(ask(of[3], KELM_MSG_TX_SET_PACKET, bytes(4)), -EINVAL);
+        EXPECT_EQ(ask(of[4], 32, bytes(4)), -ENOMSG);
+        of[5].set_privileged(false);
+        EXPECT_EQ(set_session(of[5], 6), -EPERM);
+        of[5].set_privileged(true);
+        ASSERT_EQ(mark_or_sweep(of[6], KELM_SYNC_SWEEP), 0);
+
+        EXPECT_EQ(of.w.logged("kelm Netlink: Clearing unmarked vrf"), number - 4);
+        ASSERT_EQ(set_debug_level(of[0], 1), 0);
+        for (std::size_t i = 0; i < number; ++i)
+            EXPECT_EQ(is_empty(of[i]), i == 0 || i == 4 || i == 5 || i > 6) << i;
+        of.w.advance(2000);
+        EXPECT_EQ(of.w.timers(), 4U); // packets only: the sessions have timed out
+
+        // No vrf is marked any more, and all are in use.
+        for (agent *a : of.agents)
+            fill(*a);
+        ASSERT_EQ(mark_or_sweep(of[1], KELM_SYNC_SWEEP), 0);
+        for (agent *a : of.agents)
+            EXPECT_TRUE(is_empty(*a));
+        of.w.advance(2000);
+        EXPECT_EQ(of.w.timers(), 0U);
+    }
+}
+
+TEST(sweep, without_a_mark_before_it_empties_all)
+{
+    vrfs of(3);
+    for (const std::uint32_t flags :
+         {std::uint32_t{KELM_SYNC_SWEEP}, std::uint32_t{KELM_SYNC_SWEEP | KELM_SYNC_MARK}}) {
+        ASSERT_EQ(mark_or_sweep(of[1], flags), 0);
+        for (agent *a : of.agents) {
+            EXPECT_TRUE(is_empty(*a));
+            fill(*a);
+        }
+    }
+    // The mark phase was over with the sweep: these have not claimed anything.
+    ASSERT_EQ(mark_or_sweep(of[1], KELM_SYNC_SWEEP), 0);
+    EXPECT_TRUE(is_empty(of[0]));
+}
+
+TEST(sweep, takes_place_only_if_its_flag_is_set)
+{
+    vrfs of(2);
+    for (const std::uint32_t flags : {0x1U, 0x4U, 0x80000000U, 0x1U})
+        ASSERT_EQ(mark_or_sweep(of[0], flags), 0);
+    EXPECT_FALSE(is_empty(of[0]));
+    EXPECT_FALSE(is_empty(of[1]));
+
+    // A vrf that has come since the mark is not claimed by that.
+    agent &late = of.w.open_agent(of.w.create_namespace("late"));
+    ASSERT_EQ(mark_or_sweep(of[0], KELM_SYNC_SWEEP), 0);
+    EXPECT_FALSE(is_empty(of[0]));
+    EXPECT_TRUE(is_empty(late));
+}
+
+} // namespace
