@@ -24,6 +24,8 @@ namespace
 // How many connections are taken before others have their turn.
 constexpr int connections_per_turn = 16;
 
+constexpr auto accept_retry_interval = std::chrono::milliseconds(100);
+
 // Connections of users other than root, in all namespaces: enough for their tools, too few to
 // use up kelmd's descriptors.
 constexpr int limit_per_user = 32;
@@ -63,13 +65,15 @@ connection_quota &quota()
     return connections;
 }
 
+// No descriptor if there is none to be had; errno says why.
 unique_fd seqpacket_socket(const net &ns)
 {
     const in_namespace inside(ns);
-    if (inside.error() != 0)
-        throw std::system_error(inside.error(), std::generic_category(), "setns");
-    return unique_fd(checked("AF_UNIX socket",
-                             ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
+    if (inside.error() != 0) {
+        errno = inside.error();
+        return {};
+    }
+    return unique_fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
 socklen_t fill_address(sockaddr_un &address)
@@ -89,8 +93,10 @@ bool get_peer(int fd, ucred &peer)
 } // namespace
 
 agent_listener::agent_listener(event_loop &loop, net &ns)
-    : loop_(loop), net_(ns), socket_(seqpacket_socket(ns))
+    : loop_(loop), net_(ns), socket_(seqpacket_socket(ns)),
+      accept_again_(loop, [this] { accept_some(); })
 {
+    checked("agent socket", socket_.get());
     // On the listener, so that what is sent before the connection is taken has credentials too.
     const int on = 1;
     checked("SO_PASSCRED", setsockopt(socket_.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on));
@@ -113,8 +119,11 @@ void agent_listener::accept_some()
 {
     for (int i = 0; i < connections_per_turn; ++i) {
         unique_fd socket(::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (!socket)
-            return; // none is left; or no descriptor is, and the next close tries again
+        if (!socket) {
+            if (errno != EAGAIN)
+                accept_again_.arm(accept_retry_interval);
+            return;
+        }
         take(std::move(socket));
     }
     loop_.rearm(socket_.get());
@@ -147,7 +156,6 @@ void agent_listener::serve(int fd, std::uint32_t events)
         break;
     case agent_connection::outcome::CLOSED:
         close(fd);
-        loop_.rearm(socket_.get());
         break;
     }
 }
@@ -163,6 +171,8 @@ void agent_listener::close(int fd)
 std::optional<pid_t> agent_socket_owner(const net &ns)
 {
     const unique_fd socket = seqpacket_socket(ns);
+    if (!socket)
+        return 0;
     sockaddr_un address;
     const socklen_t len = fill_address(address);
     if (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), len) != 0 &&

@@ -10,6 +10,7 @@
 
 #include "platform/user/event_loop.h"
 #include "platform/user/fd.h"
+#include "platform/user/loop_timer.h"
 #include "platform/user/net.h"
 #include "platform/user/process.h"
 
@@ -47,6 +48,7 @@ class agent_listener
     net &net_;
     unique_fd socket_;
     std::unordered_map<int, std::unique_ptr<agent_connection>> connections_;
+    loop_timer accept_again_; // while there is no descriptor for a connection
 };
 
 // The process that listens on the agents' name in the namespace, 0 if it cannot be seen from

@@ -62,6 +62,12 @@ void event_loop::run_posted()
         task();
 }
 
+void event_loop::stop()
+{
+    stopped_ = true;
+    eventfd_write(posted_event_.get(), 1);
+}
+
 void event_loop::run()
 {
     while (!stopped_) {

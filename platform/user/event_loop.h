@@ -40,9 +40,10 @@ class event_loop
     // Whether the caller is the loop's own thread.
     [[nodiscard]] bool is_own_thread() const { return std::this_thread::get_id() == owner_; }
 
-    // Until stop, which handlers call.
+    // Until stop, which comes before every handler that has not been called yet. Any thread may
+    // stop it, and a signal handler.
     void run();
-    void stop() { stopped_ = true; }
+    void stop();
 
   private:
     struct watched {
@@ -56,7 +57,7 @@ class event_loop
     unique_fd epoll_;
     unique_fd posted_event_;
     std::unordered_map<int, watched> watched_;
-    bool stopped_ = false;
+    std::atomic<bool> stopped_ = false;
 
     hosted::mutex mutex_; // guards posted_
     std::vector<std::function<void()>> posted_;

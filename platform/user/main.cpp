@@ -19,8 +19,6 @@
 #include <cstring>
 #include <exception>
 #include <linux/capability.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
@@ -40,7 +38,12 @@ struct options {
 
 constexpr std::array end_signals{SIGTERM, SIGINT};
 
-int end_event = -1;
+// Made at its first use, gone at the process's end: a signal may come at any time between.
+event_loop &the_loop()
+{
+    static event_loop loop;
+    return loop;
+}
 
 // The first signal asks for an orderly end, a second one is not caught any more.
 void on_end_signal(int /*signal*/)
@@ -48,24 +51,22 @@ void on_end_signal(int /*signal*/)
     const int saved_errno = errno;
     for (const int each : end_signals)
         std::signal(each, SIG_DFL);
-    eventfd_write(end_event, 1);
+    the_loop().stop();
     errno = saved_errno;
 }
 
-void end_on_signals(event_loop &loop)
+void end_on_signals()
 {
-    end_event = checked("eventfd", eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    loop.watch(end_event, EPOLLIN, [&loop](std::uint32_t) { loop.stop(); });
+    (void)the_loop(); // made here rather than in a signal handler
     struct sigaction action {
     };
     action.sa_handler = on_end_signal;
     action.sa_flags = SA_RESTART;
     for (const int each : end_signals)
         sigaction(each, &action, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
 }
 
-// Every namespace takes nine descriptors, every agent one.
+// Every namespace takes ten descriptors, every agent one.
 void raise_descriptor_limit()
 {
     rlimit limit{};
@@ -87,12 +88,16 @@ bool check_privilege(const options &chosen)
 {
     if (!have_capability(CAP_NET_RAW)) {
         log_line("CAP_NET_RAW is missing, which sending BFD packets needs; run kelmd as root, or "
-                 "with the capabilities CAP_NET_RAW, CAP_NET_ADMIN and CAP_SYS_ADMIN");
+                 "with the capabilities CAP_NET_RAW, CAP_NET_ADMIN, CAP_SYS_ADMIN and "
+                 "CAP_SYS_PTRACE");
         return false;
     }
     if (!have_capability(CAP_NET_ADMIN))
-        log_line("CAP_NET_ADMIN is missing: buffers stay at the system's limits, and packets may "
-                 "get lost under load");
+        log_line("CAP_NET_ADMIN is missing: buffers stay at the system's limits, packets go out "
+                 "without priority, and some may get lost under load");
+    if (!have_capability(CAP_SYS_PTRACE))
+        log_line("CAP_SYS_PTRACE is missing: agents of other users, and those with capabilities "
+                 "that kelmd lacks, may look but not change anything");
     if (!have_capability(CAP_SYS_ADMIN) && !chosen.namespaces.initial_only)
         log_line("CAP_SYS_ADMIN is missing: only the initial network namespace can be served");
     return true;
@@ -113,21 +118,20 @@ int run(const options &chosen)
     if (!check_privilege(chosen))
         return EXIT_FAILURE;
     raise_descriptor_limit();
-    event_loop loop;
-    end_on_signals(loop);
-    namespace_set served(loop, chosen.namespaces);
+    end_on_signals();
+    namespace_set served(the_loop(), chosen.namespaces);
     start_softirq(chosen.realtime);
     if (chosen.realtime)
         lock_memory();
-    if (kelm_init() != 0) {
-        const std::string reason = served.initial_obstacle();
+    if (const int error = kelm_init(); error != 0) {
+        const std::string reason = served.initial_obstacle(-error);
         log_line("cannot serve the initial network namespace: %s", reason.c_str());
         take_down(served, false);
         return EXIT_FAILURE;
     }
     log_line("ready");
     sd_notify(0, "READY=1");
-    loop.run();
+    the_loop().run();
     sd_notify(0, "STOPPING=1");
     take_down(served, true);
     return EXIT_SUCCESS;
@@ -169,6 +173,7 @@ int main(int argc, char **argv)
     options chosen;
     if (const int status = parse_command_line(argc, argv, chosen); status >= 0)
         return status;
+    std::signal(SIGPIPE, SIG_IGN); // of whoever read the log
     process_log().start();
     int status = EXIT_FAILURE;
     try {

@@ -13,7 +13,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <map>
+#include <system_error>
 #include <utility>
 
 namespace kelmd
@@ -41,7 +43,7 @@ namespace_set &namespaces()
 }
 
 namespace_set::namespace_set(event_loop &loop, namespace_options options)
-    : loop_(loop), options_(std::move(options)), mount_check_(loop, [this] { scan(); }),
+    : loop_(loop), options_(std::move(options)), scan_again_(loop, [this] { scan(); }),
       retry_(loop, [this] { retry_unserved(); }),
       process_check_(loop, [this] { let_go_abandoned(); })
 {
@@ -69,10 +71,7 @@ int namespace_set::start(notifier_block *notifier)
             log_line("network namespace %s does not exist yet; waiting for it", name.c_str());
     }
     if (!options_.initial_only) {
-        directory_.emplace(loop_, names_directory, [this] {
-            mount_wait_ = first_mount_wait;
-            scan();
-        });
+        watch_names();
         mount_wait_ = first_mount_wait;
         scan();
     }
@@ -93,11 +92,16 @@ void namespace_set::close_agents()
 
 void namespace_set::close_agents_of(net &ns)
 {
-    // reap leaves a namespace alone whose agents are not closed, so it will still be there.
+    // reap leaves a namespace alone whose agents are not closed, so it will still be there. Until
+    // then their ports may outlive the kernel socket: what they send is refused.
     if (loop_.is_own_thread())
         ns.agents.reset();
     else
-        loop_.post([&ns] { ns.agents.reset(); });
+        loop_.post([this, &ns] {
+            ns.agents.reset();
+            if (ns.held) // it was named again while its vrf was on its way out
+                retry_.arm(retry_interval);
+        });
 }
 
 void namespace_set::reap_soon()
@@ -105,9 +109,15 @@ void namespace_set::reap_soon()
     loop_.post([this] { reap(); });
 }
 
-std::string namespace_set::initial_obstacle() const
+std::string namespace_set::initial_obstacle(int error) const
 {
-    return nets_.empty() ? "" : explain(*nets_.front(), nets_.front()->obstacle);
+    if (nets_.empty())
+        return std::strerror(error);
+    const net &initial = *nets_.front();
+    if (initial.obstacle.what != obstacle::NONE)
+        return explain(initial, initial.obstacle);
+    return explain(initial,
+                   {.what = obstacle::OTHER, .call = "starting the engine", .error = error});
 }
 
 net &namespace_set::take_up(netns_key key, unique_fd handle, bool initial)
@@ -149,12 +159,35 @@ void namespace_set::report(net &ns)
     retry_.arm(retry_interval);
 }
 
+void namespace_set::watch_names()
+{
+    try {
+        directory_.emplace(loop_, names_directory, [this] {
+            mount_wait_ = first_mount_wait;
+            scan();
+        });
+    } catch (const std::system_error &error) {
+        log_line("cannot watch %s (%s): looking there every %lld s instead", names_directory,
+                 error.what(), static_cast<long long>(retry_interval.count()));
+    }
+}
+
 // Brings nets_ in line with the names that there are.
 void namespace_set::scan()
 {
     if (notifier_ == nullptr)
         return;
-    netns_listing listing = directory_->list();
+    if (!directory_)
+        scan_again_.arm(retry_interval);
+    netns_listing listing;
+    try {
+        listing = list_netns(names_directory);
+    } catch (const std::system_error &error) { // which says nothing about what is there
+        log_line("cannot look for network namespaces (%s): trying again in %lld s", error.what(),
+                 static_cast<long long>(retry_interval.count()));
+        scan_again_.arm(retry_interval);
+        return;
+    }
     std::map<netns_key, std::set<std::string>> names;
     std::map<netns_key, unique_fd> handles;
     for (netns_name &entry : listing.names) {
@@ -174,7 +207,7 @@ void namespace_set::scan()
         announce(ns);
     }
     if (!listing.unusable.empty()) {
-        mount_check_.arm(mount_wait_);
+        scan_again_.arm(mount_wait_);
         mount_wait_ = std::min<std::chrono::milliseconds>(2 * mount_wait_, longest_mount_wait);
     }
     let_go_abandoned();
@@ -185,7 +218,7 @@ void namespace_set::update_names(net &ns, std::set<std::string> names)
     if (!names.empty() && !ns.held) { // it had been let go, and somebody named it once more
         ns.held = true;
         get_net(ns);
-        retry_.arm(retry_interval); // its vrf may be gone by now
+        retry_.arm(retry_interval); // its vrf may be gone by now; see close_agents_of if not
     }
     ns.names = std::move(names);
     if (!ns.names.empty())

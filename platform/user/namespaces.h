@@ -50,7 +50,8 @@ class namespace_set
     void reap_soon();
 
     // Why the initial namespace is not served, in one line for people.
-    [[nodiscard]] std::string initial_obstacle() const;
+    // error is the engine's, for where the host refused it nothing.
+    [[nodiscard]] std::string initial_obstacle(int error) const;
 
     [[nodiscard]] event_loop &loop() { return loop_; }
 
@@ -58,6 +59,7 @@ class namespace_set
     net &take_up(netns_key key, unique_fd handle, bool initial);
     void announce(net &ns);
     void report(net &ns);
+    void watch_names();
     void scan();
     void update_names(net &ns, std::set<std::string> names);
     void retry_unserved();
@@ -69,7 +71,7 @@ class namespace_set
     notifier_block *notifier_ = nullptr;
     std::vector<std::unique_ptr<net>> nets_; // in the order of announcement
     std::optional<netns_directory> directory_;
-    loop_timer mount_check_;   // while a name waits for its mount
+    loop_timer scan_again_;    // while a name waits for its mount, or names cannot be seen
     loop_timer retry_;         // while a namespace is not served
     loop_timer process_check_; // while a namespace has processes, but no name
     std::chrono::milliseconds mount_wait_{};

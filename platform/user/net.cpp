@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <sched.h>
 #include <system_error>
 
@@ -47,7 +48,12 @@ in_namespace::in_namespace(const net &ns)
 {
     if (ns.initial)
         return;
-    (void)initial_namespace_fd(); // opened before it is left for the first time
+    try {
+        (void)initial_namespace_fd(); // opened before it is left for the first time
+    } catch (const std::system_error &error) {
+        error_ = error.code().value();
+        return;
+    }
     if (setns(ns.handle.get(), CLONE_NEWNET) == 0)
         entered_ = true;
     else
@@ -95,6 +101,8 @@ int register_netdevice_notifier(notifier_block *nb)
     } catch (const std::system_error &error) { // engine code lies between here and main
         kelmd::log_line("%s", error.what());
         return -error.code().value();
+    } catch (const std::bad_alloc &) {
+        return -ENOMEM;
     }
 }
 

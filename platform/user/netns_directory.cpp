@@ -21,15 +21,32 @@
 namespace kelmd
 {
 
+namespace
+{
+
+// Whether opening failed because of what the file is, rather than for want of something.
+bool is_no_namespace(int error)
+{
+    constexpr std::array reasons{ENOENT, ENOTDIR, ELOOP, EACCES, EPERM, ENXIO, ENODEV};
+    return std::ranges::find(reasons, error) != reasons.end();
+}
+
+} // namespace
+
 unique_fd open_netns(const std::string &path, netns_key &key)
 {
     // O_NONBLOCK: somebody may have put a FIFO there.
     unique_fd handle(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct statfs filesystem;
-    struct stat status;
-    if (!handle || fstatfs(handle.get(), &filesystem) != 0 || filesystem.f_type != NSFS_MAGIC ||
-        ioctl(handle.get(), NS_GET_NSTYPE) != CLONE_NEWNET || fstat(handle.get(), &status) != 0)
+    if (!handle && is_no_namespace(errno))
         return {};
+    checked(path.c_str(), handle.get());
+    struct statfs filesystem;
+    checked(path.c_str(), fstatfs(handle.get(), &filesystem));
+    if (filesystem.f_type != NSFS_MAGIC ||
+        checked(path.c_str(), ioctl(handle.get(), NS_GET_NSTYPE)) != CLONE_NEWNET)
+        return {};
+    struct stat status;
+    checked(path.c_str(), fstat(handle.get(), &status));
     key = {status.st_dev, status.st_ino};
     return handle;
 }
@@ -47,6 +64,8 @@ netns_listing list_netns(const std::string &directory)
         else
             listing.unusable.push_back(std::move(name));
     }
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw std::system_error(error, directory);
     std::ranges::sort(listing.names, {}, &netns_name::name);
     return listing;
 }

@@ -27,23 +27,23 @@ struct netns_listing {
 };
 
 // What is in the directory now; nothing if it does not exist. A name is made as a plain file
-// first, its namespace mounted over it then.
+// first, its namespace mounted over it then. Throws std::system_error if that cannot be known now,
+// for want of descriptors or memory.
 [[nodiscard]] netns_listing list_netns(const std::string &directory);
 
-// Opens a namespace's file; no descriptor if it is none.
+// Opens a namespace's file; no descriptor if it is none. Throws as list_netns does.
 [[nodiscard]] unique_fd open_netns(const std::string &path, netns_key &key);
 
 class netns_directory
 {
   public:
     // Calls changed after every change of the directory's names, from its being made on, and not
-    // for mounts on them. The parent directory must exist.
+    // for mounts on them. Throws std::system_error if there is no watch to be had, or not even the
+    // parent directory.
     netns_directory(event_loop &loop, std::string path, std::function<void()> changed);
     ~netns_directory();
     netns_directory(const netns_directory &) = delete;
     netns_directory &operator=(const netns_directory &) = delete;
-
-    [[nodiscard]] netns_listing list() const { return list_netns(path_); }
 
   private:
     void read_events();

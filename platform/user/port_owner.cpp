@@ -107,11 +107,13 @@ std::string explain_other(const obstacle &met)
     switch (met.error) {
     case EPERM:
     case EACCES:
-        return what + "; run kelmd as root, or with the capabilities CAP_NET_RAW, CAP_NET_ADMIN "
-                      "and CAP_SYS_ADMIN";
+        return what + "; run kelmd as root, or with the capabilities CAP_NET_RAW, CAP_NET_ADMIN, "
+                      "CAP_SYS_ADMIN and CAP_SYS_PTRACE";
     case EAFNOSUPPORT:
         return what + "; kelm needs IPv6 in the kernel, even for IPv4: do not boot with "
                       "ipv6.disable=1";
+    case EAGAIN:
+        return what + "; raise the limit of threads (ulimit -u, TasksMax=)";
     case EMFILE:
         return what + "; raise the limit of open files (ulimit -n, LimitNOFILE=)";
     default:

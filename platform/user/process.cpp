@@ -173,7 +173,7 @@ bool netns_has_processes(const netns_key &key)
             netns_key{status.st_dev, status.st_ino} == key)
             return true;
     }
-    return false;
+    return bool(error); // of looking at /proc
 }
 
 } // namespace kelmd

@@ -53,7 +53,7 @@ struct process_status {
 // "name (pid 123)".
 [[nodiscard]] std::string describe_process(pid_t pid);
 
-// Whether any process, but for kelmd itself, is inside the namespace.
+// Whether any process, but for kelmd itself, is inside the namespace; true if that cannot be known.
 [[nodiscard]] bool netns_has_processes(const netns_key &key);
 
 } // namespace kelmd

@@ -90,10 +90,12 @@ void run_softirq(softirq_state &softirq)
     this_context.softirq = true;
     raise_priority();
     std::vector<epoll_event> events;
-    while (!softirq.stopping) {
+    for (;;) {
         make_room(softirq, events);
         const std::uint64_t now = get_jiffies_64();
         const int timeout = sleep_until_timers(now) ? -1 : 0;
+        if (softirq.stopping) // asked here, because setting the clock has undone an earlier ring
+            return;
         const int ready = epoll_wait(softirq.epoll.get(), events.data(),
                                      static_cast<int>(events.size()), timeout);
         for (int i = 0; i < ready; ++i)
