@@ -124,10 +124,11 @@ bfd_auth_hdr auth_header(const auth_settings &auth)
 // The section as it lies in the packet: a digest's key must not be seen there.
 bytes auth_section(const auth_settings &auth, const bfd_auth_hdr &header)
 {
-    bytes section(header.common.len);
-    const size_t shown = auth.type == BFD_AUTH_PASSWORD ? section.size() : sizeof(bfd_auth_common);
-    std::copy_n(reinterpret_cast<const uint8_t *>(&header), std::min(shown, section.size()),
-                section.begin());
+    const size_t len = header.common.len;
+    const size_t shown = auth.type == BFD_AUTH_PASSWORD ? len : sizeof(bfd_auth_common);
+    const auto *const start = reinterpret_cast<const uint8_t *>(&header);
+    bytes section(start, start + std::min(shown, len));
+    section.resize(len);
     return section;
 }
 
