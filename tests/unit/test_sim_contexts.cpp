@@ -6,6 +6,8 @@
 
 #include "platform/kthread.h"
 #include "platform/memory.h"
+#include "platform/skbuff.h"
+#include "platform/socket.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
 
@@ -159,6 +161,37 @@ TEST_F(contexts, del_timer_sync_lets_a_callback_end_first)
     });
     EXPECT_EQ(order, "callback del ends deleted");
     EXPECT_EQ(w.timers(), 0U);
+}
+
+TEST_F(contexts, releasing_a_socket_lets_its_callback_end_first)
+{
+    std::string order;
+    callback = [&] {
+        order += "callback ";
+        spin_lock(&outer);
+        spin_unlock(&outer);
+        order += "ends ";
+    };
+    sock *sk = nullptr;
+    ASSERT_EQ(__sock_create(&w.initial(), AF_INET6, SOCK_DGRAM, 0, &sk, 1), 0);
+    sock_set_data_ready(
+        sk,
+        [](sock *ready) {
+            callback();
+            consume_skb(__skb_recv_udp(ready));
+        },
+        nullptr);
+    sockaddr_in6 any{};
+    any.sin6_family = AF_INET6;
+    any.sin6_port = htons(3784);
+    ASSERT_EQ(kernel_bind(sk, &any, sizeof any), 0);
+    w.at_lock_point(2, [&] {
+        order += "release ";
+        sock_release(sk);
+        order += "released";
+    });
+    EXPECT_TRUE(w.deliver(w.initial(), arriving({})));
+    EXPECT_EQ(order, "callback release ends released");
 }
 
 // Who enters a critical section when, as letters.
