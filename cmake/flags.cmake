@@ -9,6 +9,10 @@ target_compile_options(kelm_flags INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi>
   -Werror -fno-omit-frame-pointer)
 if(KELM_SANITIZE)
+  # Line numbers are what a sanitizer's report needs, and half the time to build; assertions hold.
+  foreach(language C CXX)
+    set(CMAKE_${language}_FLAGS_RELWITHDEBINFO "-O1 -g1")
+  endforeach()
   target_compile_options(kelm_flags INTERFACE -fsanitize=${KELM_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(kelm_flags INTERFACE -fsanitize=${KELM_SANITIZE})
 endif()

@@ -13,10 +13,9 @@ struct spinlock_t {
 extern "C" {
 
 // Prepares a lock, unlocked; to be called before any other use, again only while nobody holds it,
-// in any context. rank is
-// the lock's place in the lock order: a processor takes locks in rising rank only, and never
-// two of one rank. All locks of one rank form one class of the kernel's lock validator, name
-// names it. rank is below 16; name is a literal.
+// in any context. rank is the lock's place in the lock order: a processor takes locks in rising
+// rank only, and never two of one rank. All locks of one rank form one class of the kernel's lock
+// validator, name names it. rank is below 16; name is a literal.
 void spin_lock_init(spinlock_t *lock, unsigned int rank, const char *name)
     KELM_PLATFORM(spin_lock_init);
 

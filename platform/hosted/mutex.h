@@ -4,6 +4,8 @@
 // priority to the holder, so that the receive thread never waits for a preempted control thread.
 #pragma once
 
+#include <ctime>
+#include <mutex>
 #include <pthread.h>
 
 namespace hosted
@@ -28,8 +30,43 @@ class mutex
     bool try_lock() { return pthread_mutex_trylock(&native) == 0; }
     void unlock() { pthread_mutex_unlock(&native); }
 
+    pthread_mutex_t *native_handle() { return &native; }
+
   private:
     pthread_mutex_t native;
+};
+
+// A condition variable for it. std::condition_variable_any has a mutex of its own, which does not
+// inherit priority. To be used with the mutex held, one and the same throughout.
+class condition
+{
+  public:
+    condition() = default;
+    ~condition() { pthread_cond_destroy(&native); }
+    condition(const condition &) = delete;
+    condition &operator=(const condition &) = delete;
+
+    template<typename Predicate>
+    void wait(std::unique_lock<mutex> &lock, Predicate done)
+    {
+        while (!done())
+            pthread_cond_wait(&native, lock.mutex()->native_handle());
+    }
+
+    // The deadline is on CLOCK_MONOTONIC.
+    template<typename Predicate>
+    void wait_until(std::unique_lock<mutex> &lock, const timespec &deadline, Predicate done)
+    {
+        int error = 0;
+        while (!done() && error == 0)
+            error = pthread_cond_clockwait(&native, lock.mutex()->native_handle(), CLOCK_MONOTONIC,
+                                           &deadline);
+    }
+
+    void wake_all() { pthread_cond_broadcast(&native); }
+
+  private:
+    pthread_cond_t native = PTHREAD_COND_INITIALIZER;
 };
 
 } // namespace hosted

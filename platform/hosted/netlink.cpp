@@ -49,8 +49,12 @@ bool netlink_table::bind(netlink_port &port, std::uint32_t wanted, std::uint32_t
         groups = 0;
     const guard held(lock);
     const std::uint32_t id = wanted != 0 ? wanted : free_port_id();
-    if (!ports.emplace(id, &port).second)
+    try {
+        if (!ports.emplace(id, &port).second)
+            return false;
+    } catch (const std::bad_alloc &) {
         return false;
+    }
     port.table = this;
     port.port_id = id;
     port.group_mask = groups;

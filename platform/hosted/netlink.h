@@ -74,8 +74,8 @@ class netlink_table
     netlink_table &operator=(const netlink_table &) = delete;
 
     // Gives a port an id, the wanted one or, for 0, any free one, and its groups. False, with
-    // nothing changed, if the wanted id is taken. Without CAP_NET_ADMIN the groups are 0. Task
-    // context, as all functions for ports.
+    // nothing changed, if the wanted id is taken or there is no memory. Without CAP_NET_ADMIN the
+    // groups are 0. Task context, as all functions for ports.
     [[nodiscard]] bool bind(netlink_port &port, std::uint32_t wanted, std::uint32_t groups);
 
     // Changes the groups of a bound port, with the same rule.

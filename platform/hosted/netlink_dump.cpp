@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace hosted
 {
@@ -70,7 +71,9 @@ int netlink_table::start_dump(sk_buff *request, const nlmsghdr *nlh,
     idle.wait(held, [&port] { return !(port.dump && port.dump->ending); });
     if (port.dump)
         return -EBUSY;
-    port.dump = std::make_unique<netlink_dump>();
+    port.dump.reset(new (std::nothrow) netlink_dump{});
+    if (!port.dump)
+        return -ENOMEM;
     netlink_dump &dump = *port.dump;
     dump.fill = control.dump;
     dump.finish = control.done;
@@ -145,7 +148,7 @@ bool netlink_table::send_datagram(netlink_port &port)
 {
     netlink_dump &dump = *port.dump;
     const int result = tell_overrun(port) ? port.deliver(skb_bytes(dump.unsent)) : -EAGAIN;
-    if (result == -EAGAIN)
+    if (result == -EAGAIN || result == -ECONNREFUSED) // or wait for the agent's end to be noticed
         return false;
     consume_skb(dump.unsent);
     dump.unsent = nullptr;

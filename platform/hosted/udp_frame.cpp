@@ -17,9 +17,11 @@ namespace hosted
 namespace
 {
 
+// The destination is an address of ours. The source is whatever the sender wrote: a mapped one may
+// come over IPv6 too.
 bool is_ipv4(const udp_arrival &arrival)
 {
-    return IN6_IS_ADDR_V4MAPPED(&arrival.source) || IN6_IS_ADDR_V4MAPPED(&arrival.destination);
+    return IN6_IS_ADDR_V4MAPPED(&arrival.destination);
 }
 
 std::uint32_t ipv4_of(const in6_addr &mapped)

@@ -6,7 +6,6 @@
 
 #include "platform/hosted/mutex.h"
 
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 
@@ -24,7 +23,7 @@ class wait_queue
     void wake_all();
 
   private:
-    std::condition_variable_any condition;
+    condition changed;
 };
 
 } // namespace hosted

@@ -13,7 +13,10 @@
 #include <unistd.h>
 #include <utility>
 
-#ifdef __SANITIZE_ADDRESS__
+#ifndef __has_feature // which clang has, and says address_sanitizer with
+#define __has_feature(feature) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
 #include <sanitizer/common_interface_defs.h>
 #else
 static void __sanitizer_start_switch_fiber(void **, const void *, std::size_t) {}

@@ -11,7 +11,7 @@ namespace sim
 namespace
 {
 
-std::string formatted(const char *format, std::va_list arguments)
+[[gnu::format(printf, 1, 0)]] std::string formatted(const char *format, std::va_list arguments)
 {
     char *text = nullptr;
     if (vasprintf(&text, format, arguments) < 0)

@@ -23,7 +23,7 @@ constexpr std::uint32_t IN_USE = 0x5ca1ab1e;
 constexpr int FRESH = 0xa5;
 
 // Walks the chain of frame pointers, as far as it plausibly is one.
-[[gnu::no_sanitize("address"), gnu::no_sanitize("undefined")]] void
+__attribute__((no_sanitize("address"), no_sanitize("undefined"))) void
 record_callers(std::array<void *, block_header::MAX_CALLERS> &callers)
 {
     constexpr std::uintptr_t LONGEST_FRAME = 16 * 1024;

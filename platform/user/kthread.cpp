@@ -3,13 +3,13 @@
 // Kernel threads as threads. A task owns its thread from its creation to kthread_stop.
 #include "platform/kthread.h"
 
+#include "platform/clock.h"
 #include "platform/hosted/mutex.h"
 #include "platform/user/context.h"
 #include "platform/user/thread.h"
+#include "platform/user/tick.h"
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -19,7 +19,7 @@ struct task_struct {
     int (*body)(void *argument) = nullptr;
     void *argument = nullptr;
     hosted::mutex mutex; // guards the flags
-    std::condition_variable_any changed;
+    hosted::condition changed;
     bool started = false;
     bool woken = false;
     bool stopped = false;
@@ -75,7 +75,7 @@ void wake_up_process(task_struct *task)
     const guard_lock guard(task->mutex);
     task->started = true;
     task->woken = true;
-    task->changed.notify_all();
+    task->changed.wake_all();
 }
 
 int kthread_stop(task_struct *task)
@@ -85,7 +85,7 @@ int kthread_stop(task_struct *task)
     {
         const guard_lock guard(task->mutex);
         task->stopped = true;
-        task->changed.notify_all();
+        task->changed.wake_all();
     }
     task->thread.join();
     return task->result;
@@ -101,7 +101,8 @@ void schedule_timeout_interruptible(long ticks)
 {
     kelmd::assert_may_sleep(__func__);
     guard_lock guard(current->mutex);
-    current->changed.wait_for(guard, std::chrono::milliseconds(ticks),
-                              [] { return current->woken || current->stopped; });
+    current->changed.wait_until(
+        guard, kelmd::tick_start(get_jiffies_64() + static_cast<std::uint64_t>(ticks)),
+        [] { return current->woken || current->stopped; });
     current->woken = false;
 }

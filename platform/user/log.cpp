@@ -12,6 +12,7 @@
 #include <mutex>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kelmd
 {
@@ -110,25 +111,39 @@ void log_ring::run()
     ended_.set_value();
 }
 
-// Moves lines out of the ring, as many as make one write.
+// Takes the oldest line out of the ring; behind the last, one that tells of those that were
+// dropped. False if there is none.
+bool log_ring::take_line(line &oldest)
+{
+    std::uint64_t dropped = 0;
+    {
+        const std::lock_guard guard(mutex_);
+        if (count_ != 0) {
+            oldest = lines_[first_];
+            first_ = (first_ + 1) % lines_.size();
+            --count_;
+            return true;
+        }
+        dropped = std::exchange(dropped_, 0);
+    }
+    if (dropped == 0)
+        return false;
+    clock_gettime(CLOCK_REALTIME, &oldest.time);
+    const std::string text = "kelmd: " + std::to_string(dropped) +
+                             " log lines were dropped here: whoever reads the log is too slow";
+    oldest.len = text.copy(oldest.text.data(), oldest.text.size());
+    return true;
+}
+
+// Moves lines out of the ring, as many as make one write. They are formatted without the lock,
+// which the softirq thread takes too.
 void log_ring::take_lines(std::string &out)
 {
-    const std::lock_guard guard(mutex_);
-    while (count_ != 0 && out.size() < write_size) {
-        const line &next = lines_[first_];
+    line next;
+    while (out.size() < write_size && take_line(next)) {
         append_time(out, next.time);
         out.append(next.text.data(), next.len);
         out.push_back('\n');
-        first_ = (first_ + 1) % lines_.size();
-        --count_;
-    }
-    if (count_ == 0 && dropped_ != 0) {
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME, &now);
-        append_time(out, now);
-        out += "kelmd: " + std::to_string(dropped_) +
-               " log lines were dropped here: " + "whoever reads the log is too slow\n";
-        dropped_ = 0;
     }
 }
 

@@ -52,6 +52,7 @@ class log_ring
     };
 
     void run();
+    bool take_line(line &oldest);
     void take_lines(std::string &out);
     void write_out(std::string_view out);
 

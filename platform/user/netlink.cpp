@@ -10,6 +10,7 @@
 #include "platform/user/net.h"
 
 #include <cerrno>
+#include <new>
 #include <system_error>
 
 namespace
@@ -34,6 +35,8 @@ sock *netlink_kernel_create(net *net, int unit, const netlink_kernel_cfg *cfg)
                              code == EADDRINUSE ? obstacle::AGENT_SOCKET_TAKEN : obstacle::OTHER,
                          .call = "agent socket",
                          .error = code};
+        return nullptr;
+    } catch (const std::bad_alloc &) {
         return nullptr;
     }
     sock *const sk = hosted::netlink_kernel_open(net, cfg);

@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <new>
 #include <sched.h>
 #include <set>
 #include <sys/epoll.h>
@@ -137,11 +138,16 @@ int add_receiver(receiver &source)
 {
     softirq_state &softirq = state();
     const guard_lock guard(softirq.lock);
+    try {
+        softirq.receivers.insert(&source);
+    } catch (const std::bad_alloc &) {
+        return -ENOMEM;
+    }
     epoll_event event{.events = EPOLLIN, .data = {.ptr = &source}};
-    if (epoll_ctl(softirq.epoll.get(), EPOLL_CTL_ADD, source.receive_fd(), &event) != 0)
-        return -errno;
-    softirq.receivers.insert(&source);
-    return 0;
+    if (epoll_ctl(softirq.epoll.get(), EPOLL_CTL_ADD, source.receive_fd(), &event) == 0)
+        return 0;
+    softirq.receivers.erase(&source);
+    return -errno;
 }
 
 void remove_receiver(receiver &source)

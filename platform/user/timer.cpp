@@ -68,7 +68,6 @@ const wheel_timer &host(const timer_list *timer)
     return *std::launder(reinterpret_cast<const wheel_timer *>(timer->storage));
 }
 
-static_assert(sizeof(wheel_timer) <= KELM_TIMER_SIZE);
 static_assert(offsetof(timer_list, storage) == 0);
 
 } // namespace

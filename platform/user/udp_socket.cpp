@@ -133,6 +133,7 @@ int prepare_udp_socket(int fd)
 udp_sock::udp_sock(net *ns, unique_fd socket, bool is_counted)
     : host_sock(ns, std::move(socket), is_counted)
 {
+    (void)batch(); // made here, where a want of memory can be told
 }
 
 udp_sock::~udp_sock()

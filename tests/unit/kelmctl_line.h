@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -16,40 +17,24 @@
 namespace kelmctl_line
 {
 
-using kelmctl::exit_status;
-
-// A command line as main() gets it.
-class words
-{
-  public:
-    explicit words(const std::string &line)
-    {
-        std::istringstream stream(line);
-        for (std::string word; stream >> word;)
-            storage_.push_back(word);
-        for (auto &word : storage_)
-            pointers_.push_back(word.data());
-        pointers_.push_back(nullptr);
-    }
-
-    std::span<char *const> span() const { return std::span(pointers_).first(pointers_.size() - 1); }
-
-  private:
-    std::vector<std::string> storage_;
-    std::vector<char *> pointers_;
-};
-
 struct outcome {
-    exit_status status;
+    kelmctl::exit_status status;
     std::string out;
     std::string err;
 };
 
+// Runs a command line, with words as a shell makes them of it where nothing is quoted.
 inline outcome run_line(const std::string &line)
 {
+    std::istringstream stream("kelmctl " + line);
+    std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    std::vector<char *> argv;
+    for (auto &word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
     std::ostringstream out;
     std::ostringstream err;
-    const exit_status status = kelmctl::run(words("kelmctl " + line).span(), out, err);
+    const auto status = kelmctl::run(std::span(argv).first(words.size()), out, err);
     return {status, out.str(), err.str()};
 }
 

@@ -1,15 +1,20 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The other end of a libkelm connection, for tests: does what the test tells it, in a thread.
+// A kelmd that is not real, for tests of the agent's side: it does what the test tells it, in a
+// thread of its own.
 #ifndef LIBKELM_FAKE_H
 #define LIBKELM_FAKE_H
 
+#include <gtest/gtest.h>
 #include <linux/netlink.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -24,8 +29,10 @@ namespace libkelm_fake
 
 constexpr uint32_t port_id = 4242;
 
-inline kelm::bytes from_hex(const std::string &hex)
+// Spaces may stand between the bytes.
+inline kelm::bytes from_hex(std::string hex)
 {
+    std::erase(hex, ' ');
     kelm::bytes out;
     for (size_t i = 0; i < hex.size(); i += 2)
         out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
@@ -40,36 +47,35 @@ kelm::bytes bytes_of(const T &value)
     return out;
 }
 
-inline kelm::bytes message(uint16_t type, uint32_t seq, uint32_t pid, const kelm::bytes &body,
-                           uint16_t flags = 0)
-{
-    nlmsghdr header = {};
-    header.nlmsg_len = static_cast<uint32_t>(sizeof header + body.size());
-    header.nlmsg_type = type;
-    header.nlmsg_flags = flags;
-    header.nlmsg_seq = seq;
-    header.nlmsg_pid = pid;
-    kelm::bytes out = bytes_of(header);
-    out.insert(out.end(), body.begin(), body.end());
-    out.resize((out.size() + 3) / 4 * 4);
-    return out;
-}
-
 inline kelm::bytes operator+(kelm::bytes left, const kelm::bytes &right)
 {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
 
-// An acknowledgement or done message, as the kernel and kelmd make it.
-inline kelm::bytes ack(const nlmsghdr &to, int32_t error)
+inline kelm::bytes message(uint16_t type, uint32_t seq, uint32_t pid, const kelm::bytes &body,
+                           uint16_t flags = 0)
 {
-    return message(NLMSG_ERROR, to.nlmsg_seq, port_id, bytes_of(error) + bytes_of(to));
+    const auto length = static_cast<uint32_t>(sizeof(nlmsghdr) + body.size());
+    kelm::bytes out = bytes_of(nlmsghdr{length, type, flags, seq, pid}) + body;
+    out.resize((out.size() + 3) / 4 * 4);
+    return out;
 }
 
-inline kelm::bytes done(const nlmsghdr &to, uint16_t flags = 0)
+// What answers a request, as the kernel and kelmd make it.
+inline kelm::bytes reply(const nlmsghdr &to, uint16_t type, const kelm::bytes &body)
 {
-    return message(NLMSG_DONE, to.nlmsg_seq, port_id, bytes_of(int32_t{0}),
+    return message(type, to.nlmsg_seq, port_id, body);
+}
+
+inline kelm::bytes ack(const nlmsghdr &to, int32_t error)
+{
+    return reply(to, NLMSG_ERROR, bytes_of(error) + bytes_of(to));
+}
+
+inline kelm::bytes done(const nlmsghdr &to, uint16_t flags = 0, int32_t error = 0)
+{
+    return message(NLMSG_DONE, to.nlmsg_seq, port_id, bytes_of(error),
                    static_cast<uint16_t>(NLM_F_MULTI | flags));
 }
 
@@ -78,114 +84,122 @@ struct seen {
     kelm::bytes body;
 };
 
+using answers = std::vector<kelm::bytes>; // datagrams
+
+// Takes every request, and has nothing to dump.
+inline answers agree(const seen &request)
+{
+    const bool asks = (request.header.nlmsg_flags & NLM_F_ACK) != 0;
+    return {asks ? ack(request.header, 0) : done(request.header)};
+}
+
 struct behaviour {
-    // Answers a request with datagrams.
-    std::function<std::vector<kelm::bytes>(const seen &)> handle;
+    std::function<answers(const seen &)> handle = agree; // in the fake's thread
     // How bind packets are answered.
     uint32_t bind_port_id = port_id;
     uint32_t allowed_groups = ~0U;
-    std::vector<kelm::bytes> before_bind_answer = {};
+    answers before_bind_answer = {};
 };
 
-// kelmd's name, in the network namespace of the calling thread.
-inline kelm::unique_fd listen_on_name()
-{
-    const std::string name = "kelm-netlink-31";
-    kelm::unique_fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    name.copy(address.sun_path + 1, name.size());
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    if (bind(listener.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        listen(listener.get(), 4) != 0)
-        throw std::runtime_error("cannot listen on kelmd's name");
-    return listener;
-}
-
-// Serves one connection until its peer closes.
+// Serves one connection to kelmd's name, in the network namespace of the calling thread. Clients
+// have to go before it does.
 class fake_daemon
 {
   public:
-    // With a socket pair: take() is the client's end.
     explicit fake_daemon(behaviour how) : how_(std::move(how))
     {
-        int ends[2];
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
-            throw std::runtime_error("socketpair");
-        client_ = kelm::unique_fd(ends[0]);
-        socket_ = kelm::unique_fd(ends[1]);
+        constexpr char name[] = "\0kelm-netlink-31"; // abstract
+        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+        std::memcpy(address.sun_path, name, sizeof name);
+        const socklen_t length = offsetof(sockaddr_un, sun_path) + sizeof name - 1;
+        if (bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+            listen(listener_.get(), 4) != 0)
+            throw std::runtime_error("cannot listen on kelmd's name");
         thread_ = std::thread([this] { serve(); });
-    }
-
-    // Accepts one connection.
-    fake_daemon(const kelm::unique_fd &listener, behaviour how) : how_(std::move(how))
-    {
-        thread_ = std::thread([this, fd = listener.get()] {
-            socket_ = kelm::unique_fd(accept4(fd, nullptr, nullptr, SOCK_CLOEXEC));
-            serve();
-        });
     }
 
     ~fake_daemon()
     {
-        client_ = {};
-        if (thread_.joinable())
-            thread_.join();
+        shutdown(listener_.get(), SHUT_RDWR); // where nobody ever connected
+        thread_.join();
     }
 
-    kelm::unique_fd take() { return std::move(client_); }
-
-    // From any thread, once the client's bind packet has been answered.
-    void send(const kelm::bytes &datagram) const
+    // For `handle` to call. False when the client is gone.
+    bool send(const kelm::bytes &datagram) const
     {
-        (void)::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
+        return ::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0;
     }
+    void hang_up() const { shutdown(socket_.get(), SHUT_RDWR); }
 
-    // Waits for the client to be gone; then the rest may be read.
-    void wait() { thread_.join(); }
-    const std::vector<seen> &requests() const { return requests_; }
-    const std::vector<uint32_t> &groups() const { return groups_; } // of every bind packet
+    // What has come so far; the groups are those of the bind packets.
+    std::vector<seen> requests() const
+    {
+        const std::lock_guard guard(mutex_);
+        return requests_;
+    }
+    std::vector<uint32_t> groups() const
+    {
+        const std::lock_guard guard(mutex_);
+        return groups_;
+    }
 
   private:
     void serve()
     {
+        socket_ = kelm::unique_fd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         kelm::bytes buffer(1 << 16);
-        for (;;) {
-            const ssize_t got = recv(socket_.get(), buffer.data(), buffer.size(), 0);
-            if (got <= 0)
-                break;
-            const kelm::byte_view datagram(buffer.data(), static_cast<size_t>(got));
-            sockaddr_nl bind_packet;
-            if (datagram.size() == sizeof bind_packet && kelm::read_into(bind_packet, datagram)) {
-                answer_bind(bind_packet);
-                continue;
-            }
-            kelm::message_reader reader(datagram);
-            while (auto msg = reader.next()) {
-                requests_.push_back({msg->header, {msg->body.begin(), msg->body.end()}});
-                for (const auto &answer : how_.handle(requests_.back()))
-                    send(answer);
-            }
-        }
+        ssize_t got;
+        while ((got = recv(socket_.get(), buffer.data(), buffer.size(), 0)) > 0)
+            take(kelm::byte_view(buffer).first(static_cast<size_t>(got)));
         socket_ = {};
+    }
+
+    void take(kelm::byte_view datagram)
+    {
+        const std::lock_guard guard(mutex_);
+        EXPECT_EQ(datagram.size() % NLMSG_ALIGNTO, 0U);
+        sockaddr_nl bind_packet;
+        if (datagram.size() == sizeof bind_packet && kelm::read_into(bind_packet, datagram))
+            return answer_bind(bind_packet);
+        kelm::message_reader reader(datagram);
+        while (auto msg = reader.next()) {
+            requests_.push_back({msg->header, {msg->body.begin(), msg->body.end()}});
+            send_all(how_.handle(requests_.back()));
+        }
     }
 
     void answer_bind(sockaddr_nl packet)
     {
         groups_.push_back(packet.nl_groups);
-        for (const auto &datagram : how_.before_bind_answer)
-            send(datagram);
         packet.nl_pid = how_.bind_port_id;
         packet.nl_groups &= how_.allowed_groups;
+        send_all(how_.before_bind_answer);
         send(bytes_of(packet));
     }
 
+    void send_all(const answers &datagrams) const
+    {
+        for (const auto &datagram : datagrams)
+            send(datagram);
+    }
+
     const behaviour how_;
+    mutable std::mutex mutex_; // guards what has come
     std::vector<seen> requests_;
     std::vector<uint32_t> groups_;
-    kelm::unique_fd client_;
-    kelm::unique_fd socket_;
+    kelm::unique_fd listener_{socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
+    kelm::unique_fd socket_; // the thread's
     std::thread thread_;
+};
+
+// Every test gets a network namespace of its own, where kelmd's name is free. Needs root.
+class own_namespace : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "this test needs to run as root";
+    }
 };
 
 } // namespace libkelm_fake

@@ -120,6 +120,9 @@ TEST_F(debug, session_changes_are_logged)
     EXPECT_EQ(lines(), strings{received + "7 to 0"});
     ASSERT_EQ(set_debug_level(a, 3, 8), 0); // its entry is reused: still one
     EXPECT_EQ(lines().back(), "kelm Netlink (8): Session debugs count now 1");
+    ASSERT_EQ(set_debug_level(a, 0, 8), 0);
+    ASSERT_EQ(set_debug_level(a, 3, 9), 0);
+    EXPECT_EQ(lines().back(), "kelm Netlink (9): Session debugs count now 1");
     ASSERT_EQ(set_debug_level(a, 1, 0, KELM_DEBUG_CLEAR_SESSIONS), 0);
     EXPECT_EQ(lines(), strings{"kelm Netlink: Clearing session specific debugs"});
 }

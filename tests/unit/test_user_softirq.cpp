@@ -10,8 +10,6 @@
 #include <atomic>
 #include <functional>
 #include <gtest/gtest.h>
-#include <map>
-#include <mutex>
 #include <sys/eventfd.h>
 #include <thread>
 #include <vector>
@@ -98,8 +96,16 @@ TEST_F(Softirq, WhatArrivedBeforeATimerWasDueIsHandledBeforeTheTimer)
     EXPECT_EQ(order, (std::vector<std::string>{"datagram", "timeout"}));
 }
 
-TEST_F(Softirq, ATimerNeverFiresBeforeItsTick)
+// Also while the thread sleeps for a later timer, and one is armed for now in its own callback.
+TEST_F(Softirq, ATimerFiresAndNeverBeforeItsTick)
 {
+    test_timer later([] { ADD_FAILURE() << "an hour is over"; });
+    mod_timer(&later.timer, get_jiffies_64() + 3'600'000);
+    std::atomic<bool> stop = true;
+    test_timer restless([&] {
+        if (!stop)
+            mod_timer(&restless.timer, get_jiffies_64());
+    });
     for (const unsigned long distance : {0UL, 1UL, 2UL, 63UL, 64UL, 65UL, 300UL}) {
         std::atomic<std::uint64_t> fired_at = 0;
         test_timer timer([&] { fired_at = get_jiffies_64(); });
@@ -109,74 +115,46 @@ TEST_F(Softirq, ATimerNeverFiresBeforeItsTick)
         EXPECT_GE(fired_at, due);
         EXPECT_FALSE(timer_pending(&timer.timer));
         EXPECT_EQ(timer_expires(&timer.timer), due);
+        stop = !stop;
+        mod_timer(&restless.timer, get_jiffies_64());
     }
-}
-
-TEST_F(Softirq, AnEarlierTimerEndsASleepForALaterOne)
-{
-    std::atomic<bool> fired = false;
-    test_timer later([] { ADD_FAILURE() << "an hour is over"; });
-    mod_timer(&later.timer, get_jiffies_64() + 3'600'000);
-    std::this_thread::sleep_for(20ms); // the thread sleeps by now, or the test shows less
-    test_timer earlier([&] { fired = true; });
-    mod_timer(&earlier.timer, get_jiffies_64() + 5);
-    spin_until([&] { return fired.load(); });
+    stop = true;
     EXPECT_EQ(del_timer(&later.timer), 1);
     EXPECT_EQ(del_timer(&later.timer), 0);
 }
 
-TEST_F(Softirq, ATimerArmedForNowInItsOwnCallbackLetsOthersRun)
-{
-    std::atomic<int> rounds = 0;
-    std::atomic<bool> stop = false;
-    std::atomic<bool> other_ran = false;
-    test_timer *itself = nullptr;
-    test_timer restless([&] {
-        ++rounds;
-        if (!stop)
-            mod_timer(&itself->timer, get_jiffies_64());
-    });
-    itself = &restless;
-    test_timer other([&] { other_ran = true; });
-    mod_timer(&restless.timer, get_jiffies_64());
-    spin_until([&] { return rounds > 3; });
-    mod_timer(&other.timer, get_jiffies_64() + 5);
-    spin_until([&] { return other_ran.load(); });
-    stop = true;
-}
-
-TEST_F(Softirq, DelTimerSyncWaitsForTheCallback)
-{
+// What takes 50 ms, and tells whether it has begun and whether it has ended.
+struct long_work {
     std::atomic<bool> entered = false;
     std::atomic<bool> left = false;
-    test_timer timer([&] {
+
+    void operator()()
+    {
+        EXPECT_FALSE(left) << "once more after its removal";
         entered = true;
         std::this_thread::sleep_for(50ms);
         left = true;
-    });
+    }
+};
+
+TEST_F(Softirq, RemovalWaitsForACallbackThatRuns)
+{
+    long_work work;
+    test_timer timer([&] { work(); });
     mod_timer(&timer.timer, get_jiffies_64());
-    spin_until([&] { return entered.load(); });
+    spin_until([&] { return work.entered.load(); });
     EXPECT_EQ(del_timer(&timer.timer), 0); // not pending from before its callback
     EXPECT_EQ(del_timer_sync(&timer.timer), 0);
-    EXPECT_TRUE(left);
-}
+    EXPECT_TRUE(work.left);
 
-TEST_F(Softirq, RemovingAReceiverWaitsForItsDrain)
-{
-    std::atomic<bool> entered = false;
-    std::atomic<bool> left = false;
-    test_receiver receiver([&] {
-        EXPECT_FALSE(left) << "drained after its removal";
-        entered = true;
-        std::this_thread::sleep_for(50ms);
-        left = true;
-    });
+    long_work drain;
+    test_receiver receiver([&] { drain(); });
     ASSERT_EQ(kelmd::add_receiver(receiver), 0);
     receiver.poke();
-    spin_until([&] { return entered.load(); });
+    spin_until([&] { return drain.entered.load(); });
     receiver.poke();
     kelmd::remove_receiver(receiver);
-    EXPECT_TRUE(left);
+    EXPECT_TRUE(drain.left);
     kelmd::remove_receiver(receiver); // once more does no harm
 }
 
