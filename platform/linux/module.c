@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * kelm.ko: load and forced unload. The module holds a reference on itself, so rmmod asks for force.
+ */
+#include "platform/linux/glue.h"
+#include "platform/linux/netlink.h"
+
+#include <linux/module.h>
+#include <linux/rcupdate.h>
+
+/*
+ * Takes down what kelm_exit() leaves standing, or a kelm_init() that failed half-way. When it
+ * returns, nothing in the kernel leads into this module any more.
+ */
+static void take_down(void)
+{
+    netlink_close_requests();
+    netlink_end_dumps();
+    kelm_release();
+    /* Tasks that were about to enter, found the door closed, and have a few instructions to go. */
+    synchronize_rcu_tasks();
+    netlink_close();
+}
+
+static int __init kelm_module_init(void)
+{
+    int err = netlink_open();
+
+    if (err)
+        return err;
+    err = kelm_init();
+    if (err)
+        take_down();
+    return err;
+}
+
+static void __exit kelm_module_exit(void)
+{
+    kelm_exit();
+    take_down();
+}
+
+void kelm_module_get_self(void)
+{
+    __module_get(THIS_MODULE);
+}
+
+module_init(kelm_module_init);
+module_exit(kelm_module_exit);
+
+MODULE_DESCRIPTION("BFD (RFC 5880) offload: periodic transmission and failure detection");
+MODULE_LICENSE("GPL");
+MODULE_VERSION(KELM_VERSION);

@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Dumps. The kernel calls the engine for them long after the request, whenever the agent reads or
+ * closes its socket; so each one that is open is on a list, from which a forced unload ends it.
+ */
+#include "platform/linux/glue.h"
+#include "platform/linux/netlink.h"
+
+#include <linux/list.h>
+#include <linux/rcupdate.h>
+#include <linux/slab.h>
+#include <net/sock.h>
+
+/* Of a dump datagram, in bytes, as kelmd has them: usual, and for a message that needs more. */
+#define USUAL_ROOM (16 * 1024)
+#define GREATEST_ROOM (68 * 1024)
+
+struct open_dump {
+    struct list_head list;
+    struct netlink_callback *cb; /* the kernel's, in the agent's socket */
+    engine_dump dump;            /* the engine's */
+    int (*dump_step)(struct sk_buff *skb, engine_dump *dump);
+    int (*done)(engine_dump *dump);
+};
+
+static LIST_HEAD(open_dumps);
+static DEFINE_SPINLOCK(open_dumps_lock);
+
+static int start(struct netlink_callback *cb)
+{
+    const engine_dump_control *control = cb->data;
+    struct open_dump *open = kelm_kzalloc(sizeof(*open), 1);
+    int err;
+
+    if (!open)
+        return -ENOMEM;
+    open->cb = cb;
+    open->dump = (engine_dump){.skb = cb->skb, .nlh = cb->nlh, .data = control->data};
+    open->dump_step = control->dump;
+    open->done = control->done;
+    err = control->start(&open->dump);
+    if (err) {
+        kfree(open);
+        return err;
+    }
+    cb->data = open;
+    spin_lock(&open_dumps_lock);
+    list_add(&open->list, &open_dumps);
+    spin_unlock(&open_dumps_lock);
+    return 0;
+}
+
+/*
+ * A step that ends the dump without having written anything had nothing left, or no room for the
+ * next message, and another one cannot hurt.
+ */
+static int fill(struct open_dump *open, struct sk_buff *skb)
+{
+    int result = open->dump_step(skb, &open->dump);
+
+    if (result == 0 && skb->len == 0 &&
+        pskb_expand_head(skb, 0, GREATEST_ROOM, GFP_KERNEL | __GFP_NOWARN | __GFP_NORETRY) == 0)
+        result = open->dump_step(skb, &open->dump);
+    return result;
+}
+
+static int dump(struct sk_buff *skb, struct netlink_callback *cb)
+{
+    struct open_dump *open = cb->data;
+    int inside = srcu_read_lock(&agents_inside);
+    int result = fill(open, skb);
+
+    srcu_read_unlock(&agents_inside, inside);
+    return result;
+}
+
+static void end(struct open_dump *open)
+{
+    open->done(&open->dump);
+    kfree(open);
+}
+
+static int done(struct netlink_callback *cb)
+{
+    struct open_dump *open = cb->data;
+    int inside = srcu_read_lock(&agents_inside);
+
+    spin_lock(&open_dumps_lock);
+    list_del(&open->list);
+    spin_unlock(&open_dumps_lock);
+    end(open);
+    srcu_read_unlock(&agents_inside, inside);
+    return 0;
+}
+
+/*
+ * The request as the dump keeps it: a copy, because the buffer that brought it is charged to the
+ * module's socket, which a dump outlives in a forced unload.
+ */
+static struct sk_buff *copy_request(const struct sk_buff *skb, const struct nlmsghdr *nlh)
+{
+    struct sk_buff *request = kelm_alloc_skb(nlh->nlmsg_len, 1);
+
+    if (!request)
+        return NULL;
+    memcpy(request->cb, skb->cb, sizeof(request->cb));
+    skb_put_data(request, nlh, nlh->nlmsg_len);
+    return request;
+}
+
+/*
+ * __netlink_dump_start() rather than netlink_dump_start(): no reference on the module, which a
+ * forced unload would not wait for and the dump's end would give back too late.
+ */
+int kelm_netlink_dump_start(struct sock *sk, struct sk_buff *skb, const struct nlmsghdr *nlh,
+                            const engine_dump_control *control)
+{
+    struct netlink_dump_control kernel_control = {
+        .start = start,
+        .dump = dump,
+        .done = done,
+        .data = (void *)control,
+        .min_dump_alloc = max_t(u32, control->min_dump_alloc, USUAL_ROOM),
+    };
+    struct sk_buff *request = copy_request(skb, nlh);
+    int err;
+
+    if (!request)
+        return -ENOMEM;
+    err = __netlink_dump_start(sk, request, (struct nlmsghdr *)request->data, &kernel_control);
+    consume_skb(request); /* the dump has a reference of its own */
+    return err;
+}
+
+/*
+ * Leaves the kernel's state of a dump with functions that stay when the module goes: the next read
+ * ends the dump with -EOPNOTSUPP. Their arguments do not matter, they look at none.
+ */
+static void orphan(struct netlink_callback *cb)
+{
+    void *unsupported = sock_no_bind;
+
+    WRITE_ONCE(cb->dump, unsupported);
+    WRITE_ONCE(cb->done, unsupported);
+}
+
+void netlink_end_dumps(void)
+{
+    struct open_dump *open, *next;
+
+    spin_lock(&open_dumps_lock);
+    list_for_each_entry(open, &open_dumps, list) orphan(open->cb);
+    spin_unlock(&open_dumps_lock);
+
+    /* Whoever had fetched the old functions has entered them after the first and left after the
+     * second. */
+    synchronize_rcu_tasks();
+    synchronize_srcu(&agents_inside);
+
+    list_for_each_entry_safe(open, next, &open_dumps, list) end(open);
+}
