@@ -38,11 +38,12 @@ auto convert(const std::optional<std::string> &text, Parse parse)
 arguments::arguments(const command &command, std::span<char *const> words)
 {
     const std::vector<std::string> expected = split(command.operands);
+    const bool repeats = command.operands.ends_with("...") || command.operands.ends_with("...]");
     for (size_t i = 0; i < words.size(); i++) {
         const std::string word = words[i];
         const parameter *known = find_parameter(command, word);
         if (known == nullptr) {
-            if (operands_.size() == expected.size())
+            if (operands_.size() == expected.size() && !repeats)
                 throw usage_error("'" + word + "' is not expected here");
             operands_.push_back(word);
             continue;

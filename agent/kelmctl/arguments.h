@@ -22,6 +22,7 @@ class arguments
     std::optional<uint32_t> discriminator(size_t operand = 0) const;
     uint32_t required_discriminator() const { return *discriminator(); } // it has been checked
     std::optional<std::string> operand(size_t index) const;
+    const std::vector<std::string> &operands() const { return operands_; }
 
     bool has(std::string_view name) const { return values_.contains(name); }
     std::optional<std::string> text(std::string_view name) const;

@@ -12,7 +12,8 @@ namespace kelmctl
 constexpr parameter auth_parameters[] = {
     {"auth", "TYPE",
      "none, password, keyed-md5, meticulous-md5, keyed-sha1, meticulous-sha1 or\n"
-     "debug-seqnum (default none)"},
+     "debug-seqnum (default none)",
+     &kelm::auth_type_names},
     {"key-id", "N", "the key's number on the wire, 0 to 255 (default 1)"},
     {"key-file", "FILE",
      "file that holds the key: a password of up to 16 bytes, up to 16 bytes for\n"

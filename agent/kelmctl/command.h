@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "libkelm/names.h"
+
 namespace kelmctl
 {
 
@@ -27,12 +29,14 @@ struct parameter {
     std::string_view name;
     std::string_view value; // what help calls the value; empty for a word that stands alone
     std::string_view help;
+    const kelm::name_table *choices = nullptr; // the values that there are
 };
 
 struct command {
     std::string_view name;
-    std::string_view operands; // words without a name, "DISCRIMINATOR [LEVEL]": optional ones last
-    std::string_view help;     // one line, or several
+    // Words without a name, "DISCRIMINATOR [LEVEL]": optional ones last; "SESSION...": one or more.
+    std::string_view operands;
+    std::string_view help; // one line, or several
     std::span<const parameter> parameters;
     void (*run)(context &, const arguments &);
 };

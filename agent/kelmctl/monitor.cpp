@@ -19,22 +19,25 @@ constexpr uint32_t group_bit(uint32_t group)
     return 1U << (group - 1);
 }
 
-// Local time for people; the full time in JSON.
 record time_record()
 {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
-    char text[32];
-    const size_t length = std::strftime(text, sizeof text, "%H:%M:%S", &local);
-    std::snprintf(text + length, sizeof text - length, ".%06ld", now.tv_nsec / 1000);
-
-    record made;
-    made.stamp("time", {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec)},
-               text);
-    return made;
+    return record().stamp("time",
+                          {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec)});
 }
+
+// What a report is about; 0 where it is about no session.
+struct subject {
+    uint32_t operator()(const kelm::packet_change &change) const { return change.discriminator; }
+    uint32_t operator()(const kelm::session_failure &failure) const
+    {
+        return failure.discriminator;
+    }
+    uint32_t operator()(const kelm::unknown_message &) const { return 0; }
+    uint32_t operator()(const kelm::overrun &) const { return 0; }
+    uint32_t operator()(const auto &message) const { return message.header.discriminator; }
+};
 
 bool is_statistics(const kelm::report &report)
 {
@@ -47,6 +50,7 @@ struct filter {
     bool packets;
     bool failures;
     bool statistics;
+    std::optional<uint32_t> discriminator;
 
     uint32_t groups() const
     {
@@ -57,6 +61,10 @@ struct filter {
     // The two kinds share a group.
     bool wants(const kelm::report &report) const
     {
+        if (std::holds_alternative<kelm::overrun>(report))
+            return true;
+        if (discriminator && std::visit(subject(), report) != *discriminator)
+            return false;
         if (is_statistics(report))
             return statistics;
         return packets || !std::holds_alternative<kelm::packet_change>(report);
@@ -65,8 +73,11 @@ struct filter {
 
 filter filter_argument(const arguments &args)
 {
-    const filter chosen = {args.has("packets"), args.has("failures"), args.has("statistics")};
-    return chosen.groups() == 0 ? filter{true, true, true} : chosen;
+    filter chosen = {args.has("packets"), args.has("failures"), args.has("statistics"),
+                     args.discriminator()};
+    if (chosen.groups() == 0)
+        chosen.packets = chosen.failures = chosen.statistics = true;
+    return chosen;
 }
 
 void run_monitor(context &ctx, const arguments &args)
@@ -93,9 +104,9 @@ constexpr parameter parameters[] = {
 };
 
 constexpr command commands[] = {
-    {"events", "",
+    {"events", "[DISCRIMINATOR]",
      "show events as they happen, one a line; with -j, a JSON object a line\n"
-     "All kinds, or those that are named.",
+     "All kinds, or those that are named; of all sessions, or of one.",
      parameters, run_monitor},
 };
 

@@ -12,6 +12,8 @@ const object table[] = {
     {"packet", "transmit packets: periodic transmission", packet_commands},
     {"statistics", "all counters, the module's included", statistics_commands},
     {"monitor", "events as they happen", monitor_commands},
+    {"top", "sessions and packets, live", top_commands},
+    {"agent", "the sessions of kelm-agent", agent_commands},
     {"tx-path", "the switch that lets transmission begin", tx_path_commands},
     {"debug", "how much kelm logs", debug_commands},
     {"sync", "the state of everything; mark and sweep", sync_commands},

@@ -3,6 +3,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "kelmctl/command.h"
@@ -18,12 +19,24 @@ constexpr option_entry table[] = {
     {'p', "pretty", nullptr, "indent the JSON", &options::pretty},
     {'s', "statistics", nullptr, "tell everything there is, a block for each",
      &options::statistics},
+    {'t', "timestamp", nullptr, "date and time instead of ages and times of day",
+     &options::timestamps},
     {'A', "all-vrfs", nullptr, "statistics of all network namespaces, the newest first",
      &options::all_vrfs},
+    {'b', "batch", nullptr, "top: plain text, also on a terminal", &options::batch},
     {'n', "netns", "NETNS", "act in this network namespace: a name, or a path", nullptr},
     {'h', "help", nullptr, "this text", &options::help},
     {'V', "version", nullptr, "the version", &options::version},
 };
+
+// Of getopt's last complaint. A letter may be one of several in a word.
+std::string rejected_option(std::span<char *const> words)
+{
+    const auto known = [](const option_entry &entry) { return entry.letter == optopt; };
+    if (optopt != 0 && std::ranges::none_of(table, known))
+        return std::string("-") + static_cast<char>(optopt);
+    return words[static_cast<size_t>(optind) - 1];
+}
 
 } // namespace
 
@@ -37,7 +50,7 @@ std::string option_entry::synopsis() const
 
 options parse_options(std::span<char *const> words, std::span<char *const> &rest)
 {
-    std::string letters = "+:"; // stop at the first word that is no option; report errors to us
+    std::string letters = ":"; // errors are reported to us
     std::vector<option> longs;
     for (const auto &entry : table) {
         letters += std::string(1, entry.letter) + (entry.value == nullptr ? "" : ":");
@@ -49,16 +62,14 @@ options parse_options(std::span<char *const> words, std::span<char *const> &rest
     options parsed;
     optind = 0; // glibc: begin anew
     for (;;) {
-        const int before = optind == 0 ? 1 : optind;
         const int letter = getopt_long(static_cast<int>(words.size()), words.data(),
                                        letters.c_str(), longs.data(), nullptr);
         if (letter == -1)
             break;
         if (letter == '?')
-            throw usage_error("there is no option '" +
-                              std::string(words[static_cast<size_t>(before)]) + "'");
+            throw usage_error("there is no option '" + rejected_option(words) + "'");
         if (letter == ':')
-            throw usage_error("option '" + std::string(words[static_cast<size_t>(before)]) +
+            throw usage_error("option '" + std::string(words[static_cast<size_t>(optind) - 1]) +
                               "' wants a value");
         for (const auto &entry : table)
             if (entry.letter == letter && entry.flag != nullptr)

@@ -9,12 +9,14 @@
 namespace kelmctl
 {
 
-// The options in front of the object.
+// They may stand anywhere on the command line.
 struct options {
     bool json = false;
     bool pretty = false;
     bool statistics = false;
+    bool timestamps = false;
     bool all_vrfs = false;
+    bool batch = false;
     bool help = false;
     bool version = false;
     std::string netns;
@@ -32,7 +34,8 @@ struct option_entry {
 
 extern const std::span<const option_entry> option_table;
 
-// Reads the options and sets `rest` to the words after them. Throws usage_error.
+// Reads the options, moves them in front of the other words and sets `rest` to these. Throws
+// usage_error.
 options parse_options(std::span<char *const> words, std::span<char *const> &rest);
 
 } // namespace kelmctl

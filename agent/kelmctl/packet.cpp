@@ -25,7 +25,8 @@ constexpr parameter own_parameters[] = {
     {"dev", "IFNAME", "send on this interface"},
     {"type", "TYPE",
      "single-hop, echo, lag, multihop or sbfd: sets the UDP ports (default\n"
-     "single-hop)"},
+     "single-hop)",
+     &kelm::session_type_names},
     {"port", "N", "UDP destination port, if not the type's"},
     {"source-port", "N", "UDP source port, if not the type's"},
     {"ttl", "N", "TTL or hop limit (default 255)"},
@@ -35,9 +36,11 @@ constexpr parameter own_parameters[] = {
     {"src-mac", "MAC", "source of the Ethernet frame (default the interface's)"},
     {"jitter", "RULE",
      "none, 75 or 75-90: the interval is shortened at random to 75-100% or\n"
-     "75-90% of itself (default 75, with multiplier 1 75-90)"},
-    {"state", "STATE", "admin-down, down, init or up (default down)"},
-    {"diag", "DIAG", "diagnostic: none, time-expired, ... or see kelmctl(8) (default none)"},
+     "75-90% of itself (default 75, with multiplier 1 75-90)",
+     &kelm::jitter_names},
+    {"state", "STATE", "admin-down, down, init or up (default down)", &kelm::state_names},
+    {"diag", "DIAG", "diagnostic: none, time-expired, ... or see kelmctl(8) (default none)",
+     &kelm::diagnostic_names},
     {"multiplier", "N", "detect multiplier, 1 to 255 (default 3)"},
     {"my-discriminator", "N", "if not the packet's own"},
     {"your-discriminator", "N", "the peer's (default 0: not known)"},
@@ -50,7 +53,8 @@ constexpr parameter own_parameters[] = {
     {"cpi", "on|off", "the Control Plane Independent bit (default on)"},
     {"oob", "", "send it once at once, out of band, before the rhythm goes on"},
     {"rtt", "", "stamp My Discriminator with the time, to measure round trips"},
-    {"latch-state", "STATE", "the state that it carries once latched (default down)"},
+    {"latch-state", "STATE", "the state that it carries once latched (default down)",
+     &kelm::state_names},
     {"latch-interval", "TIME", "the interval that it is sent with once latched (default 1s)"},
 };
 

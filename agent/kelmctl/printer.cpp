@@ -2,11 +2,11 @@
 #include "kelmctl/printer.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "kelmctl/table.h"
 #include "libkelm/error.h"
 
 namespace kelmctl
@@ -25,6 +25,8 @@ json to_json(const json_value &value)
         return *flag;
     if (const auto *number = std::get_if<uint64_t>(&value))
         return *number;
+    if (const auto *rate = std::get_if<double>(&value))
+        return *rate;
     return std::get<std::string>(value);
 }
 
@@ -49,75 +51,15 @@ void put_json(std::ostream &out, const json &value, bool pretty)
     out << value.dump(pretty ? 4 : -1, ' ', false, json::error_handler_t::replace) << '\n';
 }
 
-std::string heading(std::string label)
-{
-    std::ranges::transform(label, label.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return label;
-}
-
 std::string padding(size_t width, const std::string &text)
 {
     return std::string(width - std::min(width, text.size()), ' ');
 }
 
-struct column {
-    std::string label;
-    size_t width;
-    bool right;
-};
-
-const cell *find_cell(const record &in, const std::string &label)
-{
-    const auto found = std::ranges::find(in.cells(), label, &cell::label);
-    return found == in.cells().end() ? nullptr : &*found;
-}
-
-// A record may lack cells that others have: what is new goes behind what its record has before it.
-std::vector<column> find_columns(const std::vector<record> &records)
-{
-    std::vector<column> columns;
-    for (const auto &record : records) {
-        auto next = columns.begin();
-        for (const auto &cell : record.cells()) {
-            if (!cell.brief || cell.label.empty())
-                continue;
-            auto found = std::ranges::find(columns, cell.label, &column::label);
-            if (found == columns.end())
-                found = columns.insert(next, {cell.label, cell.label.size(), cell.is_counter});
-            found->width = std::max(found->width, cell.text.size());
-            next = found + 1;
-        }
-    }
-    return columns;
-}
-
-void put_row(std::ostream &out, const std::vector<column> &columns,
-             const std::vector<std::string> &texts)
-{
-    std::string row;
-    for (size_t i = 0; i < columns.size(); i++) {
-        const std::string pad = padding(columns[i].width, texts[i]);
-        row += (i == 0 ? "" : "  ") + (columns[i].right ? pad + texts[i] : texts[i] + pad);
-    }
-    out << row.substr(0, row.find_last_not_of(' ') + 1) << '\n';
-}
-
 void put_table(std::ostream &out, const std::vector<record> &records)
 {
-    const std::vector<column> columns = find_columns(records);
-    std::vector<std::string> texts;
-    for (const auto &column : columns)
-        texts.push_back(heading(column.label));
-    put_row(out, columns, texts);
-    for (const auto &record : records) {
-        texts.clear();
-        for (const auto &column : columns) {
-            const cell *found = find_cell(record, column.label);
-            texts.push_back(found == nullptr || found->text.empty() ? "-" : found->text);
-        }
-        put_row(out, columns, texts);
-    }
+    for (const auto &line : table_lines(records))
+        out << line << '\n';
 }
 
 void put_block(std::ostream &out, const record &record)
@@ -166,6 +108,7 @@ printer::~printer() = default;
 void printer::list(std::vector<record> records, bool blocks)
 {
     array_->used = true;
+    prepare(records);
     if (options_.json) {
         for (const auto &record : records)
             array_->records.push_back(to_json(record));
@@ -188,30 +131,55 @@ void printer::lines(std::vector<record> records)
 {
     if (options_.json)
         return list(std::move(records));
+    prepare(records);
     for (const auto &record : records)
         put_line(out_, record, options_.statistics);
 }
 
-void printer::event(const record &record)
+void printer::event(record shown)
 {
+    if (options_.timestamps)
+        shown.tell_times();
     if (options_.json)
-        put_json(out_, to_json(record), options_.pretty);
+        put_json(out_, to_json(shown), options_.pretty);
     else
-        put_line(out_, record, options_.statistics);
-    out_.flush();
-    check_output();
+        put_line(out_, shown, options_.statistics);
+    flush();
+}
+
+void printer::array_at_once(const std::vector<record> &records)
+{
+    json all = json::array();
+    for (const auto &record : records)
+        all.push_back(to_json(record));
+    put_json(out_, all, options_.pretty);
+    flush();
+}
+
+void printer::text_at_once(const std::vector<std::string> &lines)
+{
+    for (const auto &line : lines)
+        out_ << line << '\n';
+    flush();
 }
 
 void printer::finish()
 {
     if (options_.json && array_->used)
         put_json(out_, array_->records, options_.pretty);
-    out_.flush();
-    check_output();
+    flush();
 }
 
-void printer::check_output()
+void printer::prepare(std::vector<record> &records) const
 {
+    if (options_.timestamps)
+        for (auto &record : records)
+            record.tell_times();
+}
+
+void printer::flush()
+{
+    out_.flush();
     if (!out_)
         throw kelm::error(EIO, "cannot write the output");
 }

@@ -24,7 +24,10 @@ class printer
     // A line for each.
     void lines(std::vector<record>);
     // One line, at once.
-    void event(const record &);
+    void event(record);
+    // Output that is repeated: a JSON array of its own, or lines as they are.
+    void array_at_once(const std::vector<record> &);
+    void text_at_once(const std::vector<std::string> &lines);
 
     // Throws kelm::error when the output could not be written.
     void finish();
@@ -32,7 +35,8 @@ class printer
   private:
     struct array; // the JSON
 
-    void check_output();
+    void prepare(std::vector<record> &) const;
+    void flush();
 
     const options &options_;
     std::ostream &out_;

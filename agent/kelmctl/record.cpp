@@ -2,6 +2,7 @@
 #include "kelmctl/record.h"
 
 #include <cstdio>
+#include <ctime>
 #include <utility>
 
 namespace kelmctl
@@ -17,39 +18,7 @@ uint64_t to_us(kelm_time time)
     return time.sec * us_per_second + time.nsec / 1000;
 }
 
-// Four significant digits, no trailing zeros.
-std::string format_scaled(uint64_t microseconds, double unit, const char *name)
-{
-    char buffer[32];
-    const double value = static_cast<double>(microseconds) / unit;
-    std::snprintf(buffer, sizeof buffer, "%.4g%s", value, name);
-    return buffer;
-}
-
 } // namespace
-
-std::string format_duration(uint64_t microseconds)
-{
-    const uint64_t seconds = microseconds / us_per_second;
-    const auto two = [](uint64_t large, const char *large_name, uint64_t small,
-                        const char *small_name) {
-        return std::to_string(large) + large_name +
-               (small == 0 ? "" : " " + std::to_string(small) + small_name);
-    };
-    if (microseconds == 0)
-        return "0";
-    if (microseconds < 1000)
-        return std::to_string(microseconds) + "us";
-    if (microseconds < 999'950)
-        return format_scaled(microseconds, 1e3, "ms");
-    if (seconds < 60)
-        return format_scaled(microseconds, 1e6, "s");
-    if (seconds < 3600)
-        return two(seconds / 60, "min", seconds % 60, "s");
-    if (seconds < 86400)
-        return two(seconds / 3600, "h", seconds / 60 % 60, "min");
-    return two(seconds / 86400, "d", seconds / 3600 % 24, "h");
-}
 
 record &record::full()
 {
@@ -103,9 +72,24 @@ record &record::flag(std::string key, std::string label, bool value, const char 
     return add({std::move(key), std::move(label), value, value ? yes : no, true, false});
 }
 
-record &record::stamp(std::string key, kelm_time value, std::string text)
+record &record::rate(std::string key, std::string label, double value)
 {
-    return add({std::move(key), {}, value, std::move(text), true, false});
+    char text[32];
+    std::snprintf(text, sizeof text, "%.*f", value < 1000 ? 1 : 0, value);
+    return add({std::move(key), std::move(label), value, text, true, true});
+}
+
+record &record::stamp(std::string key, kelm_time value)
+{
+    return add({std::move(key), {}, value, format_time(value, false), true, false});
+}
+
+record &record::tell_times()
+{
+    for (auto &cell : cells_)
+        if (const auto *time = std::get_if<kelm_time>(&cell.value); time && time->sec != 0)
+            cell.text = format_time(*time, true);
+    return *this;
 }
 
 record &record::append(const record &other)
@@ -117,6 +101,18 @@ record &record::append(const record &other)
 record &record::json(std::string key, json_value value)
 {
     return add({std::move(key), {}, std::move(value), {}, false, false});
+}
+
+std::string format_time(kelm_time time, bool with_date)
+{
+    const time_t seconds = time.sec;
+    tm local = {};
+    localtime_r(&seconds, &local);
+    char text[48];
+    const size_t length =
+        std::strftime(text, sizeof text, with_date ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &local);
+    std::snprintf(text + length, sizeof text - length, ".%06u", time.nsec / 1000);
+    return text;
 }
 
 } // namespace kelmctl

@@ -11,11 +11,12 @@
 #include <vector>
 
 #include "kelm.h"
+#include "libkelm/duration.h"
 
 namespace kelmctl
 {
 
-using json_value = std::variant<bool, uint64_t, std::string, kelm_time>;
+using json_value = std::variant<bool, uint64_t, double, std::string, kelm_time>;
 
 struct cell {
     std::string key;   // "bfd.state" lies in an object "bfd"; empty: not in JSON
@@ -38,17 +39,22 @@ class record
 
     record &number(std::string key, std::string label, uint64_t value);
     record &duration(std::string key, std::string label, kelm_microsecs value);
+    // Times per second.
+    record &rate(std::string key, std::string label, double value);
     // "12ms ago" for people, "never" for 0.
     record &age(std::string key, std::string label, kelm_time value, kelm_time now);
     record &text(std::string key, std::string label, std::string value);
     record &flag(std::string key, std::string label, bool value, const char *yes = "yes",
                  const char *no = "no");
-    // A time, shown to people as they read it.
-    record &stamp(std::string key, kelm_time value, std::string text);
+    // The time of day, in front of an event.
+    record &stamp(std::string key, kelm_time value);
     // For JSON alone.
     record &json(std::string key, json_value value);
 
     record &append(const record &other);
+
+    // Points in time are shown to people with their date, instead of as ages and times of day.
+    record &tell_times();
 
   private:
     record &add(cell);
@@ -57,8 +63,10 @@ class record
     bool brief_ = true;
 };
 
-// "750us", "98.1ms", "1.5s", "2min 3s", "5h 12min"
-std::string format_duration(uint64_t microseconds);
+using kelm::format_duration;
+
+// Local time: "14:03:59.000001", or with the date in front, "2026-11-23T14:03:59.000001".
+std::string format_time(kelm_time, bool with_date);
 
 } // namespace kelmctl
 

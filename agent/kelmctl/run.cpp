@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "kelmctl/arguments.h"
+#include "kelmctl/complete.h"
 #include "kelmctl/context.h"
 #include "kelmctl/help.h"
 
@@ -13,23 +14,35 @@ namespace kelmctl
 namespace
 {
 
-bool asks_for_help(std::string_view word)
+// "help" may begin or end the words, and is taken from them.
+bool take_help(std::span<char *const> &words)
 {
-    return word == "help" || word == "--help" || word == "-h";
+    const auto is_help = [](std::string_view word) { return word == "help"; };
+    if (!words.empty() && is_help(words.back())) {
+        words = words.first(words.size() - 1);
+        return true;
+    }
+    const bool first = !words.empty() && is_help(words.front());
+    if (first)
+        words = words.subspan(1);
+    return first;
+}
+
+std::string help_about(std::span<char *const> words)
+{
+    if (words.empty())
+        return overview_help();
+    const object &object = find_object(words.front());
+    words = words.subspan(1);
+    if (words.empty() && object.commands.size() > 1)
+        return object_help(object);
+    return command_help(object, take_command(object, words));
 }
 
 void run_object(const options &opts, const object &object, std::span<char *const> words,
                 std::ostream &out)
 {
-    if (words.size() == 1 && asks_for_help(words.front())) {
-        out << object_help(object);
-        return;
-    }
     const command &command = take_command(object, words);
-    if (!words.empty() && asks_for_help(words.back())) {
-        out << command_help(object, command);
-        return;
-    }
     const arguments args(command, words);
     context ctx(opts, out);
     command.run(ctx, args);
@@ -38,14 +51,19 @@ void run_object(const options &opts, const object &object, std::span<char *const
 
 exit_status run_or_throw(std::span<char *const> argv, std::ostream &out, std::ostream &err)
 {
+    if (argv.size() > 1 && argv[1] == complete_command) {
+        for (const auto &candidate : complete(argv.subspan(2)))
+            out << candidate << '\n';
+        return success;
+    }
     std::span<char *const> words;
     const options opts = parse_options(argv, words);
     if (opts.version) {
         out << "kelmctl " KELM_VERSION "\n";
         return success;
     }
-    if (opts.help || (!words.empty() && asks_for_help(words.front()))) {
-        out << overview_help();
+    if (take_help(words) || opts.help) {
+        out << help_about(words);
         return success;
     }
     if (words.empty()) {

@@ -8,6 +8,7 @@
 
 #include "kelmctl/auth_arguments.h"
 #include "kelmctl/objects.h"
+#include "kelmctl/states.h"
 #include "kelmctl/statistics.h"
 #include "libkelm/error.h"
 
@@ -21,11 +22,13 @@ constexpr parameter own_parameters[] = {
     {"interval", "TIME", "the peer's transmit interval, as negotiated: 300ms, 1.5s (required)"},
     {"multiplier", "N", "detection time in intervals, 1 to 255 (default 3)"},
     {"timer", "on|off", "whether silence is a failure (default on)"},
-    {"type", "TYPE", "single-hop, echo, lag, multihop or sbfd (default single-hop)"},
+    {"type", "TYPE", "single-hop, echo, lag, multihop or sbfd (default single-hop)",
+     &kelm::session_type_names},
     {"dev", "IFNAME", "accept packets that arrive on this interface only"},
     {"require-ttl", "255|254", "accept packets with this TTL or hop limit only"},
     {"latch", "LIST", "transmit packets to latch on failure: up to 8 discriminators, 5,6,7"},
-    {"latch-diag", "DIAG", "the diagnostic they carry from then on (default time-expired)"},
+    {"latch-diag", "DIAG", "the diagnostic they carry from then on (default time-expired)",
+     &kelm::diagnostic_names},
     {"rtt", "", "own packets come back: measure their round trips"},
 };
 
@@ -44,31 +47,11 @@ constexpr auto set_parameters = [] {
     return all;
 }();
 
-struct session_state {
-    std::optional<kelm_msg_rx_sync> sync;
-    std::optional<kelm::packet_change> last_frame;
-};
-
-// What the statistics do not tell; kelm has it for one namespace at a time.
-std::map<uint32_t, session_state> read_states(context &ctx)
-{
-    std::map<uint32_t, session_state> states;
-    if (ctx.opts().all_vrfs)
-        return states;
-    for (auto &report : ctx.client().dump(kelm::sync(0))) {
-        if (const auto *sync = std::get_if<kelm_msg_rx_sync>(&report))
-            states[sync->header.discriminator].sync = *sync;
-        else if (auto *change = std::get_if<kelm::packet_change>(&report))
-            states[change->discriminator].last_frame = std::move(*change);
-    }
-    return states;
-}
-
 record state_record(context &ctx, const session_state &state)
 {
     record made;
-    if (state.sync)
-        made.flag("timer_active", "timer", state.sync->timer_active != 0, "running", "stopped");
+    if (state.timer_active)
+        made.flag("timer_active", "timer", *state.timer_active, "running", "stopped");
     if (state.last_frame)
         add_frame(made, *state.last_frame, ctx.links(), frame_cells::who_and_state);
     return made;

@@ -1,18 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelmctl/values.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <charconv>
-#include <cmath>
 #include <cstdio>
 #include <limits>
 
 #include "kelmctl/command.h"
-#include "libkelm/error.h"
-#include "libkelm/fd.h"
+#include "libkelm/duration.h"
+#include "libkelm/key_file.h"
 
 namespace kelmctl
 {
@@ -20,19 +15,10 @@ namespace kelmctl
 namespace
 {
 
-constexpr size_t max_key_file = 4096; // far above any key; somebody named the wrong file
-
 [[noreturn]] void reject(std::string_view what, const std::string &text, const std::string &wanted)
 {
     throw usage_error(std::string(what) + ": '" + text + "' is not " + wanted);
 }
-
-struct unit {
-    std::string_view name;
-    double microseconds;
-};
-
-constexpr unit units[] = {{"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"min", 60e6}};
 
 } // namespace
 
@@ -51,22 +37,10 @@ uint32_t parse_number(std::string_view what, const std::string &text, uint32_t l
 
 kelm_microsecs parse_duration(std::string_view what, const std::string &text)
 {
-    const char *end = text.data() + text.size();
-    double number = 0;
-    const auto [stop, problem] =
-        std::from_chars(text.data(), end, number, std::chars_format::fixed);
-    const std::string_view suffix(stop, static_cast<size_t>(end - stop));
-    if (problem == std::errc() && number == 0 && suffix.empty())
-        return 0;
-    for (const auto &unit : units) {
-        const double product = std::round(number * unit.microseconds);
-        if (problem != std::errc() || suffix != unit.name || number < 0)
-            continue;
-        if (product > std::numeric_limits<kelm_microsecs>::max())
-            reject(what, text, "below 4294 seconds");
-        return static_cast<kelm_microsecs>(product);
-    }
-    reject(what, text, "a time with its unit, as in 300ms, 1.5s or 750us");
+    const auto duration = kelm::parse_duration(text);
+    if (!duration)
+        reject(what, text, "a time below 4294s with its unit, as in 300ms, 1.5s or 750us");
+    return *duration;
 }
 
 uint32_t parse_name(std::string_view what, kelm::name_table names, const std::string &text)
@@ -118,29 +92,11 @@ std::vector<uint32_t> parse_discriminators(const std::string &text)
 
 kelm::bytes read_key(const std::string &path)
 {
-    const bool is_input = path == "-";
-    const kelm::unique_fd file(is_input ? dup(STDIN_FILENO)
-                                        : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file)
-        kelm::throw_errno(errno, "cannot open key file " + path);
-    struct stat status = {};
-    if (fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & 077) != 0)
+    bool is_exposed = false;
+    kelm::bytes key = kelm::read_key_file(path, is_exposed);
+    if (is_exposed)
         std::fprintf(stderr, "kelmctl: warning: key file %s is open to other users (chmod 600)\n",
                      path.c_str());
-
-    kelm::bytes key(max_key_file + 1);
-    size_t length = 0;
-    ssize_t got = 0;
-    while (length < key.size() &&
-           (got = read(file.get(), key.data() + length, key.size() - length)) > 0)
-        length += static_cast<size_t>(got);
-    if (got < 0)
-        kelm::throw_errno(errno, "cannot read key file " + path);
-    if (length > max_key_file)
-        throw kelm::error(EFBIG, path + " is too long for a key file");
-    key.resize(length);
-    if (!key.empty() && key.back() == '\n')
-        key.pop_back();
     return key;
 }
 

@@ -9,7 +9,9 @@
 namespace kelm
 {
 
+// In a packet or message.
 using bytes = std::vector<uint8_t>;
+// Somebody else's bytes.
 using byte_view = std::span<const uint8_t>;
 
 } // namespace kelm

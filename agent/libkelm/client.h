@@ -23,7 +23,7 @@ class client
   public:
     // In the network namespace `netns`, see in_netns.
     explicit client(const std::string &netns = {}) : client(transport::open(netns)) {}
-    explicit client(transport socket);
+    explicit client(transport socket); // over a socket that is open already
 
     // Makes a request that kelm acknowledges. Throws refused when kelm says no. Returns what kelm
     // replied besides, which only the statistics of a single discriminator do.
@@ -34,7 +34,8 @@ class client
     // not, but throws error with ENOBUFS. A record may occur twice, the later one being newer.
     std::vector<report> dump(const request &);
 
-    // Statistics of one discriminator or of all (0), KELM_STATS_* in `flags`.
+    // Statistics of one discriminator or of all (0), KELM_STATS_* in `flags`: execute() or dump(),
+    // whichever such a request needs.
     std::vector<report> statistics(uint32_t discriminator, uint32_t flags);
 
     // Hears the groups of `mask` from now on (bit 0 is group 1: KELM_NLG_NUM_CONTROL).
@@ -48,6 +49,7 @@ class client
     // How long kelm may be silent about a request, before that throws error with ETIMEDOUT.
     void set_answer_timeout(milliseconds timeout) { answer_timeout_ = timeout; }
 
+    // To wait on for events, see next_event(). Stays the client's.
     int fd() const { return socket_.fd(); }
     const transport &socket() const { return socket_; }
 

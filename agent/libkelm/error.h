@@ -12,12 +12,14 @@
 namespace kelm
 {
 
+// Every failure of the library.
 class error : public std::runtime_error
 {
   public:
     // `number` is a positive errno value.
     error(int number, const std::string &text) : std::runtime_error(text), number_(number) {}
 
+    // A positive errno value, as the one that the constructor got.
     int number() const noexcept { return number_; }
 
   private:
@@ -28,8 +30,10 @@ class error : public std::runtime_error
 class refused : public error
 {
   public:
+    // `number` is the positive errno value of kelm's answer.
     refused(uint16_t message_type, uint32_t discriminator, int number);
 
+    // kelm_message_numbers: that of the request.
     uint16_t message_type() const noexcept { return message_type_; }
 
   private:

@@ -9,7 +9,7 @@
 namespace kelm
 {
 
-// Owns a file descriptor.
+// Owns a file descriptor, or none, and closes it at its end.
 class unique_fd
 {
   public:
@@ -27,6 +27,7 @@ class unique_fd
             close(fd_);
     }
 
+    // -1 where there is none. Stays the owner's.
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
 

@@ -18,6 +18,7 @@ struct bfd_auth_info {
     std::optional<uint32_t> sequence; // for the types that have one
 };
 
+// A control packet.
 struct bfd_packet {
     uint8_t version = 0;
     uint8_t length = 0; // as the packet says, not as received
@@ -31,6 +32,7 @@ struct bfd_packet {
 // Nothing if there are fewer than 24 bytes; what the packet says is not judged.
 std::optional<bfd_packet> decode_bfd(byte_view control);
 
+// A control packet with what carried it.
 struct frame_info {
     ip_address source; // family 0 where there is no readable IP header
     ip_address destination;

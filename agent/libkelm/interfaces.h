@@ -15,12 +15,15 @@ namespace kelm
 class interfaces
 {
   public:
+    // Throws error where the namespace cannot be entered.
     explicit interfaces(const std::string &netns = {});
 
+    // Nothing where there is no such interface.
     std::optional<uint32_t> index(const std::string &name) const;
     // "if7" for an index that has no interface (any more).
     std::string name(uint32_t index) const;
-    std::optional<mac_address> mac(const std::string &name) const; // of an Ethernet interface
+    // Nothing where there is no such interface, or one that is not Ethernet's.
+    std::optional<mac_address> mac(const std::string &name) const;
 
   private:
     unique_fd socket_;

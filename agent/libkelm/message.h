@@ -15,6 +15,7 @@
 namespace kelm
 {
 
+// One message inside a datagram.
 struct message {
     nlmsghdr header;
     byte_view body; // without padding; into the datagram
@@ -25,8 +26,10 @@ struct message {
 class message_reader
 {
   public:
+    // `datagram` has to outlive the reader and the messages.
     explicit message_reader(byte_view datagram) : rest_(datagram) {}
 
+    // Nothing at the end.
     std::optional<message> next()
     {
         message found{};
@@ -56,6 +59,7 @@ template<typename T>
     return true;
 }
 
+// The same as a value; nothing where there are too few bytes.
 template<typename T>
 std::optional<T> read_as(byte_view from)
 {

@@ -13,6 +13,7 @@
 namespace kelm
 {
 
+// A number and its word, a literal.
 struct number_name {
     uint32_t number;
     std::string_view name;
@@ -28,6 +29,7 @@ extern const name_table session_type_names; // kelm_rx_session_types
 
 // The number itself, in digits, where the table has no name for it.
 std::string name_of(name_table, uint32_t number);
+// Nothing where the table does not have the name.
 std::optional<uint32_t> number_of(name_table, std::string_view name);
 // "down, init, up"
 std::string all_names(name_table);

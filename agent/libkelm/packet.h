@@ -34,19 +34,24 @@ struct bfd_fields {
     kelm_microsecs min_tx_interval = 0;
     kelm_microsecs min_rx_interval = 0;
     kelm_microsecs min_echo_rx_interval = 0;
+
+    bool operator==(const bfd_fields &) const = default;
 };
 
+// How packets are authenticated (RFC 5880 section 6.7).
 struct auth_settings {
     uint8_t type = BFD_AUTH_NONE; // bfd_auth_types
     uint8_t key_id = 0;
     bytes key; // password: 1 to 16 bytes, none of them 0; MD5: up to 16; SHA-1: up to 20
 };
 
+// Of a frame around the IP datagram.
 struct ethernet_settings {
     mac_address destination;
     mac_address source;
 };
 
+// What a packet is made of.
 struct packet_settings {
     ip_address source;
     ip_address destination;
@@ -67,6 +72,7 @@ struct built_packet {
     bfd_auth_hdr auth_hdr; // holds the key
     bytes packet;          // a password is in it; sequence number and digest are kelm's to fill in
 
+    // Sets type, offsets and authentication; `auth_type` is that of the settings it was built from.
     void apply_to(kelm_msg_tx_set_packet &settings, uint8_t auth_type) const;
 };
 

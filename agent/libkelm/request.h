@@ -11,21 +11,32 @@
 namespace kelm
 {
 
+// One request, without the netlink header.
 struct request {
     uint16_t type;          // kelm_message_numbers
     uint32_t discriminator; // repeated from the body, for error texts
     bytes body;
 };
 
-// `packet_len` and `failure_packet_len` are taken from the bytes, whatever `settings` says.
+// KELM_MSG_TX_SET_PACKET; `packet_len` is taken from the bytes, whatever `settings` says. Packets
+// are built by build_packet().
 request set_packet(kelm_msg_tx_set_packet settings, byte_view packet);
+// KELM_MSG_TX_DELETE_PACKET
 request delete_packet(uint32_t discriminator);
+// KELM_MSG_RX_SET_SESSION; `failure_packet_len` is taken from the bytes, whatever `settings` says.
+// failure_message() will do for them.
 request set_session(kelm_msg_rx_set_session settings, byte_view failure_packet);
+// KELM_MSG_RX_DELETE_SESSION
 request delete_session(uint32_t discriminator);
+// KELM_MSG_GET_STATS, with KELM_STATS_*; discriminator 0 is all of them.
 request get_stats(uint32_t discriminator, uint32_t flags);
+// KELM_MSG_SYNC, with KELM_SYNC_*; without flags, a dump.
 request sync(uint32_t flags);
+// KELM_MSG_SET_DEBUG_LEVEL, with KELM_DEBUG_*; discriminator 0 is the module.
 request set_debug_level(uint32_t discriminator, uint16_t level, uint32_t flags = 0);
+// KELM_MSG_TX_PATH_READY
 request tx_path_ready();
+// KELM_MSG_SET_SESSION_STATS_INTERVAL; 0 stops the periodic statistics.
 request set_stats_interval(uint16_t seconds);
 
 // Whether kelm answers with a dump instead of an acknowledgement.

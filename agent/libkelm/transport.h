@@ -32,13 +32,14 @@ class transport
     // Takes a connected SOCK_SEQPACKET socket with kelmd's protocol on its other end.
     static transport adopt(unique_fd connected);
 
-    int fd() const { return fd_.get(); }
-    uint32_t port_id() const { return port_id_; }
-    bool is_kernel() const { return is_kernel_; }
+    int fd() const { return fd_.get(); }          // stays the transport's
+    uint32_t port_id() const { return port_id_; } // that kelm addresses its answers to
+    bool is_kernel() const { return is_kernel_; } // the kernel's unit, not kelmd
 
     // Receives the multicast groups of `mask` from now on (bit 0 is group 1), and no others.
     void set_groups(uint32_t mask);
 
+    // Sends one datagram of whole messages. Throws error when the connection fails.
     void send(byte_view datagram);
 
     enum class outcome { datagram, overrun, timed_out };

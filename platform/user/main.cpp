@@ -79,9 +79,9 @@ void raise_descriptor_limit()
 void lock_memory()
 {
     if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0)
-        throw std::system_error(errno, std::generic_category(),
-                                "--realtime needs CAP_IPC_LOCK or a higher limit of locked "
-                                "memory (ulimit -l, LimitMEMLOCK=): mlockall");
+        log_line("memory cannot be locked, for which --realtime needs CAP_IPC_LOCK or a higher "
+                 "limit of locked memory (ulimit -l, LimitMEMLOCK=): where memory is short, "
+                 "packets may go out late");
 }
 
 bool check_privilege(const options &chosen)

@@ -10,6 +10,7 @@
 #include "platform/hosted/wait.h"
 #include "platform/user/context.h"
 #include "platform/user/fd.h"
+#include "platform/user/log.h"
 #include "platform/user/system_call.h"
 #include "platform/user/thread.h"
 #include "platform/user/timer.h"
@@ -117,11 +118,10 @@ void start_softirq(bool realtime)
     if (!realtime)
         return;
     const sched_param parameters{.sched_priority = realtime_priority};
-    if (const int error =
-            pthread_setschedparam(softirq.thread.native_handle(), SCHED_FIFO, &parameters))
-        throw std::system_error(error, std::generic_category(),
-                                "--realtime needs CAP_SYS_NICE or a limit of real-time priority "
-                                "(ulimit -r, LimitRTPRIO=): SCHED_FIFO");
+    if (pthread_setschedparam(softirq.thread.native_handle(), SCHED_FIFO, &parameters) != 0)
+        log_line("no real-time scheduling, for which --realtime needs CAP_SYS_NICE or a limit of "
+                 "real-time priority (ulimit -r, LimitRTPRIO=): on a loaded machine, packets may "
+                 "go out late");
 }
 
 void stop_softirq()

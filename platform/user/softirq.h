@@ -20,7 +20,8 @@ class receiver
     virtual void drain() = 0;
 };
 
-// Starts the thread; realtime puts it under SCHED_FIFO. Throws std::system_error.
+// Starts the thread; realtime puts it under SCHED_FIFO, or says in the log that it
+// may not. Throws std::system_error.
 void start_softirq(bool realtime);
 
 // Ends the thread. Nothing is received and no timer runs afterwards.

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: GPL-2.0
+#ifndef KELM_AGENT_AUTHENTIC_H
+#define KELM_AGENT_AUTHENTIC_H
+
+#include "kelm-agent/kelm_port.h"
+#include "libkelm/report.h"
+
+namespace kelm_agent
+{
+
+// Checks a frame that kelm has passed up by what the session demands: authentication, TTL and
+// interface. kelm does so itself for a session that it has, but not for a packet without
+// discriminator. `last_sequence` is the last sequence number that was heard, or nothing where any
+// will do; it follows what is accepted.
+bool is_authentic(const session_config &, const wiring &, const kelm::packet_change &,
+                  std::optional<uint32_t> &last_sequence);
+
+} // namespace kelm_agent
+
+#endif

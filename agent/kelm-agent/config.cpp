@@ -1,0 +1,327 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "kelm-agent/config.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <charconv>
+#include <map>
+#include <set>
+
+#include "kelm-agent/config_auth.h"
+#include "kelm-agent/config_section.h"
+#include "kelm-agent/whole_file.h"
+
+namespace kelm_agent
+{
+
+namespace
+{
+
+constexpr int64_t most_32_bits = 0xffffffff;
+
+// What [defaults] may hold: what several sessions have in common.
+constexpr std::string_view default_keys[] = {
+    "namespace",  "interface", "local",        "min-tx", "min-rx",
+    "multiplier", "role",      "ttl-security", "auth",   "type",
+};
+
+// What can stand in a log line and a metric as it is.
+bool is_word(const std::string &text)
+{
+    return !text.empty() && std::ranges::none_of(text, [](char c) {
+        return (c >= 0 && c <= ' ') || c == 0x7f || c == '"' || c == '\\';
+    });
+}
+
+// "127.0.0.1:9100", "[::1]:9100"
+std::optional<endpoint> read_endpoint(config_section &section, std::string_view key)
+{
+    const toml::node *node = section.find(key);
+    if (node == nullptr)
+        return std::nullopt;
+    const std::string text = section.as_text(*node, key);
+    const size_t colon = text.rfind(':');
+    std::string host = text.substr(0, colon);
+    if (host.starts_with('[') && host.ends_with(']'))
+        host = host.substr(1, host.size() - 2);
+    uint16_t port = 0;
+    const char *const end = text.data() + text.size();
+    const char *const digits = colon == std::string::npos ? end : text.data() + colon + 1;
+    const auto [stop, problem] = std::from_chars(digits, end, port);
+    const auto address = kelm::ip_address::parse(host);
+    if (!address || problem != std::errc() || stop != end || port == 0)
+        section.fail(*node, "'" + std::string(key) +
+                                "' must be an address and a port, as in \"127.0.0.1:9816\" or "
+                                "\"[::1]:9816\"");
+    return endpoint{*address, port};
+}
+
+class reader
+{
+  public:
+    reader(std::string file, std::vector<std::string> &warnings)
+        : file_(std::move(file)), warnings_(warnings)
+    {
+    }
+
+    agent_config read(const toml::table &root);
+
+  private:
+    void read_agent(const toml::table &, agent_config &);
+    void check_defaults(const toml::table &);
+    void read_session(const toml::table &, agent_config &);
+    session_config read_common(config_section &);
+    void read_addresses(config_section &, session_config &);
+    void read_timing(config_section &, session_config &);
+    void read_security(config_section &, session_config &);
+    void read_kind(config_section &, session_config &);
+    void read_echo(config_section &, session_config &);
+    void read_peer_mac(config_section &, session_config &);
+    void add_guard(config_section &, agent_config &, const session_config &);
+    std::vector<std::string> read_members(config_section &, const session_config &);
+    void add(config_section &, agent_config &, session_config);
+
+    std::string file_;
+    std::vector<std::string> &warnings_;
+    toml::table defaults_;
+    std::set<std::string> names_;
+    std::map<std::string, std::string> identities_; // names by them
+};
+
+agent_config reader::read(const toml::table &root)
+{
+    agent_config config;
+    config_section section(root, file_);
+    if (const auto *agent = section.find("agent"))
+        read_agent(section.as_table(*agent, "agent"), config);
+    if (const auto *defaults = section.find("defaults"))
+        check_defaults(section.as_table(*defaults, "defaults"));
+    if (const auto *sessions = section.find("session"))
+        for (const auto &each : section.as_array(*sessions, "session"))
+            read_session(section.as_table(each, "session"), config);
+    section.expect_no_more();
+    return config;
+}
+
+void reader::read_agent(const toml::table &table, agent_config &config)
+{
+    config_section section(table, file_);
+    config.metrics_file = section.text("metrics-file", "");
+    config.metrics_listen = read_endpoint(section, "metrics-listen");
+    section.expect_no_more();
+}
+
+void reader::check_defaults(const toml::table &table)
+{
+    config_section section(table, file_);
+    for (const auto key : default_keys)
+        (void)section.find(key);
+    section.expect_no_more();
+    defaults_ = table;
+}
+
+void reader::read_session(const toml::table &table, agent_config &config)
+{
+    config_section section(table, file_, &defaults_);
+    session_config session = read_common(section);
+    (void)section.find_own("echo"); // see add_guard
+    read_addresses(section, session);
+    read_timing(section, session);
+    read_security(section, session);
+    read_kind(section, session);
+    const std::vector<std::string> members = read_members(section, session);
+    section.expect_no_more();
+
+    if (members.empty())
+        add(section, config, session);
+    add_guard(section, config, session);
+    for (const auto &member : members) {
+        session_config link = session;
+        link.name += "/" + member;
+        link.member = member;
+        add(section, config, link);
+    }
+}
+
+session_config reader::read_common(config_section &section)
+{
+    session_config session;
+    const toml::node &name = section.require("name");
+    session.name = section.as_text(name, "name");
+    if (!is_word(session.name))
+        section.fail(name, "'name' must be a word without spaces, quotes and backslashes");
+
+    if (const auto *kind = section.find("type")) {
+        const auto known = kind_named(section.as_text(*kind, "type"));
+        if (!known)
+            section.fail(*kind, "'type' must be one of: single-hop, multihop, lag, echo, sbfd");
+        session.kind = *known;
+    }
+    session.netns = section.text("namespace", "");
+    session.interface = section.text("interface", "");
+    session.admin_down = section.flag("admin-down", false);
+    return session;
+}
+
+void reader::read_addresses(config_section &section, session_config &session)
+{
+    (void)section.require("local");
+    session.local = *section.address("local");
+    const toml::node &peer = section.require("peer");
+    session.peer = *section.address("peer");
+    if (session.local.family != session.peer.family)
+        section.fail(peer, "'local' and 'peer' must both be IPv4 or both be IPv6 addresses");
+    const auto &octets = session.peer.octets;
+    const bool is_link_local =
+        session.peer.family == AF_INET6 && octets[0] == 0xfe && (octets[1] & 0xc0) == 0x80;
+    if (is_link_local && session.interface.empty())
+        section.fail(peer, "a link-local peer needs an 'interface'");
+}
+
+void reader::read_timing(config_section &section, session_config &session)
+{
+    session.timing.desired_min_tx = section.duration("min-tx", session.timing.desired_min_tx);
+    session.timing.required_min_rx = section.duration("min-rx", session.timing.required_min_rx);
+    session.multiplier = static_cast<uint8_t>(section.number("multiplier", 1, 255, 3));
+}
+
+void reader::read_security(config_section &section, session_config &session)
+{
+    const std::string role = section.text("role", "active");
+    if (role != "active" && role != "passive")
+        section.fail(section.require("role"), "'role' must be \"active\" or \"passive\"");
+    session.passive = role == "passive";
+
+    if (const auto *auth = section.find("auth"))
+        session.auth = read_authentication(section.as_table(*auth, "auth"), file_, warnings_);
+
+    const bool is_direct =
+        session.kind == session_kind::single_hop || session.kind == session_kind::lag;
+    session.required_ttl = is_direct ? KELM_AUTH_TTL_255 : 0;
+    if (session.kind == session_kind::echo)
+        session.required_ttl = KELM_AUTH_TTL_254; // the neighbour forwards it once
+    if (const auto *ttl = section.find("ttl-security")) {
+        const auto *required = ttl->as_integer();
+        const auto *wanted = ttl->as_boolean();
+        if (wanted != nullptr && !wanted->get())
+            session.required_ttl = 0;
+        else if (required != nullptr && required->get() == 255)
+            session.required_ttl = KELM_AUTH_TTL_255;
+        else if (required != nullptr && required->get() == 254)
+            session.required_ttl = KELM_AUTH_TTL_254;
+        else
+            section.fail(*ttl, "'ttl-security' must be 255 or 254, the TTL or hop limit that "
+                               "packets must arrive with, or false");
+    }
+}
+
+void reader::read_kind(config_section &section, session_config &session)
+{
+    const bool wants_interface =
+        session.kind == session_kind::echo || session.kind == session_kind::lag;
+    if (wants_interface && session.interface.empty())
+        section.fail("'interface' is missing, which this type of session needs");
+    if (is_alone(session.kind) && session.passive)
+        section.fail(section.require("role"), "this type of session cannot be passive");
+    read_echo(section, session);
+    if (session.kind == session_kind::sbfd)
+        session.remote_discriminator = static_cast<uint32_t>(section.as_number(
+            section.require("remote-discriminator"), "remote-discriminator", 1, most_32_bits));
+}
+
+void reader::read_echo(config_section &section, session_config &session)
+{
+    if (session.kind == session_kind::single_hop)
+        session.min_echo_rx = section.duration("min-echo-rx", 0);
+    if (session.kind == session_kind::echo) {
+        if (const auto source = section.address("source"))
+            session.source = *source;
+        if (session.source.family != 0 && session.source.family != session.local.family)
+            section.fail(section.require("source"), "'source' and 'local' must be of one version");
+        read_peer_mac(section, session);
+    }
+}
+
+void reader::read_peer_mac(config_section &section, session_config &session)
+{
+    const auto *mac = section.find("peer-mac");
+    if (mac == nullptr)
+        return;
+    session.peer_mac = kelm::mac_address::parse(section.as_text(*mac, "peer-mac"));
+    if (!session.peer_mac)
+        section.fail(*mac, "'peer-mac' must be an Ethernet address, as in \"02:00:00:12:34:56\"");
+}
+
+// The echo function is a session of its own, which runs while the one that it guards is Up.
+void reader::add_guard(config_section &section, agent_config &config, const session_config &guarded)
+{
+    const toml::node *node = section.find_own("echo");
+    if (node == nullptr)
+        return;
+    if (guarded.kind != session_kind::single_hop || guarded.interface.empty())
+        section.fail(*node, "'echo' needs a single-hop session with an 'interface'");
+    config_section own(section.as_table(*node, "echo"), file_);
+    session_config guard;
+    guard.name = guard_name(guarded.name);
+    guard.kind = session_kind::echo;
+    guard.netns = guarded.netns;
+    guard.local = guarded.local;
+    guard.peer = guarded.peer;
+    guard.interface = guarded.interface;
+    guard.guards = guarded.name;
+    guard.required_ttl = KELM_AUTH_TTL_254;
+    guard.timing.desired_min_tx = own.duration("interval", guarded.timing.desired_min_tx);
+    guard.timing.required_min_rx = guard.timing.desired_min_tx;
+    guard.multiplier = static_cast<uint8_t>(own.number("multiplier", 1, 255, guarded.multiplier));
+    read_echo(own, guard);
+    own.expect_no_more();
+    add(section, config, std::move(guard));
+}
+
+std::vector<std::string> reader::read_members(config_section &section,
+                                              const session_config &session)
+{
+    std::vector<std::string> members;
+    if (session.kind != session_kind::lag)
+        return members;
+    const toml::node &node = section.require("members");
+    for (const auto &each : section.as_array(node, "members")) {
+        members.push_back(section.as_text(each, "members"));
+        if (!is_word(members.back()))
+            section.fail(each, "'members' must be names of interfaces");
+    }
+    if (members.empty())
+        section.fail(node, "'members' must name at least one link of the aggregate");
+    return members;
+}
+
+void reader::add(config_section &section, agent_config &config, session_config session)
+{
+    if (!names_.insert(session.name).second)
+        section.fail("there is a session '" + session.name + "' already");
+    const auto [same, is_new] = identities_.emplace(identity_text(session), session.name);
+    if (!is_new)
+        section.fail("session '" + session.name + "' is the same as '" + same->second +
+                     "': type, namespace, addresses and interface are");
+    config.sessions.push_back(std::move(session));
+}
+
+} // namespace
+
+agent_config parse_config(const std::string &text, const std::string &file,
+                          std::vector<std::string> &warnings)
+{
+    try {
+        return reader(file, warnings).read(toml::parse(text, file));
+    } catch (const toml::parse_error &problem) {
+        throw config_error(file, problem.source().begin.line, std::string(problem.description()));
+    }
+}
+
+agent_config load_config(const std::string &file, std::vector<std::string> &warnings)
+{
+    return parse_config(read_whole_file(file), file, warnings);
+}
+
+} // namespace kelm_agent

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// What `kelmctl agent` talks to: a local socket, on which a request is one line of JSON and its
+// answer another one. The socket belongs to whoever runs the agent, and to root.
+//
+//   {"command": "show", "sessions": ["name", ...]}        all sessions if none is named
+//   {"command": "history", "sessions": ["name", ...]}
+//   {"command": "down", "sessions": ["name", ...]}        and "up": administratively
+//
+//   {"ok": true, "sessions": [{...}, ...]}                 or "changes", or neither
+//   {"ok": false, "error": "a sentence"}
+#ifndef KELM_AGENT_CONTROL_H
+#define KELM_AGENT_CONTROL_H
+
+#include "kelm-agent/agent.h"
+#include "kelm-agent/stream_server.h"
+
+namespace kelm_agent
+{
+
+// The answer to one request, of any content; without the line break.
+std::string answer_control_request(agent &, const std::string &request);
+
+class control_socket
+{
+  public:
+    // Throws kelm::error when the socket cannot be made, or another agent serves it.
+    control_socket(event_loop &, const std::string &path);
+    ~control_socket();
+    control_socket(const control_socket &) = delete;
+    control_socket &operator=(const control_socket &) = delete;
+
+    // Requests are answered from now on.
+    void serve(agent &);
+
+  private:
+    event_loop &loop_;
+    std::string path_;
+    kelm::unique_fd listening_;
+    std::optional<stream_server> server_;
+};
+
+} // namespace kelm_agent
+
+#endif

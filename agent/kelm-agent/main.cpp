@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// kelm-agent: a BFD agent over kelm. Here are its start, its reload and its end.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+#include <systemd/sd-daemon.h>
+
+#include "kelm-agent/agent.h"
+#include "kelm-agent/config.h"
+#include "kelm-agent/control.h"
+#include "kelm-agent/metrics.h"
+
+namespace
+{
+
+using namespace kelm_agent;
+
+struct options {
+    std::string config_file = "/etc/kelm/agent.toml";
+    std::string state_file = "/run/kelm-agent/state.json";
+    std::string control_socket = "/run/kelm-agent/control.sock";
+    bool keep = false;
+    bool sole_agent = false;
+    bool check = false;
+    std::optional<log_form> log;
+};
+
+// The exit status, or -1 to go on.
+int parse_command_line(int argc, char **argv, options &chosen)
+{
+    CLI::App app("A BFD agent: runs the sessions of its configuration over kelm.", "kelm-agent");
+    const std::map<std::string, log_form> forms = {
+        {"text", log_form::text}, {"json", log_form::json}, {"journal", log_form::journal}};
+    app.set_version_flag("--version", "kelm-agent " KELM_VERSION);
+    app.add_option("-c,--config", chosen.config_file, "The configuration")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app.add_option("--state", chosen.state_file,
+                   "What a restarted agent needs to know of its sessions is kept here")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app.add_option("--socket", chosen.control_socket, "Where 'kelmctl agent' finds the agent")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app.add_flag("--keep", chosen.keep,
+                 "When stopped, leave the sessions to kelm, for the next start to take over; "
+                 "without it, peers are told AdminDown");
+    app.add_flag("--sole-agent", chosen.sole_agent,
+                 "At start, delete all sessions in kelm that are not in the configuration, also "
+                 "those of other agents and in other namespaces");
+    app.add_flag("--check", chosen.check, "Check the configuration and end");
+    app.add_option("--log", chosen.log,
+                   "How to log to standard error: text, json, or journal (default: journal where "
+                   "standard error leads there, else text)")
+        ->type_name("FORM")
+        ->transform(CLI::Transformer(forms));
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        constexpr int usage_error = 2;
+        return app.exit(error) == 0 ? EXIT_SUCCESS : usage_error;
+    }
+    return -1;
+}
+
+agent_config load(const std::string &file, const logger &log)
+{
+    std::vector<std::string> warnings;
+    agent_config config = load_config(file, warnings);
+    for (const auto &warning : warnings)
+        log.warning(warning);
+    return config;
+}
+
+int check_config(const options &chosen)
+{
+    std::vector<std::string> warnings;
+    const agent_config config = load_config(chosen.config_file, warnings);
+    for (const auto &warning : warnings)
+        std::cerr << "kelm-agent: warning: " << warning << '\n';
+    std::cout << chosen.config_file << ": " << config.sessions.size() << " sessions\n";
+    return EXIT_SUCCESS;
+}
+
+// A configuration that cannot be used leaves everything as it is.
+void reload(agent &running, metrics_exporter &metrics, const options &chosen, const logger &log)
+{
+    sd_notify(0, "RELOADING=1");
+    try {
+        const agent_config config = load(chosen.config_file, log);
+        running.reconfigure(config);
+        metrics.configure(config);
+        log.info("configuration loaded again");
+    } catch (const std::exception &problem) {
+        log.error(std::string("configuration not changed: ") + problem.what());
+    }
+    sd_notify(0, "READY=1");
+}
+
+// Directories of /run are gone after a boot.
+void make_directory_of(const std::string &file)
+{
+    const auto directory = std::filesystem::path(file).parent_path();
+    if (!directory.empty())
+        std::filesystem::create_directory(directory);
+}
+
+int run(const options &chosen, const logger &log)
+{
+    event_loop loop;
+    const agent_config config = load(chosen.config_file, log);
+    make_directory_of(chosen.control_socket);
+    make_directory_of(chosen.state_file);
+    control_socket control(loop, chosen.control_socket); // first: there must be no other agent
+    agent running(loop, log, {chosen.state_file, chosen.sole_agent}, config);
+    control.serve(running);
+    metrics_exporter metrics(loop, log, running);
+    metrics.configure(config);
+
+    const auto stop = [&] {
+        sd_notify(0, "STOPPING=1");
+        if (chosen.keep)
+            loop.stop();
+        else
+            running.shut_down([&] { loop.stop(); });
+    };
+    const auto on_term = loop.on_signal(SIGTERM, stop);
+    const auto on_interrupt = loop.on_signal(SIGINT, stop);
+    const auto on_hangup = loop.on_signal(SIGHUP, [&] { reload(running, metrics, chosen, log); });
+    log.info("ready: " + std::to_string(config.sessions.size()) + " sessions");
+    sd_notify(0, "READY=1");
+    loop.run();
+    return EXIT_SUCCESS;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        options chosen;
+        if (const int status = parse_command_line(argc, argv, chosen); status >= 0)
+            return status;
+        if (chosen.check)
+            return check_config(chosen);
+        const logger log(chosen.log.value_or(default_log_form()));
+        return run(chosen, log);
+    } catch (const std::exception &problem) {
+        std::cerr << "kelm-agent: " << problem.what() << '\n';
+        return EXIT_FAILURE;
+    }
+}

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "kelm-agent/matching.h"
+
+namespace kelm_agent
+{
+
+uint16_t destination_port(session_kind kind)
+{
+    switch (kind) {
+    case session_kind::single_hop:
+        return kelm::port_single_hop;
+    case session_kind::echo:
+        return kelm::port_echo;
+    case session_kind::lag:
+        return kelm::port_lag;
+    case session_kind::multihop:
+        return kelm::port_multihop;
+    case session_kind::sbfd:
+        return kelm::port_sbfd_reflector;
+    }
+    return 0;
+}
+
+uint16_t arrival_port(session_kind kind)
+{
+    return kind == session_kind::sbfd ? kelm::port_sbfd_initiator : destination_port(kind);
+}
+
+const kelm::ip_address &arrival_source(const session_config &config)
+{
+    if (config.kind != session_kind::echo)
+        return config.peer;
+    return config.source.family != 0 ? config.source : config.local;
+}
+
+bool is_addressed_to(const session_config &config, const wiring &wires,
+                     const kelm::packet_change &change, const kelm::frame_info &frame)
+{
+    if (config.kind == session_kind::lag &&
+        (change.member_ifindex == 0 || change.member_ifindex != wires.transmit_ifindex))
+        return false;
+    return frame.destination_port == arrival_port(config.kind) &&
+           frame.source == arrival_source(config) && frame.destination == config.local &&
+           (wires.receive_ifindex == 0 || wires.receive_ifindex == change.ifindex);
+}
+
+} // namespace kelm_agent

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The sessions as Prometheus sees them. Every session has all of its series in every state.
+#ifndef KELM_AGENT_METRICS_H
+#define KELM_AGENT_METRICS_H
+
+#include "kelm-agent/session_report.h"
+#include "kelm-agent/stream_server.h"
+
+namespace kelm_agent
+{
+
+// In the text exposition format.
+std::string metrics_text(agent &);
+
+// The answer to a request for the metrics over HTTP/1; nothing while the request is incomplete.
+std::optional<std::string> answer_http(agent &, const std::string &received);
+
+// Offers the metrics in the ways that the configuration asks for.
+class metrics_exporter
+{
+  public:
+    metrics_exporter(event_loop &loop, const logger &log, agent &running)
+        : loop_(loop), log_(log), running_(running)
+    {
+    }
+
+    // What cannot be offered is logged.
+    void configure(const agent_config &);
+
+  private:
+    void write_file();
+    void listen(const endpoint &);
+
+    event_loop &loop_;
+    const logger &log_;
+    agent &running_;
+    std::string file_;
+    std::optional<endpoint> listening_;
+    std::optional<stream_server> server_;
+    event_loop::handle timer_;
+};
+
+} // namespace kelm_agent
+
+#endif

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// How often packets are sent and how long their absence is borne: RFC 5880 sections 6.8.2 to 6.8.4
+// and 6.8.7, and the Poll Sequences by which a peer learns of a change (6.5).
+#ifndef KELM_AGENT_NEGOTIATION_H
+#define KELM_AGENT_NEGOTIATION_H
+
+#include <cstdint>
+
+#include "kelm.h"
+
+namespace kelm_agent
+{
+
+// Not sent faster than this while a session is not Up: a second.
+constexpr kelm_microsecs slow_interval = 1'000'000;
+
+struct intervals {
+    kelm_microsecs desired_min_tx = 0;
+    kelm_microsecs required_min_rx = 0;
+    bool operator==(const intervals &) const = default;
+};
+
+// What a packet of the peer says about itself.
+struct peer_timing {
+    uint8_t detect_multiplier = 0;
+    kelm_microsecs desired_min_tx = 0;
+    kelm_microsecs required_min_rx = 1; // RFC 5880 section 6.8.1: before the first packet
+    bool operator==(const peer_timing &) const = default;
+};
+
+class negotiation
+{
+  public:
+    // `alone`: the packets that come back are our own or reflections of them, so that their rate
+    // and multiplier are ours and there is nobody to poll.
+    negotiation(intervals configured, uint8_t multiplier, bool alone)
+        : configured_(configured), multiplier_(multiplier), alone_(alone)
+    {
+    }
+
+    void configure(intervals, uint8_t multiplier);
+    void set_up(bool up);
+    void hear(const peer_timing &peer) { peer_ = peer; }
+    // Goes on from what an earlier run of the agent had agreed on with the peer.
+    void resume(intervals agreed);
+
+    // What our packets say: Desired Min TX and Required Min RX Interval.
+    intervals advertised() const { return up_ ? configured_ : slowed(configured_); }
+
+    // What the peer may count on. Differs from `advertised` while a Poll Sequence is due or under
+    // way.
+    intervals in_effect() const;
+
+    bool needs_poll() const { return up_ && !alone_ && is_unconfirmed_; }
+    void poll_begins() { polled_ = advertised(); }
+    void poll_ends();
+
+    // Whether the peer wants packets at all.
+    bool peer_listens() const { return peer_.required_min_rx != 0; }
+    // Before jitter.
+    kelm_microsecs transmit_interval() const;
+    // The peer's packets come at least this often; a number of them missing is a failure. The
+    // product of the two, the detection time, fits 32 bits.
+    kelm_microsecs receive_interval() const;
+    uint8_t receive_multiplier() const { return alone_ ? multiplier_ : peer_.detect_multiplier; }
+    kelm_microsecs detection_time() const { return receive_multiplier() * receive_interval(); }
+
+    uint8_t multiplier() const { return multiplier_; }
+    const peer_timing &peer() const { return peer_; }
+
+  private:
+    static intervals slowed(intervals);
+    void agree(intervals);
+
+    intervals configured_;
+    // Of meaning while Up; where the peer may go by one or the other, the more cautious:
+    intervals agreed_{}; // what it has confirmed, and all that it has been told since
+    intervals polled_{}; // what the Poll Sequence under way has told it
+    bool is_unconfirmed_ = false;
+    uint8_t multiplier_;
+    bool alone_;
+    bool up_ = false;
+    peer_timing peer_;
+};
+
+} // namespace kelm_agent
+
+#endif

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: GPL-2.0
+#ifndef KELM_AGENT_NEIGHBOURS_H
+#define KELM_AGENT_NEIGHBOURS_H
+
+#include <optional>
+#include <string>
+
+#include "libkelm/address.h"
+#include "libkelm/fd.h"
+
+namespace kelm_agent
+{
+
+// The kernel's neighbour table of one network namespace.
+class neighbours
+{
+  public:
+    // Throws kelm::error.
+    explicit neighbours(const std::string &netns);
+
+    // The Ethernet address of a neighbour. Where the kernel does not know it, it is made to ask on
+    // the link, and may know it when asked again.
+    std::optional<kelm::mac_address> find(uint32_t ifindex, const kelm::ip_address &) const;
+
+  private:
+    kelm::unique_fd socket_;
+};
+
+} // namespace kelm_agent
+
+#endif

@@ -1,0 +1,304 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "kelm-agent/session.h"
+
+#include <algorithm>
+
+namespace kelm_agent
+{
+
+namespace
+{
+
+condition next_condition(session_kind kind, condition now, uint8_t received)
+{
+    return kind == session_kind::sbfd ? after_reflection(now, received)
+                                      : after_packet(now, received);
+}
+
+uint8_t timeout_diag(session_kind kind)
+{
+    return kind == session_kind::echo ? BFD_DIAG_ECHO_FAIL : BFD_DIAG_CTRL_TIMEOUT;
+}
+
+// Whether a packet that a peer in this state has sent can have met a session that was Up.
+bool suggests_up(uint8_t peer_state)
+{
+    return peer_state == BFD_STATE_UP || peer_state == BFD_STATE_INIT;
+}
+
+} // namespace
+
+session::session(session_config config, uint32_t discriminator)
+    : config_(std::move(config)), discriminator_(discriminator),
+      timing_(config_.timing, config_.multiplier, is_alone(config_.kind)),
+      is_idle_(!config_.guards.empty())
+{
+    if (config_.admin_down)
+        condition_ = administratively_down();
+}
+
+orders session::current() const
+{
+    return decide();
+}
+
+// The timer runs while the peer is heard, and what it said last is known. That it runs although we
+// were Down can only be told from our own record.
+orders session::adopt(const remains &left)
+{
+    has_spoken_ = left.has_packet;
+    if (left.admin_down)
+        condition_ = administratively_down();
+    if (is_admin_down() || is_idle_ || !left.heard)
+        return decide();
+
+    const uint8_t recorded = left.state.value_or(BFD_STATE_UP);
+    const bool was_down = recorded == BFD_STATE_DOWN || recorded == BFD_STATE_ADMIN_DOWN;
+    kelm::bfd_fields heard = *left.heard;
+    heard.poll = heard.final = false; // the peer polls again if it still wants to know
+    if (!suggests_up(heard.state) && left.state == BFD_STATE_UP)
+        condition_.diag = BFD_DIAG_NEIGH_DOWN;
+    if (was_down || !suggests_up(heard.state))
+        return packet(heard, {});
+
+    hear(heard);
+    become({BFD_STATE_UP, BFD_DIAG_NONE});
+    timing_.resume(left.in_effect.value_or(config_.timing));
+    if (!left.timer_active)
+        return timeout();
+    manage_poll(false, {});
+    return decide();
+}
+
+orders session::packet(const kelm::bfd_fields &heard, steady_time now)
+{
+    if (is_admin_down() || is_idle_)
+        return decide();
+    hear(heard);
+    become(next_condition(config_.kind, condition_, heard.state));
+
+    const bool is_stranger = heard.your_discriminator == 0;
+    const bool answering = heard.poll && !is_alone(config_.kind);
+    if (heard.final && polling_) {
+        polling_ = false;
+        timing_.poll_ends();
+        // The next Poll Sequence must not take a late answer to this one for its own.
+        poll_due_.reset();
+        if (timing_.needs_poll())
+            poll_due_ = now + std::chrono::microseconds(timing_.transmit_interval());
+    }
+    manage_poll(answering, now);
+    return decide({.transmit = {},
+                   .receive = {},
+                   .is_final = answering,
+                   // kelm has not seen that such a packet belongs to this session
+                   .rearm = is_stranger,
+                   // What a peer that has lost us will say next may be what it said before it did:
+                   // only a receive session that does not know it yet passes that up.
+                   .renew = is_stranger});
+}
+
+// A detection time without a packet fails the session. After another one the peer may have begun
+// anew, and with it its sequence numbers (RFC 5880 section 6.8.1, bfd.AuthSeqKnown).
+orders session::timeout()
+{
+    if (watch_ == watch::silence) {
+        watch_ = watch::nothing;
+        return decide({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
+    }
+    if (watch_ == watch::nothing)
+        return decide();
+    watch_ = watch::silence;
+    remote_discriminator_ = 0;
+    remote_demand_ = false;
+    become(after_timeout(condition_, timeout_diag(config_.kind)));
+    // What the peer says when it comes back may also be what it said last.
+    return decide({.transmit = {}, .receive = {}, .rearm = true, .renew = true});
+}
+
+orders session::forgotten()
+{
+    forget_peer();
+    has_spoken_ = false;
+    become(after_timeout(condition_, BFD_DIAG_FORWARDING_RESET));
+    return decide();
+}
+
+orders session::set_admin_down(bool down)
+{
+    if (down == is_admin_down())
+        return decide();
+    // The peer is to recognise the packets that tell it, and to be found anew afterwards.
+    if (!down)
+        forget_peer();
+    watch_ = watch::nothing;
+    become(down ? administratively_down() : administratively_enabled());
+    return decide();
+}
+
+orders session::echo_failed()
+{
+    become(after_timeout(condition_, BFD_DIAG_ECHO_FAIL));
+    return decide();
+}
+
+orders session::guard(bool active, kelm_microsecs interval, uint32_t guarded_discriminator)
+{
+    guarded_discriminator_ = guarded_discriminator;
+    timing_.configure({interval, interval}, config_.multiplier);
+    if (active == is_idle_ && !is_admin_down()) {
+        forget_peer();
+        become({});
+    }
+    is_idle_ = !active;
+    return decide();
+}
+
+orders session::reconfigure(session_config config)
+{
+    const bool admin_changed = config.admin_down != config_.admin_down;
+    config_ = std::move(config);
+    timing_.configure(config_.timing, config_.multiplier);
+    if (admin_changed)
+        return set_admin_down(config_.admin_down);
+    manage_poll(false, {});
+    return decide();
+}
+
+orders session::wake(steady_time now)
+{
+    if (poll_due_ && *poll_due_ <= now)
+        poll_due_.reset();
+    manage_poll(false, now);
+    return decide();
+}
+
+void session::become(condition next)
+{
+    condition_ = next;
+    timing_.set_up(is_up());
+    if (!is_up()) {
+        polling_ = false;
+        poll_due_.reset();
+    }
+}
+
+void session::forget_peer()
+{
+    watch_ = watch::nothing;
+    remote_discriminator_ = 0;
+    remote_demand_ = false;
+    remote_ = {};
+}
+
+void session::hear(const kelm::bfd_fields &heard)
+{
+    watch_ = watch::packets;
+    remote_ = {heard.state, heard.diag};
+    if (config_.kind == session_kind::echo)
+        return;         // our own words
+    has_spoken_ = true; // or is about to
+    remote_discriminator_ = heard.my_discriminator;
+    remote_min_echo_rx_ = heard.min_echo_rx_interval;
+    remote_demand_ = heard.demand_mode && !is_alone(config_.kind);
+    timing_.hear({heard.detect_multiplier, heard.min_tx_interval, heard.min_rx_interval});
+}
+
+// A packet cannot both poll and answer a poll: our Poll bit rests while we answer.
+void session::manage_poll(bool answering, std::optional<steady_time> now)
+{
+    if (!polling_ && !timing_.needs_poll())
+        return;
+    if (answering && !poll_due_)
+        poll_due_ = *now + std::chrono::microseconds(timing_.transmit_interval());
+    if (poll_due_ || polling_)
+        return;
+    polling_ = true;
+    timing_.poll_begins();
+}
+
+orders session::decide(orders so_far) const
+{
+    if (is_idle_)
+        return so_far;
+    if (has_packet())
+        so_far.transmit = wanted_transmission();
+    if (!is_admin_down())
+        so_far.receive = wanted_reception();
+    return so_far;
+}
+
+// To our own packets there is nobody to tell that we are down, and echoes cease then (RFC 5880
+// section 6.8.16). A passive end that has lost its peer is silent, but goes on later with the
+// sequence numbers that the peer knows.
+bool session::has_packet() const
+{
+    return is_alone(config_.kind) ? !is_admin_down() : may_speak() || has_spoken_;
+}
+
+// RFC 5880 section 6.8.7
+bool session::may_speak() const
+{
+    return !config_.passive || remote_discriminator_ != 0;
+}
+
+bool session::transmits_periodically() const
+{
+    const bool demanded = remote_demand_ && is_up() && remote_.state == BFD_STATE_UP && !polling_;
+    return timing_.peer_listens() && !demanded && may_speak();
+}
+
+transmission session::wanted_transmission() const
+{
+    return {
+        .bfd = control_packet(),
+        .period = transmits_periodically() ? timing_.transmit_interval() : parked,
+        .jitter = static_cast<uint16_t>(timing_.multiplier() == 1 ? BFD_TX_JITTER_75_90
+                                                                  : BFD_TX_JITTER_75),
+        .latch_period = std::max(
+            {slow_interval, config_.timing.desired_min_tx, timing_.peer().required_min_rx}),
+        .is_silent = !may_speak(),
+    };
+}
+
+reception session::wanted_reception() const
+{
+    const bool can_fail = condition_.state == BFD_STATE_INIT || is_up();
+    return {
+        .timer_active = watch_ != watch::nothing,
+        .multiplier = std::max<uint8_t>(timing_.receive_multiplier(), 1),
+        .period = timing_.receive_interval(),
+        .latch_diag = can_fail ? timeout_diag(config_.kind) : uint8_t{BFD_DIAG_NONE},
+        .also_latched = is_up() ? guarded_discriminator_ : 0,
+    };
+}
+
+kelm::bfd_fields session::control_packet() const
+{
+    kelm::bfd_fields packet = {
+        .diag = condition_.diag,
+        .state = condition_.state,
+        .poll = polling_ && !poll_due_,
+        .final = false,
+        .demand_mode = false,
+        .detect_multiplier = timing_.multiplier(),
+        .my_discriminator = discriminator_,
+        .your_discriminator = remote_discriminator_,
+        .min_tx_interval = timing_.advertised().desired_min_tx,
+        .min_rx_interval = timing_.advertised().required_min_rx,
+        .min_echo_rx_interval = config_.min_echo_rx,
+    };
+    if (config_.kind == session_kind::sbfd) {
+        packet.demand_mode = true; // RFC 7880 section 7.3.2: tells us from a reflector
+        packet.your_discriminator = config_.remote_discriminator;
+    }
+    if (config_.kind == session_kind::echo) {
+        packet.your_discriminator = discriminator_;
+        // RFC 9747 section 2: these mean nothing here, and are to be set all the same.
+        packet.min_tx_interval = packet.min_rx_interval = slow_interval;
+        packet.min_echo_rx_interval = 0;
+    }
+    return packet;
+}
+
+} // namespace kelm_agent

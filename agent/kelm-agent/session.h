@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// One BFD session: what happens to it goes in, what kelm is to do comes out. No sockets and no
+// clock in here.
+#ifndef KELM_AGENT_SESSION_H
+#define KELM_AGENT_SESSION_H
+
+#include <chrono>
+#include <optional>
+
+#include "kelm-agent/fsm.h"
+#include "kelm-agent/model.h"
+#include "libkelm/packet.h"
+
+namespace kelm_agent
+{
+
+using steady_time = std::chrono::steady_clock::time_point;
+
+// The packet that kelm is to send.
+struct transmission {
+    kelm::bfd_fields bfd;
+    kelm_microsecs period = 0;
+    uint16_t jitter = BFD_TX_JITTER_75; // bfd_tx_jitter_types
+    kelm_microsecs latch_period = slow_interval;
+    bool is_silent = false; // not even news goes out
+    bool operator==(const transmission &) const = default;
+};
+
+// A period of about 71 minutes: as good as silent, yet the packet is there, keeps its sequence
+// number, and can be sent out of band.
+constexpr kelm_microsecs parked = 0xffffffff;
+
+// How kelm is to receive.
+struct reception {
+    bool timer_active = false;
+    uint8_t multiplier = 0;
+    kelm_microsecs period = 0;
+    uint8_t latch_diag = BFD_DIAG_NONE; // 0: our packet stays as it is when the timer expires
+    uint32_t also_latched = 0;          // another session's packet that shares its fate; 0: none
+    bool operator==(const reception &) const = default;
+};
+
+// What kelm is to do after an event. Nothing where kelm is to have no packet, or no session.
+struct orders {
+    std::optional<transmission> transmit;
+    std::optional<reception> receive;
+    bool is_final = false; // the packet goes out at once, with the Final bit
+    bool rearm = false;    // the detection timer starts from now, whatever else is unchanged
+    bool renew = false;    // the receive session is made anew: it forgets the packet passed up last
+    bool forget_sequence = false; // with `renew`: the peer may go on from any sequence number
+};
+
+// What is left of a session in kelm, and in our records, from an earlier run of the agent.
+struct remains {
+    std::optional<kelm::bfd_fields> heard; // the packet that kelm passed up last
+    bool timer_active = false;
+    std::optional<uint8_t> state; // as recorded
+    std::optional<intervals> in_effect;
+    bool admin_down = false;
+    bool has_packet = false;
+};
+
+class session
+{
+  public:
+    session(session_config, uint32_t discriminator);
+
+    // Events. Each one changes what the accessors below tell.
+    // What kelm is to have now; nothing has happened.
+    orders current() const;
+    // Takes over what an earlier run has left. Nothing that a healthy session's peer could notice
+    // is ordered.
+    orders adopt(const remains &);
+    // A packet of the peer, authentic and for this session.
+    orders packet(const kelm::bfd_fields &, steady_time now);
+    // The detection timer has expired.
+    orders timeout();
+    // kelm has lost the session, and the packet with it.
+    orders forgotten();
+    orders set_admin_down(bool down);
+    // The echo session that guards this one has failed (RFC 5880 section 6.8.5).
+    orders echo_failed();
+    // For a guard: whether it is to run, how often, and whose packet shares its fate.
+    orders guard(bool active, kelm_microsecs interval, uint32_t guarded_discriminator);
+    // The identity must be the same.
+    orders reconfigure(session_config);
+    // When due() has come.
+    orders wake(steady_time now);
+
+    // When the session wants to be woken.
+    std::optional<steady_time> due() const { return poll_due_; }
+
+    const session_config &config() const { return config_; }
+    uint32_t discriminator() const { return discriminator_; }
+    const condition &state() const { return condition_; }
+    bool is_up() const { return condition_.state == BFD_STATE_UP; }
+    bool is_admin_down() const { return condition_.state == BFD_STATE_ADMIN_DOWN; }
+    uint32_t remote_discriminator() const { return remote_discriminator_; }
+    // The peer's state and reason as its last packet told them.
+    const condition &remote() const { return remote_; }
+    bool remote_demand() const { return remote_demand_; }
+    // How often the peer lets us have our echo; 0: not at all.
+    kelm_microsecs remote_min_echo_rx() const { return remote_min_echo_rx_; }
+    bool is_idle() const { return is_idle_; }
+    bool polling() const { return polling_; }
+    const negotiation &timing() const { return timing_; }
+
+  private:
+    // What the detection timer waits for.
+    enum class watch { nothing, packets, silence };
+
+    orders decide(orders so_far = {}) const;
+    void become(condition);
+    void forget_peer();
+    void hear(const kelm::bfd_fields &);
+    void manage_poll(bool answering, std::optional<steady_time> now);
+    bool has_packet() const;
+    bool may_speak() const;
+    bool transmits_periodically() const;
+    transmission wanted_transmission() const;
+    reception wanted_reception() const;
+    kelm::bfd_fields control_packet() const;
+
+    session_config config_;
+    uint32_t discriminator_;
+    condition condition_;
+    negotiation timing_;
+    uint32_t remote_discriminator_ = 0;
+    condition remote_;
+    bool remote_demand_ = false;
+    kelm_microsecs remote_min_echo_rx_ = 0;
+    bool has_spoken_ = false; // to the peer, so that kelm has a packet with a sequence number
+    bool is_idle_;            // a guard with nothing to guard: kelm has nothing of it
+    uint32_t guarded_discriminator_ = 0;
+    watch watch_ = watch::nothing;
+    bool polling_ = false;                // a Poll Sequence is under way
+    std::optional<steady_time> poll_due_; // our Poll bit rests until then
+};
+
+} // namespace kelm_agent
+
+#endif

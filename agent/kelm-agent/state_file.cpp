@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "kelm-agent/state_file.h"
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "kelm-agent/whole_file.h"
+
+namespace kelm_agent
+{
+
+namespace
+{
+
+using nlohmann::json;
+
+constexpr int format_version = 1;
+
+int64_t to_us(wall_time time)
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
+}
+
+wall_time from_us(int64_t us)
+{
+    return wall_time(std::chrono::microseconds(us));
+}
+
+json to_json(const saved_session &saved)
+{
+    return {{"identity", saved.identity},
+            {"netns", saved.netns},
+            {"discriminator", saved.discriminator},
+            {"state", saved.state},
+            {"admin_down", saved.admin_down},
+            {"tx_us", saved.in_effect.desired_min_tx},
+            {"rx_us", saved.in_effect.required_min_rx},
+            {"since_us", to_us(saved.past.since)},
+            {"up_count", saved.past.up_count},
+            {"down_count", saved.past.down_count},
+            {"last_down_us", to_us(saved.past.last_down)},
+            {"last_down_diag", saved.past.last_down_diag},
+            {"last_down_reason", saved.past.last_down_reason}};
+}
+
+saved_session session_from(const json &from)
+{
+    saved_session saved;
+    from.at("identity").get_to(saved.identity);
+    from.at("netns").get_to(saved.netns);
+    from.at("discriminator").get_to(saved.discriminator);
+    from.at("state").get_to(saved.state);
+    from.at("admin_down").get_to(saved.admin_down);
+    from.at("tx_us").get_to(saved.in_effect.desired_min_tx);
+    from.at("rx_us").get_to(saved.in_effect.required_min_rx);
+    saved.past.since = from_us(from.at("since_us"));
+    from.at("up_count").get_to(saved.past.up_count);
+    from.at("down_count").get_to(saved.past.down_count);
+    saved.past.last_down = from_us(from.at("last_down_us"));
+    from.at("last_down_diag").get_to(saved.past.last_down_diag);
+    from.at("last_down_reason").get_to(saved.past.last_down_reason);
+    return saved;
+}
+
+saved_state state_from(const json &from)
+{
+    if (from.at("version") != format_version)
+        throw std::runtime_error("it is of another version of kelm-agent");
+    saved_state state;
+    for (const auto &[name, saved] : from.at("sessions").items())
+        state.sessions.emplace(name, session_from(saved));
+    for (const auto &each : from.at("orphans"))
+        state.orphans.push_back({each.at("netns"), each.at("discriminator")});
+    return state;
+}
+
+} // namespace
+
+saved_state load_state(const std::string &path)
+{
+    if (!std::filesystem::exists(path))
+        return {};
+    try {
+        return state_from(json::parse(read_whole_file(path)));
+    } catch (const json::exception &problem) {
+        throw std::runtime_error(problem.what());
+    }
+}
+
+void save_state(const std::string &path, const saved_state &state)
+{
+    json out = {
+        {"version", format_version}, {"sessions", json::object()}, {"orphans", json::array()}};
+    for (const auto &[name, saved] : state.sessions)
+        out["sessions"][name] = to_json(saved);
+    for (const auto &each : state.orphans)
+        out["orphans"].push_back({{"netns", each.netns}, {"discriminator", each.discriminator}});
+    replace_whole_file(path, out.dump(1) + "\n", 0600);
+}
+
+} // namespace kelm_agent

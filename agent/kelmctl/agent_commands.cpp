@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The object "agent": the sessions of a running kelm-agent.
+#include "kelmctl/agent_request.h"
+#include "kelmctl/arguments.h"
+#include "kelmctl/context.h"
+#include "kelmctl/objects.h"
+
+namespace kelmctl
+{
+
+namespace
+{
+
+constexpr char default_socket[] = "/run/kelm-agent/control.sock";
+
+agent_json ask(const arguments &args, const char *command)
+{
+    agent_json request = {{"command", command}};
+    if (!args.operands().empty())
+        request["sessions"] = args.operands();
+    return ask_agent(args.text("socket").value_or(default_socket), request);
+}
+
+kelm_time time_in(const agent_json &from)
+{
+    return {from.value("sec", 0U), from.value("nsec", 0U)};
+}
+
+// Reads an answer into a record: what the answer lacks is left out.
+class reader
+{
+  public:
+    reader(record &into, const agent_json &from, std::string prefix = {})
+        : into_(into), from_(from), prefix_(std::move(prefix))
+    {
+    }
+
+    reader &text(const char *key, const char *label)
+    {
+        return add(key, [&](const auto &v) {
+            if (v != "")
+                into_.text(prefix_ + key, label, v);
+        });
+    }
+    reader &number(const char *key, const char *label)
+    {
+        return add(key, [&](const auto &v) { into_.number(prefix_ + key, label, v); });
+    }
+    reader &duration(const char *key, const char *label)
+    {
+        return add(key, [&](const auto &v) { into_.duration(prefix_ + key, label, v); });
+    }
+    reader &flag(const char *key, const char *label)
+    {
+        return add(key, [&](const auto &v) { into_.flag(prefix_ + key, label, v); });
+    }
+    reader &age(const char *key, const char *label, kelm_time now)
+    {
+        return add(key, [&](const auto &v) { into_.age(prefix_ + key, label, time_in(v), now); });
+    }
+
+  private:
+    template<typename Add>
+    reader &add(const char *key, Add add)
+    {
+        if (from_.contains(key))
+            add(from_[key]);
+        return *this;
+    }
+
+    record &into_;
+    const agent_json &from_;
+    std::string prefix_;
+};
+
+const agent_json &part(const agent_json &of, const char *name)
+{
+    static const agent_json nothing = agent_json::object();
+    return of.contains(name) ? of[name] : nothing;
+}
+
+record session_record(const agent_json &from)
+{
+    const kelm_time now = time_in(part(from, "now"));
+    record made;
+    reader top(made, from);
+    reader past(made, part(from, "changes"), "changes.");
+    reader timing(made, part(from, "timing"), "timing.");
+    reader remote(made, part(from, "remote"), "remote.");
+    reader auth(made, part(from, "auth"), "auth.");
+    reader received(made, part(from, "received"), "received.");
+    reader sent(made, part(from, "sent"), "sent.");
+    reader rtt(made, part(from, "rtt"), "rtt.");
+
+    top.text("session", "session").text("state", "state").age("since", "since", now);
+    top.text("peer", "peer").text("problem", "problem");
+    timing.duration("transmit_interval", "sends every").duration("detection_time", "detects in");
+    received.age("last", "received", now);
+    rtt.duration("last", "rtt");
+    past.number("up_count", "ups").number("down_count", "downs");
+    past.text("last_down_reason", "last went down because");
+    made.full();
+    past.age("last_down", "last went down", now);
+    past.text("last_down_diagnostic", "with the diagnostic");
+    top.text("diagnostic", "diagnostic").text("type", "type").text("namespace", "namespace");
+    top.text("local", "local").text("interface", "interface").text("member", "member");
+    top.text("role", "role").number("discriminator", "discriminator");
+    timing.duration("min_tx", "min tx").duration("min_rx", "min rx");
+    timing.number("multiplier", "multiplier").duration("receive_interval", "receives every");
+    timing.flag("polling", "polling");
+    remote.text("state", "peer's state").text("diagnostic", "peer's diagnostic");
+    remote.number("discriminator", "peer's discriminator");
+    remote.duration("min_tx", "peer's min tx").duration("min_rx", "peer's min rx");
+    remote.number("multiplier", "peer's multiplier").flag("demand", "peer in demand mode");
+    auth.text("type", "authentication").number("sent_key", "sends key");
+    auth.number("other_key", "accepts key too");
+    received.number("packets", "packets received").duration("interval", "avg receive interval");
+    received.duration("longest", "longest receive interval").number("timeouts", "timeouts");
+    received.number("rejected", "packets rejected");
+    sent.number("packets", "packets sent").duration("interval", "avg send interval");
+    sent.duration("longest", "longest send interval").number("errors", "send errors");
+    rtt.duration("min", "min rtt").duration("avg", "avg rtt").duration("max", "max rtt");
+    return made;
+}
+
+record change_record(const agent_json &from)
+{
+    record made;
+    made.stamp("time", time_in(part(from, "time")));
+    reader(made, from)
+        .text("session", "")
+        .text("state", "")
+        .text("previous_state", "was")
+        .text("reason", "because")
+        .text("diagnostic", "diagnostic");
+    return made;
+}
+
+void run_show(context &ctx, const arguments &args)
+{
+    const agent_json reply = ask(args, "show");
+    std::vector<record> records;
+    for (const auto &session : part(reply, "sessions"))
+        records.push_back(session_record(session));
+    ctx.out.list(std::move(records), !args.operands().empty());
+}
+
+void run_history(context &ctx, const arguments &args)
+{
+    const agent_json reply = ask(args, "history");
+    std::vector<record> records;
+    for (const auto &change : part(reply, "changes"))
+        records.push_back(change_record(change).tell_times());
+    ctx.out.lines(std::move(records));
+}
+
+void run_down(context &, const arguments &args)
+{
+    ask(args, "down");
+}
+
+void run_up(context &, const arguments &args)
+{
+    ask(args, "up");
+}
+
+constexpr parameter parameters[] = {
+    {"socket", "PATH", "the agent's control socket (default /run/kelm-agent/control.sock)"},
+};
+
+constexpr command commands[] = {
+    {"show", "[SESSION...]",
+     "show kelm-agent's sessions: all in a table, or everything about those that are named\n"
+     "State and since when, what brought the session down last, intervals, what kelm has counted.",
+     parameters, run_show},
+    {"history", "[SESSION...]",
+     "show what has become of the sessions, change by change, each with its cause", parameters,
+     run_history},
+    {"down", "SESSION...",
+     "take sessions down administratively; their peers are told\n"
+     "They stay down, over a restart of the agent too, until 'up'.",
+     parameters, run_down},
+    {"up", "SESSION...", "let sessions come up that have been taken down", parameters, run_up},
+};
+
+} // namespace
+
+constinit const std::span<const command> agent_commands = commands;
+
+} // namespace kelmctl

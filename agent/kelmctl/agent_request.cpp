@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "kelmctl/agent_request.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "libkelm/error.h"
+#include "libkelm/fd.h"
+
+namespace kelmctl
+{
+
+namespace
+{
+
+constexpr timeval patience = {.tv_sec = 10, .tv_usec = 0};
+
+kelm::unique_fd connect_to(const std::string &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw kelm::error(ENAMETOOLONG, path + " is too long for a socket's name");
+    std::ranges::copy(path, address.sun_path);
+
+    kelm::unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd)
+        kelm::throw_errno(errno, "cannot open a socket");
+    (void)setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    (void)setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+        return fd;
+    if (errno == ENOENT || errno == ECONNREFUSED)
+        throw kelm::error(errno, "no kelm-agent serves " + path +
+                                     ": start it, or name its socket with 'socket PATH'");
+    kelm::throw_errno(errno, "cannot connect to kelm-agent at " + path);
+}
+
+void send_all(const kelm::unique_fd &fd, const std::string &text)
+{
+    for (size_t sent = 0; sent < text.size();) {
+        const ssize_t count = send(fd.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (count < 0)
+            kelm::throw_errno(errno, "cannot send to kelm-agent");
+        sent += static_cast<size_t>(count);
+    }
+}
+
+std::string receive_all(const kelm::unique_fd &fd)
+{
+    std::string text;
+    std::array<char, 65536> piece;
+    for (;;) {
+        const ssize_t count = recv(fd.get(), piece.data(), piece.size(), 0);
+        if (count < 0 && errno == EAGAIN)
+            throw kelm::error(ETIMEDOUT, "kelm-agent does not answer");
+        if (count < 0)
+            kelm::throw_errno(errno, "cannot receive from kelm-agent");
+        if (count == 0)
+            return text;
+        text.append(piece.data(), static_cast<size_t>(count));
+    }
+}
+
+} // namespace
+
+agent_json ask_agent(const std::string &socket_path, const agent_json &request)
+{
+    const kelm::unique_fd fd = connect_to(socket_path);
+    const auto encoded = request.dump(-1, ' ', false, agent_json::error_handler_t::replace);
+    send_all(fd, encoded + "\n");
+    agent_json reply;
+    try {
+        reply = agent_json::parse(receive_all(fd));
+        if (reply.at("ok").get<bool>())
+            return reply;
+    } catch (const agent_json::exception &) {
+        throw kelm::error(EPROTO, "kelm-agent's answer makes no sense; is it of this version?");
+    }
+    throw kelm::error(EINVAL, "kelm-agent: " + reply.value("error", "it refuses"));
+}
+
+} // namespace kelmctl

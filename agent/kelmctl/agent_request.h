@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// A conversation with kelm-agent: one line of JSON there, one back.
+#ifndef KELMCTL_AGENT_REQUEST_H
+#define KELMCTL_AGENT_REQUEST_H
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace kelmctl
+{
+
+using agent_json = nlohmann::ordered_json;
+
+// The agent's answer. Throws kelm::error when there is none, with the agent's own words when it
+// refuses.
+agent_json ask_agent(const std::string &socket_path, const agent_json &request);
+
+} // namespace kelmctl
+
+#endif

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: GPL-2.0
+#ifndef LIBKELM_KEY_FILE_H
+#define LIBKELM_KEY_FILE_H
+
+#include <string>
+
+#include "libkelm/bytes.h"
+
+namespace kelm
+{
+
+// A secret from a file, "-" for standard input. One line break at the end does not count.
+// `is_exposed` tells whether the file is open to other users. Throws error when the file cannot be
+// read, or is far too long for a key.
+bytes read_key_file(const std::string &path, bool &is_exposed);
+
+} // namespace kelm
+
+#endif

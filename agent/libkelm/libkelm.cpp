@@ -1,0 +1,461 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The C interface: a thin layer over the C++ one, which no exception leaves.
+#include "libkelm/libkelm.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "libkelm/client.h"
+#include "libkelm/error.h"
+#include "libkelm/frame.h"
+#include "libkelm/names.h"
+#include "libkelm/packet.h"
+
+namespace
+{
+
+// A report in the form that kelm_report points to.
+struct encoded_report {
+    uint16_t type;
+    kelm::bytes body;
+
+    kelm_report view() const { return {.type = type, .length = body.size(), .body = body.data()}; }
+};
+
+} // namespace
+
+struct kelm_client {
+    kelm::client client;
+    encoded_report event = {}; // what the caller looks at
+};
+
+struct kelm_dump {
+    std::vector<encoded_report> reports;
+    size_t next = 0;
+};
+
+namespace
+{
+
+thread_local char last_error[1024] = "nothing has failed";
+
+int fail(int number, const char *text) noexcept
+{
+    std::snprintf(last_error, sizeof last_error, "%s", text);
+    return number > 0 ? -number : -EIO;
+}
+
+template<typename Work>
+int guarded(Work work) noexcept
+{
+    try {
+        return work();
+    } catch (const kelm::error &problem) {
+        return fail(problem.number(), problem.what());
+    } catch (const std::bad_alloc &) {
+        return fail(ENOMEM, "out of memory");
+    } catch (const std::exception &problem) {
+        return fail(EIO, problem.what());
+    } catch (...) {
+        return fail(EIO, "an unknown failure");
+    }
+}
+
+int execute(kelm_client *client, const kelm::request &request)
+{
+    client->client.execute(request);
+    return 0;
+}
+
+kelm::byte_view view(const void *data, size_t length)
+{
+    return {static_cast<const uint8_t *>(data), length};
+}
+
+// A fixed body with whatever follows it.
+template<typename Body>
+kelm::bytes concatenate(const Body &body, kelm::byte_view rest = {})
+{
+    const kelm::byte_view front = view(&body, sizeof body);
+    kelm::bytes all(front.begin(), front.end());
+    all.insert(all.end(), rest.begin(), rest.end());
+    return all;
+}
+
+struct report_encoder {
+    encoded_report operator()(const kelm_msg_rx_stats &body) const
+    {
+        return {KELM_MSG_RX_STATS, concatenate(body)};
+    }
+    encoded_report operator()(const kelm_msg_tx_stats &body) const
+    {
+        return {KELM_MSG_TX_STATS, concatenate(body)};
+    }
+    encoded_report operator()(const kelm_msg_module_stats &body) const
+    {
+        return {KELM_MSG_MODULE_STATS, concatenate(body)};
+    }
+    encoded_report operator()(const kelm_msg_rx_sync &body) const
+    {
+        return {KELM_MSG_RX_SYNC, concatenate(body)};
+    }
+    encoded_report operator()(const kelm_msg_tx_sync &body) const
+    {
+        return {KELM_MSG_TX_SYNC, concatenate(body)};
+    }
+    encoded_report operator()(const kelm::packet_change &change) const
+    {
+        kelm_msg_rx_packet_change head = {};
+        head.header.discriminator = change.discriminator;
+        head.ifindex = change.ifindex;
+        head.member_ifindex = change.member_ifindex;
+        head.l3_offset = change.l3_offset;
+        head.bfd_offset = change.bfd_offset;
+        head.packet_len = static_cast<uint32_t>(change.frame.size());
+        return {KELM_MSG_RX_PACKET_CHANGE, concatenate(head, change.frame)};
+    }
+    encoded_report operator()(const kelm::session_failure &failure) const
+    {
+        const kelm_msg_header head = {failure.discriminator};
+        return {KELM_MSG_SESSION_FAILURE, concatenate(head, failure.rest)};
+    }
+    encoded_report operator()(const kelm::unknown_message &unknown) const
+    {
+        const bool is_known = unknown.type >= KELM_MSG_MIN && unknown.type < KELM_MSG_MAX;
+        return {is_known ? static_cast<uint16_t>(KELM_REPORT_MALFORMED) : unknown.type,
+                unknown.body};
+    }
+    encoded_report operator()(const kelm::overrun &) const { return {KELM_REPORT_LOST, {}}; }
+};
+
+int make_dump(const std::vector<kelm::report> &reports, kelm_dump **dump)
+{
+    auto made = std::make_unique<kelm_dump>();
+    for (const auto &report : reports)
+        made->reports.push_back(std::visit(report_encoder{}, report));
+    *dump = made.release();
+    return 0;
+}
+
+kelm::ip_address parse_address(const char *what, const char *text)
+{
+    const auto address = kelm::ip_address::parse(text == nullptr ? "" : text);
+    if (!address)
+        throw kelm::error(EINVAL, std::string(what) + " '" + (text == nullptr ? "" : text) +
+                                      "' is not an IPv4 or IPv6 address");
+    return *address;
+}
+
+kelm::mac_address parse_mac(const char *what, const char *text)
+{
+    const auto address = kelm::mac_address::parse(text == nullptr ? "" : text);
+    if (!address)
+        throw kelm::error(EINVAL, std::string(what) + " '" + (text == nullptr ? "" : text) +
+                                      "' is not an Ethernet address, as in 02:00:00:12:34:56");
+    return *address;
+}
+
+kelm::auth_settings auth_settings(uint8_t type, uint8_t key_id, const void *key, size_t length)
+{
+    const kelm::byte_view bytes = view(key, length);
+    return {.type = type, .key_id = key_id, .key = {bytes.begin(), bytes.end()}};
+}
+
+kelm::bfd_fields fields_of(const kelm_bfd &bfd)
+{
+    return {
+        .diag = bfd.diag,
+        .state = bfd.state,
+        .poll = (bfd.flags & BFD_FLAG_POLL) != 0,
+        .final = (bfd.flags & BFD_FLAG_FINAL) != 0,
+        .control_plane_independent = (bfd.flags & BFD_FLAG_CONTROL_PLANE_INDEPENDENT) != 0,
+        .demand_mode = (bfd.flags & BFD_FLAG_DEMAND_MODE) != 0,
+        .detect_multiplier = bfd.detect_multiplier,
+        .my_discriminator = bfd.my_discriminator,
+        .your_discriminator = bfd.your_discriminator,
+        .min_tx_interval = bfd.min_tx_interval,
+        .min_rx_interval = bfd.min_rx_interval,
+        .min_echo_rx_interval = bfd.min_echo_rx_interval,
+    };
+}
+
+uint8_t flags_of(const kelm::bfd_packet &packet)
+{
+    const kelm::bfd_fields &fields = packet.fields;
+    return static_cast<uint8_t>(
+        (fields.poll ? BFD_FLAG_POLL : 0) | (fields.final ? BFD_FLAG_FINAL : 0) |
+        (fields.control_plane_independent ? BFD_FLAG_CONTROL_PLANE_INDEPENDENT : 0) |
+        (packet.auth_present ? BFD_FLAG_AUTH_PRESENT : 0) |
+        (fields.demand_mode ? BFD_FLAG_DEMAND_MODE : 0) |
+        (packet.multipoint ? BFD_FLAG_MULTIPOINT : 0));
+}
+
+kelm_bfd to_c(const kelm::bfd_packet &packet)
+{
+    return {
+        .version = packet.version,
+        .diag = packet.fields.diag,
+        .state = packet.fields.state,
+        .flags = flags_of(packet),
+        .detect_multiplier = packet.fields.detect_multiplier,
+        .my_discriminator = packet.fields.my_discriminator,
+        .your_discriminator = packet.fields.your_discriminator,
+        .min_tx_interval = packet.fields.min_tx_interval,
+        .min_rx_interval = packet.fields.min_rx_interval,
+        .min_echo_rx_interval = packet.fields.min_echo_rx_interval,
+    };
+}
+
+void put_address(char (&into)[KELM_ADDRESS_ROOM], const kelm::ip_address &address)
+{
+    if (address.family != 0)
+        std::snprintf(into, sizeof into, "%s", address.text().c_str());
+}
+
+kelm_frame to_c(const kelm::frame_info &info)
+{
+    kelm_frame frame = {};
+    put_address(frame.source, info.source);
+    put_address(frame.destination, info.destination);
+    frame.ttl = info.ttl;
+    frame.source_port = info.source_port;
+    frame.destination_port = info.destination_port;
+    frame.bfd = to_c(info.bfd);
+    if (const auto &auth = info.bfd.auth) {
+        frame.auth_type = auth->type;
+        frame.auth_key_id = auth->key_id;
+        frame.auth_has_sequence = auth->sequence ? 1 : 0;
+        frame.auth_sequence = auth->sequence.value_or(0);
+    }
+    return frame;
+}
+
+const char *name_in(kelm::name_table table, uint32_t number)
+{
+    const auto found = std::ranges::find(table, number, &kelm::number_name::number);
+    return found == table.end() ? "?" : found->name.data(); // a literal, with its end
+}
+
+} // namespace
+
+const char *kelm_error_text()
+{
+    return last_error;
+}
+
+int kelm_client_open(const char *netns, kelm_client **client)
+{
+    return guarded([=] {
+        *client = new kelm_client{.client = kelm::client(netns == nullptr ? "" : netns)};
+        return 0;
+    });
+}
+
+void kelm_client_close(kelm_client *client)
+{
+    delete client;
+}
+
+int kelm_client_fd(const kelm_client *client)
+{
+    return client->client.fd();
+}
+
+int kelm_client_is_kernel(const kelm_client *client)
+{
+    return client->client.socket().is_kernel() ? 1 : 0;
+}
+
+void kelm_client_set_answer_timeout(kelm_client *client, unsigned int milliseconds)
+{
+    client->client.set_answer_timeout(kelm::milliseconds(milliseconds));
+}
+
+int kelm_client_set_packet(kelm_client *client, const struct kelm_msg_tx_set_packet *settings,
+                           const void *packet, size_t packet_len)
+{
+    return guarded(
+        [=] { return execute(client, kelm::set_packet(*settings, view(packet, packet_len))); });
+}
+
+int kelm_client_delete_packet(kelm_client *client, uint32_t discriminator)
+{
+    return guarded([=] { return execute(client, kelm::delete_packet(discriminator)); });
+}
+
+int kelm_client_set_session(kelm_client *client, const struct kelm_msg_rx_set_session *settings,
+                            const void *failure, size_t failure_len)
+{
+    return guarded([=] {
+        const kelm::bytes own = kelm::failure_message(settings->header.discriminator);
+        return execute(client, kelm::set_session(*settings, failure == nullptr
+                                                                ? kelm::byte_view(own)
+                                                                : view(failure, failure_len)));
+    });
+}
+
+int kelm_client_delete_session(kelm_client *client, uint32_t discriminator)
+{
+    return guarded([=] { return execute(client, kelm::delete_session(discriminator)); });
+}
+
+int kelm_client_tx_path_ready(kelm_client *client)
+{
+    return guarded([=] { return execute(client, kelm::tx_path_ready()); });
+}
+
+int kelm_client_sync_mark(kelm_client *client)
+{
+    return guarded([=] { return execute(client, kelm::sync(KELM_SYNC_MARK)); });
+}
+
+int kelm_client_sync_sweep(kelm_client *client)
+{
+    return guarded([=] { return execute(client, kelm::sync(KELM_SYNC_SWEEP)); });
+}
+
+int kelm_client_set_debug_level(kelm_client *client, uint32_t discriminator, uint16_t level,
+                                uint32_t flags)
+{
+    return guarded(
+        [=] { return execute(client, kelm::set_debug_level(discriminator, level, flags)); });
+}
+
+int kelm_client_set_stats_interval(kelm_client *client, uint16_t seconds)
+{
+    return guarded([=] { return execute(client, kelm::set_stats_interval(seconds)); });
+}
+
+int kelm_client_subscribe(kelm_client *client, uint32_t mask)
+{
+    return guarded([=] {
+        client->client.subscribe(mask);
+        return 0;
+    });
+}
+
+int kelm_client_next_event(kelm_client *client, unsigned int timeout_milliseconds,
+                           struct kelm_report *event)
+{
+    return guarded([=] {
+        const auto next = client->client.next_event(kelm::milliseconds(timeout_milliseconds));
+        if (!next)
+            return 0;
+        client->event = std::visit(report_encoder{}, *next);
+        *event = client->event.view();
+        return 1;
+    });
+}
+
+int kelm_client_sync_dump(kelm_client *client, kelm_dump **dump)
+{
+    return guarded([=] { return make_dump(client->client.dump(kelm::sync(0)), dump); });
+}
+
+int kelm_client_statistics(kelm_client *client, uint32_t discriminator, uint32_t flags,
+                           kelm_dump **dump)
+{
+    return guarded(
+        [=] { return make_dump(client->client.statistics(discriminator, flags), dump); });
+}
+
+int kelm_dump_next(kelm_dump *dump, struct kelm_report *report)
+{
+    if (dump->next == dump->reports.size())
+        return 0;
+    *report = dump->reports[dump->next++].view();
+    return 1;
+}
+
+void kelm_dump_free(kelm_dump *dump)
+{
+    delete dump;
+}
+
+void kelm_packet_init(struct kelm_packet *packet)
+{
+    const kelm::packet_settings defaults;
+    *packet = {};
+    packet->destination_port = defaults.destination_port;
+    packet->ttl = defaults.ttl;
+    packet->traffic_class = defaults.traffic_class;
+    kelm::bfd_packet bfd;
+    bfd.version = BFD_VERSION;
+    bfd.fields = defaults.bfd;
+    packet->bfd = to_c(bfd);
+}
+
+int kelm_build_packet(const struct kelm_packet *packet, struct kelm_msg_tx_set_packet *settings,
+                      void *buffer, size_t room)
+{
+    return guarded([=] {
+        kelm::packet_settings wanted;
+        wanted.source = parse_address("source", packet->source);
+        wanted.destination = parse_address("destination", packet->destination);
+        wanted.source_port = packet->source_port;
+        wanted.destination_port = packet->destination_port;
+        wanted.ttl = packet->ttl;
+        wanted.traffic_class = packet->traffic_class;
+        if (packet->ethernet_destination != nullptr)
+            wanted.ethernet = {.destination =
+                                   parse_mac("destination", packet->ethernet_destination),
+                               .source = parse_mac("source", packet->ethernet_source)};
+        wanted.bfd = fields_of(packet->bfd);
+        wanted.auth =
+            auth_settings(packet->auth_type, packet->key_id, packet->key, packet->key_length);
+
+        const kelm::built_packet built = kelm::build_packet(wanted);
+        if (built.packet.size() > room)
+            throw kelm::error(EMSGSIZE, "the packet has " + std::to_string(built.packet.size()) +
+                                            " bytes, and there is room for " +
+                                            std::to_string(room));
+        built.apply_to(*settings, packet->auth_type);
+        std::ranges::copy(built.packet, static_cast<uint8_t *>(buffer));
+        return static_cast<int>(built.packet.size());
+    });
+}
+
+int kelm_build_key(uint8_t auth_type, uint8_t key_id, const void *key, size_t key_length,
+                   struct kelm_bfd_auth_key *slot)
+{
+    return guarded([=] {
+        *slot = kelm::key_slot(auth_settings(auth_type, key_id, key, key_length));
+        return 0;
+    });
+}
+
+int kelm_decode_frame(const struct kelm_report *report, struct kelm_frame *frame)
+{
+    return guarded([=] {
+        if (report->type != KELM_MSG_RX_PACKET_CHANGE)
+            throw kelm::error(EINVAL, "a report of type " + std::to_string(report->type) +
+                                          " holds no frame");
+        const auto parsed = kelm::parse_report({.header = {.nlmsg_len = 0,
+                                                           .nlmsg_type = report->type,
+                                                           .nlmsg_flags = 0,
+                                                           .nlmsg_seq = 0,
+                                                           .nlmsg_pid = 0},
+                                                .body = view(report->body, report->length)});
+        const auto *change = std::get_if<kelm::packet_change>(&parsed);
+        const auto info = change == nullptr ? std::nullopt : kelm::decode_frame(*change);
+        if (!info)
+            throw kelm::error(EBADMSG, "the frame holds no BFD packet");
+        *frame = to_c(*info);
+        return 0;
+    });
+}
+
+const char *kelm_state_name(uint8_t state)
+{
+    return name_in(kelm::state_names, state);
+}
+
+const char *kelm_diagnostic_name(uint8_t diagnostic)
+{
+    return name_in(kelm::diagnostic_names, diagnostic);
+}
