@@ -5,25 +5,32 @@
 BUILD  ?= build
 JOBS   ?= $(shell nproc)
 PREFIX ?= /usr/local
+KERNEL ?= $(shell uname -r)
 
 asan = address,undefined
 
-# $(call build,<directory>,<sanitizers>,<test labels>)
+# $(call build,<directory>,<sanitizers>,<test labels>[,<targets>])
 build = cmake -G Ninja -S . -B $(1) -DKELM_SANITIZE=$(2) -DKELM_TESTS="$(3)" --log-level=WARNING \
-        && cmake --build $(1) -j $(JOBS)
+        && cmake --build $(1) -j $(JOBS) $(if $(4),--target $(4))
 say = @printf '\n==> %s\n' "$(1)"
+version = $(shell sed -n 's/^project(kelm VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 sources = $(shell git ls-files '*.h' '*.c' '*.cpp')
 
-.PHONY: help all demo test bench install clean tidy format format-check
+.PHONY: help all demo module test vm-kernels vm-test vm-test-debug bench install install-module deb clean tidy format format-check
 
 help:
 	@echo 'kelm: BFD offload. Targets, on Debian 12, as root where packages are missing:'
 	@echo
 	@echo '  make all           build kelmd, kelmctl and the libraries into $(BUILD)/'
+	@echo '  make module        build kelm.ko for the kernel KDIR (see scripts/build-module --help)'
 	@echo '  make demo          see it work: a session between two namespaces, the link is cut'
-	@echo '  make test          all tests: unit, end to end, soak, checks of the tree'
+	@echo '  make test          all tests: unit, end to end on kelmd and kelm.ko, soak, checks'
+	@echo '  make vm-test       only those of kelm.ko, on Debian kernels in virtual machines'
+	@echo '  make vm-test-debug the same on a kernel for debugging, which is built first'
 	@echo '  make bench         measure; prints, judges nothing'
 	@echo '  make install       install into PREFIX ($(PREFIX)), below DESTDIR'
+	@echo "  make install-module  install kelm.ko by DKMS for KERNEL, to be loaded at boot"
+	@echo '  make deb           build the Debian packages into $(BUILD)/deb/'
 	@echo '  make tidy          clang-tidy over all sources'
 	@echo '  make format        reformat the sources; make format-check only looks'
 	@echo '  make clean         remove $(BUILD)/'
@@ -32,22 +39,42 @@ all:
 	$(call say,packages for building)
 	@scripts/install-deps build
 	$(call say,release build in $(BUILD)/)
-	@$(call build,$(BUILD),,e2e;soak;check)
+	@$(call build,$(BUILD),,e2e;soak;check;vm)
 
 demo: all
 	@scripts/install-deps demo
 	$(call say,demo)
-	@scripts/demo $(BUILD)
+	@scripts/demo $(BUILD) $(HOST)
 
-test: all
+module:
+	$(call say,packages for building the module)
+	@scripts/install-deps module
+	$(call say,kelm.ko)
+	@scripts/build-module $(if $(KDIR),--kernel $(KDIR))
+
+test: all vm-kernels
 	$(call say,packages for the tests)
 	@scripts/install-deps test
 	$(call say,address and undefined-behaviour sanitizer build in $(BUILD)/asan/)
 	@$(call build,$(BUILD)/asan,$(asan),unit;e2e)
 	$(call say,thread sanitizer build in $(BUILD)/tsan/)
-	@$(call build,$(BUILD)/tsan,thread,e2e)
+	@$(call build,$(BUILD)/tsan,thread,e2e,kelmd kelmctl)
 	$(call say,tests)
-	@ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
+	@ctest --test-dir $(BUILD) -j $$(($(JOBS) + 1)) --output-on-failure # virtual machines often wait
+
+vm_kernels = 6.1 6.12
+
+vm-kernels:
+	$(call say,kernels for the virtual machines: $(vm_kernels))
+	@set -e; for kernel in $(vm_kernels); do scripts/vm-kernel $$kernel; done
+
+vm-test: all vm-kernels
+	@set -e; for kernel in $(vm_kernels); do KELM_BUILD=$(BUILD) tests/vm/run $$kernel; done
+
+vm-test-debug: all
+	$(call say,kernel for debugging)
+	@scripts/vm-kernel debug
+	@KELM_BUILD=$(BUILD) tests/vm/run debug
 
 bench: all
 	@scripts/install-deps bench
@@ -56,6 +83,20 @@ bench: all
 
 install: all
 	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+install-module: all
+	$(call say,kelm.ko for $(KERNEL) by DKMS)
+	@scripts/install-deps module dkms
+	@if dkms status kelm/$(version) | grep -q .; then dkms remove kelm/$(version) --all; fi
+	@cmake --install $(BUILD) --component dkms --prefix /usr
+	@dkms install kelm/$(version) -k $(KERNEL)
+	@echo 'Loaded at boot from now on; at once: modprobe kelm. See kelm(4).'
+
+deb:
+	$(call say,packages for building packages)
+	@scripts/install-deps build deb
+	$(call say,Debian packages in $(BUILD)/deb/)
+	@scripts/build-deb --output $(BUILD)/deb
 
 tidy: all
 	@scripts/install-deps test
