@@ -7,17 +7,19 @@ import pytest
 from lib import protocol
 from lib.agent import KERNEL, Agent
 from lib.host import Host
+from lib.kernel import KernelLog
 from lib.topology import Namespaces
 
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "kelmd: about kelmd itself; left out on another host")
+    config.addinivalue_line("markers", "kernel: about the kernel as host; left out on another")
 
 
 def pytest_collection_modifyitems(config, items):
-    if KERNEL:
-        config.hook.pytest_deselected([i for i in items if i.get_closest_marker("kelmd")])
-        items[:] = [item for item in items if not item.get_closest_marker("kelmd")]
+    elsewhere = "kelmd" if KERNEL else "kernel"
+    config.hook.pytest_deselected(items=[i for i in items if i.get_closest_marker(elsewhere)])
+    items[:] = [item for item in items if not item.get_closest_marker(elsewhere)]
 
 
 @pytest.fixture(scope="module")
@@ -43,6 +45,16 @@ def fresh_host():
 
 
 @pytest.fixture
+def unloaded_host(host):
+    """The module's host, not loaded; it is again afterwards, as others expect it."""
+    host.unload()
+    yield host
+    if host.loaded():
+        host.unload()
+    host.load()
+
+
+@pytest.fixture
 def namespaces(host):
     namespaces = Namespaces(host)
     yield namespaces
@@ -50,8 +62,11 @@ def namespaces(host):
 
 
 @pytest.fixture
-def link(namespaces):
-    """Namespaces of this test alone, with a veth between them: kelm's near end, a peer's far."""
+def link(namespaces, request):
+    """Namespaces of this test alone, with a veth between them: kelm's near end, and a peer's far one,
+    or kelm's too where the file says so."""
+    if getattr(request.module, "BOTH_ENDS_ARE_KELMS", False):
+        return namespaces.link(namespaces.add(), namespaces.add())
     return namespaces.link()
 
 
@@ -68,3 +83,11 @@ def nothing_left_behind():
     yield
     if not KERNEL:
         assert os.listdir("/run/netns") == []
+
+
+@pytest.fixture(autouse=KERNEL)
+def kernel_log():
+    """What the kernel says during a test; it must not complain, whatever the test is about."""
+    with KernelLog() as log:
+        yield log
+        log.check()

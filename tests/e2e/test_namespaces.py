@@ -2,7 +2,6 @@
 """Namespaces come and go, with sessions, dumps and agents in them."""
 
 import contextlib
-import socket
 import struct
 import subprocess
 
@@ -10,34 +9,16 @@ import pytest
 
 from lib import wait_until
 from lib import protocol as p
-from lib.agent import Agent
-from lib.bfd import Bfd
-from lib.topology import in_namespace, ip
-
-
-def exists(link):
-    """Whether the near namespace still does: the far end of its link goes with it."""
-    with in_namespace(link.far_ns):
-        return link.name in (name for _, name in socket.if_nameindex())
+from lib.agent import Agent, start_session
+from lib.netns import in_namespace
 
 
 def wait_gone(link):
-    wait_until(lambda: not exists(link), "end of the namespace")
-
-
-def configure(link, disc=7):
-    """A packet and a session that are never idle."""
-    with Agent(link.near_ns) as agent:
-        agent.request(p.TX_PATH_READY, p.tx_path_ready())
-        packet = link.packet(Bfd(my_disc=disc).pack())
-        agent.request(p.TX_SET_PACKET, p.tx_set_packet(disc, packet, period=5_000,
-                                                       latch_period=5_000))
-        agent.request(p.RX_SET_SESSION, p.rx_set_session(
-            disc, flags=p.TIMER_ACTIVE, period=10_000, latch=(disc,)))
+    wait_until(lambda: not link.exists(), "end of the namespace")
 
 
 def test_a_namespace_goes_while_its_sessions_run(link, namespaces):
-    configure(link)
+    start_session(link)
     link.receive(7)
     namespaces.delete(link.near_ns)
     wait_gone(link)
@@ -45,7 +26,7 @@ def test_a_namespace_goes_while_its_sessions_run(link, namespaces):
 
 @pytest.mark.parametrize("holder", ["process", "agent", "dump"])
 def test_a_namespace_lives_as_long_as_somebody_is_in_it(link, namespaces, holder):
-    configure(link)
+    start_session(link)
     with contextlib.ExitStack() as stack:
         if holder == "process":
             with in_namespace(link.near_ns):
@@ -60,14 +41,14 @@ def test_a_namespace_lives_as_long_as_somebody_is_in_it(link, namespaces, holder
                 agent.start_dump(p.GET_STATS, p.get_stats(flags=p.STATS_ALL_VRFS))
         namespaces.delete(link.near_ns)
         link.collect(100, 7)
-        assert exists(link)
+        assert link.exists()
     wait_gone(link)
 
 
 def test_a_latch_link_to_a_namespace_that_goes(link, namespaces):
     """A session may hold a packet of another namespace; the packet's end must not hurt it."""
     other = namespaces.link(n=1)
-    configure(link)
+    start_session(link)
     with Agent(other.near_ns, groups=[p.NOTIFICATION]) as agent:
         agent.request(p.RX_SET_SESSION, p.rx_set_session(9, latch=(7,)))
         namespaces.delete(link.near_ns)
@@ -121,8 +102,7 @@ def test_a_second_name_is_not_a_second_namespace(host, namespaces):
     namespaces.add()  # when it has been seen, so has what came before it
     assert vrfs() == 3
     # The namespace stays while one of its names does.
-    ip("netns", "delete", name)
-    namespaces.names.remove(name)
+    namespaces.delete(name)
     with Agent("alias") as agent:
         agent.request(p.RX_SET_SESSION, p.rx_set_session(1))
     assert vrfs() == 3

@@ -15,7 +15,7 @@ from lib import PATIENCE, wait_until
 from lib import protocol as p
 from lib.agent import KERNEL, Agent, in_child
 from lib.protocol import KelmError
-from lib.topology import enter, unshare_user
+from lib.netns import enter, unshare_user
 
 NOBODY = 65534
 
@@ -152,7 +152,6 @@ def test_a_program_with_more_privilege_lends_none(host, link):
         assert root.stats() == []
 
 
-@pytest.mark.kelmd
 @pytest.mark.parametrize("opener_lives", [True, False])
 def test_the_opener_counts(link, opener_lives):
     """Nor does root, by sending on somebody else's socket, lend its privilege to it."""

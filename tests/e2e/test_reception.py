@@ -9,7 +9,7 @@ import pytest
 from lib import bfd
 from lib import protocol as p
 from lib.bfd import Bfd
-from lib.topology import in_namespace
+from lib.netns import in_namespace
 
 SECRET = b"a secret of 20 bytes"
 MARK = Bfd(your_disc=0xFFFF, flags=bfd.POLL)  # for no session: always passed up

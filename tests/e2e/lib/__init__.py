@@ -12,11 +12,13 @@ PATIENCE = 20.0
 
 
 def wait_until(condition, what, timeout=PATIENCE, poll=0.01):
-    """Returns the condition's first true value; the test fails if there is none in time."""
+    """Returns the condition's first true value; the test fails if there is none in time. `what` is
+    a text, or a function that makes one then."""
     deadline = time.monotonic() + timeout
     while True:
         value = condition()
         if value:
             return value
-        assert time.monotonic() < deadline, f"no {what} within {timeout} s"
+        assert time.monotonic() < deadline, \
+            f"no {what() if callable(what) else what} within {timeout} s"
         time.sleep(poll)

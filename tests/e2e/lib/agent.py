@@ -9,8 +9,9 @@ import struct
 import time
 
 from . import PATIENCE, protocol
+from .bfd import Bfd
 from .protocol import KelmError
-from .topology import in_namespace
+from .netns import in_namespace
 
 KERNEL = os.environ.get("KELM_HOST", "kelmd") == "kernel"
 UNIT = 31
@@ -51,7 +52,7 @@ class Agent:
         """Takes a port id and groups; afterwards pid and groups are what was granted."""
         mask = sum(1 << group - 1 for group in groups)
         if KERNEL:
-            self.sock.bind((pid or self.pid, mask))
+            self.sock.bind((pid or self.sock.getsockname()[0], mask))
             self.pid, mask = self.sock.getsockname()
         else:
             self.sock.send(struct.pack("=HHII", socket.AF_NETLINK, 0, pid, mask))
@@ -166,6 +167,17 @@ class Agent:
             if is_last(msg):
                 return events
             events.append(msg)
+
+
+def start_session(link, disc=7):
+    """A packet and a session at the near end that are never idle."""
+    with Agent(link.near_ns) as agent:
+        agent.request(protocol.TX_PATH_READY, protocol.tx_path_ready())
+        agent.request(protocol.TX_SET_PACKET, protocol.tx_set_packet(
+            disc, link.packet(Bfd(my_disc=disc).pack()), period=5_000, latch_period=5_000))
+        agent.request(protocol.RX_SET_SESSION, protocol.rx_set_session(
+            disc, flags=protocol.TIMER_ACTIVE, period=10_000, latch=(disc,),
+            failure=protocol.failure_message(disc)))
 
 
 def in_child(become, action):

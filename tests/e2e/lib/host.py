@@ -77,19 +77,34 @@ class Module:
     PATH = os.environ.get("KELM_MODULE", "kelm.ko")
 
     def __init__(self):
-        if not os.path.isdir("/sys/module/kelm"):
-            subprocess.run(["insmod", self.PATH], check=True)
+        if not self.loaded():
+            self.load()
+
+    @staticmethod
+    def loaded():
+        return os.path.isdir("/sys/module/kelm")
+
+    def load(self, path=PATH, **parameters):
+        subprocess.run(["insmod", path, *(f"{k}={v}" for k, v in parameters.items())], check=True)
+
+    def unload(self):
+        subprocess.run(["rmmod", "-f", "kelm"], check=True)
 
     def wait_for_vrf(self, namespace):
         with Agent(namespace):
             pass
 
     def check(self):
-        assert os.path.isdir("/sys/module/kelm")
+        assert self.loaded()
 
     def close(self):
         """The log is searched by whoever loaded the module first."""
-        subprocess.run(["rmmod", "-f", "kelm"], check=True)
+        self.unload()
 
 
 Host = Module if KERNEL else Kelmd
+
+
+def serving(namespace):
+    """A host that serves this namespace, and none where another BFD speaker runs already."""
+    return Module() if KERNEL else Kelmd("--netns", namespace)

@@ -2,56 +2,27 @@
 """Network namespaces, the links between them, and what is on the wire."""
 
 import contextlib
-import ctypes
 import itertools
 import socket
 import struct
 import subprocess
 import time
 
-from . import PATIENCE, bfd
+from . import PATIENCE, bfd, netns, rtnetlink
+from .netns import in_namespace
 
-_libc = ctypes.CDLL(None, use_errno=True)
-_CLONE_NEWNET = 0x40000000
-_CLONE_NEWUSER = 0x10000000
 _SO_TIMESTAMPNS = 35
 _ETH_P_ALL = 3
 _PACKET_OUTGOING = 4
 
 
-@contextlib.contextmanager
-def in_namespace(name):
-    """Sockets and children made inside belong to the namespace; None is the one we are in."""
-    if name is None:
-        yield
-        return
-    with open("/proc/self/ns/net") as home, open(f"/run/netns/{name}") as there:
-        _setns(there)
-        try:
-            yield
-        finally:
-            _setns(home)
-
-
-def enter(name):
-    """Enters the namespace for good: for a child process."""
-    with open(f"/run/netns/{name}") as there:
-        _setns(there)
-
-
-def unshare_user():
-    """Enters a user namespace of one's own, and has every capability there, for good."""
-    if _libc.unshare(_CLONE_NEWUSER) != 0:
-        raise OSError(ctypes.get_errno(), "unshare")
-
-
-def _setns(file):
-    if _libc.setns(file.fileno(), _CLONE_NEWNET) != 0:
-        raise OSError(ctypes.get_errno(), "setns")
-
-
 def ip(*arguments):
     subprocess.run(["ip", *map(str, arguments)], check=True)
+
+
+def ip_batch(namespace, commands):
+    """Several at once, a line each."""
+    subprocess.run(["ip", "-n", namespace, "-batch", "-"], input=commands, text=True, check=True)
 
 
 class Wire:
@@ -119,25 +90,30 @@ class Link:
         self.near4, self.far4 = f"10.0.{n}.1", f"10.0.{n}.2"
         self.near6, self.far6 = f"fd00:{n + 1}::1", f"fd00:{n + 1}::2"
         self.near_mac, self.far_mac = f"02:00:00:00:0{n}:01", f"02:00:00:00:0{n}:02"
-        ip("link", "add", self.name, "netns", near, "address", self.near_mac, "type", "veth",
-           "peer", "name", self.name, "netns", far, "address", self.far_mac)
-        self.near_ifindex = self._set_up(near, self.near4, self.near6, self.far4, self.far6,
-                                         self.far_mac)
-        self._set_up(far, self.far4, self.far6, self.near4, self.near6, self.near_mac)
+        rtnetlink.add_veth(self.name, (near, self.near_mac), (far, self.far_mac))
+        self.near_ifindex = self.set_up_near()
+        self.set_up_far()
         self.wire = Wire(far, self.name)
 
-    def _set_up(self, ns, own4, own6, peer4, peer6, peer_mac):
+    def set_up_near(self):
+        """For the near interface as it is when new, or after changes; returns its index."""
+        return self._set_up(self.near_ns, (self.near4, self.near6), (self.far4, self.far6),
+                            self.far_mac)
+
+    def set_up_far(self):
+        return self._set_up(self.far_ns, (self.far4, self.far6), (self.near4, self.near6),
+                            self.near_mac)
+
+    def _set_up(self, namespace, own, peers, peer_mac):
         """Addresses and neighbours that are known, so that no test waits for their discovery."""
-        commands = f"""
-            link set {self.name} addrgenmode none
-            address add {own4}/24 dev {self.name}
-            address add {own6}/64 dev {self.name} nodad
-            link set {self.name} up
-            neigh add {peer4} lladdr {peer_mac} nud permanent dev {self.name}
-            neigh add {peer6} lladdr {peer_mac} nud permanent dev {self.name}"""
-        subprocess.run(["ip", "-n", ns, "-batch", "-"], input=commands, text=True, check=True)
-        with in_namespace(ns):
-            return socket.if_nametoindex(self.name)
+        where = namespace, self.name
+        rtnetlink.no_addresses_of_its_own(*where)
+        for address, prefix in zip(own, (24, 64)):
+            rtnetlink.replace_address(*where, address, prefix)
+        rtnetlink.set_link(*where, True)
+        for peer in peers:
+            rtnetlink.replace_neighbour(*where, peer, peer_mac)
+        return rtnetlink.ifindex(*where)
 
     def close(self):
         self.wire.close()
@@ -171,14 +147,20 @@ class Link:
     def _from(self, my_disc):
         return lambda f: f.src in (self.near4, self.near6) and my_disc in (None, f.bfd.my_disc)
 
-    def set(self, state, side="near"):
-        ip("-n", self.near_ns if side == "near" else self.far_ns, "link", "set", self.name, state)
+    def exists(self):
+        """Whether the near namespace still does: the far end goes with it."""
+        with in_namespace(self.far_ns):
+            return self.name in (name for _, name in socket.if_nameindex())
 
-    def lose(self, version=4):
-        """Packets to the far side get lost from now on, those from it do not."""
-        _, far = self.addresses(version)
-        ip("-n", self.near_ns, "neigh", "replace", far, "lladdr", "02:00:00:00:ff:ff", "nud",
-           "permanent", "dev", self.name)
+    def set(self, state, side="near"):
+        """Up or down."""
+        rtnetlink.set_link(self.near_ns if side == "near" else self.far_ns, self.name, state == "up")
+
+    def lose(self, version=4, side="near"):
+        """Packets from this side get lost from now on, those to it do not."""
+        near, far = self.addresses(version)
+        namespace, peer = (self.near_ns, far) if side == "near" else (self.far_ns, near)
+        rtnetlink.replace_neighbour(namespace, self.name, peer, "02:00:00:00:ff:ff")
 
 
 class Namespaces:
@@ -189,17 +171,19 @@ class Namespaces:
     def __init__(self, host):
         self.host, self.names, self.links = host, [], []
 
-    def add(self, wait=True):
-        name = f"kelm-e2e-{next(self._numbers)}"
-        ip("netns", "add", name)
+    def add(self, name=None, wait=True, up=True):
+        """Returns its name; waits for kelm to serve it."""
+        name = name or f"kelm-e2e-{next(self._numbers)}"
+        netns.add(name)
         self.names.append(name)
-        ip("-n", name, "link", "set", "lo", "up")
+        if up:
+            rtnetlink.set_link(name, "lo", True)
         if wait:
             self.host.wait_for_vrf(name)
         return name
 
     def delete(self, name):
-        ip("netns", "delete", name)
+        netns.delete(name)
         self.names.remove(name)
 
     def link(self, near=None, far=None, n=0):

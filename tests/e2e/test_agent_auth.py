@@ -1,0 +1,159 @@
+# SPDX-License-Identifier: GPL-2.0
+"""kelm-agent with authentication: every type, wrong keys, keys that change, sequence numbers.
+
+Sessions of all the types run side by side, each on a link of its own."""
+
+import contextlib
+import pathlib
+import tempfile
+
+import pytest
+
+from lib import bfd, wait_until
+from lib import protocol as p
+from lib.agent import Agent
+from lib.kelm_agent import KelmAgent
+from lib.topology import Wire
+
+DIGESTS = ["keyed-md5", "meticulous-md5", "keyed-sha1", "meticulous-sha1"]
+SECRETS = {1: b"first secret", 2: b"second secret"}
+
+
+class Pair:
+    """Two agents with a session of each type between them, called like its type."""
+
+    def __init__(self, namespaces, types):
+        near, far = namespaces.add(), namespaces.add()
+        self.links = {type: namespaces.link(near, far, n) for n, type in enumerate(types)}
+        self._directory = tempfile.TemporaryDirectory()
+        for key_id in SECRETS:
+            self.write_key(key_id)
+        self.near, self.far = KelmAgent([]), KelmAgent([])
+
+    def key_file(self, key_id):
+        return pathlib.Path(self._directory.name, f"key{key_id}")
+
+    def write_key(self, key_id, secret=None):
+        self.key_file(key_id).touch(mode=0o600)
+        self.key_file(key_id).write_bytes((secret or SECRETS[key_id]) + b"\n")
+
+    def configure(self, side, keys=(1,), **auth):
+        """One side: its agent takes these keys for all sessions."""
+        files = [{"id": each, "file": str(self.key_file(each))} for each in keys]
+        sessions = []
+        for type, link in self.links.items():
+            near, far = link.addresses(4)
+            local, peer = (near, far) if side == "near" else (far, near)
+            table = {"type": type, **auth, **({} if type == "debug-seqnum" else {"keys": files})}
+            sessions.append({"name": type, "namespace": getattr(link, f"{side}_ns"),
+                             "interface": link.name, "local": local, "peer": peer,
+                             "min_tx": "50ms", "min_rx": "50ms", "multiplier": 5, "auth": table})
+        getattr(self, side).reload(sessions)
+
+    def wait_for_change(self, state, since=0):
+        for type in self.links:
+            self.near.wait_for_change(state, type, since)
+
+    def up(self):
+        for side in ("near", "far"):
+            self.configure(side)
+        for type in self.links:
+            for agent in (self.near, self.far):
+                agent.wait_for_change("up", type)
+
+    def close(self):
+        self.near.close()
+        self.far.close()
+        self._directory.cleanup()
+
+
+@pytest.fixture
+def pair(namespaces, request):
+    pair = Pair(namespaces, request.param)
+    yield pair
+    pair.close()
+
+
+def with_types(*types):
+    return pytest.mark.parametrize("pair", [types], indirect=True, ids=["all"])
+
+
+@with_types("password", *DIGESTS, "debug-seqnum")
+def test_wrong_and_right_keys(pair):
+    pair.configure("near")
+    pair.write_key(1, b"wrong secret")
+    pair.configure("far")
+    pair.far.wait_for_change("up", "debug-seqnum")
+    for type, link in pair.links.items():
+        wait_until(lambda: pair.far.show(type)["sent"]["packets"] >= 3, "three packets")
+        link.wire.collect(3, lambda f: f.src == link.near4)
+    for agent in (pair.near, pair.far):
+        assert {s["session"] for s in agent.ask("show")["sessions"] if s["state"] == "up"} == \
+            {"debug-seqnum"}
+    pair.write_key(1)
+    pair.up()
+    for type, link in pair.links.items():
+        frame = link.wire.receive(lambda f: f.bfd.state == bfd.UP)
+        assert type not in DIGESTS or bfd.correctly_signed(frame.payload, SECRETS[1])
+        assert pair.near.show(type)["auth"]["type"] == type
+    assert SECRETS[1].decode() not in str(pair.near.ask("show")) + pair.near.text()
+
+
+@with_types("password", "meticulous-sha1")
+def test_key_rollover(pair):
+    """Both ends accept the new key, then both send it, then both drop the old one."""
+    pair.up()
+    for keys, send in (((1, 2), 1), ((1, 2), 2), ((2,), 2)):
+        for side in ("near", "far"):
+            pair.configure(side, keys, send=send)
+            for type, link in pair.links.items():
+                link.wire.drain()
+                if side == "near":
+                    assert link.wire.receive(lambda f: f.bfd.auth[2] == send)
+                agent = getattr(pair, side)
+                wait_until(lambda: agent.show(type)["auth"]["sent_key"] == send, "the new key")
+    for agent in (pair.near, pair.far):
+        assert [s["changes"]["down_count"] for s in agent.ask("show")["sessions"]] == [0, 0]
+
+
+@with_types("keyed-md5", "meticulous-md5")
+def test_a_peer_that_begins_anew(pair):
+    """Its sequence numbers begin anew too, and are believed after a while of silence."""
+    pair.up()
+    before = {}
+    for type, link in pair.links.items():
+        wait_until(lambda: pair.near.show(type)["received"]["packets"] > 20,
+                   "a sequence number above 20")
+        link.wire.drain()
+        before[type] = bfd.seq_of(link.receive().payload)
+    pair.far.kill()
+    (pair.far.directory / "state.json").unlink()
+    with Agent(link.far_ns) as admin:
+        for disc in {entry.disc for entry in admin.dump(p.SYNC, p.sync())}:
+            for delete in (p.TX_DELETE_PACKET, p.RX_DELETE_SESSION):
+                admin.request(delete, disc.to_bytes(4, "little"))
+    pair.wait_for_change("down")
+    since = len(pair.near.log())
+    pair.far.start()
+    pair.wait_for_change("up", since)
+    for type, link in pair.links.items():
+        link.wire.drain()
+        assert bfd.seq_of(link.receive().payload) >= before[type], "our own sequence goes on"
+
+
+
+@with_types("meticulous-sha1")
+def test_an_old_packet_is_not_believed_after_a_restart(pair):
+    """One from before the session came up, say, by which the peer had lost us."""
+    ((type, link),) = pair.links.items()
+    with contextlib.closing(Wire(link.near_ns, link.name)) as wire:
+        pair.configure("far")
+        old = wire.receive(lambda f: f.src == link.far4 and f.bfd.your_disc == 0)
+    pair.up()
+    wait_until(lambda: pair.near.show(type)["timing"]["detection_time"] == 250_000, "negotiation")
+    pair.near.kill()
+    pair.near.start()
+    pair.near.wait_for(lambda line: "goes on up" in line["message"], "'goes on up'")
+    link.wire.send(old.raw)
+    pair.near.ctl(f"down {type}")  # by then the packet has been looked at
+    assert pair.near.changes() == [("up", "admin-down")]

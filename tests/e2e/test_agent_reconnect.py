@@ -1,0 +1,39 @@
+# SPDX-License-Identifier: GPL-2.0
+"""kelm-agent when kelmd ends and another one begins."""
+
+import contextlib
+
+import pytest
+
+from lib.host import Kelmd
+from lib.kelm_agent import KelmAgent
+from lib.topology import Namespaces
+
+
+def end(link, side):
+    near, far = link.addresses(4)
+    local, peer = (near, far) if side == "near" else (far, near)
+    return {"name": "s", "namespace": getattr(link, f"{side}_ns"), "local": local, "peer": peer,
+            "interface": link.name, "min_tx": "50ms", "min_rx": "50ms"}
+
+
+@pytest.mark.kelmd
+def test_kelm_begins_anew(fresh_host):
+    """The sessions go down, say why, and come up again."""
+    with contextlib.ExitStack() as cleanup:
+        namespaces = Namespaces(fresh_host)
+        cleanup.callback(namespaces.close)
+        link = namespaces.link(namespaces.add(), namespaces.add())
+        near, far = (KelmAgent([end(link, side)]) for side in ("near", "far"))
+        for agent in (near, far):
+            cleanup.callback(agent.close)
+            agent.wait_for_change("up")
+        fresh_host.stop()
+        for agent in (near, far):
+            agent.wait_for_change("down")
+        again = Kelmd()
+        cleanup.callback(again.close)
+        for agent in (near, far):
+            agent.wait_for_state("up")
+            first = next(h for h in agent.ctl("history s") if h["previous_state"] == "up")
+            assert (first["diagnostic"], first["reason"]) == ("forwarding plane reset", "kelm is gone")

@@ -1,0 +1,86 @@
+# SPDX-License-Identifier: GPL-2.0
+"""The examples do what the tutorial says of them: a session between two of the small agents."""
+
+import os
+import signal
+
+from lib import PATIENCE, bfd, wait_until
+from lib import protocol as p
+from lib.agent import Agent
+from lib.bfd import Bfd
+from lib.host import BUILD
+from lib.program import Program
+
+EXAMPLES = os.path.join(BUILD, "bin", "examples")
+
+
+def agent(namespace, *arguments):
+    return Program("ip", "netns", "exec", namespace, os.path.join(EXAMPLES, "agent"), *arguments)
+
+
+def test_a_session_through_its_life(namespaces):
+    link = namespaces.link(namespaces.add(), namespaces.add())
+    near, far = link.addresses(4)
+    near_agent = (link.near_ns, near, far, 5, 300)
+    with Program(os.path.join(EXAMPLES, "watch"), link.near_ns) as watch, \
+            agent(link.far_ns, far, near, 6, 300) as peer:
+        with agent(*near_agent) as first:
+            first.expect("up, diagnostic none")
+            peer.expect("up, diagnostic none")
+            watch.expect(f"session 5: {far} says up")
+            first.stop(signal.SIGKILL, -signal.SIGKILL)
+        peer.read()
+        heard = len(peer.lines)
+        with Agent(link.near_ns) as kelm, agent(*near_agent) as second:
+            second.expect("up")
+            assert second.lines == [f"{far}: up, diagnostic none"]
+            peer.read()
+            assert len(peer.lines) == heard, "the peer noticed the restart"
+            sent, received = kelm.stats(5)
+            assert (sent.num_latches, received.num_timeout) == (0, 0)
+
+            link.set("down", side="far")
+            lost = second.expect("down, diagnostic time-expired")
+            watch.expect("session 5: failed")
+            link.set("up", side="far")
+            second.expect("up", after=lost)
+            heard = peer.expect("up", after=heard)
+
+            second.stop()
+            peer.expect("down, diagnostic neighbor-down", after=heard)
+            wait_until(lambda: kelm.dump(p.SYNC, p.sync()) == [], "kelm without the session")
+        peer.stop()
+
+
+def test_a_peer_that_has_lost_us_comes_back_with_what_it_said_before(link):
+    lost = Bfd(9, 0, bfd.DOWN, multiplier=200, min_tx=1_000_000, min_rx=1_000_000)
+    back = lost.but(your_disc=5, state=bfd.INIT)
+    near_agent = (link.near_ns, link.near4, link.far4, 5, 1000)
+    with agent(*near_agent) as first:
+        link.receive()
+        for said, answer in ((lost, bfd.INIT), (back, bfd.UP), (lost, bfd.DOWN), (back, bfd.UP),
+                             (lost, bfd.DOWN), (lost, bfd.INIT), (back, bfd.UP), (lost, bfd.DOWN)):
+            link.wire.drain()
+            link.send(said)
+            assert link.wire.receive(lambda f, answer=answer: f.bfd.state == answer), said
+        first.stop(signal.SIGKILL, -signal.SIGKILL)
+    link.send(back)  # heard by kelm alone
+    with agent(*near_agent) as second:
+        wait_until(lambda: link.send(back) and second.read(0.1), "news of the peer")
+        second.expect("up, diagnostic none")
+        link.wire.drain()
+        second.stop()
+    link.wire.collect(2, lambda f: f.bfd.state == bfd.ADMIN_DOWN, 0.1)  # one may get lost
+
+
+def test_what_is_wrong_is_said(link, agent):
+    with Program(os.path.join(EXAMPLES, "agent")) as program:
+        program.expect("usage: agent LOCAL PEER DISCRIMINATOR")
+        assert program.process.wait(PATIENCE) == 2
+    with Program("ip", "netns", "exec", link.near_ns, os.path.join(EXAMPLES, "agent"), "10.0.0.1",
+                 "nobody", 5) as program:
+        program.expect("'nobody' is not an IPv4 or IPv6 address")
+        assert program.process.wait(PATIENCE) == 1
+    with Program(os.path.join(EXAMPLES, "watch"), "no-such-namespace") as program:
+        program.expect("there is no network namespace no-such-namespace")
+        assert program.process.wait(PATIENCE) == 1

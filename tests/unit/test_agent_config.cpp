@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// kelm-agent's configuration: what it means, and how its mistakes are told.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "kelm-agent/config.h"
+
+namespace
+{
+
+using namespace kelm_agent;
+
+agent_config parse(const std::string &text, const std::string &file = "agent.toml")
+{
+    std::vector<std::string> warnings;
+    return parse_config(text, file, warnings);
+}
+
+// The complaint, without the file's name: "2: ...".
+std::string complaint(const std::string &text)
+{
+    try {
+        parse(text);
+    } catch (const config_error &problem) {
+        const std::string what = problem.what();
+        return what.substr(what.find(':') + 1);
+    }
+    return "none";
+}
+
+const std::string start = "[[session]]\nname = \"s\"\nlocal = \"10.0.0.1\"\npeer = \"10.0.0.2\"\n";
+
+TEST(agent_config, the_least_that_will_do)
+{
+    const auto config = parse(start);
+    ASSERT_EQ(config.sessions.size(), 1U);
+    const session_config &session = config.sessions.front();
+    EXPECT_EQ(session.kind, session_kind::single_hop);
+    EXPECT_EQ(session.timing, (intervals{300'000, 300'000}));
+    EXPECT_EQ(session.multiplier, 3);
+    EXPECT_EQ(session.required_ttl, KELM_AUTH_TTL_255);
+    EXPECT_EQ(session.auth, authentication{});
+    EXPECT_FALSE(session.passive || session.admin_down);
+}
+
+TEST(agent_config, everything)
+{
+    const auto config = parse(R"(
+        [agent]
+        metrics-file = "/var/lib/kelm.prom"
+        metrics-listen = "[::1]:9816"
+        [defaults]
+        min-tx = "50ms"
+        multiplier = 5
+        [[session]]
+        name = "one"
+        local = "fe80::1"
+        peer = "fe80::2"
+        interface = "eth0"
+        namespace = "left"
+        min-rx = "1.5s"
+        role = "passive"
+        ttl-security = false
+        admin-down = true
+        min-echo-rx = "20ms"
+        echo = { interval = "30ms", multiplier = 4 }
+        auth = { type = "debug-seqnum" }
+        [[session]]
+        name = "lag"
+        type = "lag"
+        local = "10.0.0.1"
+        peer = "10.0.0.2"
+        interface = "bond0"
+        members = ["eth1", "eth2"]
+        [[session]]
+        name = "far"
+        type = "sbfd"
+        local = "10.0.0.1"
+        peer = "10.9.0.2"
+        remote-discriminator = 4294967295
+        multiplier = 2
+        ttl-security = 254
+        [[session]]
+        name = "echo"
+        type = "echo"
+        local = "10.0.0.1"
+        peer = "10.0.0.2"
+        interface = "eth3"
+        source = "192.0.2.1"
+        peer-mac = "02:00:00:00:00:07"
+    )");
+    EXPECT_EQ(config.metrics_file, "/var/lib/kelm.prom");
+    EXPECT_EQ(config.metrics_listen->port, 9816);
+    std::vector<std::string> names;
+    for (const auto &session : config.sessions)
+        names.push_back(session.name);
+    EXPECT_EQ(names,
+              (std::vector<std::string>{"one", "one/echo", "lag/eth1", "lag/eth2", "far", "echo"}));
+    const auto &one = config.sessions[0];
+    EXPECT_EQ(one.timing, (intervals{50'000, 1'500'000}));
+    EXPECT_EQ(one.multiplier, 5);
+    EXPECT_TRUE(one.passive && one.admin_down);
+    EXPECT_EQ(one.required_ttl, 0);
+    EXPECT_EQ(one.auth.type, BFD_AUTH_DEBUG_SEQNUM);
+    EXPECT_EQ(one.min_echo_rx, 20'000U);
+    const auto &guard = config.sessions[1];
+    EXPECT_EQ(guard.guards, "one");
+    EXPECT_EQ(guard.timing.desired_min_tx, 30'000U);
+    EXPECT_EQ(guard.multiplier, 4);
+    EXPECT_EQ(config.sessions[2].member, "eth1");
+    EXPECT_EQ(config.sessions[3].interface, "bond0");
+    EXPECT_EQ(config.sessions[4].remote_discriminator, 4294967295);
+    EXPECT_EQ(config.sessions[4].multiplier, 2);
+    EXPECT_EQ(config.sessions[4].required_ttl, KELM_AUTH_TTL_254);
+    EXPECT_EQ(config.sessions[5].source.text(), "192.0.2.1");
+    EXPECT_EQ(config.sessions[5].peer_mac->text(), "02:00:00:00:00:07");
+}
+
+TEST(agent_config, mistakes_are_told_with_their_line)
+{
+    const struct {
+        std::string text;
+        std::string told;
+    } cases[] = {
+        {"[[session]\n", "1: "},
+        {"\n[sesion]\n",
+         "2: there is no key 'sesion' here; the keys are: agent, defaults, session"},
+        {"[[session]]\nlocal = \"10.0.0.1\"\n", "1: 'name' is missing"},
+        {"[[session]]\nname = \"a b\"\n", "2: 'name' must be a word"},
+        {"[[session]]\nname = \"s\"\nlocal = \"10.0.0.1\"\n", "1: 'peer' is missing"},
+        {"[[session]]\nname = \"s\"\nlocal = \"10.0.0.300\"\n", "3: 'local' must be an IPv4"},
+        {"[[session]]\nname = \"s\"\nlocal = \"::1\"\npeer = \"10.0.0.2\"\n", "4: 'local' and"},
+        {"[[session]]\nname = \"s\"\nlocal = \"fe80::1\"\npeer = \"fe80::2\"\n", "4: a link-local"},
+        {start + "min-tx = \"300\"\n", "5: 'min-tx' must be a time"},
+        {start + "min-tx = 300\n", "5: 'min-tx' must be a time"},
+        {start + "min-rx = \"999us\"\n", "5: 'min-rx' must be a time of at least 1ms"},
+        {start + "multiplier = 0\n", "5: 'multiplier' must be a number from 1 to 255"},
+        {start + "multiplier = 256\n", "5: 'multiplier'"},
+        {start + "type = \"multi\"\n", "5: 'type' must be one of: single-hop"},
+        {start + "role = \"lazy\"\n", "5: 'role' must be \"active\" or \"passive\""},
+        {start + "ttl-security = true\n", "5: 'ttl-security' must be 255 or 254"},
+        {start + "admin-down = \"no\"\n", "5: 'admin-down' must be true or false"},
+        {start + "mintx = \"1s\"\n", "5: there is no key 'mintx' here"},
+        {start + "remote-discriminator = 5\n", "5: there is no key"},
+        {start + "type = \"sbfd\"\n", "1: 'remote-discriminator' is missing"},
+        {start + "type = \"sbfd\"\nremote-discriminator = 0\n", "6: 'remote-discriminator' must"},
+        {start + "type = \"echo\"\n", "1: 'interface' is missing"},
+        {start + "type = \"lag\"\ninterface = \"b\"\nmembers = []\n", "7: 'members' must name"},
+        {start + "type = \"lag\"\ninterface = \"b\"\nmembers = [\"a b\"]\n",
+         "7: 'members' must be"},
+        {start + "type = \"sbfd\"\nremote-discriminator = 1\nrole = \"passive\"\n", "7: this type"},
+        {start + "echo = { interval = \"50ms\" }\n", "5: 'echo' needs"},
+        {start + "auth = { type = \"sha\" }\n", "5: 'type' must be one of: none, password"},
+        {start + "auth = { type = \"keyed-md5\" }\n", "5: 'keys' is missing"},
+        {start + "auth = { type = \"none\", keys = [] }\n", "5: this type of authentication has"},
+        {start + "auth = { type = \"password\", keys = [] }\n", "5: 'keys' must be a list of one"},
+        {start + "auth = { type = \"password\", keys = [ { id = 256 } ] }\n", "5: 'id' must be"},
+        {start + "auth = { type = \"password\", keys = [ { id = 1, file = \"/none\" } ] }\n",
+         "5: cannot open key file /none"},
+        {start + start, "5: there is a session 's' already"},
+        {start + "[[session]]\nname = \"t\"\nlocal = \"10.0.0.1\"\npeer = \"10.0.0.2\"\n",
+         "5: session 't' is the same as 's'"},
+        {"[agent]\nmetrics-listen = \"localhost\"\n", "2: 'metrics-listen' must be an address"},
+        {"[defaults]\nname = \"s\"\n", "2: there is no key 'name' here"},
+        {"session = 5\n", "1: 'session' must be a list"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(complaint(c.text).substr(0, c.told.size()), c.told) << c.text;
+}
+
+struct key_directory {
+    key_directory()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "kelm-keys-XXXXXX").string();
+        path = mkdtemp(name.data());
+    }
+    ~key_directory() { std::filesystem::remove_all(path); }
+
+    void put(const std::string &name, const std::string &secret, std::filesystem::perms mode) const
+    {
+        std::ofstream(path / name) << secret << '\n';
+        std::filesystem::permissions(path / name, mode);
+    }
+
+    std::filesystem::path path;
+};
+
+TEST(agent_config, keys_come_from_files_beside_the_configuration)
+{
+    const key_directory directory;
+    directory.put("old", "first", std::filesystem::perms(0600));
+    directory.put("new", "a secret of 20 bytes", std::filesystem::perms(0644));
+    directory.put("long", "a secret of 21 bytes!", std::filesystem::perms(0600));
+    const std::string file = directory.path / "agent.toml";
+    std::vector<std::string> warnings;
+    const auto auth = [](const std::string &second) {
+        return start +
+               "auth = { type = \"meticulous-sha1\", send = 9, keys = [ { id = 7, file = "
+               "\"old\" }, { id = 9, file = \"" +
+               second + "\" } ] }\n";
+    };
+    const auto config = parse_config(auth("new"), file, warnings);
+    const authentication &read = config.sessions.front().auth;
+    ASSERT_EQ(read.keys.size(), 2U);
+    EXPECT_EQ(read.keys[0], (auth_key{7, {'f', 'i', 'r', 's', 't'}}));
+    EXPECT_EQ(read.keys[1].secret.size(), 20U);
+    EXPECT_EQ(read.sending, 1U);
+    ASSERT_EQ(warnings.size(), 1U);
+    EXPECT_NE(warnings.front().find("new is open to other users"), std::string::npos);
+    EXPECT_THROW(parse_config(auth("long"), file, warnings), config_error);
+}
+
+} // namespace

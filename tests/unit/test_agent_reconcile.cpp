@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// What kelm-agent finds when it starts: its own records, kelm's dump, packets of unknown origin.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "kelm-agent/authentic.h"
+#include "kelm-agent/member_listener.h"
+#include "kelm-agent/reconcile.h"
+#include "kelm/kelm_bfd_common_utils.h"
+
+namespace
+{
+
+using namespace kelm_agent;
+
+constexpr uint32_t ifindex = 4;
+constexpr uint32_t discriminator = 77;
+
+session_config config_of(const char *local, const char *peer, uint8_t auth_type = BFD_AUTH_NONE)
+{
+    session_config config;
+    config.name = "s";
+    config.local = *kelm::ip_address::parse(local);
+    config.peer = *kelm::ip_address::parse(peer);
+    config.required_ttl = KELM_AUTH_TTL_255;
+    config.auth.type = auth_type;
+    if (auth_type != BFD_AUTH_NONE)
+        config.auth.keys.push_back({1, {'k', 'e', 'y'}});
+    return config;
+}
+
+wiring wires_at(uint32_t index)
+{
+    wiring wires;
+    wires.transmit_ifindex = wires.receive_ifindex = index;
+    return wires;
+}
+
+// What the peer of such a session sends, as kelm passes it up.
+kelm::packet_change frame_from_peer(const session_config &config, uint32_t your_discriminator,
+                                    uint16_t port = kelm::port_single_hop)
+{
+    kelm::packet_settings packet;
+    packet.source = config.peer;
+    packet.destination = config.local;
+    packet.destination_port = port;
+    packet.ethernet.emplace();
+    packet.bfd.state = BFD_STATE_DOWN;
+    packet.bfd.my_discriminator = 9;
+    packet.bfd.your_discriminator = your_discriminator;
+    packet.auth.type = config.auth.type;
+    if (!config.auth.keys.empty())
+        packet.auth = {config.auth.type, config.auth.keys[0].id, config.auth.keys[0].secret};
+    const auto built = kelm::build_packet(packet);
+    return {your_discriminator, ifindex, 0, built.ip_hdr_offset, built.latch_offset, built.packet};
+}
+
+TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
+{
+    const auto config = config_of("10.0.0.1", "10.0.0.2");
+    const std::vector<kelm::report> dump = {
+        frame_from_peer(config_of("10.0.0.1", "10.0.0.3"), 11),
+        kelm_msg_rx_sync{{11}, 1},
+        kelm_msg_tx_sync{{11}},
+        frame_from_peer(config, 12, kelm::port_multihop),
+        kelm_msg_rx_sync{{12}, 1},
+        kelm_msg_tx_sync{{12}},
+        frame_from_peer(config, discriminator),
+        kelm_msg_rx_sync{{discriminator}, 1},
+        kelm_msg_tx_sync{{discriminator}},
+        kelm_msg_rx_sync{{14}, 0},
+    };
+    inventory all = take_inventory(dump);
+    EXPECT_EQ(all.size(), 4U);
+    EXPECT_EQ(recognise(config, {}, all), discriminator);
+    EXPECT_EQ(recognise(config, wires_at(ifindex), all), discriminator);
+    EXPECT_EQ(recognise(config, wires_at(5), all), std::nullopt);
+
+    const remains left = remains_of(all.at(discriminator), nullptr);
+    EXPECT_TRUE(left.timer_active);
+    EXPECT_EQ(left.heard->my_discriminator, 9U);
+    EXPECT_FALSE(left.state);
+    EXPECT_FALSE(remains_of(all.at(14), nullptr).heard);
+
+    all.at(discriminator).has_packet = false;
+    EXPECT_EQ(recognise(config, {}, all), std::nullopt) << "half a session is none";
+}
+
+TEST(agent_reconcile, packets_without_discriminator_are_checked)
+{
+    const auto config = config_of("10.0.0.1", "10.0.0.2");
+    std::optional<uint32_t> sequence;
+    auto change = frame_from_peer(config, 0);
+    EXPECT_TRUE(is_authentic(config, {}, change, sequence));
+    EXPECT_FALSE(is_authentic(config, wires_at(5), change, sequence));
+    EXPECT_FALSE(
+        is_authentic(config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_KEYED_MD5), {}, change, sequence));
+    change.frame[14 + 8] = 254; // TTL
+    EXPECT_FALSE(is_authentic(config, {}, change, sequence));
+    for (size_t length = 0; length < change.frame.size(); length++) {
+        auto cut = change;
+        cut.frame.resize(length);
+        cut.bfd_offset = std::min<uint32_t>(cut.bfd_offset, static_cast<uint32_t>(length));
+        cut.l3_offset = std::min<uint32_t>(cut.l3_offset, static_cast<uint32_t>(length));
+        EXPECT_FALSE(is_authentic(config, {}, cut, sequence));
+    }
+}
+
+// Signs as kelm does it.
+void sign(kelm::packet_change &change, const session_config &config, uint32_t sequence)
+{
+    const kelm::auth_settings auth = {config.auth.type, 1, config.auth.keys[0].secret};
+    kelm::packet_settings packet;
+    packet.source = config.peer;
+    packet.destination = config.local;
+    packet.auth = auth;
+    const auto built = kelm::build_packet(packet);
+    kelm_auth_process(change.frame.data(), change.frame.size(), change.bfd_offset,
+                      KELM_TX_SESSION_L2, auth.type, &sequence, &built.auth_hdr,
+                      [](kelm_trace_type, uint32_t, const char *) {});
+}
+
+TEST(agent_reconcile, an_old_packet_is_not_taken_twice)
+{
+    const auto config = config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_METICULOUS_SHA1);
+    std::optional<uint32_t> last;
+    const struct {
+        uint32_t sequence;
+        bool accepted;
+    } cases[] = {{0xfffffff0, true}, {0xfffffff0, false}, {0xffffffef, false},
+                 {0xffffffff, true}, {5, true},           {0xffffffff, false}};
+    for (const auto &c : cases) {
+        auto change = frame_from_peer(config, 0);
+        sign(change, config, c.sequence);
+        EXPECT_EQ(is_authentic(config, {}, change, last), c.accepted) << c.sequence;
+        change.frame.back() ^= 1;
+        last.reset();
+        EXPECT_FALSE(is_authentic(config, {}, change, last));
+        EXPECT_FALSE(last) << "a forged packet leaves no trace";
+        last = c.accepted ? c.sequence : 0xfffffff0;
+    }
+}
+
+TEST(agent_reconcile, packets_on_a_member_link)
+{
+    for (const bool is_v4 : {true, false}) {
+        const auto config = is_v4 ? config_of("10.0.0.1", "10.0.0.2") : config_of("::1", "::2");
+        auto change = frame_from_peer(config, 0, kelm::port_lag);
+        const auto found = undirected_lag_packet(change.frame);
+        ASSERT_TRUE(found);
+        EXPECT_EQ(found->bfd_offset, change.bfd_offset);
+        auto padded = change.frame;
+        padded.resize(padded.size() + 10);
+        EXPECT_EQ(undirected_lag_packet(padded)->frame, change.frame);
+        for (size_t length = 0; length < change.frame.size(); length++)
+            EXPECT_FALSE(undirected_lag_packet(kelm::byte_view(change.frame).first(length)));
+        EXPECT_FALSE(undirected_lag_packet(frame_from_peer(config, 5, kelm::port_lag).frame));
+        EXPECT_FALSE(undirected_lag_packet(frame_from_peer(config, 0).frame));
+    }
+}
+
+TEST(agent_reconcile, the_record_survives_being_written_and_read)
+{
+    std::string name = (std::filesystem::temp_directory_path() / "kelm-state-XXXXXX").string();
+    const std::filesystem::path directory = mkdtemp(name.data());
+    const std::string path = directory / "state.json";
+    EXPECT_TRUE(load_state(path).sessions.empty());
+
+    saved_state state;
+    saved_session &saved = state.sessions["s"];
+    saved.identity = identity_text(config_of("10.0.0.1", "10.0.0.2"));
+    saved.discriminator = 0xffffffff;
+    saved.state = BFD_STATE_UP;
+    saved.admin_down = true;
+    saved.in_effect = {100'000, 200'000};
+    saved.past.up_count = 3;
+    saved.past.last_down_reason = "\"quoted\"";
+    saved.past.since = wall_time(std::chrono::microseconds(1'700'000'000'123'456));
+    state.orphans = {{"left", 5}};
+    save_state(path, state);
+
+    const saved_state again = load_state(path);
+    const saved_session &read = again.sessions.at("s");
+    EXPECT_EQ(read.identity, saved.identity);
+    EXPECT_EQ(read.discriminator, saved.discriminator);
+    EXPECT_EQ(read.state, saved.state);
+    EXPECT_EQ(read.admin_down, saved.admin_down);
+    EXPECT_EQ(read.in_effect, saved.in_effect);
+    EXPECT_EQ(read.past.up_count, saved.past.up_count);
+    EXPECT_EQ(read.past.last_down_reason, saved.past.last_down_reason);
+    EXPECT_EQ(read.past.since, saved.past.since);
+    EXPECT_EQ(again.orphans, state.orphans);
+
+    for (const char *bad : {"", "{", "[]", "{\"version\": 1}", "{\"version\": 2}",
+                            "{\"version\":1,\"sessions\":{\"s\":5},\"orphans\":[]}"}) {
+        std::ofstream(path) << bad;
+        EXPECT_THROW(load_state(path), std::runtime_error) << bad;
+    }
+    std::filesystem::remove_all(directory);
+}
+
+} // namespace

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// kelmctl's completion and its manual page against the command table.
+#include <algorithm>
+#include <fstream>
+
+#include "kelmctl/command.h"
+#include "kelmctl/complete.h"
+#include "kelmctl/options.h"
+#include "kelmctl_line.h"
+
+namespace
+{
+
+using namespace kelmctl;
+
+using words = std::vector<std::string>;
+
+// What the shell gets for a line; the last word ends where the line does.
+words completed(const std::string &line)
+{
+    words parts = {""};
+    for (const char c : line)
+        if (c == ' ')
+            parts.emplace_back();
+        else
+            parts.back() += c;
+    std::vector<char *> argv;
+    for (auto &part : parts)
+        argv.push_back(part.data());
+    return complete(argv);
+}
+
+bool contains(const words &list, std::string_view word)
+{
+    return std::ranges::find(list, word) != list.end();
+}
+
+TEST(completion, knows_the_whole_table)
+{
+    for (const auto &object : objects) {
+        const std::string name(object.name);
+        EXPECT_TRUE(contains(completed(""), name));
+        EXPECT_TRUE(contains(completed("-j " + name.substr(0, 2)), name));
+        for (const auto &command : object.commands) {
+            const std::string line = name + ' ' + std::string(command.name);
+            EXPECT_TRUE(contains(completed(line), command.name)) << line;
+            for (const auto &parameter : command.parameters) {
+                const std::string given = line + ' ' + std::string(parameter.name);
+                EXPECT_TRUE(contains(completed(given), parameter.name)) << given;
+                EXPECT_FALSE(parameter.value.empty() &&
+                             contains(completed(given + ' '), parameter.name))
+                    << given << " twice";
+            }
+        }
+    }
+    for (const auto &option : option_table)
+        EXPECT_TRUE(contains(completed("session show --"), std::string("--") + option.name));
+}
+
+// Every value that is offered is one that is understood.
+TEST(completion, offers_values_that_are_understood)
+{
+    size_t offered = 0;
+    for (const auto &object : objects)
+        for (const auto &command : object.commands)
+            for (const auto &parameter : command.parameters) {
+                if (parameter.value.empty() || parameter.value == "IFNAME")
+                    continue;
+                const std::string line = std::string(object.name) + ' ' +
+                                         std::string(command.name) + ' ' +
+                                         std::string(parameter.name) + ' ';
+                for (const auto &value : completed(line)) {
+                    offered++;
+                    const auto got = kelmctl_line::run_line(line + value);
+                    EXPECT_EQ(got.err.find("'" + value + "' is not"), std::string::npos) << got.err;
+                }
+            }
+    EXPECT_GT(offered, 40U);
+}
+
+TEST(completion, cases)
+{
+    EXPECT_EQ(completed("ses"), words{"session"});
+    EXPECT_EQ(completed("session se"), words{"set"});
+    EXPECT_EQ(completed("session set 5 timer o"), (words{"on", "off"}));
+    EXPECT_EQ(completed("packet set 5 state up latch-state i"), words{"init"});
+    EXPECT_EQ(completed("session set 5 interval "), words{});
+    EXPECT_EQ(completed("packet set key-file "), words{}); // files are the shell's
+    EXPECT_EQ(completed("nonsense "), words{});
+    EXPECT_EQ(completed("--net"), words{"--netns"});
+    EXPECT_EQ(completed("-n kelm-no-such-name session set dev l"), words{});
+    EXPECT_TRUE(contains(completed("session set 5 dev "), "lo"));
+    EXPECT_EQ(complete({}), words{});
+    EXPECT_EQ(kelmctl_line::run_line("__complete ses").out, "session\n");
+}
+
+// Whole words, whatever their typeface.
+bool mentions(std::string_view text, std::string_view word)
+{
+    const auto is_part = [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-';
+    };
+    for (size_t at = text.find(word); at != std::string_view::npos; at = text.find(word, at + 1)) {
+        const size_t end = at + word.size();
+        if ((at == 0 || !is_part(text[at - 1])) && (end == text.size() || !is_part(text[end])))
+            return true;
+    }
+    return false;
+}
+
+TEST(manual_page, tells_everything_in_the_table)
+{
+    std::ifstream file(KELM_DOCS "/kelmctl.8");
+    std::string page{std::istreambuf_iterator<char>(file), {}};
+    ASSERT_GT(page.size(), 1000U);
+    for (const char *typeface : {"\\fB", "\\fI", "\\fP", "\\fR"})
+        for (size_t at; (at = page.find(typeface)) != std::string::npos;)
+            page.replace(at, 3, " ");
+    std::erase(page, '\\');
+    for (const auto &object : objects) {
+        const size_t start = page.find("\n.SS " + std::string(object.name) + "\n");
+        ASSERT_NE(start, std::string::npos) << object.name;
+        const std::string_view rest = std::string_view(page).substr(start + 1);
+        const std::string_view section = rest.substr(0, rest.find("\n.SS ", 1));
+        for (const auto &command : object.commands) {
+            EXPECT_TRUE(mentions(section, command.name)) << object.name << ' ' << command.name;
+            for (const auto &parameter : command.parameters)
+                EXPECT_TRUE(mentions(section, parameter.name))
+                    << object.name << ' ' << command.name << ' ' << parameter.name;
+        }
+    }
+    for (const auto &option : option_table)
+        EXPECT_TRUE(mentions(page, std::string("--") + option.name)) << option.name;
+}
+
+} // namespace

@@ -1,0 +1,272 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The C interface: that it does what the C++ one does, and that no exception gets out of it.
+#include <array>
+#include <cerrno>
+#include <memory>
+
+#include "libkelm/libkelm.h"
+#include "libkelm/packet.h"
+#include "libkelm/request.h"
+#include "libkelm_fake.h"
+
+namespace
+{
+
+using namespace libkelm_fake;
+using c_interface_and_kelmd = own_namespace;
+
+struct closer {
+    void operator()(kelm_client *client) const { kelm_client_close(client); }
+    void operator()(kelm_dump *dump) const { kelm_dump_free(dump); }
+};
+using client_handle = std::unique_ptr<kelm_client, closer>;
+using dump_handle = std::unique_ptr<kelm_dump, closer>;
+
+client_handle open_client()
+{
+    kelm_client *client = nullptr;
+    EXPECT_EQ(kelm_client_open(nullptr, &client), 0) << kelm_error_text();
+    return client_handle(client);
+}
+
+kelm_packet example_packet()
+{
+    kelm_packet packet;
+    kelm_packet_init(&packet);
+    packet.source = "10.0.0.1";
+    packet.destination = "10.0.0.2";
+    packet.source_port = 49157;
+    packet.bfd.my_discriminator = 5;
+    packet.bfd.your_discriminator = 6;
+    packet.bfd.min_tx_interval = 300'000;
+    return packet;
+}
+
+TEST_F(c_interface_and_kelmd, requests_are_those_of_kelm_h)
+{
+    fake_daemon fake({});
+    const auto client = open_client();
+    kelm_msg_tx_set_packet packet = {};
+    packet.header.discriminator = 5;
+    packet.packet_len = 99; // not looked at
+    kelm_msg_rx_set_session session = {};
+    session.header.discriminator = 6;
+    const std::array<uint8_t, 3> blob = {1, 2, 3};
+    const std::vector<kelm::request> wanted = {
+        kelm::set_packet(packet, blob),
+        kelm::delete_packet(5),
+        kelm::set_session(session, blob),
+        kelm::set_session(session, kelm::failure_message(6)),
+        kelm::delete_session(6),
+        kelm::tx_path_ready(),
+        kelm::sync(KELM_SYNC_MARK),
+        kelm::sync(KELM_SYNC_SWEEP),
+        kelm::set_debug_level(7, 3, KELM_DEBUG_CLEAR_SESSIONS),
+        kelm::set_stats_interval(10),
+    };
+    const int results[] = {
+        kelm_client_set_packet(client.get(), &packet, blob.data(), blob.size()),
+        kelm_client_delete_packet(client.get(), 5),
+        kelm_client_set_session(client.get(), &session, blob.data(), blob.size()),
+        kelm_client_set_session(client.get(), &session, nullptr, 0),
+        kelm_client_delete_session(client.get(), 6),
+        kelm_client_tx_path_ready(client.get()),
+        kelm_client_sync_mark(client.get()),
+        kelm_client_sync_sweep(client.get()),
+        kelm_client_set_debug_level(client.get(), 7, 3, KELM_DEBUG_CLEAR_SESSIONS),
+        kelm_client_set_stats_interval(client.get(), 10),
+    };
+    EXPECT_EQ(kelm_client_subscribe(client.get(), 3), 0);
+    EXPECT_EQ(fake.groups(), (std::vector<uint32_t>{0, 3}));
+    const std::vector<seen> requests = fake.requests();
+    ASSERT_EQ(requests.size(), wanted.size());
+    for (size_t i = 0; i < wanted.size(); i++) {
+        EXPECT_EQ(results[i], 0);
+        EXPECT_EQ(requests[i].header.nlmsg_type, wanted[i].type);
+        EXPECT_EQ(requests[i].body, wanted[i].body) << wanted[i].type;
+    }
+}
+
+TEST_F(c_interface_and_kelmd, failures_are_numbers_with_a_text)
+{
+    kelm_client *client = nullptr;
+    EXPECT_EQ(kelm_client_open(nullptr, &client), -ECONNREFUSED);
+    EXPECT_NE(std::string(kelm_error_text()).find("start kelmd"), std::string::npos);
+    EXPECT_EQ(kelm_client_open("kelm-no-such-name", &client), -ENOENT);
+    EXPECT_EQ(client, nullptr);
+    {
+        fake_daemon fake(
+            {.handle = [](const seen &request) { return answers{ack(request.header, -ENOENT)}; },
+             .allowed_groups = 0});
+        const auto open = open_client();
+        EXPECT_EQ(kelm_client_delete_session(open.get(), 6), -ENOENT);
+        EXPECT_NE(std::string(kelm_error_text()).find("session 6"), std::string::npos);
+        EXPECT_EQ(kelm_client_subscribe(open.get(), 3), -EPERM);
+    }
+    fake_daemon silent({.handle = [](const seen &) { return answers{}; }});
+    const auto open = open_client();
+    kelm_client_set_answer_timeout(open.get(), 1);
+    EXPECT_EQ(kelm_client_tx_path_ready(open.get()), -ETIMEDOUT);
+    kelm_client_close(nullptr);
+    kelm_dump_free(nullptr);
+}
+
+template<typename T>
+const T &body_of(const kelm_report &report)
+{
+    EXPECT_GE(report.length, sizeof(T));
+    return *static_cast<const T *>(report.body);
+}
+
+// Every type that has a layout, one that breaks it, one of another agent, and a loss.
+TEST_F(c_interface_and_kelmd, what_kelm_tells_lies_as_in_kelm_h)
+{
+    kelm_packet settings = example_packet();
+    settings.auth_type = BFD_AUTH_METICULOUS_SHA1;
+    settings.key_id = 9;
+    settings.key = "secret";
+    settings.key_length = 6;
+    settings.bfd.flags |= BFD_FLAG_POLL;
+    kelm_msg_tx_set_packet sent = {};
+    kelm::bytes packet(KELM_PACKET_ROOM);
+    const int length = kelm_build_packet(&settings, &sent, packet.data(), packet.size());
+    ASSERT_EQ(length, 20 + 8 + 24 + 28) << kelm_error_text();
+    packet.resize(static_cast<size_t>(length));
+
+    const std::array change = {6U, 1U, 2U, 0U, 28U, static_cast<uint32_t>(length)};
+    fake_daemon fake(
+        {.handle =
+             [&](const seen &request) {
+                 const nlmsghdr &to = request.header;
+                 return answers{reply(to, KELM_MSG_RX_PACKET_CHANGE, bytes_of(change) + packet) +
+                                    reply(to, KELM_MSG_RX_SYNC, from_hex("06000000 01000000")),
+                                reply(to, KELM_MSG_TX_SYNC, from_hex("05000000")), done(to)};
+             },
+         .before_bind_answer = {message(KELM_MSG_SESSION_FAILURE, 0, 0, from_hex("06000000 aabb")) +
+                                    message(KELM_MSG_RX_STATS, 0, 0, bytes_of(kelm_msg_rx_stats{})),
+                                message(KELM_MSG_TX_STATS, 0, 0, from_hex("05000000")), // too short
+                                message(1000, 0, 0, from_hex("01")),
+                                message(NLMSG_OVERRUN, 0, 0, {})}});
+    const auto client = open_client();
+
+    kelm_dump *started = nullptr;
+    ASSERT_EQ(kelm_client_sync_dump(client.get(), &started), 0) << kelm_error_text();
+    const dump_handle dump(started);
+    kelm_report report = {};
+    ASSERT_EQ(kelm_dump_next(dump.get(), &report), 1);
+    ASSERT_EQ(report.type, KELM_MSG_RX_PACKET_CHANGE);
+    EXPECT_EQ(body_of<kelm_msg_rx_packet_change>(report).member_ifindex, 2U);
+    EXPECT_EQ(report.length, sizeof(kelm_msg_rx_packet_change) + packet.size());
+
+    kelm_frame frame = {};
+    ASSERT_EQ(kelm_decode_frame(&report, &frame), 0) << kelm_error_text();
+    EXPECT_STREQ(frame.source, "10.0.0.1");
+    EXPECT_STREQ(frame.destination, "10.0.0.2");
+    EXPECT_EQ(frame.ttl, 255);
+    EXPECT_EQ(frame.source_port, 49157);
+    EXPECT_EQ(frame.destination_port, 3784);
+    EXPECT_EQ(frame.bfd.version, 1);
+    EXPECT_STREQ(kelm_state_name(frame.bfd.state), "down");
+    EXPECT_EQ(frame.bfd.flags,
+              BFD_FLAG_POLL | BFD_FLAG_CONTROL_PLANE_INDEPENDENT | BFD_FLAG_AUTH_PRESENT);
+    EXPECT_EQ(frame.bfd.my_discriminator, 5U);
+    EXPECT_EQ(frame.bfd.your_discriminator, 6U);
+    EXPECT_EQ(frame.bfd.min_tx_interval, 300'000U);
+    EXPECT_EQ(frame.auth_type, BFD_AUTH_METICULOUS_SHA1);
+    EXPECT_EQ(frame.auth_key_id, 9);
+    EXPECT_EQ(frame.auth_has_sequence, 1);
+
+    ASSERT_EQ(kelm_dump_next(dump.get(), &report), 1);
+    EXPECT_EQ(report.type, KELM_MSG_RX_SYNC);
+    EXPECT_EQ(body_of<kelm_msg_rx_sync>(report).timer_active, 1U);
+    EXPECT_EQ(kelm_decode_frame(&report, &frame), -EINVAL);
+    ASSERT_EQ(kelm_dump_next(dump.get(), &report), 1);
+    EXPECT_EQ(report.type, KELM_MSG_TX_SYNC);
+    EXPECT_EQ(kelm_dump_next(dump.get(), &report), 0);
+
+    const uint16_t events[] = {KELM_MSG_SESSION_FAILURE, KELM_MSG_RX_STATS, KELM_REPORT_MALFORMED,
+                               1000, KELM_REPORT_LOST};
+    for (const uint16_t type : events) {
+        ASSERT_EQ(kelm_client_next_event(client.get(), 10'000, &report), 1) << kelm_error_text();
+        EXPECT_EQ(report.type, type);
+        if (type == KELM_MSG_SESSION_FAILURE) {
+            EXPECT_EQ(body_of<kelm_msg_header>(report).discriminator, 6U);
+            EXPECT_EQ(report.length, 6U);
+        }
+        if (type == KELM_MSG_RX_STATS) {
+            EXPECT_EQ(report.length, sizeof(kelm_msg_rx_stats));
+        }
+    }
+    EXPECT_EQ(kelm_client_next_event(client.get(), 0, &report), 0);
+}
+
+TEST(c_interface, packets_are_those_of_the_cpp_interface)
+{
+    kelm_packet packet = example_packet();
+    packet.ethernet_source = "02:00:00:00:00:01";
+    packet.ethernet_destination = "02:00:00:00:00:02";
+    packet.bfd.flags = BFD_FLAG_FINAL | BFD_FLAG_DEMAND_MODE;
+    packet.auth_type = BFD_AUTH_PASSWORD;
+    packet.key_id = 3;
+    packet.key = "secret";
+    packet.key_length = 6;
+    kelm::packet_settings same;
+    same.source = *kelm::ip_address::parse("10.0.0.1");
+    same.destination = *kelm::ip_address::parse("10.0.0.2");
+    same.source_port = 49157;
+    same.ethernet = {.destination = {{2, 0, 0, 0, 0, 2}}, .source = {{2, 0, 0, 0, 0, 1}}};
+    same.bfd.final = true;
+    same.bfd.demand_mode = true;
+    same.bfd.control_plane_independent = false;
+    same.bfd.my_discriminator = 5;
+    same.bfd.your_discriminator = 6;
+    same.bfd.min_tx_interval = 300'000;
+    same.auth = {.type = BFD_AUTH_PASSWORD, .key_id = 3, .key = {'s', 'e', 'c', 'r', 'e', 't'}};
+    const kelm::built_packet wanted = kelm::build_packet(same);
+    kelm_msg_tx_set_packet wanted_message = {};
+    wanted.apply_to(wanted_message, BFD_AUTH_PASSWORD);
+
+    kelm_msg_tx_set_packet message = {};
+    kelm::bytes built(KELM_PACKET_ROOM);
+    const int length = kelm_build_packet(&packet, &message, built.data(), built.size());
+    ASSERT_GT(length, 0) << kelm_error_text();
+    built.resize(static_cast<size_t>(length));
+    EXPECT_EQ(built, wanted.packet);
+    EXPECT_EQ(bytes_of(message), bytes_of(wanted_message));
+
+    kelm_bfd_auth_key slot = {};
+    ASSERT_EQ(kelm_build_key(BFD_AUTH_PASSWORD, 3, "secret", 6, &slot), 0);
+    EXPECT_EQ(bytes_of(slot), bytes_of(kelm::key_slot(same.auth)));
+}
+
+TEST(c_interface, packets_that_cannot_be_are_refused)
+{
+    const kelm_packet good = example_packet();
+    kelm_packet bad[6] = {good, good, good, good, good, good};
+    bad[0].source = nullptr;
+    bad[1].destination = "10.0.0";
+    bad[2].destination = "fd00::1";
+    bad[3].ethernet_destination = "02:00:00:00:00:01"; // without a source
+    bad[4].auth_type = BFD_AUTH_KEYED_MD5;             // without a key
+    bad[5].auth_type = 77;
+    const kelm::bytes untouched(KELM_PACKET_ROOM, 0xee);
+    kelm::bytes room = untouched;
+    kelm_msg_tx_set_packet message = {};
+    for (const auto &packet : bad) {
+        EXPECT_EQ(kelm_build_packet(&packet, &message, room.data(), room.size()), -EINVAL);
+        EXPECT_STRNE(kelm_error_text(), "");
+    }
+    EXPECT_EQ(kelm_build_packet(&good, &message, room.data(), 51), -EMSGSIZE);
+    EXPECT_EQ(room, untouched);
+    EXPECT_EQ(bytes_of(message), bytes_of(kelm_msg_tx_set_packet{}));
+    EXPECT_EQ(kelm_build_packet(&good, &message, room.data(), 52), 52);
+
+    kelm_bfd_auth_key slot = {};
+    EXPECT_EQ(kelm_build_key(BFD_AUTH_PASSWORD, 1, "a key that is too long", 22, &slot), -EINVAL);
+    EXPECT_STREQ(kelm_state_name(3), "up");
+    EXPECT_STREQ(kelm_state_name(4), "?");
+    EXPECT_STREQ(kelm_diagnostic_name(BFD_DIAG_CTRL_TIMEOUT), "time-expired");
+}
+
+} // namespace
