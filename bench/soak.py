@@ -36,7 +36,8 @@ from lib import bfd, wait_until  # noqa: E402
 from lib import protocol as p  # noqa: E402
 from lib.agent import Agent  # noqa: E402
 from lib.host import Kelmd  # noqa: E402
-from lib.topology import Namespaces, in_namespace, ip  # noqa: E402
+from lib.netns import in_namespace  # noqa: E402
+from lib.topology import Namespaces, ip  # noqa: E402
 
 PERIOD = 100_000
 MULTIPLIER = 3
