@@ -30,13 +30,12 @@ def near(namespaces):
         yield link, agent
 
 
-def expect_all_at_once(link):
-    """Every packet goes out at once, and then again after a first delay of its own."""
-    burst = link.collect(20)
-    assert {f.bfd.my_disc for f in burst} == set(range(1, 21))
-    # Delays are random below the period, so 20 packets do not come as one burst again.
-    again = link.collect(20)
-    assert max(f.time for f in again) - min(f.time for f in again) > PERIOD / 1e6 / 10
+def expect_all_sent(link):
+    """Every packet goes out, and goes on going out; at which instants, the virtual clock tells."""
+    times_sent = dict.fromkeys(range(1, 21), 0)
+    while min(times_sent.values()) < 2:
+        frame, = link.collect(1)
+        times_sent[frame.bfd.my_disc] += 1
 
 
 def test_nothing_is_sent_before_the_agent_says_so(near):
@@ -44,7 +43,7 @@ def test_nothing_is_sent_before_the_agent_says_so(near):
     assert link.receive(timeout=3 * PERIOD / 1e6) is None
     with Agent() as elsewhere:  # it counts for all namespaces
         elsewhere.request(p.TX_PATH_READY, p.tx_path_ready())
-    expect_all_at_once(link)
+    expect_all_sent(link)
 
 
 @pytest.mark.parametrize("payload", [Bfd(your_disc=5).pack(), b"", b"not BFD"],
@@ -52,4 +51,4 @@ def test_nothing_is_sent_before_the_agent_says_so(near):
 def test_the_first_datagram_says_so_too(near, payload):
     link, agent = near
     link.send(payload, dport=6784)
-    expect_all_at_once(link)
+    expect_all_sent(link)
