@@ -51,6 +51,23 @@ static int start(struct netlink_callback *cb)
 }
 
 /*
+ * Not all the room that the allocator gives: agents have been told how long a datagram can be. And
+ * an agent's socket filter, which can read from where the headers are, finds its message there.
+ */
+static int make_greatest_room(struct sk_buff *skb)
+{
+    int err = pskb_expand_head(skb, 0, GREATEST_ROOM - skb_tailroom(skb),
+                               GFP_KERNEL | __GFP_NOWARN | __GFP_NORETRY);
+
+    if (err)
+        return err;
+    skb_reserve(skb, skb_tailroom(skb) - GREATEST_ROOM);
+    skb_reset_network_header(skb);
+    skb_reset_mac_header(skb);
+    return 0;
+}
+
+/*
  * A step that ends the dump without having written anything had nothing left, or no room for the
  * next message, and another one cannot hurt.
  */
@@ -58,8 +75,7 @@ static int fill(struct open_dump *open, struct sk_buff *skb)
 {
     int result = open->dump_step(skb, &open->dump);
 
-    if (result == 0 && skb->len == 0 &&
-        pskb_expand_head(skb, 0, GREATEST_ROOM, GFP_KERNEL | __GFP_NOWARN | __GFP_NORETRY) == 0)
+    if (result == 0 && skb->len == 0 && make_greatest_room(skb) == 0)
         result = open->dump_step(skb, &open->dump);
     return result;
 }
