@@ -5,8 +5,22 @@
 #include "platform/linux/glue.h"
 #include "platform/linux/netlink.h"
 
+#include <linux/kmod.h>
 #include <linux/module.h>
 #include <linux/rcupdate.h>
+#include <linux/socket.h>
+
+/*
+ * Where the kernel has IPv6 or packet sockets as modules: a socket of theirs loads them, but the
+ * engine makes its own under locks for which they would wait for ever.
+ */
+static void __init load_protocols(void)
+{
+    if (IS_MODULE(CONFIG_IPV6))
+        request_module("net-pf-%d", AF_INET6);
+    if (IS_MODULE(CONFIG_PACKET))
+        request_module("net-pf-%d", AF_PACKET);
+}
 
 /*
  * Takes down what kelm_exit() leaves standing, or a kelm_init() that failed half-way. When it
@@ -28,6 +42,7 @@ static int __init kelm_module_init(void)
 
     if (err)
         return err;
+    load_protocols();
     err = kelm_init();
     if (err)
         take_down();
