@@ -31,7 +31,8 @@ static void take_down(void)
     netlink_close_requests();
     netlink_end_dumps();
     kelm_release();
-    /* Tasks that were about to enter, found the door closed, and have a few instructions to go. */
+    /* Tasks that were about to enter, found the door closed, and have a few instructions to go; and
+     * softirqs with a datagram for a socket that is gone. */
     synchronize_rcu_tasks();
     netlink_close();
 }

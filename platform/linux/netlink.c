@@ -57,8 +57,9 @@ static const struct sk_buff *current_request(void)
     const struct request *request;
 
     spin_lock(&requests_lock);
-    list_for_each_entry(request, &requests, list) if (request->sender == current) skb =
-        request->skb;
+    list_for_each_entry(request, &requests, list)
+        if (request->sender == current)
+            skb = request->skb;
     spin_unlock(&requests_lock);
     return skb;
 }

@@ -165,7 +165,8 @@ void netlink_end_dumps(void)
     struct open_dump *open, *next;
 
     spin_lock(&open_dumps_lock);
-    list_for_each_entry(open, &open_dumps, list) orphan(open->cb);
+    list_for_each_entry(open, &open_dumps, list)
+        orphan(open->cb);
     spin_unlock(&open_dumps_lock);
 
     /* Whoever had fetched the old functions has entered them after the first and left after the
@@ -173,5 +174,6 @@ void netlink_end_dumps(void)
     synchronize_rcu_tasks();
     synchronize_srcu(&agents_inside);
 
-    list_for_each_entry_safe(open, next, &open_dumps, list) end(open);
+    list_for_each_entry_safe(open, next, &open_dumps, list)
+        end(open);
 }

@@ -63,7 +63,6 @@ static int create_sockets(struct engine_socket *es, struct net *net, int family,
     if (family == AF_PACKET)
         protocol = 0;
     err = create_as_kernel(net, family, type, protocol, &es->socket);
-
     if (err || family != AF_INET6 || type != SOCK_RAW)
         return err;
     err = create_as_kernel(net, AF_INET, type, protocol, &es->ipv4);

@@ -10,8 +10,7 @@
 
 struct engine_socket {
     struct socket *socket;
-    struct socket
-        *ipv4; /* of a raw IPv6 socket: sends what is addressed to an IPv4-mapped address */
+    struct socket *ipv4;     /* of a raw IPv6 socket: what sends to IPv4-mapped addresses */
     struct net *counted_net; /* on which the socket holds a reference, or NULL */
     void (*data_ready)(struct sock *sk);
     void *user_data;
