@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace sim
@@ -87,6 +88,13 @@ struct outgoing {
     }
 };
 
+// With an authentication section of this type, or none.
+inline outgoing authenticated(std::uint8_t type)
+{
+    return {.payload = with_section({.my_discriminator = 5, .your_discriminator = 77},
+                                    auth_section(type))};
+}
+
 // The fixed parts of the two set requests, as far as tests vary them.
 struct tx {
     kelm_microsecs period = 300'000;
@@ -162,6 +170,16 @@ inline int set(agent &a, std::uint32_t discriminator, const outgoing &packet,
     return ask(a, KELM_MSG_TX_SET_PACKET, set_request(discriminator, packet, fixed));
 }
 
+inline std::string hex(std::span<const std::uint8_t> data)
+{
+    std::string text;
+    for (const std::uint8_t byte : data) {
+        text += "0123456789abcdef"[byte >> 4];
+        text += "0123456789abcdef"[byte & 15];
+    }
+    return text;
+}
+
 // The control packet in a frame whose IP header is at `ip_offset`.
 inline std::span<const std::uint8_t> bfd_in(const bytes &data, std::size_t ip_offset = 0)
 {
@@ -195,5 +213,34 @@ inline bool udp_checksum_right(const bytes &data, std::size_t ip_offset = 0)
         sum = (sum & 0xffff) + (sum >> 16);
     return sum == 0xffff && (data.at(udp + 6) != 0 || data.at(udp + 7) != 0);
 }
+
+// An engine with one agent, for tests of the session or packet 5.
+struct engine_test : testing::Test {
+    static constexpr std::uint32_t SESSION = 5;
+    static constexpr std::uint64_t DETECTION = 900; // ticks until a session of `rx` times out
+    static constexpr std::uint64_t INTERVAL = 299;  // ticks between the packets of `tx`
+
+    // The ticks, counted from now, at which packets go out while time goes by.
+    std::vector<std::uint64_t> sent_during(std::uint64_t ticks)
+    {
+        w.take_frames();
+        const std::uint64_t start = w.tick();
+        w.advance(ticks);
+        std::vector<std::uint64_t> result;
+        for (const frame &each : w.frames())
+            result.push_back(each.tick - start);
+        return result;
+    }
+
+    // The first frame that goes out meanwhile.
+    frame next_frame(std::uint64_t ticks = INTERVAL)
+    {
+        EXPECT_FALSE(sent_during(ticks).empty());
+        return w.frames().empty() ? frame{} : w.frames().front();
+    }
+
+    world w;
+    agent &a = w.open_agent(w.initial());
+};
 
 } // namespace sim
