@@ -49,8 +49,13 @@ orders session::adopt(const remains &left)
     has_spoken_ = left.has_packet;
     if (left.admin_down)
         condition_ = administratively_down();
-    if (is_admin_down() || is_idle_ || !left.heard)
+    if (is_admin_down() || is_idle_)
         return decide();
+    if (!left.heard) {
+        if (left.state == BFD_STATE_UP && !left.has_packet) // kelm has begun anew meanwhile
+            condition_.diag = BFD_DIAG_FORWARDING_RESET;
+        return decide();
+    }
 
     const uint8_t recorded = left.state.value_or(BFD_STATE_UP);
     const bool was_down = recorded == BFD_STATE_DOWN || recorded == BFD_STATE_ADMIN_DOWN;
@@ -116,24 +121,26 @@ orders session::timeout()
     return decide({.transmit = {}, .receive = {}, .rearm = true, .renew = true});
 }
 
+// Nobody has listened to the peer meanwhile: it may have begun anew.
 orders session::forgotten()
 {
     forget_peer();
     has_spoken_ = false;
     become(after_timeout(condition_, BFD_DIAG_FORWARDING_RESET));
-    return decide();
+    return decide({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
 }
 
 orders session::set_admin_down(bool down)
 {
     if (down == is_admin_down())
         return decide();
-    // The peer is to recognise the packets that tell it, and to be found anew afterwards.
+    // The peer is to recognise the packets that tell it, and to be found anew afterwards, when it
+    // may have begun anew too.
     if (!down)
         forget_peer();
     watch_ = watch::nothing;
     become(down ? administratively_down() : administratively_enabled());
-    return decide();
+    return decide({.transmit = {}, .receive = {}, .renew = !down, .forget_sequence = !down});
 }
 
 orders session::echo_failed()

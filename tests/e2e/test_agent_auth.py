@@ -157,3 +157,21 @@ def test_an_old_packet_is_not_believed_after_a_restart(pair):
     link.wire.send(old.raw)
     pair.near.ctl(f"down {type}")  # by then the packet has been looked at
     assert pair.near.changes() == [("up", "admin-down")]
+
+
+@with_types("keyed-md5", "meticulous-md5")
+def test_a_peer_that_begins_anew_while_nobody_listens(pair):
+    """While we are administratively down, its sequence numbers may begin anew."""
+    pair.up()
+    for type in pair.links:
+        wait_until(lambda: pair.near.show(type)["received"]["packets"] > 40, "a high number")
+    since = len(pair.near.log())
+    for command in ("down", "up"):  # what the near end heard last before it was up is high then
+        pair.far.ask(command, list(pair.links))
+    pair.wait_for_change("up", since)
+    pair.near.ask("down", list(pair.links))
+    pair.far.stop()  # and with it, the packets that kelm numbers
+    pair.far.start()
+    since = len(pair.near.log())
+    pair.near.ask("up", list(pair.links))
+    pair.wait_for_change("up", since)
