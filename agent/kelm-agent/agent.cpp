@@ -208,7 +208,10 @@ void agent::update(managed_session &changed, const session_config &config)
                       "the configuration was changed"});
     handle(
         changed, [&](session &s) { return s.reconfigure(config); },
-        [](const session &) { return "by configuration"; });
+        [](const session &s) {
+            return s.is_admin_down() ? "the configuration takes it down"
+                                     : "the configuration lets it come up";
+        });
 }
 
 // The peer is told; a moment later kelm forgets the session.
@@ -246,7 +249,10 @@ void agent::set_admin_down(const std::string &name, bool down)
     must_save_ = true;
     handle(
         found->second, [&](session &s) { return s.set_admin_down(down); },
-        [](const session &) { return "by the administrator"; });
+        [=](const session &) {
+            return down ? "the administrator has taken it down"
+                        : "the administrator lets it come up";
+        });
 }
 
 void agent::shut_down(std::function<void()> done)
@@ -256,7 +262,7 @@ void agent::shut_down(std::function<void()> done)
         time = std::max(time, farewell(managed.bfd));
         handle(
             managed, [](session &s) { return s.set_admin_down(true); },
-            [](const session &) { return "the agent is stopped"; });
+            [](const session &) { return "the agent was stopped"; });
     }
     save();
     shut_down_timer_ = loop_.after(time, [this, done = std::move(done)] {

@@ -76,7 +76,7 @@ void agent::resume(managed_session &managed, const inventory &all)
     const condition before = {saved ? saved->state : now.state, BFD_DIAG_NONE};
     const std::string how = is_there ? "the agent was restarted" : "the agent was started";
     if (before.state != now.state)
-        note_change(managed, before, "found so when " + how);
+        note_change(managed, before, "it was found so when " + how);
     else
         managed.past.add({std::chrono::system_clock::now(), now.state, now.state, now.diag, how});
     if (is_there)
