@@ -100,6 +100,7 @@ class agent
     void rewire_and_carry_out(managed_session &);
     void look_again_later(managed_session &);
     void listen_to_member(managed_session &);
+    void hear_member(managed_session &);
     void attend_guard(const managed_session &guarded);
     orders direct_guard(managed_session &guard);
     void fail_guarded(managed_session &guard, const condition &before);

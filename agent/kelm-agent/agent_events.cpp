@@ -20,9 +20,12 @@ constexpr int most_frames_a_round = 64; // others are to have their turn too
 
 void agent::on_report(vrf &home, const kelm::report &report)
 {
-    if (const auto *change = std::get_if<kelm::packet_change>(&report))
+    if (const auto *change = std::get_if<kelm::packet_change>(&report)) {
+        // What its member link has brought meanwhile is older.
+        if (managed_session *const managed = find(home, change->discriminator))
+            hear_member(*managed);
         on_packet(home, *change);
-    else if (const auto *failure = std::get_if<kelm::session_failure>(&report))
+    } else if (const auto *failure = std::get_if<kelm::session_failure>(&report))
         on_failure(home, failure->discriminator);
     else if (std::holds_alternative<kelm::overrun>(report))
         reconcile(home);
@@ -139,15 +142,19 @@ void agent::listen_to_member(managed_session &managed)
         log_.warning("session " + managed.bfd.config().name + ": " + problem.what());
         return;
     }
-    managed.on_member = loop_.on_io(managed.member->fd(), EPOLLIN, [this, &managed] {
-        for (int i = 0; i < most_frames_a_round && managed.wires; i++) {
-            auto change = managed.member->next();
-            if (!change || !managed.home->is_connected())
-                return;
-            change->ifindex = managed.wires->receive_ifindex;
-            on_packet(*managed.home, *change);
-        }
-    });
+    managed.on_member =
+        loop_.on_io(managed.member->fd(), EPOLLIN, [this, &managed] { hear_member(managed); });
+}
+
+void agent::hear_member(managed_session &managed)
+{
+    for (int i = 0; i < most_frames_a_round && managed.member && managed.wires; i++) {
+        auto change = managed.member->next();
+        if (!change || !managed.home->is_connected())
+            return;
+        change->ifindex = managed.wires->receive_ifindex;
+        on_packet(*managed.home, *change);
+    }
 }
 
 void agent::attend_guard(const managed_session &guarded)
