@@ -84,7 +84,7 @@ class reader
 
     std::string file_;
     std::vector<std::string> &warnings_;
-    toml::table defaults_;
+    const toml::table *defaults_ = nullptr; // not a copy, which would not know its lines
     std::set<std::string> names_;
     std::map<std::string, std::string> identities_; // names by them
 };
@@ -118,12 +118,12 @@ void reader::check_defaults(const toml::table &table)
     for (const auto key : default_keys)
         (void)section.find(key);
     section.expect_no_more();
-    defaults_ = table;
+    defaults_ = &table;
 }
 
 void reader::read_session(const toml::table &table, agent_config &config)
 {
-    config_section section(table, file_, &defaults_);
+    config_section section(table, file_, defaults_);
     session_config session = read_common(section);
     (void)section.find_own("echo"); // see add_guard
     read_addresses(section, session);

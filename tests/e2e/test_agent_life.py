@@ -166,3 +166,13 @@ def test_metrics(link, start):
             set(row.split()[2] for row in text.splitlines() if "# TYPE" in row)
         with pytest.raises(urllib.error.HTTPError, match="404"):
             urllib.request.urlopen(f"http://127.0.0.1:{port}/", timeout=PATIENCE)
+
+
+def test_a_mistake_in_the_defaults_is_told_with_its_line():
+    with tempfile.TemporaryDirectory() as directory:
+        config = pathlib.Path(directory, "agent.toml")
+        config.write_text('[defaults]\n\nmin-rx = "5"\n[[session]]\nname = "s"\n'
+                          'local = "10.0.0.1"\npeer = "10.0.0.2"\n')
+        result = subprocess.run([KELM_AGENT, "--check", "--config", config], capture_output=True,
+                                text=True)
+    assert result.returncode == 1 and "agent.toml:3: 'min-rx' must be" in result.stderr
