@@ -123,17 +123,19 @@ TEST_F(Softirq, ATimerFiresAndNeverBeforeItsTick)
     EXPECT_EQ(del_timer(&later.timer), 0);
 }
 
-// What takes 50 ms, and tells whether it has begun and whether it has ended.
+// What takes 50 ms, and tells whether it has begun and whether it runs.
 struct long_work {
     std::atomic<bool> entered = false;
-    std::atomic<bool> left = false;
+    std::atomic<bool> running = false;
+    std::atomic<bool> removed = false;
 
     void operator()()
     {
-        EXPECT_FALSE(left) << "once more after its removal";
+        running = true;
         entered = true;
         std::this_thread::sleep_for(50ms);
-        left = true;
+        EXPECT_FALSE(removed) << "it runs after its removal";
+        running = false;
     }
 };
 
@@ -145,7 +147,7 @@ TEST_F(Softirq, RemovalWaitsForACallbackThatRuns)
     spin_until([&] { return work.entered.load(); });
     EXPECT_EQ(del_timer(&timer.timer), 0); // not pending from before its callback
     EXPECT_EQ(del_timer_sync(&timer.timer), 0);
-    EXPECT_TRUE(work.left);
+    EXPECT_FALSE(work.running);
 
     long_work drain;
     test_receiver receiver([&] { drain(); });
@@ -154,8 +156,13 @@ TEST_F(Softirq, RemovalWaitsForACallbackThatRuns)
     spin_until([&] { return drain.entered.load(); });
     receiver.poke();
     kelmd::remove_receiver(receiver);
-    EXPECT_TRUE(drain.left);
-    kelmd::remove_receiver(receiver); // once more does no harm
+    drain.removed = true;
+    EXPECT_FALSE(drain.running);
+    kelmd::remove_receiver(receiver);     // once more does no harm
+    std::atomic<bool> next_round = false; // in which what has been poked would be drained
+    test_timer timer_of_next_round([&] { next_round = true; });
+    mod_timer(&timer_of_next_round.timer, get_jiffies_64());
+    spin_until([&] { return next_round.load(); });
 }
 
 } // namespace
