@@ -40,7 +40,6 @@ from lib.netns import in_namespace  # noqa: E402
 from lib.topology import Namespaces, ip  # noqa: E402
 
 PERIOD = 100_000
-MULTIPLIER = 3
 DUE_MS = PERIOD / 1000 - 1  # half a tick is taken off the period, which makes a whole one
 FAR = 1_000_000  # the far end's discriminators are the near end's and this
 EVERY_NTH_WITHOUT_JITTER = 5
@@ -52,6 +51,8 @@ def options():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--seconds", type=float, default=300)
     parser.add_argument("--sessions", type=int, default=500)
+    parser.add_argument("--multiplier", type=int, default=3,
+                        help="packets that a session can miss before it fails")
     parser.add_argument("--realtime", action="store_true", help="run kelmd --realtime")
     parser.add_argument("--judge", action="store_true",
                         help="exit with 1 if a session failed or a datagram was lost")
@@ -61,14 +62,15 @@ def options():
 class End:
     """One end of all sessions."""
 
-    def __init__(self, agent, address, peer, first, peer_first, count):
+    def __init__(self, agent, address, peer, first, peer_first, chosen):
         self.agent, self.address, self.peer = agent, address, peer
-        self.pairs = [(first + n, peer_first + n) for n in range(1, count + 1)]
+        self.multiplier = chosen.multiplier
+        self.pairs = [(first + n, peer_first + n) for n in range(1, chosen.sessions + 1)]
 
     def receive(self, flags=0):
         for mine, _ in self.pairs:
             self.agent.request(p.RX_SET_SESSION, p.rx_set_session(
-                mine, flags=flags, period=PERIOD, multiplier=MULTIPLIER,
+                mine, flags=flags, period=PERIOD, multiplier=self.multiplier,
                 failure=p.failure_message(mine)))
 
     def transmit(self):
@@ -265,8 +267,8 @@ def main():
         near_agent, far_agent, *listeners = (
             stack.enter_context(Agent(ns, groups=groups))
             for groups in ((), (p.NOTIFICATION,)) for ns in (link.near_ns, link.far_ns))
-        near = End(near_agent, link.near4, link.far4, 0, FAR, chosen.sessions)
-        far = End(far_agent, link.far4, link.near4, FAR, 0, chosen.sessions)
+        near = End(near_agent, link.near4, link.far4, 0, FAR, chosen)
+        far = End(far_agent, link.far4, link.near4, FAR, 0, chosen)
         ends = (near, far)
         for end in ends:
             end.receive()
@@ -281,7 +283,7 @@ def main():
             end.receive(p.TIMER_ACTIVE)
 
         print(f"{chosen.sessions} sessions between two namespaces, every {PERIOD / 1000:.0f} ms in "
-              f"both directions, detection after {MULTIPLIER * PERIOD / 1000:.0f} ms; "
+              f"both directions, detection after {chosen.multiplier * PERIOD / 1000:.0f} ms; "
               f"{chosen.seconds:.0f} s with {len(os.sched_getaffinity(0))} processors hogged"
               f"{', kelmd --realtime' if chosen.realtime else ''}")
         dumper = Dumper(link.near_ns)
