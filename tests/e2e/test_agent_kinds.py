@@ -20,7 +20,8 @@ def start(link):
     running = []
 
     def start_one(*sessions):
-        running.append(KelmAgent(sessions, min_tx="50ms", min_rx="50ms"))
+        # Machines that run tests stop for tenths of a second.
+        running.append(KelmAgent(sessions, min_tx="50ms", min_rx="50ms", multiplier=20))
         return running[-1]
 
     yield start_one
@@ -82,10 +83,11 @@ class Reflector:
     def run(self):
         while not self.ended:
             frame = self.link.wire.receive(lambda f: f.dport == 7784, 0.1)
-            if frame is None or frame.bfd.your_disc != self.discriminator or not self.state:
+            state = self.state
+            if frame is None or frame.bfd.your_disc != self.discriminator or not state:
                 continue
             self.heard.append(frame)
-            self.link.send(Bfd(self.discriminator, frame.bfd.my_disc, self.state,
+            self.link.send(Bfd(self.discriminator, frame.bfd.my_disc, state,
                                min_tx=1, min_rx=self.min_rx), sport=7784, dport=frame.sport)
 
     def close(self):
@@ -99,7 +101,7 @@ def test_sbfd_initiator(link, start):
         agent = start(end(link, type="sbfd", remote_discriminator=77))
         agent.wait_for_change("up")
         assert agent.show()["timing"]["transmit_interval"] == 80_000
-        assert agent.show()["timing"]["detection_time"] == 240_000
+        assert agent.show()["timing"]["detection_time"] == 1_600_000
         first = reflector.heard[0].bfd
         assert (first.state, first.flags & bfd.DEMAND) == (bfd.DOWN, bfd.DEMAND)
         assert not any(frame.bfd.flags & bfd.POLL for frame in reflector.heard)
@@ -126,7 +128,7 @@ def test_echo_alone(link, start, looping):
     wait_until(lambda: agent.show().get("rtt", {}).get("last"), "round-trip time")
     rtt = agent.show()["rtt"]
     assert 0 < rtt["min"] <= rtt["avg"] <= rtt["max"]
-    assert agent.show()["timing"]["detection_time"] == 150_000
+    assert agent.show()["timing"]["detection_time"] == 1_000_000
     frame = link.wire.receive(lambda f: f.dport == p.RX_PORTS[p.RX_ECHO])
     assert (frame.src, frame.dst, frame.ttl) == (link.near4, link.near4, 255)
     sysctl(link.far_ns, ip_forward=0)
@@ -170,20 +172,21 @@ def test_lag_members_fail_on_their_own(namespaces, link, start):
     def lag(side, other):
         return {"name": "lag", "type": "lag", "namespace": getattr(link, f"{side}_ns"),
                 "local": addresses[side], "peer": addresses[other], "interface": "lag0",
-                "members": members, "multiplier": 10}
+                "members": members}
 
     near, far = start(lag("near", "far")), start(lag("far", "near"))
     for agent in (near, far):
         for member in members:
             agent.wait_for_state("up", f"lag/{member}")
-            wait_until(lambda: agent.show(f"lag/{member}")["timing"]["detection_time"] == 500_000,
+            wait_until(lambda: agent.show(f"lag/{member}")["timing"]["detection_time"] == 1_000_000,
                        "negotiation")
     frame = link.wire.receive(lambda f: f.dport == p.RX_PORTS[p.RX_LAG])
     assert frame.raw[:6] == bytes.fromhex("01005e900001")
+    # What came before is no matter: packets without our discriminator may overtake those with it.
+    before = near.show("lag/eth0")["changes"], far.show("lag/eth0")["changes"]
     second.set("down", "far")
     near.wait_for_state("down", "lag/eth1")
     far.wait_for_state("down", "lag/eth1")
-    assert near.show("lag/eth0")["changes"]["down_count"] == 0
     second.set("up", "far")
     near.wait_for_state("up", "lag/eth1")
-    assert far.show("lag/eth0")["changes"]["down_count"] == 0
+    assert (near.show("lag/eth0")["changes"], far.show("lag/eth0")["changes"]) == before

@@ -13,6 +13,7 @@ import pytest
 from lib import PATIENCE, wait_until
 from lib import protocol as p
 from lib.agent import Agent
+from lib.host import KELMCTL
 from lib.kelm_agent import KELM_AGENT, KelmAgent
 from lib.topology import ip
 
@@ -25,7 +26,7 @@ def start():
 
     def start_one(*sessions, arguments=(), agent=None, directory=None):
         running.append(KelmAgent(sessions, *arguments, agent=agent, directory=directory,
-                                 min_tx="50ms", min_rx="50ms", multiplier=10))
+                                 min_tx="50ms", min_rx="50ms", multiplier=20))
         return running[-1]
 
     yield start_one
@@ -95,7 +96,7 @@ def test_restart_without_its_record(link, start):
 
 def test_an_interface_that_comes_later(link, start):
     near, far = start(end(link, interface="later")), start(end(link, "far"))
-    assert near.show()["problem"] == "there is no interface later"
+    wait_until(lambda: near.show().get("problem") == "there is no interface later", "that problem")
     ip("-n", link.near_ns, "link", "set", link.name, "down")
     ip("-n", link.near_ns, "link", "set", link.name, "name", "later")
     ip("-n", link.near_ns, "link", "set", "later", "up")
@@ -176,3 +177,11 @@ def test_a_mistake_in_the_defaults_is_told_with_its_line():
         result = subprocess.run([KELM_AGENT, "--check", "--config", config], capture_output=True,
                                 text=True)
     assert result.returncode == 1 and "agent.toml:3: 'min-rx' must be" in result.stderr
+
+
+def test_completion_knows_the_sessions(start):
+    agent = start({"name": "alpha", "local": "10.0.0.1", "peer": "10.0.0.2"},
+                  {"name": "beta", "local": "10.0.0.1", "peer": "10.0.0.3"})
+    words = [KELMCTL, "__complete", "agent", "down", "socket", agent.socket, "al"]
+    result = subprocess.run(words, capture_output=True, text=True, timeout=PATIENCE)
+    assert result.stdout.split() == ["alpha"]

@@ -13,8 +13,9 @@ from lib.topology import Namespaces
 def end(link, side):
     near, far = link.addresses(4)
     local, peer = (near, far) if side == "near" else (far, near)
+    # kelm is to be gone before a session fails in what is left of it.
     return {"name": "s", "namespace": getattr(link, f"{side}_ns"), "local": local, "peer": peer,
-            "interface": link.name, "min_tx": "50ms", "min_rx": "50ms"}
+            "interface": link.name, "min_tx": "50ms", "min_rx": "50ms", "multiplier": 50}
 
 
 @pytest.mark.kelmd

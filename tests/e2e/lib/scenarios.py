@@ -14,8 +14,8 @@ from .interop import Session, Timing
 from .kelm_agent import KelmAgent
 
 # Machines that run tests stop for tenths of a second.
-TIMING = Timing(200, 200, 5)
-DETECTION = 1.0
+TIMING = Timing(200, 200, 10)
+DETECTION = 2.0
 
 
 def shown(agent, sessions):
@@ -86,17 +86,17 @@ class Scenarios:
     def test_a_stopped_agent_is_not_missed(self, agent, unchanged):
         with busy():
             agent.process.send_signal(signal.SIGSTOP)
-            time.sleep(10 * DETECTION)
+            time.sleep(5 * DETECTION)
             agent.process.send_signal(signal.SIGCONT)
 
     def test_the_agent_is_killed(self, agent, sessions, unchanged):
         agent.kill()
-        time.sleep(2 * DETECTION)
+        time.sleep(1.5 * DETECTION)
         agent.start()
         for session in sessions:
             agent.wait_for(lambda line: f"{session.name}: goes on up" in line["message"],
                            f"'goes on up' of {session.name}")
-        time.sleep(2 * DETECTION)
+        time.sleep(1.5 * DETECTION)
         assert agent.changes() == []
 
     def test_intervals_follow_both_ends(self, bed, agent, sessions, unchanged):
@@ -115,8 +115,8 @@ class Scenarios:
 
         ours = peers = TIMING
         expect(ours, peers)
-        for ours, peers in ((ours, Timing(300, 350, 4)), (Timing(250, 400, 3), Timing(300, 350, 4)),
-                            (Timing(250, 400, 3), Timing(500, 220, 4)), (TIMING, TIMING)):
+        for ours, peers in ((ours, Timing(300, 350, 8)), (Timing(250, 400, 7), Timing(300, 350, 8)),
+                            (Timing(250, 400, 7), Timing(500, 220, 8)), (TIMING, TIMING)):
             bed.peer.configure(timing=peers)
             agent.defaults = ours.keys()
             agent.reload([session.configuration() for session in sessions])
