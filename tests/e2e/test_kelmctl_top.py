@@ -146,6 +146,7 @@ def test_the_terminal_is_given_back_while_stopped(sessions, terminal):
     screen.process.send_signal(signal.SIGTSTP)
     screen.expect(LEAVE)
     wait_until(lambda: not screen.is_raw(), "terminal as before")
+    wait_until(lambda: os.waitid(os.P_PID, screen.process.pid, os.WSTOPPED | os.WNOHANG), "stop")
     after = len(screen.read())
     screen.process.send_signal(signal.SIGCONT)
     screen.expect(ENTER, after)
@@ -169,6 +170,8 @@ def test_monitor_of_one_session(link, agent):
             link.send(Bfd(my_disc=3, your_disc=5, state=UP))
             monitor.read(0.05)
         assert monitor.process.wait(PATIENCE) == 0
+        while monitor.read():
+            pass
     (line,) = monitor.lines
     stamp, told = line.split("  ", 1)
     assert time.strptime(stamp.split(".")[0], "%Y-%m-%dT%H:%M:%S")

@@ -78,6 +78,7 @@ def test_a_clean_end_leaves_nothing(namespaces, ending):
                                                        period=5_000))
         other.start_dump(p.GET_STATS, p.get_stats(flags=p.STATS_ALL_VRFS))
         link.receive(7)
+        assert other.sock.recv(1, socket.MSG_PEEK)  # it has begun
         host.stop(ending)
         assert other.receive()  # the part of the dump that was made
         with pytest.raises(ConnectionResetError):

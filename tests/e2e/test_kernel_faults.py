@@ -135,8 +135,14 @@ def test_requests_and_datagrams(faulty_link):
 
         def receive():
             """The next of different packets, unless it is lost; none waits in the socket."""
-            link.send(next(packets))
-            wait_until(lambda: failed() or agent.event(timeout=0.1), "the datagram")
+            sent = next(packets)
+            link.send(sent)
+
+            def has_come():
+                event = agent.event(p.RX_PACKET_CHANGE, timeout=0.1)
+                return event and p.decode(event).frame.endswith(sent.pack())
+
+            wait_until(lambda: failed() or has_come(), "the datagram")
 
         packets = (Bfd(your_disc=7, min_rx=number) for number in itertools.count(1))
         lost = len(list(each_failure(receive)))

@@ -132,7 +132,7 @@ def test_agents_that_never_read(link, witness):
         for _ in range(1000):
             link.send(Bfd(your_disc=4711))
         with Agent(link.near_ns) as other:
-            assert other.module_stats().num_invalid_sessions > 0
+            wait_until(lambda: other.module_stats().num_invalid_sessions > 0, "a datagram")
 
 
 def test_agents_die_at_every_moment(link, witness):
@@ -179,7 +179,7 @@ def test_connections_that_break_the_rules(host, link, witness):
 def test_a_flood_of_requests_delays_nobody_for_long(link, witness):
     with Agent(link.near_ns) as flooder, Agent(link.near_ns) as other:
         flooder.sock.setblocking(False)
-        for _ in range(300):
+        for _ in range(60):
             with contextlib.suppress(BlockingIOError):
                 while True:
                     flooder.send(p.message(p.RX_SET_SESSION, p.rx_set_session(5), flags=1))
@@ -191,13 +191,14 @@ def test_a_flood_of_datagrams_delays_no_detection(link, witness):
     with Agent(link.near_ns, groups=[p.NOTIFICATION]) as agent:
         for disc in (5, 6):
             agent.request(p.RX_SET_SESSION, p.rx_set_session(
-                disc, flags=p.TIMER_ACTIVE, multiplier=10, period=100_000,
+                disc, flags=p.TIMER_ACTIVE, multiplier=20, period=100_000,
                 failure=p.failure_message(disc)))
         junk = b"\x20" * 24
-        for number in range(20_000):
-            link.send(Bfd(your_disc=5) if number % 20 == 0 else junk)
-            if number % 200 == 0 and agent.event(p.SESSION_FAILURE, 6, timeout=0.001):
-                break
-        else:
-            assert agent.event(p.SESSION_FAILURE, 6, PATIENCE)
+
+        def flood():
+            for number in range(200):
+                link.send(Bfd(your_disc=5) if number % 20 == 0 else junk)
+            return agent.event(p.SESSION_FAILURE, 6, timeout=0.001)
+
+        wait_until(flood, "failure of the silent session", poll=0)
         assert agent.event(p.SESSION_FAILURE, 5, timeout=0.001) is None

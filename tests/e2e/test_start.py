@@ -3,6 +3,7 @@
 
 import pytest
 
+from lib import wait_until
 from lib import protocol as p
 from lib.agent import Agent
 from lib.bfd import Bfd
@@ -33,9 +34,13 @@ def near(namespaces):
 def expect_all_sent(link):
     """Every packet goes out, and goes on going out; at which instants, the virtual clock tells."""
     times_sent = dict.fromkeys(range(1, 21), 0)
-    while min(times_sent.values()) < 2:
+
+    def all_twice():
         frame, = link.collect(1)
         times_sent[frame.bfd.my_disc] += 1
+        return min(times_sent.values()) == 2
+
+    wait_until(all_twice, lambda: f"second time of each: {times_sent}", poll=0)
 
 
 def test_nothing_is_sent_before_the_agent_says_so(near):
