@@ -9,23 +9,28 @@ namespace
 
 using namespace sim;
 
-constexpr std::uint32_t SESSION = 5;
-constexpr std::uint64_t DETECTION = 900; // ticks, of a session as `rx` makes it
-
-class rx_session_config : public testing::Test
-{
-  protected:
-    // The session failures since the last time.
-    std::vector<std::string> failures() { return names(listener.read_messages()); }
-
+struct rx_session_config : engine_test {
     bool timed_out(std::uint64_t ticks)
     {
         w.advance(ticks);
-        return !failures().empty();
+        return !listener.read_messages().empty();
     }
 
-    world w;
-    agent &a = w.open_agent(w.initial());
+    // Whether the session times out after so many ticks and not before.
+    bool times_out_after(std::uint64_t ticks) { return !timed_out(ticks - 1) && timed_out(1); }
+
+    // A set request with exactly this multiplier, period and failure message.
+    int set_exactly(std::uint8_t multiplier, kelm_microsecs period, const bytes &message)
+    {
+        kelm_msg_rx_set_session fixed = rx{.multiplier = multiplier, .period = period};
+        fixed.header.discriminator = SESSION;
+        fixed.failure_packet_len = static_cast<std::uint32_t>(message.size());
+        bytes body;
+        append(body, as_bytes(fixed));
+        append(body, message);
+        return ask(a, KELM_MSG_RX_SET_SESSION, body);
+    }
+
     agent &listener = w.open_agent(w.initial(), {.groups = NOTIFICATION});
 };
 
@@ -37,7 +42,6 @@ TEST_F(rx_session_config, refusals_come_in_order_and_change_nothing)
     EXPECT_EQ(w.logged("kelm Rx (0): Processing RX_SET_SESSION for session 0"), 1U);
     for (const std::uint8_t type : bytes{5, 6, 255})
         EXPECT_EQ(set_session(a, SESSION, rx{.latch = {99}, .type = type}), -EAFNOSUPPORT);
-    EXPECT_EQ(w.logged("Got sessions lock"), 0U);
     EXPECT_EQ(w.logged("Returning"), 0U);
     EXPECT_EQ(delete_session(a, 0), -EINVAL);
     EXPECT_EQ(delete_session(a, SESSION), -ENOENT);
@@ -89,36 +93,24 @@ TEST_F(rx_session_config, the_timer_follows_the_flag)
     EXPECT_FALSE(timed_out(2 * DETECTION));
     EXPECT_EQ(w.timers(), 0U);
     ASSERT_EQ(set_session(a, SESSION, rx{.flags = 0xff}), 0);
-    EXPECT_FALSE(timed_out(DETECTION - 1));
-    EXPECT_TRUE(timed_out(1));
+    EXPECT_TRUE(times_out_after(DETECTION));
 }
 
 TEST_F(rx_session_config, the_failure_message_is_the_latest_unchanged)
 {
-    const auto with_message = [](const bytes &message) {
-        kelm_msg_rx_set_session fixed = rx{.multiplier = 1, .period = 1};
-        fixed.header.discriminator = SESSION;
-        fixed.failure_packet_len = static_cast<std::uint32_t>(message.size());
-        bytes body;
-        append(body, as_bytes(fixed));
-        append(body, message);
-        return body;
-    };
     bytes odd = make_message(KELM_MSG_SESSION_FAILURE, 0x1234, 77, bytes(13, 0xee));
     std::memset(&odd[12], 0x5a, 4);
     for (const bytes &message : {make_message(99, 0, 0, {}), odd,
                                  make_message(KELM_MSG_TX_STATS, 0, 0, bytes(60000, 7))}) {
-        ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, with_message(bytes(16))), 0);
-        ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, with_message(message)), 0);
-        w.advance(1);
-        EXPECT_EQ(listener.read(), message);
-        EXPECT_EQ(listener.read(), std::nullopt);
-        // The same again for the next silence.
-        ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, with_message(message)), 0);
-        w.advance(1);
-        EXPECT_EQ(listener.read(), message);
+        ASSERT_EQ(set_exactly(1, 1, bytes(16)), 0);
+        for (int silence = 0; silence < 2; ++silence) {
+            ASSERT_EQ(set_exactly(1, 1, message), 0);
+            w.advance(1);
+            EXPECT_EQ(listener.read(), message);
+            EXPECT_EQ(listener.read(), std::nullopt);
+        }
     }
-    ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, with_message({})), 0);
+    ASSERT_EQ(set_exactly(1, 1, {}), 0); // an empty one goes nowhere
     w.advance(1);
     EXPECT_EQ(rx_stats(a, SESSION)->num_timeout, 7U);
 }
@@ -144,8 +136,7 @@ TEST_F(rx_session_config, without_memory_a_session_is_not_created_and_an_old_one
         EXPECT_EQ(set_session(a, SESSION, rx{.flags = 0, .period = 5000, .latch = {99}}), -ENOMEM);
     }
     EXPECT_EQ(rx_stats(a, SESSION)->last_state_change.nsec, before.last_state_change.nsec);
-    EXPECT_FALSE(timed_out(DETECTION - 101));
-    EXPECT_TRUE(timed_out(1));
+    EXPECT_TRUE(times_out_after(DETECTION - 100));
 }
 
 TEST_F(rx_session_config, an_unknown_packet_ends_the_request_half_way)
@@ -168,8 +159,7 @@ TEST_F(rx_session_config, an_unknown_packet_ends_the_request_half_way)
                              .latch = {3, 2, 99, 1},
                              .latch_diagnostic = BFD_DIAG_PATH_DOWN}),
               -ENXIO);
-    EXPECT_FALSE(timed_out(DETECTION - 101));
-    EXPECT_TRUE(timed_out(1));
+    EXPECT_TRUE(times_out_after(DETECTION - 100));
     // In slot order, up to the first empty one.
     std::vector<std::string> latched;
     for (const log_line &line : w.log()) {
@@ -181,8 +171,7 @@ TEST_F(rx_session_config, an_unknown_packet_ends_the_request_half_way)
     // The new period holds from the next packet on, if the timer is active.
     EXPECT_EQ(set_session(a, SESSION, rx{.period = 1'000'000, .latch = {99}}), -ENXIO);
     ASSERT_TRUE(receive(w, SESSION));
-    EXPECT_FALSE(timed_out(2999));
-    EXPECT_TRUE(timed_out(1));
+    EXPECT_TRUE(times_out_after(3000));
 }
 
 TEST_F(rx_session_config, up_to_8_packets_are_linked_and_the_first_0_ends_the_list)
@@ -190,24 +179,19 @@ TEST_F(rx_session_config, up_to_8_packets_are_linked_and_the_first_0_ends_the_li
     ASSERT_EQ(path_ready(a), 0);
     for (std::uint32_t disc = 1; disc <= 9; ++disc)
         ASSERT_EQ(set_packet(a, disc), 0);
-    kelm_msg_rx_set_session fixed = rx{.latch = {1, 2, 3, 4, 5, 6, 7, 8}};
-    ASSERT_EQ(set_session(a, 100, fixed), 0);
-    const auto latches = [this] {
-        std::uint64_t sum = 0;
-        for (std::uint32_t disc = 1; disc <= 9; ++disc)
-            sum = sum * 10 + tx_stats(a, disc)->num_latches;
-        return sum;
+    const std::pair<std::vector<std::uint32_t>, std::string> cases[] = {
+        {{1, 2, 3, 4, 5, 6, 7, 8}, "111111110"},
+        {{1, 0, 3}, "211111110"},
+        {{0, 2}, "211111110"},
     };
-    w.advance(DETECTION + 299);
-    EXPECT_EQ(latches(), 111'111'110U);
-    fixed.latch_tx_packets[1] = 0;
-    ASSERT_EQ(set_session(a, 100, fixed), 0);
-    w.advance(DETECTION + 299);
-    EXPECT_EQ(latches(), 211'111'110U);
-    fixed.latch_tx_packets[0] = 0;
-    ASSERT_EQ(set_session(a, 100, fixed), 0);
-    w.advance(DETECTION + 299);
-    EXPECT_EQ(latches(), 211'111'110U);
+    for (const auto &[linked, latches] : cases) {
+        ASSERT_EQ(set_session(a, 100, rx{.latch = linked}), 0);
+        w.advance(DETECTION + INTERVAL);
+        std::string met;
+        for (std::uint32_t disc = 1; disc <= 9; ++disc)
+            met += std::to_string(tx_stats(a, disc)->num_latches);
+        EXPECT_EQ(met, latches);
+    }
 }
 
 TEST_F(rx_session_config, packets_of_other_vrfs_are_linked_the_own_one_first_then_the_newest)
@@ -215,43 +199,33 @@ TEST_F(rx_session_config, packets_of_other_vrfs_are_linked_the_own_one_first_the
     ASSERT_EQ(path_ready(a), 0);
     agent &red = w.open_agent(w.create_namespace("red"));
     agent &blue = w.open_agent(w.create_namespace("blue"));
-    ASSERT_EQ(set_packet(red, 1), 0);
-    ASSERT_EQ(set_packet(blue, 1), 0);
-    const auto latched = [&](agent &owner) { return tx_stats(owner, 1)->num_latches; };
-    ASSERT_EQ(set_session(a, SESSION, rx{.latch = {1}}), 0);
-    w.advance(DETECTION + 299);
-    EXPECT_EQ(latched(red), 0U);
-    EXPECT_EQ(latched(blue), 1U);
-    ASSERT_EQ(set_packet(a, 1), 0);
-    ASSERT_EQ(set_session(a, SESSION, rx{.latch = {1}}), 0);
-    w.advance(DETECTION + 299);
-    EXPECT_EQ(latched(a), 1U);
-    EXPECT_EQ(latched(blue), 1U);
+    const auto latches_after = [&](agent &owner) {
+        EXPECT_EQ(set_packet(owner, 1), 0);
+        EXPECT_EQ(set_session(a, SESSION, rx{.latch = {1}}), 0);
+        w.advance(DETECTION + INTERVAL);
+        return tx_stats(owner, 1)->num_latches;
+    };
+    EXPECT_EQ(latches_after(red), 1U);
+    EXPECT_EQ(latches_after(blue), 1U);
+    EXPECT_EQ(latches_after(a), 1U);
+    EXPECT_EQ(tx_stats(red, 1)->num_latches + tx_stats(blue, 1)->num_latches, 2U);
 }
 
 TEST_F(rx_session_config, zero_detection_time_is_accepted_and_over_at_once)
 {
-    const auto zero = [this](std::uint8_t multiplier, kelm_microsecs period) {
-        kelm_msg_rx_set_session fixed = rx{.latch_diagnostic = 0};
-        bytes body = rx_set_session(SESSION, fixed);
-        body[offsetof(kelm_msg_rx_set_session, multiplier)] = multiplier;
-        std::memcpy(&body[offsetof(kelm_msg_rx_set_session, period)], &period, sizeof period);
-        return ask(a, KELM_MSG_RX_SET_SESSION, body);
-    };
-    EXPECT_EQ(zero(0, 300'000), 0);
-    EXPECT_EQ(w.logged("kelm Rx: Session 5 has zero detect time 0 * 300000"), 1U);
-    EXPECT_TRUE(timed_out(1));
-    EXPECT_EQ(zero(3, 0), 0);
-    EXPECT_EQ(w.logged("kelm Rx: Session 5 has zero detect time 3 * 0"), 1U);
-    EXPECT_TRUE(timed_out(1));
-    EXPECT_EQ(zero(128, 0x02000000), 0); // modulo 2^32
-    EXPECT_EQ(w.logged("kelm Rx: Session 5 has zero detect time 128 * 33554432"), 1U);
-    EXPECT_TRUE(timed_out(1));
-    EXPECT_EQ(zero(255, 0x01020305), 0); // 16,777,723 us too many for 32 bits
+    const bytes message = make_message(KELM_MSG_SESSION_FAILURE, 0, 0, {});
+    const std::pair<std::uint8_t, kelm_microsecs> zeros[] = {
+        {0, 300'000}, {3, 0}, {128, 0x02000000}}; // modulo 2^32
+    for (const auto &[multiplier, period] : zeros) {
+        EXPECT_EQ(set_exactly(multiplier, period, message), 0);
+        EXPECT_EQ(w.logged("kelm Rx: Session 5 has zero detect time " + std::to_string(multiplier) +
+                           " * " + std::to_string(period)),
+                  1U);
+        EXPECT_TRUE(timed_out(1));
+    }
+    EXPECT_EQ(set_exactly(255, 0x01020305, message), 0); // 16,777,723 us too many for 32 bits
     EXPECT_EQ(w.logged("zero detect time"), 3U);
-    const std::uint64_t expected = (255ULL * 0x01020305 % (1ULL << 32) + 999) / 1000;
-    EXPECT_FALSE(timed_out(expected - 1));
-    EXPECT_TRUE(timed_out(1));
+    EXPECT_TRUE(times_out_after((255ULL * 0x01020305 % (1ULL << 32) + 999) / 1000));
 }
 
 TEST_F(rx_session_config, a_new_period_clears_the_interval_statistics_alone)
