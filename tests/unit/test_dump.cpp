@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <set>
 #include <tuple>
 
 namespace
@@ -116,10 +117,7 @@ TEST(get_stats, reports_and_clears_the_counters_of_the_vrf)
         receive(w, 99);
     });
     times(8, [&] { EXPECT_EQ(set_interval(a, 1), 0); });
-    const std::uint64_t allocations = w.uses(service::allocation);
     w.advance(1000); // fails to be broadcast, too
-    const std::uint64_t of_one_run = w.uses(service::allocation) - allocations;
-    EXPECT_GE(of_one_run, 1U);
     times(7, [&] {
         w.fail(service::allocation, -1);
         w.advance(1000);
@@ -185,21 +183,6 @@ struct long_dump : testing::Test {
         ASSERT_EQ(of.queued(), 1U);
     }
 
-    // The rest of a dump: how often each packet is in it. It ends as it should.
-    std::map<std::uint32_t, int> finish(agent &of)
-    {
-        std::vector<message> messages;
-        while (of.queued() != 0) {
-            for (const message &m : of.read_messages())
-                messages.push_back(m);
-        }
-        EXPECT_EQ(name(messages.back()), "done 0");
-        std::map<std::uint32_t, int> result;
-        for (const auto &m : bodies<kelm_msg_tx_stats>(messages, KELM_MSG_TX_STATS))
-            ++result[m.header.discriminator];
-        return result;
-    }
-
     static constexpr std::uint32_t NUMBER = 300;
 
     world w;
@@ -215,41 +198,14 @@ TEST_F(long_dump, reports_everything_once)
         EXPECT_EQ(ask(a, KELM_MSG_GET_STATS, stats_request(0, CLEAR)), -EBUSY);
         EXPECT_EQ(ask(a, KELM_MSG_SYNC, kelm_msg_sync{}), -EBUSY);
         for (agent *of : {&a, &other}) {
-            const auto found = finish(*of);
-            EXPECT_EQ(found.size(), NUMBER);
-            for (const auto &[discriminator, times] : found)
-                EXPECT_EQ(times, 1) << discriminator;
+            strings found;
+            while (of->queued() != 0)
+                std::ranges::copy(names(of->read_messages()), std::back_inserter(found));
+            EXPECT_EQ(found.size(), NUMBER + 1);
+            EXPECT_EQ(found.back(), "done 0");
+            EXPECT_EQ(std::set<std::string>(found.begin(), found.end()).size(), NUMBER + 1);
         }
     }
-}
-
-TEST_F(long_dump, starts_over_after_a_deletion_and_only_then)
-{
-    start(a);
-    ASSERT_EQ(set_packet(other, 1), 0);         // replaced
-    ASSERT_EQ(set_packet(other, 32 * 1000), 0); // into a chain that is done
-    ASSERT_EQ(delete_session(other, 1), -ENOENT);
-    ASSERT_EQ(set_session(other, 1), 0);
-    ASSERT_EQ(delete_session(other, 1), 0); // of the other table
-    auto found = finish(a);
-    EXPECT_EQ(found.size(), NUMBER);
-    for (const auto &[discriminator, times] : found)
-        EXPECT_EQ(times, 1) << discriminator;
-
-    start(a);
-    ASSERT_EQ(delete_packet(other, 32), 0); // in front of the cursor
-    found = finish(a);
-    EXPECT_EQ(found.size(), NUMBER + 1);
-    EXPECT_EQ(found[32], 1);
-    EXPECT_EQ(found[64], 2);
-    EXPECT_EQ(found[31], 1);
-
-    // A sweep empties the vrf without that.
-    start(a);
-    ASSERT_EQ(mark_or_sweep(other, KELM_SYNC_SWEEP), 0);
-    found = finish(a);
-    EXPECT_LT(found.size(), NUMBER);
-    EXPECT_EQ(finish((start(a), a)).size(), 0U);
 }
 
 TEST_F(long_dump, ends_when_its_agent_does)
