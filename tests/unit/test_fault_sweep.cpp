@@ -4,7 +4,7 @@
 // service of the platform failing, and with all from there on failing, until nothing fails any
 // more. Whatever the outcome for the agent: nothing leaks, no rule of the platform is broken, no
 // invariant warns, and afterwards the engine is as good as new.
-#include "engine_fixture.h"
+#include "wire_fixture.h"
 
 #include <cerrno>
 
@@ -31,17 +31,10 @@ struct scenario {
     const char *name;
     void (*run)(stage &s);
     void (*prepare)(stage &s) = nullptr;
+    std::uint64_t ticks = 0; // that pass afterwards
 };
 
-kelm_msg_rx_set_session watched_session()
-{
-    kelm_msg_rx_set_session session{};
-    session.flags = KELM_RX_TIMER_ACTIVE;
-    session.latch_diagnostic = BFD_DIAG_CTRL_TIMEOUT;
-    session.latch_tx_packets[0] = 1;
-    session.latch_tx_packets[1] = 7; // the other namespace's
-    return session;
-}
+const rx watched_session{.latch = {1, 7}}; // 7 is the other namespace's
 
 // What most scenarios find: packets and sessions in both namespaces, not yet sent or received.
 void furnish(stage &s)
@@ -51,9 +44,9 @@ void furnish(stage &s)
     ASSERT_EQ(set_packet(s.ours, 1), 0);
     ASSERT_EQ(set_packet(s.ours, 33), 0);
     ASSERT_EQ(set_packet(s.theirs, 7), 0);
-    ASSERT_EQ(set_session(s.ours, 5, watched_session()), 0);
+    ASSERT_EQ(set_session(s.ours, 5, watched_session), 0);
     ASSERT_EQ(set_session(s.ours, 37), 0);
-    ASSERT_EQ(set_session(s.theirs, 5, watched_session()), 0);
+    ASSERT_EQ(set_session(s.theirs, 5, watched_session), 0);
 }
 
 void furnish_with(stage &s, std::uint32_t number)
@@ -106,78 +99,38 @@ void arrive(stage &s, const control_packet &packet, buffer_form form)
     s.w.deliver(s.w.initial(), frame);
 }
 
-void set_authenticated_packet(stage &s)
-{
-    bytes content = control_packet{.flags = BFD_FLAG_AUTH_PRESENT}.encode();
-    content[3] = BFD_CTRL_LEN + 28;
-    append(content, bytes{BFD_AUTH_METICULOUS_SHA1, 28, 1, 0});
-    content.resize(BFD_CTRL_LEN + 28);
-    kelm_msg_tx_set_packet fixed{};
-    fixed.auth.type = BFD_AUTH_METICULOUS_SHA1;
-    fixed.latch_period = 1'000'000;
-    const bytes datagram = ipv4_datagram(content);
-    fixed.latch_offset = static_cast<std::uint32_t>(datagram.size()) - BFD_CTRL_LEN - 28;
-    ask(s.ours, KELM_MSG_TX_SET_PACKET, tx_set_packet(1, datagram, fixed));
-}
-
 const scenario scenarios[] = {
     {"start", [](stage &s) { s.start(); }},
     {"namespace created",
      [](stage &s) {
          s.namespaces.emplace_back("green");
-         agent &a = s.w.open_agent(s.w.create_namespace("green"));
-         set_packet(a, 1);
+         set_packet(s.w.open_agent(s.w.create_namespace("green")), 1);
      },
      furnish},
     {"namespace gone",
      [](stage &s) {
          s.theirs.close();
          s.w.abandon(s.w.find("red"));
-         s.w.advance(1000);
      },
-     send_and_receive},
-    {"packet set", [](stage &s) { set_packet(s.ours, 2); }, furnish},
-    {"packet set and due",
+     send_and_receive, 1000},
+    {"packet set before the path is ready", [](stage &s) { set_packet(s.ours, 2); }, furnish},
+    {"packet set", [](stage &s) { set_packet(s.ours, 2); }, send_and_receive, 1000},
+    {"packet replaced",
      [](stage &s) {
-         set_packet(s.ours, 2);
-         s.w.advance(1000);
+         const bytes section = auth_section(BFD_AUTH_METICULOUS_SHA1);
+         set(s.ours, 1, {.payload = with_section({}, section)}, tx{.latch_period = 1'000'000});
      },
-     send_and_receive},
-    {"packet replaced", set_authenticated_packet, furnish},
-    {"packet replaced while it is sent",
-     [](stage &s) {
-         set_authenticated_packet(s);
-         s.w.advance(1000);
-     },
-     send_and_receive},
+     send_and_receive, 1000},
     {"packet sent out of band",
-     [](stage &s) {
-         kelm_msg_tx_set_packet fixed{};
-         fixed.flags = KELM_TX_SEND_OOB;
-         set_packet(s.ours, 1, fixed);
-         s.w.advance(1000);
-     },
-     send_and_receive},
-    {"packet deleted",
-     [](stage &s) {
-         delete_packet(s.ours, 1);
-         s.w.advance(1000);
-     },
-     send_and_receive},
-    {"path ready",
-     [](stage &s) {
-         path_ready(s.ours);
-         s.w.advance(500);
-     },
-     furnish},
-    {"session set", [](stage &s) { set_session(s.ours, 6, watched_session()); }, furnish},
+     [](stage &s) { set_packet(s.ours, 1, tx{.flags = KELM_TX_SEND_OOB}); }, send_and_receive,
+     1000},
+    {"packet deleted", [](stage &s) { delete_packet(s.ours, 1); }, send_and_receive, 1000},
+    {"path ready", [](stage &s) { path_ready(s.ours); }, furnish, 500},
+    {"session set", [](stage &s) { set_session(s.ours, 6, watched_session); }, furnish},
     {"session reconfigured",
      [](stage &s) {
-         kelm_msg_rx_set_session session = watched_session();
-         session.latch_tx_packets[2] = 99; // does not exist
-         set_session(s.ours, 5, session);
-         session.latch_tx_packets[2] = 33;
-         set_session(s.ours, 5, session);
+         set_session(s.ours, 5, rx{.latch = {1, 7, 99}}); // 99 does not exist
+         set_session(s.ours, 5, rx{.latch = {1, 7, 33}});
      },
      send_and_receive},
     {"session deleted", [](stage &s) { delete_session(s.ours, 5); }, send_and_receive},
@@ -192,7 +145,7 @@ const scenario scenarios[] = {
          }
      },
      furnish},
-    {"timeout", [](stage &s) { s.w.advance(2500); }, send_and_receive},
+    {"timeout", [](stage &) {}, send_and_receive, 2500},
     {"statistics of one session",
      [](stage &s) {
          ask(s.ours, KELM_MSG_GET_STATS, stats_request(1, 0));
@@ -217,15 +170,9 @@ const scenario scenarios[] = {
          mark_or_sweep(s.ours, KELM_SYNC_MARK);
          set_packet(s.ours, 2);
          mark_or_sweep(s.ours, KELM_SYNC_SWEEP);
-         s.w.advance(1000);
      },
-     send_and_receive},
-    {"periodic statistics",
-     [](stage &s) {
-         set_interval(s.ours, 1);
-         s.w.advance(1000);
-     },
-     fill_broadcasts},
+     send_and_receive, 1000},
+    {"periodic statistics", [](stage &s) { set_interval(s.ours, 1); }, fill_broadcasts, 1000},
     {"debug levels",
      [](stage &s) {
          set_debug_level(s.ours, 3, 5);
@@ -272,9 +219,7 @@ void live(world &w, agent &control)
     agent &a = w.open_agent(ns, {.groups = CONTROL | NOTIFICATION});
     ASSERT_EQ(path_ready(a), 0);
     ASSERT_EQ(set_packet(a, 1), 0);
-    kelm_msg_rx_set_session session = watched_session();
-    session.latch_tx_packets[1] = 0;
-    ASSERT_EQ(set_session(a, 5, session), 0);
+    ASSERT_EQ(set_session(a, 5, rx{.latch = {1}}), 0);
     ASSERT_TRUE(receive(w, ns, 5));
     w.take_frames();
     w.advance(2000);
@@ -311,6 +256,7 @@ bool run_with_fault(const scenario &played, const fault &f, std::uint64_t nth, s
         played.prepare(s);
     s.w.fail(f.which, f.result, nth, times);
     played.run(s);
+    s.w.advance(played.ticks);
     const bool failed = s.w.failed(f.which) != 0;
     s.w.fail(f.which, 0, 1, 0);
     drain(s.ours);
