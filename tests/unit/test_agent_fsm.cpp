@@ -38,18 +38,14 @@ constexpr transition reflector_transitions[] = {
     {U, U, {U, earlier}}, {U, D, {U, earlier}}, {A, U, {A, earlier}},
 };
 
-TEST(agent_fsm, packets_of_a_peer)
+TEST(agent_fsm, packets)
 {
     for (const auto &t : peer_transitions)
         EXPECT_EQ(after_packet({t.from, earlier}, t.received), t.to)
             << int{t.from} << " hears " << int{t.received};
-}
-
-TEST(agent_fsm, replies_of_a_reflector)
-{
     for (const auto &t : reflector_transitions)
         EXPECT_EQ(after_reflection({t.from, earlier}, t.received), t.to)
-            << int{t.from} << " hears " << int{t.received};
+            << int{t.from} << " hears reflector " << int{t.received};
 }
 
 TEST(agent_fsm, silence)

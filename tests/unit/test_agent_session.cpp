@@ -54,12 +54,16 @@ struct agent_session : testing::Test {
     // A session that is Up, and whose Poll Sequence has ended.
     void bring_up()
     {
+        subject = session(config_with(100 * ms, 200 * ms), our_discriminator);
         subject.packet(says(BFD_STATE_INIT), now);
-        subject.packet(answers(says(BFD_STATE_UP, 60 * ms)), now);
+        peer_confirms();
         ASSERT_TRUE(subject.is_up());
         ASSERT_FALSE(subject.polling());
     }
 
+    void peer_confirms() { subject.packet(answers(says(BFD_STATE_UP, 60 * ms)), now); }
+
+    intervals periods() const { return {sent().period, received().period}; }
     transmission sent() const { return *subject.current().transmit; }
     reception received() const { return *subject.current().receive; }
 
@@ -77,9 +81,8 @@ TEST_F(agent_session, is_slow_until_it_is_up)
     subject.packet(says(BFD_STATE_DOWN), now);
     EXPECT_EQ(subject.state().state, BFD_STATE_INIT);
     EXPECT_EQ(sent().bfd.your_discriminator, peer_discriminator);
-    EXPECT_EQ(sent().period, 1000 * ms);
     EXPECT_TRUE(received().timer_active);
-    EXPECT_EQ(received().period, 1000 * ms);
+    EXPECT_EQ(periods(), (intervals{1000 * ms, 1000 * ms}));
     EXPECT_EQ(received().multiplier, 4);
 
     subject.packet(says(BFD_STATE_UP), now);
@@ -92,8 +95,7 @@ TEST_F(agent_session, is_slow_until_it_is_up)
 
     subject.packet(answers(says(BFD_STATE_UP, 60 * ms, 150 * ms)), now);
     EXPECT_FALSE(sent().bfd.poll);
-    EXPECT_EQ(sent().period, 150 * ms) << "not more often than the peer wants";
-    EXPECT_EQ(received().period, 200 * ms) << "not more often than we want";
+    EXPECT_EQ(periods(), (intervals{150 * ms, 200 * ms})) << "not more often than each wants";
 }
 
 // RFC 5880 section 6.8.3: slowing down, and asking for more, wait for the end of the Poll Sequence.
@@ -109,18 +111,15 @@ TEST_F(agent_session, changes_of_rate_while_up)
         {{100 * ms, 80 * ms}, 100 * ms, 100 * ms, 200 * ms, 80 * ms},
     };
     for (const auto &c : cases) {
-        subject = session(config_with(100 * ms, 200 * ms), our_discriminator);
         bring_up();
         subject.reconfigure(config_with(c.wanted.desired_min_tx, c.wanted.required_min_rx));
         EXPECT_TRUE(sent().bfd.poll);
         EXPECT_EQ(sent().bfd.min_tx_interval, c.wanted.desired_min_tx);
         EXPECT_EQ(sent().bfd.min_rx_interval, c.wanted.required_min_rx);
-        EXPECT_EQ(sent().period, c.tx_before);
-        EXPECT_EQ(received().period, c.rx_before);
-        subject.packet(answers(says(BFD_STATE_UP, 60 * ms)), now);
+        EXPECT_EQ(periods(), (intervals{c.tx_before, c.rx_before}));
+        peer_confirms();
         EXPECT_FALSE(sent().bfd.poll);
-        EXPECT_EQ(sent().period, c.tx_after);
-        EXPECT_EQ(received().period, c.rx_after);
+        EXPECT_EQ(periods(), (intervals{c.tx_after, c.rx_after}));
     }
 }
 
@@ -130,13 +129,15 @@ TEST_F(agent_session, a_change_during_a_poll_sequence_gets_one_of_its_own)
     subject.reconfigure(config_with(400 * ms, 200 * ms));
     subject.reconfigure(config_with(600 * ms, 200 * ms));
     EXPECT_EQ(sent().period, 100 * ms);
-    subject.packet(answers(says(BFD_STATE_UP, 60 * ms)), now);
+    peer_confirms();
     EXPECT_EQ(sent().period, 400 * ms) << "that much the peer has confirmed";
     EXPECT_FALSE(sent().bfd.poll) << "a late answer must not count for the next one";
+    peer_confirms();
+    EXPECT_EQ(sent().period, 400 * ms);
     ASSERT_TRUE(subject.due());
     subject.wake(*subject.due());
     EXPECT_TRUE(sent().bfd.poll);
-    subject.packet(answers(says(BFD_STATE_UP, 60 * ms)), now);
+    peer_confirms();
     EXPECT_EQ(sent().period, 600 * ms);
     EXPECT_FALSE(sent().bfd.poll || subject.due());
 }
@@ -146,21 +147,18 @@ TEST_F(agent_session, a_change_that_is_taken_back_before_it_is_confirmed)
 {
     const session_config changed = config_with(50 * ms, 500 * ms);
     for (const intervals last : {intervals{400 * ms, 80 * ms}, intervals{100 * ms, 200 * ms}}) {
-        subject = session(config_with(100 * ms, 200 * ms), our_discriminator);
         bring_up();
         subject.reconfigure(changed);
         subject.reconfigure(config_with(last.desired_min_tx, last.required_min_rx));
         for (int answer = 0; answer < 2; answer++) {
             EXPECT_EQ(sent().bfd.min_tx_interval, last.desired_min_tx);
             EXPECT_TRUE(sent().bfd.poll);
-            EXPECT_EQ(sent().period, 50 * ms);
-            EXPECT_EQ(received().period, 500 * ms);
-            subject.packet(answers(says(BFD_STATE_UP, 60 * ms)), now);
+            EXPECT_EQ(periods(), (intervals{50 * ms, 500 * ms}));
+            peer_confirms();
             if (subject.due())
                 subject.wake(*subject.due());
         }
-        EXPECT_EQ(sent().period, last.desired_min_tx);
-        EXPECT_EQ(received().period, last.required_min_rx);
+        EXPECT_EQ(periods(), last);
         EXPECT_FALSE(sent().bfd.poll);
     }
 }
@@ -189,7 +187,6 @@ TEST_F(agent_session, failure_and_what_follows)
     orders wanted = subject.timeout();
     EXPECT_EQ(subject.state(), (condition{BFD_STATE_DOWN, BFD_DIAG_CTRL_TIMEOUT}));
     EXPECT_EQ(wanted.transmit->bfd.your_discriminator, 0U);
-    EXPECT_EQ(wanted.transmit->bfd.min_tx_interval, 1000 * ms);
     EXPECT_EQ(wanted.transmit->period, 1000 * ms);
     EXPECT_TRUE(wanted.rearm && wanted.receive->timer_active);
     EXPECT_EQ(wanted.receive->latch_diag, BFD_DIAG_NONE);
@@ -273,7 +270,7 @@ TEST_F(agent_session, the_passive_end_waits_to_be_spoken_to)
         subject.adopt({.heard = {}, .state = {}, .in_effect = {}, .has_packet = true}).transmit);
 }
 
-TEST_F(agent_session, administratively_down)
+TEST_F(agent_session, downs_that_are_not_failures)
 {
     bring_up();
     orders wanted = subject.set_admin_down(true);
@@ -288,12 +285,10 @@ TEST_F(agent_session, administratively_down)
     EXPECT_EQ(subject.state(), (condition{BFD_STATE_DOWN, BFD_DIAG_NONE}));
     EXPECT_EQ(wanted.transmit->bfd.your_discriminator, 0U);
     EXPECT_FALSE(wanted.receive->timer_active);
-}
 
-TEST_F(agent_session, kelm_has_begun_anew)
-{
+    // kelm has begun anew.
     bring_up();
-    const orders wanted = subject.forgotten();
+    wanted = subject.forgotten();
     EXPECT_EQ(subject.state(), (condition{BFD_STATE_DOWN, BFD_DIAG_FORWARDING_RESET}));
     EXPECT_FALSE(wanted.receive->timer_active);
     EXPECT_EQ(wanted.transmit->bfd.your_discriminator, 0U);
@@ -306,49 +301,40 @@ TEST_F(agent_session, takes_over_from_an_earlier_run)
     const std::optional<uint8_t> down = BFD_STATE_DOWN;
     struct {
         const char *what;
-        remains left;
-        condition expected;
+        std::optional<kelm::bfd_fields> heard;
         bool timer_active;
+        std::optional<uint8_t> recorded;
+        condition expected;
     } const cases[] = {
-        {"healthy", {heard, true, up, {}, false}, {BFD_STATE_UP, BFD_DIAG_NONE}, true},
-        {"no record", {heard, true, {}, {}, false}, {BFD_STATE_UP, BFD_DIAG_NONE}, true},
-        {"failed meanwhile",
-         {heard, false, up, {}, false},
-         {BFD_STATE_DOWN, BFD_DIAG_CTRL_TIMEOUT},
-         true},
-        {"the peer went down meanwhile",
-         {says(BFD_STATE_DOWN), true, up, {}, false},
-         {BFD_STATE_INIT, BFD_DIAG_NEIGH_DOWN},
-         true},
-        {"was down", {heard, true, down, {}, false}, {BFD_STATE_DOWN, BFD_DIAG_NONE}, true},
-        {"came up meanwhile",
-         {says(BFD_STATE_INIT), true, down, {}, false},
-         {BFD_STATE_UP, BFD_DIAG_NONE},
-         true},
-        {"never heard", {{}, false, down, {}, false}, {BFD_STATE_DOWN, BFD_DIAG_NONE}, false},
+        {"healthy", heard, true, up, {BFD_STATE_UP, BFD_DIAG_NONE}},
+        {"no record", heard, true, {}, {BFD_STATE_UP, BFD_DIAG_NONE}},
+        {"failed meanwhile", heard, false, up, {BFD_STATE_DOWN, BFD_DIAG_CTRL_TIMEOUT}},
+        {"the peer went down",
+         says(BFD_STATE_DOWN),
+         true,
+         up,
+         {BFD_STATE_INIT, BFD_DIAG_NEIGH_DOWN}},
+        {"was down", heard, true, down, {BFD_STATE_DOWN, BFD_DIAG_NONE}},
+        {"came up", polls(says(BFD_STATE_INIT)), true, down, {BFD_STATE_UP, BFD_DIAG_NONE}},
+        {"never heard", {}, false, down, {BFD_STATE_DOWN, BFD_DIAG_NONE}},
     };
     for (const auto &c : cases) {
         session taken(config_with(100 * ms, 200 * ms), our_discriminator);
-        const orders wanted = taken.adopt(c.left);
+        const orders wanted = taken.adopt({c.heard, c.timer_active, c.recorded, {}, false});
         EXPECT_EQ(taken.state(), c.expected) << c.what;
-        EXPECT_EQ(wanted.receive->timer_active, c.timer_active) << c.what;
+        EXPECT_EQ(wanted.receive->timer_active, c.heard.has_value()) << c.what;
         EXPECT_FALSE(wanted.is_final) << c.what;
     }
     session stopped(config_with(100 * ms, 200 * ms), our_discriminator);
     EXPECT_FALSE(stopped.adopt({heard, true, up, {}, true}).receive);
     EXPECT_TRUE(stopped.is_admin_down());
-}
 
-// A peer that has not been told must not be made to wait longer than it knows of.
-TEST_F(agent_session, configuration_changed_between_two_runs)
-{
-    session taken(config_with(400 * ms, 80 * ms), our_discriminator);
-    const orders wanted =
-        taken.adopt({says(BFD_STATE_UP, 60 * ms), true, {}, intervals{100 * ms, 200 * ms}, false});
-    EXPECT_EQ(wanted.transmit->period, 100 * ms);
-    EXPECT_EQ(wanted.receive->period, 200 * ms);
-    EXPECT_TRUE(wanted.transmit->bfd.poll);
-    EXPECT_EQ(wanted.transmit->bfd.min_tx_interval, 400 * ms);
+    // A peer that has not been told of a change must not wait longer than it knows of.
+    subject = session(config_with(400 * ms, 80 * ms), our_discriminator);
+    subject.adopt({heard, true, {}, intervals{100 * ms, 200 * ms}, false});
+    EXPECT_EQ(periods(), (intervals{100 * ms, 200 * ms}));
+    EXPECT_TRUE(sent().bfd.poll);
+    EXPECT_EQ(sent().bfd.min_tx_interval, 400 * ms);
 }
 
 TEST_F(agent_session, sbfd_initiator)
@@ -362,9 +348,9 @@ TEST_F(agent_session, sbfd_initiator)
     subject.packet(says(BFD_STATE_UP, 10 * ms, 150 * ms), now);
     EXPECT_TRUE(subject.is_up());
     EXPECT_FALSE(sent().bfd.poll);
-    EXPECT_EQ(sent().period, 150 * ms) << "no faster than the reflector can";
-    EXPECT_EQ(received().period, 150 * ms);
+    EXPECT_EQ(periods(), (intervals{150 * ms, 150 * ms})) << "no faster than the reflector can";
     EXPECT_EQ(received().multiplier, 3) << "our own";
+    EXPECT_FALSE(subject.packet(polls(says(BFD_STATE_UP)), now).is_final);
     subject.timeout();
     EXPECT_EQ(sent().bfd.your_discriminator, 77U);
 }
@@ -381,8 +367,7 @@ TEST_F(agent_session, echo_hears_itself)
         subject.packet(sent().bfd, now);
         EXPECT_EQ(subject.state().state, expected);
     }
-    EXPECT_EQ(sent().period, 100 * ms);
-    EXPECT_EQ(received().period, 100 * ms);
+    EXPECT_EQ(periods(), (intervals{100 * ms, 100 * ms}));
     EXPECT_EQ(received().multiplier, 3);
     subject.timeout();
     EXPECT_EQ(subject.state(), (condition{BFD_STATE_DOWN, BFD_DIAG_ECHO_FAIL}));

@@ -160,6 +160,9 @@ TEST(printer, one_record_serves_every_form)
               R"("last_rx_time":{"sec":100,"nsec":0}},)"
               R"({"discriminator":1234,"avg_period":1500,"last_rx_time":{"sec":0,"nsec":0}}])"
               "\n");
+    std::ostringstream line;
+    printer(options{}, line).lines({first()});
+    EXPECT_EQ(line.str(), "session 5  state up  avg 300ms\n");
     EXPECT_EQ(print(nullptr, {}), "");
     EXPECT_EQ(print(&options::json, {}), "[]\n");
 }

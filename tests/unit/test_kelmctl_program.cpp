@@ -244,9 +244,10 @@ TEST_F(kelmctl_and_kelmd, monitor_shows_an_event_a_line)
     // The events wait for the program behind the answer to its bind packet.
     fake_daemon fake(
         {.before_bind_answer = {message(KELM_MSG_RX_STATS, 0, 0, bytes_of(kelm_msg_rx_stats{})),
+                                message(KELM_MSG_SESSION_FAILURE, 0, 0, from_hex("06000000")),
                                 message(KELM_MSG_SESSION_FAILURE, 0, 0, from_hex("05000000")),
                                 message(NLMSG_OVERRUN, 0, 0, {})}});
-    const outcome got = run_line("-j monitor failures packets count 2");
+    const outcome got = run_line("-j monitor 5 failures packets count 2");
     EXPECT_EQ(got.status, kelmctl::success) << got.err;
     const size_t second_line = got.out.find('\n') + 1;
     EXPECT_TRUE(got.out.starts_with(R"({"time":{"sec":)")) << got.out;

@@ -118,7 +118,6 @@ TEST_F(client_and_kelmd, dump_is_collected_made_again_or_given_up)
     const attempt changed_under_it = [](const nlmsghdr &to) {
         return answers{tx_sync(4, to) + done(to, NLM_F_DUMP_INTR)};
     };
-    const attempt refused = [](const nlmsghdr &to) { return answers{ack(to, -EBUSY)}; };
     const attempt failed = [](const nlmsghdr &to) {
         return answers{tx_sync(4, to), done(to, 0, -ENOMEM)};
     };
@@ -132,7 +131,6 @@ TEST_F(client_and_kelmd, dump_is_collected_made_again_or_given_up)
     } const cases[] = {
         {"whole", kelm::sync(0), {whole}, 0, 1, 1},
         {"spoilt", kelm::sync(0), {lost, changed_under_it, whole}, 0, 3, 2},
-        {"refused", kelm::sync(0), {refused}, EBUSY, 1, 0},
         {"failed", kelm::sync(0), {failed}, ENOMEM, 1, 0},
         {"cleared", kelm::get_stats(0, KELM_STATS_CLEAR), {lost, whole}, ENOBUFS, 1, 1},
         {"flood", kelm::sync(0), {lost}, ENOBUFS, 5, 5},

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Messages of any content as they come in, and what is said of a refusal.
+// Messages of any content as they come in.
 #include <array>
-#include <cerrno>
 #include <random>
 
-#include "libkelm/error.h"
 #include "libkelm/report.h"
 #include "libkelm_fake.h"
 
@@ -32,23 +30,6 @@ template<typename T>
 bool is(const kelm::report &report)
 {
     return std::holds_alternative<T>(report);
-}
-
-TEST(report, every_message_of_a_datagram_is_parsed)
-{
-    kelm_msg_rx_stats stats = {};
-    stats.header.discriminator = 1;
-    stats.num_received = 1ULL << 40;
-    const auto reports =
-        parse_all(message(KELM_MSG_RX_STATS, 0, 0, bytes_of(stats)) +
-                  message(KELM_MSG_SESSION_FAILURE, 0, 0, from_hex("07000000 aabb")) +
-                  message(999, 0, 0, from_hex("cc")) + message(NLMSG_OVERRUN, 0, 0, {}));
-    ASSERT_EQ(reports.size(), 4U);
-    EXPECT_EQ(std::get<kelm_msg_rx_stats>(reports[0]).num_received, 1ULL << 40);
-    EXPECT_EQ(std::get<kelm::session_failure>(reports[1]).discriminator, 7U);
-    EXPECT_EQ(std::get<kelm::session_failure>(reports[1]).rest, from_hex("aabb"));
-    EXPECT_EQ(std::get<kelm::unknown_message>(reports[2]).type, 999);
-    EXPECT_TRUE(is<kelm::overrun>(reports[3]));
 }
 
 TEST(report, body_too_short_for_its_type_is_kept_as_unknown)
@@ -138,14 +119,6 @@ TEST(report, garbage_is_read_within_its_bounds)
         datagram.shrink_to_fit();
         EXPECT_LE(parse_all(datagram).size() * sizeof(nlmsghdr), datagram.size());
     }
-}
-
-TEST(refused, says_what_was_wrong_and_what_to_do)
-{
-    EXPECT_STREQ(kelm::refused(99, 0, 12345).what(), "cannot send the request: error 12345");
-    // A request's own meaning comes before the general one.
-    EXPECT_NE(kelm::explain(KELM_MSG_TX_DELETE_PACKET, EINVAL),
-              kelm::explain(KELM_MSG_RX_DELETE_SESSION, EINVAL));
 }
 
 } // namespace

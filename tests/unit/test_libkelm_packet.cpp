@@ -17,11 +17,6 @@ kelm::ip_address ip(const std::string &text)
     return kelm::ip_address::parse(text).value();
 }
 
-kelm::bytes octets(const std::string &text)
-{
-    return {text.begin(), text.end()};
-}
-
 kelm::packet_settings plain_ipv4()
 {
     kelm::packet_settings settings;
@@ -57,14 +52,14 @@ TEST(packet, settings_that_do_not_fit_are_refused)
     std::vector<kelm::packet_settings> cases(2, plain_ipv4());
     cases[0].destination = ip("fd00::1");
     cases[1].source = {};
-    for (const kelm::auth_settings &auth : std::initializer_list<kelm::auth_settings>{
-             {BFD_AUTH_PASSWORD, 1, {}},
-             {BFD_AUTH_PASSWORD, 1, octets("seventeen-letters")},
-             {BFD_AUTH_PASSWORD, 1, {'a', 0, 'b'}},
-             {BFD_AUTH_KEYED_MD5, 1, kelm::bytes(17, 'k')},
-             {BFD_AUTH_KEYED_SHA1, 1, kelm::bytes(21, 'k')},
-             {BFD_AUTH_DEBUG_SEQNUM, 0, octets("k")},
-             {BFD_AUTH_INHERIT, 0, octets("k")}})
+    for (const kelm::auth_settings &auth :
+         std::initializer_list<kelm::auth_settings>{{BFD_AUTH_PASSWORD, 1, {}},
+                                                    {BFD_AUTH_PASSWORD, 1, kelm::bytes(17, 'k')},
+                                                    {BFD_AUTH_PASSWORD, 1, {'a', 0, 'b'}},
+                                                    {BFD_AUTH_KEYED_MD5, 1, kelm::bytes(17, 'k')},
+                                                    {BFD_AUTH_KEYED_SHA1, 1, kelm::bytes(21, 'k')},
+                                                    {BFD_AUTH_DEBUG_SEQNUM, 0, {'k'}},
+                                                    {BFD_AUTH_INHERIT, 0, {'k'}}})
         cases.emplace_back(plain_ipv4()).auth = auth;
     for (size_t i = 0; i < cases.size(); i++)
         EXPECT_THROW(kelm::build_packet(cases[i]), kelm::error) << i;
