@@ -12,14 +12,12 @@ namespace kelmctl
 namespace
 {
 
-constexpr char default_socket[] = "/run/kelm-agent/control.sock";
-
 agent_json ask(const arguments &args, const char *command)
 {
     agent_json request = {{"command", command}};
     if (!args.operands().empty())
         request["sessions"] = args.operands();
-    return ask_agent(args.text("socket").value_or(default_socket), request);
+    return ask_agent(args.text("socket").value_or(default_agent_socket), request);
 }
 
 kelm_time time_in(const agent_json &from)

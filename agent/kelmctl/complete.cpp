@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "kelmctl/agent_request.h"
 #include "kelmctl/command.h"
 #include "kelmctl/options.h"
 #include "libkelm/error.h"
@@ -40,6 +41,24 @@ words interfaces(const std::string &netns)
             if_freenameindex(all);
         });
     } catch (const kelm::error &) {
+        // The command itself will tell.
+    }
+    return names;
+}
+
+// Those of the agent whose socket is given, or of the usual one.
+words agent_sessions(std::span<char *const> given)
+{
+    std::string socket_path = default_agent_socket;
+    for (size_t i = 0; i + 1 < given.size(); i++)
+        if (std::string_view(given[i]) == "socket")
+            socket_path = given[i + 1];
+    words names;
+    try {
+        const agent_json reply = ask_agent(socket_path, {{"command", "show"}});
+        for (const auto &session : reply.at("sessions"))
+            names.push_back(session.at("session"));
+    } catch (const std::exception &) {
         // The command itself will tell.
     }
     return names;
@@ -101,6 +120,8 @@ words after_object(const object &object, std::span<char *const> given, const std
         if (!given.empty() && given.back() == parameter.name && !parameter.value.empty())
             return values(parameter, netns);
     words found = parameters(command, given);
+    if (!at_command && command.operands.find("SESSION") != std::string_view::npos)
+        std::ranges::move(agent_sessions(given), std::back_inserter(found));
     if (at_command)
         std::ranges::move(names_of(object.commands), std::back_inserter(found));
     found.emplace_back("help");
@@ -109,6 +130,8 @@ words after_object(const object &object, std::span<char *const> given, const std
 
 words after(std::span<char *const> given, const std::string &netns)
 {
+    if (!given.empty() && std::string_view(given.front()) == "help")
+        return after(given.subspan(1), netns);
     if (!given.empty())
         return after_object(find_object(given.front()), given.subspan(1), netns);
     words found = names_of(objects);
