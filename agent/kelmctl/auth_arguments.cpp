@@ -4,13 +4,13 @@
 namespace kelmctl
 {
 
-namespace
-{
-
 bool has_key(uint8_t auth_type)
 {
     return auth_type != BFD_AUTH_NONE && auth_type != BFD_AUTH_DEBUG_SEQNUM;
 }
+
+namespace
+{
 
 kelm::auth_settings read_settings(const arguments &args, uint8_t type, const char *id_name,
                                   const char *file_name)

@@ -20,6 +20,8 @@ constexpr parameter auth_parameters[] = {
      "MD5 or 20 for SHA-1; - reads standard input"},
 };
 
+bool has_key(uint8_t auth_type);
+
 // Reads the key. Throws usage_error, or kelm::error when the key does not fit.
 kelm::auth_settings auth_argument(const arguments &);
 

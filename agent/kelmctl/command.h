@@ -45,6 +45,7 @@ struct object {
     std::string_view name;
     std::string_view help;
     std::span<const command> commands; // the first is what the object's name alone does
+    bool acts_alone = true;            // or not, where that would change something
 };
 
 extern const std::span<const object> objects;

@@ -42,7 +42,11 @@ std::string help_about(std::span<char *const> words)
 void run_object(const options &opts, const object &object, std::span<char *const> words,
                 std::ostream &out)
 {
+    const bool is_alone = words.empty();
     const command &command = take_command(object, words);
+    if (is_alone && !object.acts_alone)
+        throw usage_error(std::string(object.name) +
+                          " wants a command: " + std::string(command.name));
     const arguments args(command, words);
     context ctx(opts, out);
     command.run(ctx, args);

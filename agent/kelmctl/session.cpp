@@ -84,7 +84,7 @@ void fill_authentication(kelm_msg_rx_set_session &settings, const arguments &arg
     const kelm::auth_settings first = auth_argument(args);
     const auto second = second_key_argument(args, first.type);
     settings.auth.type = first.type;
-    if (!first.key.empty() || second)
+    if (has_key(first.type))
         settings.auth_key[0] = kelm::key_slot(first);
     if (second)
         settings.auth_key[1] = kelm::key_slot(*second);

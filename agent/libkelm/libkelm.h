@@ -202,7 +202,7 @@ struct kelm_packet {
     struct kelm_bfd bfd;
     uint8_t auth_type; /* bfd_auth_types */
     uint8_t key_id;
-    const void *key; /* password: 1 to 16 bytes, none 0; MD5: up to 16; SHA-1: up to 20 */
+    const void *key; /* password: 1 to 16 bytes, none 0; MD5: 1 to 16; SHA-1: 1 to 20 */
     size_t key_length;
 };
 
