@@ -99,6 +99,8 @@ void make_way(const std::string &path, const sockaddr_un &address)
         throw kelm::error(EADDRINUSE, "another kelm-agent serves " + path +
                                           "; stop it, or choose other files for this one with "
                                           "--socket and --state");
+    if (errno == EACCES)
+        kelm::throw_errno(errno, "cannot tell whether another kelm-agent serves " + path);
     if (errno == ECONNREFUSED && std::filesystem::is_socket(path)) // it is the same for other files
         (void)unlink(path.c_str());
 }

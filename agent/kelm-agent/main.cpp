@@ -31,9 +31,10 @@ struct options {
 int parse_command_line(int argc, char **argv, options &chosen)
 {
     CLI::App app("A BFD agent: runs the sessions of its configuration over kelm.", "kelm-agent");
-    const std::map<std::string, log_form> forms = {
-        {"text", log_form::text}, {"json", log_form::json}, {"journal", log_form::journal}};
-    app.set_version_flag("--version", "kelm-agent " KELM_VERSION);
+    app.failure_message([](const CLI::App *failed, const CLI::Error &error) {
+        return "kelm-agent: " + CLI::FailureMessage::simple(failed, error);
+    });
+    app.set_version_flag("-V,--version", "kelm-agent " KELM_VERSION);
     app.add_option("-c,--config", chosen.config_file, "The configuration")
         ->type_name("FILE")
         ->capture_default_str();
@@ -51,18 +52,29 @@ int parse_command_line(int argc, char **argv, options &chosen)
                  "At start, delete all sessions in kelm that are not in the configuration, also "
                  "those of other agents and in other namespaces");
     app.add_flag("--check", chosen.check, "Check the configuration and end");
-    app.add_option("--log", chosen.log,
-                   "How to log to standard error: text, json, or journal (default: journal where "
-                   "standard error leads there, else text)")
+    std::string log_name;
+    app.add_option("--log", log_name,
+                   "How to log to standard error (default: journal where standard error leads "
+                   "there, else text)")
         ->type_name("FORM")
-        ->transform(CLI::Transformer(forms));
+        ->check(CLI::IsMember({"text", "json", "journal"}));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         constexpr int usage_error = 2;
         return app.exit(error) == 0 ? EXIT_SUCCESS : usage_error;
     }
+    const std::map<std::string, log_form> forms = {
+        {"text", log_form::text}, {"json", log_form::json}, {"journal", log_form::journal}};
+    if (!log_name.empty())
+        chosen.log = forms.at(log_name);
     return -1;
+}
+
+std::string count_of_sessions(const agent_config &config)
+{
+    const size_t count = config.sessions.size();
+    return std::to_string(count) + (count == 1 ? " session" : " sessions");
 }
 
 agent_config load(const std::string &file, const logger &log)
@@ -80,7 +92,7 @@ int check_config(const options &chosen)
     const agent_config config = load_config(chosen.config_file, warnings);
     for (const auto &warning : warnings)
         std::cerr << "kelm-agent: warning: " << warning << '\n';
-    std::cout << chosen.config_file << ": " << config.sessions.size() << " sessions\n";
+    std::cout << chosen.config_file << ": " << count_of_sessions(config) << '\n';
     return EXIT_SUCCESS;
 }
 
@@ -129,7 +141,7 @@ int run(const options &chosen, const logger &log)
     const auto on_term = loop.on_signal(SIGTERM, stop);
     const auto on_interrupt = loop.on_signal(SIGINT, stop);
     const auto on_hangup = loop.on_signal(SIGHUP, [&] { reload(running, metrics, chosen, log); });
-    log.info("ready: " + std::to_string(config.sessions.size()) + " sessions");
+    log.info("ready: " + count_of_sessions(config));
     sd_notify(0, "READY=1");
     loop.run();
     return EXIT_SUCCESS;
