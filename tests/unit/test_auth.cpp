@@ -119,8 +119,6 @@ TEST(auth, length_of_a_section_is_that_of_its_type_or_password)
     EXPECT_EQ(length_by(BFD_AUTH_PASSWORD, {1, 10, 5, 0, 'b', 0, 'c', 'd', 'e', 'f'}), 3u);
 }
 
-// Receive: admission
-
 TEST(auth, packet_without_section_is_for_sessions_without_or_debug)
 {
     for (unsigned type = 0; type < 256; type++)
@@ -146,27 +144,33 @@ TEST(auth, other_or_short_section_is_counted)
 
 TEST(auth, ttl_or_hop_limit_must_be_the_configured_one)
 {
-    for (const int flags : {0x00, 0xfc, 0x01, 0x81, 0x02, 0x03})
-        for (const int version : {0, 4, 6})
-            for (const std::uint8_t ttl : bytes{0, 1, 7, 254, 255}) {
-                bytes header(version == 4 ? 20 : 40);
-                header[0] = static_cast<std::uint8_t>(version << 4 | 5);
-                header[version == 4 ? 8 : 7] = ttl;
-                exact_copy ip(header);
-                receiver session;
-                session.config.flags = static_cast<std::uint8_t>(flags);
-                session.ip = version == 0 ? nullptr : ip.data();
+    const struct {
+        std::uint8_t flags, ttl;
+        bool admitted;
+    } rows[] = {
+        {0x00, 7, true},    {0xfc, 7, true},    {0x01, 255, true},  {0x01, 254, false},
+        {0x81, 255, true},  {0x02, 254, true},  {0x02, 253, false}, {0x02, 255, false},
+        {0x03, 254, false}, {0x03, 255, false},
+    };
+    for (const auto &row : rows)
+        for (const int version : {0, 4, 6}) { // 0: without an IP header
+            bytes header(version == 4 ? 20 : 40);
+            header[0] = static_cast<std::uint8_t>(version << 4 | 5);
+            header[version == 4 ? 8 : 7] = row.ttl;
+            exact_copy ip(header);
+            receiver session;
+            session.config.flags = row.flags;
+            session.ip = version == 0 ? nullptr : ip.data();
 
-                const int wanted[] = {-1, 255, 254, 256}; // by flags: any, these, and never
-                const int wants = wanted[flags & 3];
-                const bool fits = wants < 0 || (version != 0 && ttl == wants);
-                verdict expected = {fits ? "admitted" : "refused"};
-                if (wants >= 0 && version != 0)
-                    expected.push_back((version == 4 ? "verbose: ip ttl " : "verbose: ipv6 ttl ") +
-                                       std::to_string(ttl));
-                EXPECT_EQ(session.check(make_packet()), expected)
-                    << flags << " IPv" << version << " " << +ttl;
-            }
+            const bool checked = (row.flags & 3) != 0;
+            const bool admitted = row.admitted && (version != 0 || !checked);
+            verdict expected = {admitted ? "admitted" : "refused"};
+            if (checked && version != 0)
+                expected.push_back((version == 4 ? "verbose: ip ttl " : "verbose: ipv6 ttl ") +
+                                   std::to_string(row.ttl));
+            EXPECT_EQ(session.check(make_packet()), expected)
+                << +row.flags << " IPv" << version << " " << +row.ttl;
+        }
 }
 
 TEST(auth, interface_must_be_the_configured_one)
@@ -203,8 +207,6 @@ TEST(auth, traces_the_sequence_number_of_any_trailer_that_has_one)
               (verdict{"refused", "Rx seqnum 9"}));
 }
 
-// Receive: keys and passwords
-
 TEST(auth, key_is_found_by_its_id_and_the_first_slot_wins)
 {
     const kelm_bfd_auth_key good_5 = make_key(5, secret), good_7 = make_key(7, secret);
@@ -240,7 +242,6 @@ TEST(auth, password_must_agree_in_length_and_bytes)
         const char *failure; // null: admitted
     } rows[] = {
         {"abc", "abc", nullptr},
-        {"0123456789abcdef", "0123456789abcdef", nullptr},
         {"0123456789abcdefXYZ", "0123456789abcdef", nullptr}, // only 16 bytes are a password
         {"abc", "abd", ""},
         {"0123456789abcdef", "0123456789abcdeF", ""},
@@ -264,8 +265,6 @@ TEST(auth, password_must_agree_in_length_and_bytes)
     }
 }
 
-// Receive: sequence numbers
-
 TEST(auth, sequence_number_must_lie_in_the_window_of_its_type)
 {
     constexpr std::uint32_t max = 4294967295;
@@ -276,13 +275,10 @@ TEST(auth, sequence_number_must_lie_in_the_window_of_its_type)
         const char *expected; // null: admitted
     } rows[] = {
         {keyed, 3, 0, 0, nullptr},
-        {keyed, 3, 0, 12345, nullptr},
         {keyed, 3, 100, 100, nullptr},
         {keyed, 3, 100, max, nullptr},
         {keyed, 3, 100, 99, ">= 100"},
-        {keyed, 3, max, max, nullptr},
         {keyed, 3, max, 0, ">= 4294967295"},
-        {meticulous, 3, 0, 0, nullptr},
         {meticulous, 3, 0, max, nullptr},
         {meticulous, 3, 100, 101, nullptr},
         {meticulous, 3, 100, 103, nullptr},
@@ -290,10 +286,8 @@ TEST(auth, sequence_number_must_lie_in_the_window_of_its_type)
         {meticulous, 3, 100, 104, "> 100 and <= 103"},
         {meticulous, 3, 100, 99, "> 100 and <= 103"},
         {meticulous, 255, 100, 355, nullptr},
-        {meticulous, 255, 100, 356, "> 100 and <= 355"},
         {meticulous, 0, 100, 101, "> 100 and <= 100"},
         // Across the end of the number space.
-        {meticulous, 3, max - 1, max, nullptr},
         {meticulous, 3, max - 1, 1, nullptr},
         {meticulous, 3, max - 1, 2, "> 4294967294 and <= 1"},
         {meticulous, 3, max, max, "> 4294967295 and <= 2"},
@@ -326,8 +320,6 @@ TEST(auth, secret_can_be_checked_without_the_sequence_number)
     }
 }
 
-// Receive: digests
-
 TEST(auth, no_single_bit_of_a_signed_packet_can_be_changed)
 {
     for (const std::uint8_t type : digest_types) {
@@ -335,7 +327,7 @@ TEST(auth, no_single_bit_of_a_signed_packet_can_be_changed)
         EXPECT_TRUE(receiver(type, 100).admits(good));
         for (std::size_t bit = 0; bit < good.size() * 8; bit++) {
             bytes changed = good;
-            changed[bit / 8] = static_cast<std::uint8_t>(changed[bit / 8] ^ 1 << bit % 8);
+            changed[bit / 8] ^= static_cast<std::uint8_t>(1 << bit % 8);
             receiver session(type, 100);
             EXPECT_FALSE(kelm_packet_valid(exact_copy(changed).ctrl(), changed.size()) &&
                          session.admits(changed))
@@ -350,8 +342,6 @@ TEST(auth, no_single_bit_of_a_signed_packet_can_be_changed)
         EXPECT_TRUE(receiver(type).admits(longer));
     }
 }
-
-// Transmit
 
 struct sender {
     std::uint8_t type;
@@ -370,21 +360,6 @@ struct sender {
     }
 };
 
-TEST(auth, writes_known_digests)
-{
-    const std::pair<std::uint8_t, const char *> rows[] = {
-        // computed elsewhere
-        {BFD_AUTH_METICULOUS_MD5, "4129fcb3b5c831fc4512370450389573"},
-        {BFD_AUTH_METICULOUS_SHA1, "6b52bd4980511443a6507f1501cb11401f4368c2"},
-    };
-    for (const auto &[type, digest] : rows) {
-        const bytes sent = sender{type, 7}.process(make_packet(make_seq_section(type, 5, 0)));
-        const bytes unsigned_packet = make_packet(make_seq_section(type, 5, 7));
-        EXPECT_EQ(hex(sent), hex(std::span(unsigned_packet).first(32)) + digest);
-        EXPECT_EQ(traced, (std::vector<trace_line>{{KELM_DLOG, my_disc, "Tx seqnum 7"}}));
-    }
-}
-
 TEST(auth, counter_of_meticulous_and_debug_types_wraps)
 {
     for (const std::uint8_t type : bytes{3, 5, 255}) {
@@ -392,7 +367,8 @@ TEST(auth, counter_of_meticulous_and_debug_types_wraps)
         for (const std::uint32_t number : {4294967295u, 0u, 1u}) {
             const bytes sent = s.process(make_packet(make_seq_section(type, 5, 0)));
             EXPECT_EQ(load_be32(&sent[28]), number);
-            EXPECT_EQ(std::get<2>(traced.at(0)), "Tx seqnum " + std::to_string(number));
+            EXPECT_EQ(traced, (std::vector<trace_line>{
+                                  {KELM_DLOG, my_disc, "Tx seqnum " + std::to_string(number)}}));
         }
     }
 }
@@ -442,8 +418,6 @@ TEST(auth, length_field_beyond_the_packet_is_cut_to_it)
     }
 }
 
-// Both ends
-
 TEST(auth, receiver_admits_what_the_sender_makes)
 {
     for (const std::uint8_t type : digest_types)
@@ -464,20 +438,6 @@ TEST(auth, receiver_admits_what_the_sender_makes)
             }
             EXPECT_EQ(session.admits(sent), kelm_auth_is_keyed(type)) << "replay";
         }
-}
-
-TEST(auth, debug_number_arrives_as_sent_and_nothing_else_changes)
-{
-    const auto with_trailer = [](std::uint32_t number) {
-        bytes packet = make_packet();
-        const bytes trailer = make_seq_section(BFD_AUTH_DEBUG_SEQNUM, 0, number);
-        packet.insert(packet.end(), trailer.begin(), trailer.end());
-        return packet;
-    };
-    const bytes sent = sender{BFD_AUTH_DEBUG_SEQNUM, 0x01020304}.process(with_trailer(0));
-    EXPECT_EQ(sent, with_trailer(0x01020304));
-    EXPECT_EQ(receiver(BFD_AUTH_DEBUG_SEQNUM).check(sent),
-              (verdict{"admitted", "Rx seqnum 16909060"}));
 }
 
 } // namespace
