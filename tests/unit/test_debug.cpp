@@ -25,6 +25,14 @@ struct debug : testing::Test {
         return result;
     }
 
+    // What it says of a change.
+    strings lines_of(std::uint16_t level, std::uint32_t discriminator = 0, std::uint32_t flags = 0)
+    {
+        w.clear_log();
+        EXPECT_EQ(set_debug_level(a, level, discriminator, flags), 0);
+        return lines();
+    }
+
     world w;
     agent &a = w.open_agent(w.initial());
     agent &unprivileged = w.open_agent(w.initial(), {.privileged = false});
@@ -34,29 +42,21 @@ TEST_F(debug, global_level_is_1_at_first_and_its_changes_are_logged_from_2_on)
 {
     EXPECT_TRUE(should_log(0, 1));
     EXPECT_FALSE(should_log(0, 2));
-    const struct {
-        std::uint16_t level;
-        strings log;
-    } cases[] = {
+    const std::string request = "kelm Netlink: Setting debug level for discriminator 0 to ";
+    const std::string done = "kelm Netlink: Set global debug level to ";
+    const std::pair<std::uint16_t, strings> cases[] = {
         {0, {}},
         {1, {}},
-        {2, {"kelm Netlink: Set global debug level to 2"}},
-        {2,
-         {"kelm Netlink: Setting debug level for discriminator 0 to 2",
-          "kelm Netlink: Set global debug level to 2"}},
-        {1,
-         {"kelm Netlink: Setting debug level for discriminator 0 to 1",
-          "kelm Netlink: Set global debug level to 1"}},
-        {0x102, {"kelm Netlink: Set global debug level to 258"}}, // cut to 2
-        {0,
-         {"kelm Netlink: Setting debug level for discriminator 0 to 0",
-          "kelm Netlink: Set global debug level to 0"}},
+        {2, {done + "2"}},
+        {2, {request + "2", done + "2"}},
+        {1, {request + "1", done + "1"}},
+        {0x102, {done + "258"}}, // cut to 2
+        {0, {request + "0", done + "0"}},
     };
-    for (const auto &c : cases) {
-        ASSERT_EQ(set_debug_level(a, c.level), 0);
-        EXPECT_EQ(lines(), c.log) << "to level " << c.level;
-        for (std::uint8_t level = 1; level <= 3; ++level)
-            EXPECT_EQ(should_log(0, level), (c.level & 0xff) >= level);
+    for (const auto &[level, log] : cases) {
+        EXPECT_EQ(lines_of(level), log) << "to level " << level;
+        for (std::uint8_t target = 1; target <= 3; ++target)
+            EXPECT_EQ(should_log(0, target), (level & 0xff) >= target);
     }
 }
 
@@ -104,27 +104,21 @@ TEST_F(debug, requests_are_logged_at_3)
 
 TEST_F(debug, session_changes_are_logged)
 {
-    const std::string received = "kelm Netlink: Setting debug level for discriminator ";
+    const std::string request = "kelm Netlink: Setting debug level for discriminator ";
+    const std::string done = "kelm Netlink: Set debug level for discriminator ";
     ASSERT_EQ(set_debug_level(a, 2), 0);
-    lines();
-    ASSERT_EQ(set_debug_level(a, 3, 7), 0);
-    EXPECT_EQ(lines(), (strings{received + "7 to 3",
-                                "kelm Netlink: Set debug level for discriminator 7 to 3",
-                                "kelm Netlink (7): Session debugs count now 1"}));
-    ASSERT_EQ(set_debug_level(a, 2, 8), 0); // too low for the count's line
-    EXPECT_EQ(lines(), (strings{received + "8 to 2",
-                                "kelm Netlink: Set debug level for discriminator 8 to 2"}));
-    ASSERT_EQ(set_debug_level(a, 0, 7), 0);
-    EXPECT_EQ(lines(), (strings{received + "7 to 0", "kelm Netlink: Clear session 7 debug"}));
-    ASSERT_EQ(set_debug_level(a, 0, 7), 0); // there is none any more
-    EXPECT_EQ(lines(), strings{received + "7 to 0"});
-    ASSERT_EQ(set_debug_level(a, 3, 8), 0); // its entry is reused: still one
-    EXPECT_EQ(lines().back(), "kelm Netlink (8): Session debugs count now 1");
-    ASSERT_EQ(set_debug_level(a, 0, 8), 0);
-    ASSERT_EQ(set_debug_level(a, 3, 9), 0);
-    EXPECT_EQ(lines().back(), "kelm Netlink (9): Session debugs count now 1");
-    ASSERT_EQ(set_debug_level(a, 1, 0, KELM_DEBUG_CLEAR_SESSIONS), 0);
-    EXPECT_EQ(lines(), strings{"kelm Netlink: Clearing session specific debugs"});
+    EXPECT_EQ(lines_of(3, 7), (strings{request + "7 to 3", done + "7 to 3",
+                                       "kelm Netlink (7): Session debugs count now 1"}));
+    // The level is too low for the count's line.
+    EXPECT_EQ(lines_of(2, 8), (strings{request + "8 to 2", done + "8 to 2"}));
+    EXPECT_EQ(lines_of(0, 7), (strings{request + "7 to 0", "kelm Netlink: Clear session 7 debug"}));
+    EXPECT_EQ(lines_of(0, 7), strings{request + "7 to 0"}); // there is none any more
+    // 8 has an entry already, and 9 takes over the one that it gives up.
+    EXPECT_EQ(lines_of(3, 8).back(), "kelm Netlink (8): Session debugs count now 1");
+    lines_of(0, 8);
+    EXPECT_EQ(lines_of(3, 9).back(), "kelm Netlink (9): Session debugs count now 1");
+    EXPECT_EQ(lines_of(1, 0, KELM_DEBUG_CLEAR_SESSIONS),
+              strings{"kelm Netlink: Clearing session specific debugs"});
 }
 
 TEST_F(debug, privilege_is_for_the_global_level_alone)
@@ -166,9 +160,8 @@ TEST_F(debug, at_most_100_sessions_have_a_level)
     for (std::uint32_t discriminator = 1; discriminator <= 101; ++discriminator) {
         EXPECT_EQ(should_log(discriminator, 2), discriminator != 50);
         EXPECT_EQ(set_debug_level(a, 0, discriminator), 0);
-    }
-    for (std::uint32_t discriminator = 0; discriminator <= 101; ++discriminator)
         EXPECT_FALSE(should_log(discriminator, 2));
+    }
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 // after rounding costs one tick.
 #include "wire_fixture.h"
 
-#include <cmath>
 #include <map>
 
 namespace
@@ -22,16 +21,6 @@ struct tx_schedule : engine_test {
 
     int set_out_of_band() { return set(a, SESSION, {}, tx{.flags = KELM_TX_SEND_OOB}); }
 };
-
-// What is taken off at random, microseconds: the formula with r as the random number.
-std::uint32_t reduction(std::uint16_t jitter_type, kelm_microsecs period, std::uint32_t r)
-{
-    if (jitter_type == BFD_TX_JITTER_75)
-        return r % (period / 4);
-    if (jitter_type == BFD_TX_JITTER_75_90)
-        return r % (period / 7) + period / 10;
-    return 0;
-}
 
 std::uint64_t to_ticks(std::uint64_t usecs)
 {
@@ -78,40 +67,6 @@ TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
         w.pass(to_ticks(period)); // for the timer to let go of it
         w.run_timers();
         ASSERT_EQ(w.timers(), 0U);
-    }
-}
-
-// Many draws: every interval within the bounds, all of them met, and as often as a uniform
-// number makes them.
-TEST(tx_jitter, is_uniform_within_its_bounds)
-{
-    constexpr kelm_microsecs PERIOD = 100'000;
-    for (const std::uint16_t type : {BFD_TX_JITTER_75, BFD_TX_JITTER_75_90}) {
-        const std::uint32_t range = type == BFD_TX_JITTER_75 ? PERIOD / 4 : PERIOD / 7;
-        std::map<std::uint64_t, double> expected; // interval to probability
-        for (std::uint32_t r = 0; r < range; ++r)
-            expected[to_ticks(PERIOD) - to_ticks(reduction(type, PERIOD, r) + 500)] += 1.0 / range;
-        for (std::uint64_t seed = 1; seed <= 2; ++seed) {
-            world w({.seed = seed});
-            agent &a = w.open_agent(w.initial());
-            ASSERT_EQ(path_ready(a), 0);
-            ASSERT_EQ(set_packet(a, 1, tx{.period = PERIOD, .jitter_type = type}), 0);
-            w.advance(4000 * PERIOD / 1000);
-            const std::vector<frame> &frames = w.frames();
-            std::map<std::uint64_t, double> met;
-            for (std::size_t i = 1; i < frames.size(); ++i)
-                met[frames[i].tick - frames[i - 1].tick] += 1.0;
-            ASSERT_GE(frames.size(), 4000U);
-            // Chi-square; 5 standard deviations above its mean.
-            double chi_square = 0;
-            for (const auto &[interval, probability] : expected) {
-                const double mean = probability * static_cast<double>(frames.size() - 1);
-                chi_square += (met[interval] - mean) * (met[interval] - mean) / mean;
-            }
-            EXPECT_EQ(met.size(), expected.size()) << "type " << type << " seed " << seed;
-            const auto degrees = static_cast<double>(expected.size() - 1);
-            EXPECT_LT(chi_square, degrees + 5 * std::sqrt(2 * degrees)) << "seed " << seed;
-        }
     }
 }
 
