@@ -94,6 +94,7 @@ TEST_F(detection, is_over_until_the_agent_configures_again)
     ASSERT_TRUE(w.deliver(w.initial(), arriving({.state = BFD_STATE_DOWN})));
     EXPECT_EQ(names(control.read_messages()), std::vector<std::string>{"packet_change 5"});
     EXPECT_EQ(rx_stats(a, SESSION)->num_received, 3U);
+    EXPECT_EQ(w.timers(), 0U);
     w.advance(10 * DETECTION);
     EXPECT_EQ(failures(), 0U);
     ASSERT_EQ(set_session(a, SESSION, rx{}), 0);

@@ -36,9 +36,10 @@ struct rx_packet : engine_test {
     }
 
     // The next datagram that kelm itself sends, with this authentication, as it arrives.
-    datagram own_packet(std::uint8_t auth_type)
+    datagram own_packet(std::uint8_t auth_type, std::uint8_t key_id = KEY_ID)
     {
         outgoing packet{.payload = with_section({.my_discriminator = 77}, auth_section(auth_type))};
+        packet.payload[BFD_AUTH_OFFSET + 2] = key_id;
         EXPECT_EQ(path_ready(a), 0);
         EXPECT_EQ(set(a, 1, packet, tx{.flags = KELM_TX_SEND_OOB}), 0);
         const frame sent = next_frame(1);
@@ -195,6 +196,8 @@ TEST_F(rx_packet, only_what_the_state_machine_must_see_is_passed_up)
     EXPECT_EQ(reason(packet), "71 != 70");
     packet.payload.back() = 1; // behind the control packet
     EXPECT_EQ(reason(packet), "");
+    packet.payload.pop_back();
+    EXPECT_EQ(reason(packet), "70 != 71");
     packet.member_ifindex = 0;
     EXPECT_EQ(reason(packet), "member link changed");
 }
@@ -262,6 +265,20 @@ TEST_F(rx_packet, what_kelm_sends_kelm_accepts_unless_a_bit_is_wrong)
         ASSERT_EQ(delete_session(a, SESSION), 0);
         ASSERT_EQ(delete_packet(a, 1), 0);
     }
+}
+
+TEST_F(rx_packet, type_of_the_section_is_content_but_not_its_key_id)
+{
+    kelm_msg_rx_set_session two_keys = rx{.auth_type = BFD_AUTH_METICULOUS_MD5};
+    two_keys.auth_key[0] = two_keys.auth_key[1];
+    two_keys.auth_key[0].key_id = KEY_ID + 1;
+    ASSERT_EQ(set_session(a, SESSION, two_keys), 0);
+    EXPECT_EQ(reason(own_packet(BFD_AUTH_METICULOUS_MD5)), "90 != 0");
+    EXPECT_EQ(reason(own_packet(BFD_AUTH_METICULOUS_MD5, KEY_ID + 1)), "");
+    EXPECT_EQ(rx_stats(a, SESSION)->num_received, 2U);
+    two_keys.auth.type = BFD_AUTH_KEYED_MD5; // as long
+    ASSERT_EQ(set_session(a, SESSION, two_keys), 0);
+    EXPECT_EQ(reason(own_packet(BFD_AUTH_KEYED_MD5)), "content changed");
 }
 
 TEST_F(rx_packet, type_ttl_and_interface_admit_a_packet)

@@ -128,6 +128,11 @@ TEST_F(tx_config, the_packet_ends_where_its_authentication_section_does)
             }
         }
     }
+    parts without_password = good_parts(BFD_AUTH_PASSWORD);
+    without_password.fixed.auth_hdr.password.password[0] = 0;
+    without_password.fixed.packet_len -= 6;
+    without_password.packet.resize(without_password.fixed.packet_len);
+    EXPECT_EQ(set_body(without_password.body()), -EINVAL);
     for (std::size_t len = 0; len <= 17; ++len) { // of a password
         bytes section = {BFD_AUTH_PASSWORD, static_cast<std::uint8_t>(3 + len), KEY_ID};
         section.insert(section.end(), len, 'x');

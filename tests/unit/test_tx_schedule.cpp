@@ -60,7 +60,10 @@ TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
         w.next_random(random);
         ASSERT_EQ(set_period(period, jitter_type), 0);
         for (int i = 0; i < 2; ++i) {
+            w.take_frames();
             w.pass(interval - 1);
+            w.run_timers();
+            EXPECT_TRUE(w.frames().empty());
             EXPECT_EQ(sent_during(1), tick_list{1});
         }
         ASSERT_EQ(delete_packet(a, SESSION), 0);

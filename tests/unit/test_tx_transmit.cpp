@@ -109,7 +109,8 @@ TEST_F(tx_transmit, round_trip_stamp_is_the_raw_clock)
 {
     ASSERT_EQ(set(a, SESSION, {}, tx{.flags = KELM_TX_MYDISC_RTT}), 0);
     w.move_clocks(123'456);
-    const frame sent = next_frame();
+    EXPECT_EQ(sent_during(INTERVAL), std::vector<std::uint64_t>{INTERVAL});
+    const frame &sent = w.frames().at(0);
     EXPECT_EQ(ctrl_in(sent.data).my_discriminator, static_cast<std::uint32_t>(sent.raw_ns >> 4));
     EXPECT_TRUE(udp_checksum_right(sent.data));
 }
