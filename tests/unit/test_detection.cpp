@@ -11,14 +11,14 @@ using namespace sim;
 struct detection : engine_test {
     std::size_t failures() { return listener.read_messages().size(); }
 
-    // Whether so many sessions time out after so many ticks and none before.
-    bool times_out_after(std::uint64_t ticks, std::size_t sessions = 1)
+    // Whether the session times out after so many ticks and not before.
+    bool times_out_after(std::uint64_t ticks)
     {
         w.pass(ticks - 1);
         w.run_timers();
         const std::size_t early = failures();
         w.advance(1);
-        return early == 0 && failures() == sessions;
+        return early == 0 && failures() == 1;
     }
 
     [[nodiscard]] bool timer_active()
@@ -61,19 +61,6 @@ TEST_F(detection, time_is_multiplier_times_period_in_whole_ticks)
         ASSERT_TRUE(receive(w, SESSION));
         EXPECT_TRUE(times_out_after(ticks));
     }
-}
-
-TEST_F(detection, packets_in_time_keep_it_from_ever_happening)
-{
-    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
-    for (int i = 0; i < 1000; ++i) {
-        w.advance(DETECTION - 1);
-        ASSERT_TRUE(receive(w, SESSION));
-    }
-    EXPECT_EQ(failures(), 0U);
-    EXPECT_EQ(rx_stats(a, SESSION)->num_timeout, 0U);
-    EXPECT_TRUE(timer_active());
-    EXPECT_TRUE(times_out_after(DETECTION));
 }
 
 TEST_F(detection, is_over_until_the_agent_configures_again)
@@ -148,13 +135,6 @@ TEST_F(detection, nobody_listening_is_counted_and_the_latch_happens_all_the_same
     full.close();
 }
 
-TEST_F(detection, many_sessions_time_out_in_one_tick)
-{
-    for (std::uint32_t disc = 1; disc <= 500; ++disc)
-        ASSERT_EQ(set_session(a, disc, rx{}), 0);
-    EXPECT_TRUE(times_out_after(DETECTION, 500));
-}
-
 TEST_F(detection, a_late_timer_reports_once_and_a_datagram_before_it_not_at_all)
 {
     ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
@@ -167,29 +147,6 @@ TEST_F(detection, a_late_timer_reports_once_and_a_datagram_before_it_not_at_all)
     w.run_timers();
     EXPECT_EQ(failures(), 0U);
     EXPECT_TRUE(times_out_after(DETECTION));
-}
-
-// A detection time of 0 arms the timer for the tick that is now: it fires at the next one,
-// however often it is armed in between, and never inside the pass that is running.
-TEST_F(detection, timer_armed_for_now_fires_at_the_next_tick)
-{
-    bytes body = rx_set_session(SESSION, rx{});
-    std::memset(&body[offsetof(kelm_msg_rx_set_session, period)], 0, 4);
-    ASSERT_EQ(ask(a, KELM_MSG_RX_SET_SESSION, body), 0);
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(receive(w, SESSION));
-        w.run_timers();
-        EXPECT_EQ(failures(), 0U);
-    }
-    EXPECT_TRUE(times_out_after(1));
-    // The same while other timers of this tick run: the session is set at one of their locks.
-    agent &other = w.open_agent(w.initial());
-    ASSERT_EQ(set_session(a, 6, rx{.multiplier = 1, .period = 1}), 0);
-    w.at_lock_point(1, [&] { EXPECT_EQ(ask(other, KELM_MSG_RX_SET_SESSION, body), 0); });
-    w.advance(1);
-    EXPECT_EQ(w.actions_left(), 0U);
-    EXPECT_EQ(names(listener.read_messages()), std::vector<std::string>{"failure 6"});
-    EXPECT_TRUE(times_out_after(1));
 }
 
 TEST_F(detection, wall_clock_steps_do_not_matter)
