@@ -101,6 +101,7 @@ class agent
     void look_again_later(managed_session &);
     void listen_to_member(managed_session &);
     void hear_member(managed_session &);
+    void leave_members(const vrf &);
     void attend_guard(const managed_session &guarded);
     orders direct_guard(managed_session &guard);
     void fail_guarded(managed_session &guard, const condition &before);

@@ -146,6 +146,15 @@ void agent::listen_to_member(managed_session &managed)
         loop_.on_io(managed.member->fd(), EPOLLIN, [this, &managed] { hear_member(managed); });
 }
 
+void agent::leave_members(const vrf &home)
+{
+    for (auto &[name, managed] : sessions_)
+        if (managed.home == &home) {
+            managed.on_member = {};
+            managed.member.reset();
+        }
+}
+
 void agent::hear_member(managed_session &managed)
 {
     for (int i = 0; i < most_frames_a_round && managed.member && managed.wires; i++) {

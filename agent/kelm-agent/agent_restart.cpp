@@ -15,6 +15,7 @@ namespace kelm_agent
 
 void agent::on_connected(vrf &home)
 {
+    leave_members(home); // it may be another namespace than before
     try {
         mark();
         home.requests().execute(kelm::tx_path_ready());
@@ -28,6 +29,7 @@ void agent::on_connected(vrf &home)
 // Nothing is sent or heard any more. Sessions of an earlier run, not looked at yet, may wait.
 void agent::on_gone(vrf &home)
 {
+    leave_members(home);
     for (auto &[name, managed] : sessions_)
         if (managed.home == &home && managed.has_begun)
             handle(

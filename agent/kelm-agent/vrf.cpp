@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/vrf.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 
 #include "libkelm/error.h"
+#include "libkelm/netns.h"
 
 namespace kelm_agent
 {
@@ -16,6 +19,14 @@ constexpr int most_events_a_round = 256; // others are to have their turn too
 
 constexpr uint32_t all_groups =
     1U << (KELM_NLG_NUM_CONTROL - 1) | 1U << (KELM_NLG_NUM_NOTIFICATION - 1);
+
+std::optional<file_identity> namespace_called(const std::string &netns)
+{
+    struct stat status = {};
+    if (netns.empty() || stat(kelm::netns_path(netns).c_str(), &status) != 0)
+        return std::nullopt;
+    return file_identity{status.st_dev, status.st_ino};
+}
 
 } // namespace
 
@@ -38,6 +49,7 @@ std::string vrf::title() const
 
 void vrf::connect()
 {
+    namespace_ = namespace_called(netns_);
     try {
         connection_ = std::make_unique<connection>(netns_);
     } catch (const kelm::error &problem) {
@@ -52,6 +64,7 @@ void vrf::connect()
         connection_->link_changes.drain();
         observer_.links_changed(*this);
     });
+    watch_name();
     if (complained_)
         log_.info(title() + ": connected to kelm");
     complained_ = false;
@@ -60,10 +73,25 @@ void vrf::connect()
         receive(); // what came while the first requests were made
 }
 
+// Our sockets would keep a namespace alive that has been deleted, and keep us from one that has its
+// name now.
+void vrf::watch_name()
+{
+    if (netns_.empty())
+        return;
+    on_name_due_ = loop_.after(retry_interval, [this] {
+        if (namespace_called(netns_) != namespace_)
+            disconnect("the namespace has been deleted");
+        else
+            watch_name();
+    });
+}
+
 void vrf::disconnect(const std::string &why)
 {
     connection_.reset();
     go_on_ = {};
+    on_name_due_ = {};
     retry_later(why);
 }
 

@@ -17,6 +17,13 @@
 namespace kelm_agent
 {
 
+// Which file a name stands for.
+struct file_identity {
+    dev_t device;
+    ino_t inode;
+    bool operator==(const file_identity &) const = default;
+};
+
 class vrf
 {
   public:
@@ -59,6 +66,7 @@ class vrf
     };
 
     void connect();
+    void watch_name();
     void retry_later(const std::string &why);
     void receive();
 
@@ -69,6 +77,8 @@ class vrf
     std::unique_ptr<connection> connection_;
     event_loop::handle retry_;
     event_loop::handle go_on_;
+    event_loop::handle on_name_due_;
+    std::optional<file_identity> namespace_; // that we are connected in
     bool complained_ = false;
 };
 

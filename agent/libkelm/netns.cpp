@@ -13,13 +13,18 @@
 namespace kelm
 {
 
+std::string netns_path(const std::string &netns)
+{
+    const bool is_path = netns.find('/') != std::string::npos;
+    return is_path ? netns : "/run/netns/" + netns;
+}
+
 void in_netns(const std::string &netns, const std::function<void()> &work)
 {
     if (netns.empty())
         return work();
 
-    const bool is_path = netns.find('/') != std::string::npos;
-    const std::string path = is_path ? netns : "/run/netns/" + netns;
+    const std::string path = netns_path(netns);
     const unique_fd ns(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!ns) {
         if (errno == ENOENT)

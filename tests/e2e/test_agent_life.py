@@ -185,3 +185,15 @@ def test_completion_knows_the_sessions(start):
     words = [KELMCTL, "__complete", "agent", "down", "socket", agent.socket, "al"]
     result = subprocess.run(words, capture_output=True, text=True, timeout=PATIENCE)
     assert result.stdout.split() == ["alpha"]
+
+
+def test_a_namespace_that_is_made_anew(namespaces, start):
+    """Our connection does not keep the old one alive."""
+    name = namespaces.add("kelm-e2e-anew")
+    agent = start({"name": "s", "namespace": name, "local": "10.0.0.1", "peer": "10.0.0.2"})
+    wait_until(lambda: agent.show()["discriminator"] in discriminators_or_none(name), "session")
+    namespaces.delete(name)
+    wait_until(lambda: agent.show().get("problem") == "not connected to kelm", "that problem")
+    namespaces.add(name)
+    wait_until(lambda: agent.show()["discriminator"] in discriminators_or_none(name),
+               "session in the new namespace")
