@@ -206,22 +206,18 @@ TEST_F(rx_packet, only_what_the_state_machine_must_see_is_passed_up)
 TEST_F(rx_packet, stored_frame_may_have_its_packet_elsewhere)
 {
     ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
-    datagram first = arriving({});
+    datagram first = arriving({}), second = first;
     first.link_len = 18;
     EXPECT_EQ(reason(first), "70 != 0");
-    datagram second = arriving({});
-    second.link_len = 14;
-    second.payload.insert(second.payload.end(), 4, 0xcc);
+    second.payload.insert(second.payload.end(), first.link_len - second.link_len, 0xcc);
     EXPECT_EQ(reason(second), "");
     second.payload[0] ^= 1;
     EXPECT_EQ(reason(second), "content changed");
-    EXPECT_EQ(reason(second), "");
     EXPECT_EQ(reason(first), "content changed");
     // With authentication two bytes more count than the stored frame has.
     datagram third;
-    third.payload = with_section({}, auth_section(BFD_AUTH_PASSWORD)); // 33 bytes
+    third.payload = with_section({}, auth_section(BFD_AUTH_PASSWORD));
     first.link_len = third.link_len + third.payload.size() - BFD_CTRL_LEN;
-    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
     EXPECT_EQ(reason(first), "75 != 70");
     ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = BFD_AUTH_PASSWORD}), 0);
     EXPECT_EQ(reason(third), "content changed");

@@ -252,22 +252,4 @@ TEST_F(rx_session_config, a_new_period_clears_the_interval_statistics_alone)
     EXPECT_EQ(rx_stats(a, SESSION)->num_passup, 1U);
 }
 
-TEST_F(rx_session_config, deleted_and_swept_sessions_are_silent_and_gone)
-{
-    const std::size_t memory = w.memory_in_use();
-    ASSERT_EQ(set_packet(a, 1), 0);
-    for (std::uint32_t disc = 1; disc <= 40; ++disc) {
-        ASSERT_EQ(set_session(a, disc, rx{.latch = {1, 1, 1}}), 0);
-        ASSERT_TRUE(receive(w, disc));
-    }
-    w.advance(DETECTION - 1);
-    for (std::uint32_t disc = 1; disc <= 20; ++disc)
-        ASSERT_EQ(delete_session(a, disc), 0);
-    ASSERT_EQ(mark_or_sweep(a, KELM_SYNC_SWEEP), 0);
-    EXPECT_FALSE(timed_out(DETECTION));
-    w.advance(300); // for the packet's timer: the first datagram has made the path ready
-    EXPECT_EQ(w.timers(), 0U);
-    EXPECT_EQ(w.memory_in_use(), memory);
-}
-
 } // namespace

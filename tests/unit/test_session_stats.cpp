@@ -177,34 +177,4 @@ TEST_F(periodic, runs_may_overlap)
     }
 }
 
-// The cleanup thread takes the newest vrf away while a run is on its way.
-TEST(periodic_race, run_ends_after_a_vrf_that_is_unlinked_meanwhile)
-{
-    std::size_t cut_short = 0;
-    for (std::uint64_t seed = 1; seed <= 100; ++seed) {
-        SCOPED_TRACE(testing::Message() << "seed " << seed);
-        world w({.namespaces = {"red", "blue"}, .seed = seed});
-        agent &a = w.open_agent(w.initial(), {.groups = CONTROL});
-        net &blue = w.find("blue");
-        agent &theirs = w.open_agent(blue);
-        for (std::uint32_t discriminator = 1; discriminator <= 12; ++discriminator)
-            ASSERT_EQ(set_packet(theirs, discriminator), 0);
-        theirs.close();
-        w.abandon(blue);
-        w.pass(25); // now the thread is due
-        w.race({[&a] { EXPECT_EQ(set_interval(a, 1), 0); }});
-        const strings run = names(a.read_messages());
-        if (run != ONE_RUN) {
-            ++cut_short;
-            EXPECT_EQ(run.size(), 13U);
-            EXPECT_EQ(run.back(), "module_stats");
-        }
-        w.advance(1000);
-        EXPECT_FALSE(w.alive(blue));
-        EXPECT_EQ(names(a.read_messages()), ONE_RUN); // of the two that are left
-    }
-    EXPECT_GT(cut_short, 0U);
-    EXPECT_LT(cut_short, 100U);
-}
-
 } // namespace

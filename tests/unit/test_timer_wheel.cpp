@@ -112,22 +112,6 @@ TEST(timer_wheel, a_timer_armed_for_now_in_a_pass_waits_for_the_next_tick)
     EXPECT_EQ(wheel.pop_due(111), &first);
 }
 
-TEST(timer_wheel, a_due_timer_can_be_cancelled_and_moved_by_another_of_its_tick)
-{
-    timer_wheel wheel(7);
-    std::vector<wheel_timer> timers(3);
-    for (wheel_timer &timer : timers)
-        wheel.arm(timer, 9, 7);
-    ASSERT_EQ(wheel.pop_due(9), &timers[0]);
-    EXPECT_TRUE(timers[1].pending());
-    EXPECT_TRUE(wheel.cancel(timers[1]));
-    EXPECT_TRUE(wheel.arm(timers[2], 20, 9));
-    EXPECT_EQ(wheel.next_event(), 20U); // close enough to be told exactly
-    EXPECT_EQ(wheel.pop_due(19), nullptr);
-    EXPECT_EQ(wheel.pop_due(20), &timers[2]);
-    EXPECT_EQ(wheel.next_event(), timer_wheel::NEVER);
-}
-
 TEST(timer_wheel, choice_reaches_each_timer_of_a_tick_and_none_of_another)
 {
     for (std::uint64_t choice = 0; choice < 6; ++choice) {
