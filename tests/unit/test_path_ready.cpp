@@ -146,7 +146,7 @@ TEST(path_ready, vrfs_that_go_during_the_walk_take_their_packets_with_them)
         for (const char *name : {"initial", "red", "blue", "green"}) {
             agent &owner = w.open_agent(w.find(name));
             ASSERT_EQ(set_packet(owner, 1), 0);
-            ASSERT_EQ(set_session(owner, 1, rx{.flags = 0, .latch = {1}}), 0);
+            ASSERT_EQ(set_session(owner, 1, rx{.flags = 0, .latch = {1}}), 0); // holds it too
             owner.close();
         }
         w.advance(1);

@@ -152,16 +152,6 @@ TEST_F(tx_schedule, reconfiguration_counts_from_the_last_transmission)
     EXPECT_EQ(sent_during(105), (tick_list{1, 100}));
 }
 
-TEST_F(tx_schedule, late_timer_shifts_the_rhythm)
-{
-    ASSERT_EQ(path_ready(a), 0);
-    ASSERT_EQ(set(a, SESSION, {}), 0);
-    w.pass(1000);
-    w.run_timers();
-    ASSERT_EQ(w.frames().size(), 1U);
-    EXPECT_EQ(sent_during(299), tick_list{299});
-}
-
 TEST_F(tx_schedule, path_ready_sends_all_at_once_and_then_each_at_a_random_time_of_its_period)
 {
     const std::map<std::uint32_t, std::uint64_t> ticks_by_random = {
