@@ -208,21 +208,6 @@ TEST_F(long_dump, reports_everything_once)
     }
 }
 
-TEST_F(long_dump, ends_when_its_agent_does)
-{
-    net &red = w.create_namespace("red");
-    for (const std::uint32_t flags : {0U, ALL_VRFS}) {
-        agent &dying = w.open_agent(red);
-        for (std::uint32_t discriminator = 1; discriminator <= NUMBER; ++discriminator)
-            ASSERT_EQ(set_packet(dying, discriminator), 0);
-        start(dying, flags);
-        dying.close();
-    }
-    w.abandon(red);
-    w.advance(25);
-    EXPECT_FALSE(w.alive(red));
-}
-
 TEST_F(long_dump, ends_at_a_message_that_fits_into_no_datagram)
 {
     const vrf_ref vrf = find_vrf(&w.initial());

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Socket buffers, the frames that are built in them, and checksums.
+// Socket buffers, and the frames that are built in them.
 #include "sim_fixture.h"
 
-#include "platform/checksum.h"
 #include "platform/hosted/skbuff.h"
 
 #include <cerrno>
 #include <iomanip>
 #include <numeric>
-#include <random>
 #include <sstream>
 
 namespace
@@ -102,35 +100,6 @@ TEST_F(skbuff_death, running_over_the_room_ends_the_process)
     EXPECT_DEATH((void)pskb_expand_head(skb, 1, 0, GFP_ATOMIC), "others hold");
     kfree_skb(skb);
     kfree_skb(skb);
-}
-
-// RFC 1071, byte by byte.
-std::uint16_t plain_checksum(const bytes &data)
-{
-    std::uint32_t sum = 0;
-    for (std::size_t i = 0; i < data.size(); ++i)
-        sum += i % 2 == 0 ? static_cast<std::uint32_t>(data[i]) << 8 : data[i];
-    while (sum > 0xffff)
-        sum = (sum & 0xffff) + (sum >> 16);
-    return static_cast<std::uint16_t>(~sum);
-}
-
-TEST(checksum, agrees_with_the_plain_sum_of_any_bytes)
-{
-    std::mt19937 random(1);
-    for (int round = 0; round < 500; ++round) {
-        bytes data(random() % 200);
-        for (std::uint8_t &byte : data)
-            byte = static_cast<std::uint8_t>(round % 3 == 0 ? 0xff : random());
-        const auto len = static_cast<int>(data.size());
-        // In one go, and chained at an even place.
-        const int middle = len / 4 * 2;
-        const std::uint32_t chained =
-            csum_partial(data.data() + middle, len - middle, csum_partial(data.data(), middle, 0));
-        for (const std::uint32_t sum : {csum_partial(data.data(), len, 0), chained}) {
-            ASSERT_EQ(ntohs(csum_tcpudp_magic(0, 0, 0, 0, sum)), plain_checksum(data));
-        }
-    }
 }
 
 std::string hex(const std::uint8_t *from, const std::uint8_t *to)

@@ -255,65 +255,6 @@ TEST(interleavings, three_processors_by_seed)
     }
 }
 
-// The transmit path becomes ready while packets are set, deleted and swept, and while timers that
-// were armed meanwhile already fire on another processor.
-TEST(interleavings, path_ready_among_the_others)
-{
-    random_source random(43);
-    for (std::uint64_t seed = 1; seed <= 2000; ++seed) {
-        SCOPED_TRACE(testing::Message() << "seed " << seed);
-        world w({.seed = seed});
-        agent *agents[] = {&w.open_agent(w.initial()), &w.open_agent(w.initial()),
-                           &w.open_agent(w.initial())};
-        agent &a = w.open_agent(w.initial());
-        const std::size_t memory = w.memory_in_use();
-        for (std::uint32_t disc = 1; disc <= 3; ++disc)
-            ASSERT_EQ(set_packet(a, disc, tx{.period = 50'000}), 0);
-        const auto act = [&](agent &mine, std::uint64_t what) {
-            const auto disc = static_cast<std::uint32_t>(1 + seed % 4);
-            switch (what) {
-            case 0:
-                EXPECT_EQ(set_packet(mine, disc, tx{.period = 50'000}), 0);
-                break;
-            case 1:
-                EXPECT_EQ(set_packet(mine, disc, tx{.period = 50'000, .flags = KELM_TX_SEND_OOB}),
-                          0);
-                break;
-            case 2:
-                EXPECT_NE(delete_packet(mine, disc), UNANSWERED);
-                return;
-            case 3:
-                EXPECT_EQ(mark_or_sweep(mine, KELM_SYNC_SWEEP), 0);
-                return;
-            case 4:
-                EXPECT_TRUE(receive(w, 9));
-                break;
-            default:
-                break;
-            }
-            w.pass(60);
-            w.run_timers();
-        };
-        const std::uint64_t second = random.below(6);
-        const std::uint64_t third = random.below(6);
-        w.race({[&] { EXPECT_EQ(path_ready(*agents[0]), 0); }, [&] { act(*agents[1], second); },
-                [&] { act(*agents[2], third); }});
-        // Whatever is there is sent once in each period.
-        const auto packets = bodies<kelm_msg_tx_sync>(sync_dump(a).messages, KELM_MSG_TX_SYNC);
-        w.advance(200);
-        w.take_frames();
-        w.advance(490);
-        EXPECT_EQ(w.frames().size(), 10 * packets.size());
-        for (const auto &each : packets)
-            EXPECT_EQ(delete_packet(a, each.header.discriminator), 0);
-        w.advance(60);
-        EXPECT_EQ(w.timers(), 0U);
-        EXPECT_EQ(w.memory_in_use(), memory);
-        if (testing::Test::HasFailure())
-            return;
-    }
-}
-
 // A namespace goes while its timers are due, datagrams of others arrive, and its sessions link
 // and are linked across vrfs.
 TEST(interleavings, a_namespace_that_goes_takes_everything_along)

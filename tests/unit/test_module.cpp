@@ -54,45 +54,6 @@ TEST(start, fails_as_a_whole_when_notifier_or_thread_fails)
     }
 }
 
-TEST(vrf, is_undone_when_a_step_of_its_creation_fails)
-{
-    const struct {
-        service failing;
-        std::uint64_t nth;
-        std::string log; // and then that there is no vrf
-    } cases[] = {
-        {service::allocation, 1, ""},
-        {service::netlink_socket, 1, "kelm Netlink: Failed to register netlink protocol\n"},
-        {service::udp_socket, 5,
-         "kelm Rx: Failed creating Rx socket of type 4 -105\n"
-         "kelm Rx: Failed to initialize rx socket type 4\n"},
-        {service::bind, 3,
-         "kelm Rx: Failed to bind Rx socket type 2 -105\n"
-         "kelm Rx: Failed to initialize rx socket type 2\n"},
-        {service::raw_socket, 1,
-         "kelm Tx: Failed to create Tx socket of type 0, err -105\n"
-         "kelm Tx: Failed to initialize tx socket type 0\n"},
-        {service::packet_socket, 1,
-         "kelm Tx: Failed to create Tx socket of type 1, err -105\n"
-         "kelm Tx: Failed to initialize tx socket type 1\n"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << static_cast<int>(c.failing) << ", use " << c.nth);
-        world w;
-        const std::size_t memory = w.memory_in_use();
-        w.fail(c.failing, -ENOBUFS, c.nth);
-        net &red = w.create_namespace("red");
-        std::string log;
-        for (const std::string &line : lines(w))
-            log += line + '\n';
-        EXPECT_EQ(log, c.log + "kelm Netlink: Unable to create vrf\n");
-        EXPECT_EQ(w.refcount(red), 1);
-        EXPECT_EQ(w.memory_in_use(), memory);
-        EXPECT_FALSE(has_vrf(w.open_agent(red)));
-        EXPECT_TRUE(has_vrf(w.open_agent(w.create_namespace("blue"))));
-    }
-}
-
 TEST(vrf, comes_with_lo_and_no_other_device)
 {
     world w;
