@@ -209,7 +209,7 @@ void empty(agent &a)
         EXPECT_EQ(delete_session(a, m.header.discriminator), 0);
     for (const auto &m : bodies<kelm_msg_tx_sync>(all.messages, KELM_MSG_TX_SYNC))
         EXPECT_EQ(delete_packet(a, m.header.discriminator), 0);
-    EXPECT_TRUE(sync_dump(a).messages.empty());
+    EXPECT_TRUE(get_stats(a, 0, 0).messages.empty());
 }
 
 // A session's whole life, in a namespace of its own.

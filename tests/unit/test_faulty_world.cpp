@@ -147,10 +147,7 @@ class run
     }
 
     // The agent dies in the middle of a dump. Its successor marks, claims some of the namespaces,
-    // and
-
-    // sweeps the others; and then sets their sessions anew.
-
+    // and sweeps the others; and then sets their sessions anew.
     void restart_agent()
     {
         for (auto &[ns, mine] : agents) {
@@ -182,7 +179,6 @@ class run
     }
 
     // Repeats a request until it is acknowledged as done; that all happens at one tick.
-
     template<class Request>
 
     void insist(const Request &request)
@@ -254,7 +250,6 @@ class run
     }
 
     // Spoils a packet so that it must not be accepted.
-
     void damage(bytes &packet)
     {
         constexpr std::pair<std::size_t, std::uint8_t> flips[] = {
@@ -327,7 +322,6 @@ class run
     }
 
     // Several processors at once, on different sessions.
-
     void race()
     {
         w.fail(service::allocation, 0, 1, 0);
@@ -404,7 +398,6 @@ class run
     }
 
     // All peers talk: no session fails, everybody sends and receives in time.
-
     void demand_peace()
     {
         constexpr std::uint64_t TICKS = 500;
@@ -428,7 +421,6 @@ class run
     }
 
     // All peers fall silent: every session fails, once; the checker says whether in time.
-
     void demand_failures()
     {
         const std::uint64_t failures_before = failures_seen;
