@@ -391,7 +391,7 @@ TEST(auth, without_sequence_number_or_room_nothing_changes)
     }
 }
 
-TEST(auth, digest_covers_the_length_field_s_bytes_or_those_that_there_are)
+TEST(auth, digest_covers_what_the_length_field_says_as_far_as_there_is_any)
 {
     for (const std::uint8_t type : digest_types)
         for (const std::uint8_t len : bytes{52, 255}) {
