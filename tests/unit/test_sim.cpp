@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The simulation: that it notices what is left behind and when the rules of locks and contexts are
-// broken, that it interleaves contexts as it says, that time goes its way.
+// broken, that it interleaves contexts as it says, and that the seed decides.
 #include "sim_fixture.h"
 
-#include "platform/clock.h"
 #include "platform/memory.h"
 #include "platform/printk.h"
 #include "platform/skbuff.h"
@@ -295,33 +294,6 @@ TEST(seed, decides_races_and_ties_and_takes_many_courses)
     }
     EXPECT_GT(races.size(), 50U);
     EXPECT_GT(ties.size(), 10U);
-}
-
-TEST_F(contexts, time_moves_when_told_and_not_otherwise)
-{
-    int runs = 0;
-    callback = [&] { ++runs; };
-    const std::uint64_t tick = w.tick();
-    const std::int64_t wall = w.wall_ns();
-    const std::int64_t raw = w.raw_ns();
-    EXPECT_NE(tick, 0U);
-
-    mod_timer(&timer, tick + 3);
-    w.pass(10); // late
-    EXPECT_EQ(runs, 0);
-    mod_timer(&timer, tick + 10); // for now: not before the next tick
-    w.run_timers();
-    EXPECT_EQ(runs, 0);
-    w.advance(1);
-    EXPECT_EQ(runs, 1);
-    w.move_clocks(500);
-    w.step_wall_clock(-1'000'000'000);
-    EXPECT_EQ(get_jiffies_64(), tick + 11);
-    timespec64 ts{};
-    ktime_get_real_ts64(&ts);
-    EXPECT_EQ(ts.tv_sec * 1'000'000'000 + ts.tv_nsec, wall + 11'000'500 - 1'000'000'000);
-    ktime_get_raw_ts64(&ts);
-    EXPECT_EQ(ts.tv_sec * 1'000'000'000 + ts.tv_nsec, raw + 11'000'500);
 }
 
 } // namespace
