@@ -83,7 +83,7 @@ void agent::on_failure(vrf &home, uint32_t discriminator)
         return;
     const kelm_microsecs waited = managed->bfd.timing().detection_time();
     handle(
-        *managed, [](session &s) { return s.timeout(); },
+        *managed, [](session &s) { return s.timeout(std::chrono::steady_clock::now()); },
         [=](const session &) { return silence_reason(waited); });
 }
 

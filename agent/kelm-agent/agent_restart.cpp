@@ -73,7 +73,8 @@ void agent::resume(managed_session &managed, const inventory &all)
     const found left = is_there ? entry->second : found{};
     managed.port.assume(left.has_packet, left.has_session);
     (void)direct_guard(managed);
-    const orders wanted = managed.bfd.adopt(remains_of(left, saved ? &*saved : nullptr));
+    const orders wanted = managed.bfd.adopt(remains_of(left, saved ? &*saved : nullptr),
+                                            std::chrono::steady_clock::now());
     const condition &now = managed.bfd.state();
     const condition before = {saved ? saved->state : now.state, BFD_DIAG_NONE};
     const std::string how = is_there ? "the agent was restarted" : "the agent was started";

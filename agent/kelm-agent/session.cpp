@@ -44,7 +44,7 @@ orders session::current() const
 
 // The timer runs while the peer is heard, and what it said last is known. That it runs although we
 // were Down can only be told from our own record.
-orders session::adopt(const remains &left)
+orders session::adopt(const remains &left, steady_time now)
 {
     has_spoken_ = left.has_packet;
     if (left.admin_down)
@@ -64,13 +64,13 @@ orders session::adopt(const remains &left)
     if (!suggests_up(heard.state) && left.state == BFD_STATE_UP)
         condition_.diag = BFD_DIAG_NEIGH_DOWN;
     if (was_down || !suggests_up(heard.state))
-        return packet(heard, {});
+        return packet(heard, now);
 
     hear(heard);
     become({BFD_STATE_UP, BFD_DIAG_NONE});
     timing_.resume(left.in_effect.value_or(config_.timing));
     if (!left.timer_active)
-        return timeout();
+        return timeout(now);
     manage_poll(false, {});
     return decide();
 }
@@ -104,21 +104,19 @@ orders session::packet(const kelm::bfd_fields &heard, steady_time now)
 }
 
 // A detection time without a packet fails the session. After another one the peer may have begun
-// anew, and with it its sequence numbers (RFC 5880 section 6.8.1, bfd.AuthSeqKnown).
-orders session::timeout()
+// anew, and with it its sequence numbers (RFC 5880 section 6.8.1, bfd.AuthSeqKnown). kelm's timer
+// cannot tell that one: packets that we do not believe restart it.
+orders session::timeout(steady_time now)
 {
-    if (watch_ == watch::silence) {
-        watch_ = watch::nothing;
-        return decide({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
-    }
-    if (watch_ == watch::nothing)
+    if (!is_heard_)
         return decide();
-    watch_ = watch::silence;
+    is_heard_ = false;
+    forget_due_ = now + std::chrono::microseconds(timing_.detection_time());
     remote_discriminator_ = 0;
     remote_demand_ = false;
     become(after_timeout(condition_, timeout_diag(config_.kind)));
     // What the peer says when it comes back may also be what it said last.
-    return decide({.transmit = {}, .receive = {}, .rearm = true, .renew = true});
+    return decide({.transmit = {}, .receive = {}, .renew = true});
 }
 
 // Nobody has listened to the peer meanwhile: it may have begun anew.
@@ -138,7 +136,8 @@ orders session::set_admin_down(bool down)
     // may have begun anew too.
     if (!down)
         forget_peer();
-    watch_ = watch::nothing;
+    is_heard_ = false;
+    forget_due_.reset();
     become(down ? administratively_down() : administratively_enabled());
     return decide({.transmit = {}, .receive = {}, .renew = !down, .forget_sequence = !down});
 }
@@ -177,7 +176,17 @@ orders session::wake(steady_time now)
     if (poll_due_ && *poll_due_ <= now)
         poll_due_.reset();
     manage_poll(false, now);
-    return decide();
+    if (!forget_due_ || *forget_due_ > now)
+        return decide();
+    forget_due_.reset();
+    return decide({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
+}
+
+std::optional<steady_time> session::due() const
+{
+    if (!poll_due_ || !forget_due_)
+        return poll_due_ ? poll_due_ : forget_due_;
+    return std::min(*poll_due_, *forget_due_);
 }
 
 void session::become(condition next)
@@ -192,7 +201,8 @@ void session::become(condition next)
 
 void session::forget_peer()
 {
-    watch_ = watch::nothing;
+    is_heard_ = false;
+    forget_due_.reset();
     remote_discriminator_ = 0;
     remote_demand_ = false;
     remote_ = {};
@@ -200,7 +210,8 @@ void session::forget_peer()
 
 void session::hear(const kelm::bfd_fields &heard)
 {
-    watch_ = watch::packets;
+    is_heard_ = true;
+    forget_due_.reset();
     remote_ = {heard.state, heard.diag};
     if (config_.kind == session_kind::echo)
         return;         // our own words
@@ -272,7 +283,7 @@ reception session::wanted_reception() const
 {
     const bool can_fail = condition_.state == BFD_STATE_INIT || is_up();
     return {
-        .timer_active = watch_ != watch::nothing,
+        .timer_active = is_heard_,
         .multiplier = std::max<uint8_t>(timing_.receive_multiplier(), 1),
         .period = timing_.receive_interval(),
         .latch_diag = can_fail ? timeout_diag(config_.kind) : uint8_t{BFD_DIAG_NONE},

@@ -71,11 +71,11 @@ class session
     orders current() const;
     // Takes over what an earlier run has left. Nothing that a healthy session's peer could notice
     // is ordered.
-    orders adopt(const remains &);
+    orders adopt(const remains &, steady_time now);
     // A packet of the peer, authentic and for this session.
     orders packet(const kelm::bfd_fields &, steady_time now);
     // The detection timer has expired.
-    orders timeout();
+    orders timeout(steady_time now);
     // kelm has lost the session, and the packet with it.
     orders forgotten();
     orders set_admin_down(bool down);
@@ -89,7 +89,7 @@ class session
     orders wake(steady_time now);
 
     // When the session wants to be woken.
-    std::optional<steady_time> due() const { return poll_due_; }
+    std::optional<steady_time> due() const;
 
     const session_config &config() const { return config_; }
     uint32_t discriminator() const { return discriminator_; }
@@ -107,9 +107,6 @@ class session
     const negotiation &timing() const { return timing_; }
 
   private:
-    // What the detection timer waits for.
-    enum class watch { nothing, packets, silence };
-
     orders decide(orders so_far = {}) const;
     void become(condition);
     void forget_peer();
@@ -133,9 +130,10 @@ class session
     bool has_spoken_ = false; // to the peer, so that kelm has a packet with a sequence number
     bool is_idle_;            // a guard with nothing to guard: kelm has nothing of it
     uint32_t guarded_discriminator_ = 0;
-    watch watch_ = watch::nothing;
-    bool polling_ = false;                // a Poll Sequence is under way
-    std::optional<steady_time> poll_due_; // our Poll bit rests until then
+    bool is_heard_ = false;                 // the detection timer runs
+    bool polling_ = false;                  // a Poll Sequence is under way
+    std::optional<steady_time> poll_due_;   // our Poll bit rests until then
+    std::optional<steady_time> forget_due_; // the peer's sequence numbers hold until then
 };
 
 } // namespace kelm_agent

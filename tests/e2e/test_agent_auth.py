@@ -123,7 +123,6 @@ def test_key_rollover(pair):
 @with_types("keyed-md5", "meticulous-md5")
 def test_a_peer_that_begins_anew(pair):
     """Its sequence numbers begin anew too, and are believed after a while of silence."""
-    pair.multiplier = 10  # less than it takes a peer that is not Up to speak again
     pair.up()
     before = {}
     for type, link in pair.links.items():

@@ -185,20 +185,22 @@ TEST_F(agent_session, poll_and_final_never_together)
 TEST_F(agent_session, failure_and_what_follows)
 {
     bring_up();
-    orders wanted = subject.timeout();
+    orders wanted = subject.timeout(now);
     EXPECT_EQ(subject.state(), (condition{BFD_STATE_DOWN, BFD_DIAG_CTRL_TIMEOUT}));
     EXPECT_EQ(wanted.transmit->bfd.your_discriminator, 0U);
     EXPECT_EQ(wanted.transmit->period, 1000 * ms);
-    EXPECT_TRUE(wanted.rearm && wanted.receive->timer_active);
+    EXPECT_FALSE(wanted.receive->timer_active);
     EXPECT_EQ(wanted.receive->latch_diag, BFD_DIAG_NONE);
     EXPECT_TRUE(wanted.renew);
     EXPECT_FALSE(wanted.forget_sequence) << "it holds for twice the detection time";
+    EXPECT_FALSE(subject.timeout(now + milliseconds(1)).renew) << "once is enough";
 
-    wanted = subject.timeout();
+    const steady_time twice = now + milliseconds(4 * 200);
+    EXPECT_EQ(subject.due(), twice);
+    EXPECT_FALSE(subject.wake(twice - milliseconds(1)).renew);
+    wanted = subject.wake(twice);
     EXPECT_TRUE(wanted.renew && wanted.forget_sequence);
-    EXPECT_FALSE(wanted.receive->timer_active);
-    wanted = subject.timeout();
-    EXPECT_FALSE(wanted.renew);
+    EXPECT_FALSE(subject.due());
 }
 
 // It may come Up with the very packet that kelm has passed up last.
@@ -262,13 +264,13 @@ TEST_F(agent_session, the_passive_end_waits_to_be_spoken_to)
     EXPECT_TRUE(wanted.transmit);
     EXPECT_TRUE(wanted.rearm) << "kelm has not seen that the packet is this session's";
     EXPECT_FALSE(sent().is_silent);
-    subject.timeout();
+    subject.timeout(now);
     EXPECT_TRUE(sent().is_silent) << "but the packet keeps its sequence number";
     EXPECT_EQ(sent().period, parked);
     subject.forgotten();
     EXPECT_FALSE(subject.current().transmit);
-    EXPECT_TRUE(
-        subject.adopt({.heard = {}, .state = {}, .in_effect = {}, .has_packet = true}).transmit);
+    EXPECT_TRUE(subject.adopt({.heard = {}, .state = {}, .in_effect = {}, .has_packet = true}, now)
+                    .transmit);
 }
 
 TEST_F(agent_session, downs_that_are_not_failures)
@@ -321,18 +323,18 @@ TEST_F(agent_session, takes_over_from_an_earlier_run)
     };
     for (const auto &c : cases) {
         session taken(config_with(100 * ms, 200 * ms), our_discriminator);
-        const orders wanted = taken.adopt({c.heard, c.timer_active, c.recorded, {}, false});
+        const orders wanted = taken.adopt({c.heard, c.timer_active, c.recorded, {}, false}, now);
         EXPECT_EQ(taken.state(), c.expected) << c.what;
-        EXPECT_EQ(wanted.receive->timer_active, c.heard.has_value()) << c.what;
+        EXPECT_EQ(wanted.receive->timer_active, c.heard && c.timer_active) << c.what;
         EXPECT_FALSE(wanted.is_final) << c.what;
     }
     session stopped(config_with(100 * ms, 200 * ms), our_discriminator);
-    EXPECT_FALSE(stopped.adopt({heard, true, up, {}, true}).receive);
+    EXPECT_FALSE(stopped.adopt({heard, true, up, {}, true}, now).receive);
     EXPECT_TRUE(stopped.is_admin_down());
 
     // A peer that has not been told of a change must not wait longer than it knows of.
     subject = session(config_with(400 * ms, 80 * ms), our_discriminator);
-    subject.adopt({heard, true, {}, intervals{100 * ms, 200 * ms}, false});
+    subject.adopt({heard, true, {}, intervals{100 * ms, 200 * ms}, false}, now);
     EXPECT_EQ(periods(), (intervals{100 * ms, 200 * ms}));
     EXPECT_TRUE(sent().bfd.poll);
     EXPECT_EQ(sent().bfd.min_tx_interval, 400 * ms);
@@ -352,7 +354,7 @@ TEST_F(agent_session, sbfd_initiator)
     EXPECT_EQ(periods(), (intervals{150 * ms, 150 * ms})) << "no faster than the reflector can";
     EXPECT_EQ(received().multiplier, 3) << "our own";
     EXPECT_FALSE(subject.packet(polls(says(BFD_STATE_UP)), now).is_final);
-    subject.timeout();
+    subject.timeout(now);
     EXPECT_EQ(sent().bfd.your_discriminator, 77U);
 }
 
@@ -370,7 +372,7 @@ TEST_F(agent_session, echo_hears_itself)
     }
     EXPECT_EQ(periods(), (intervals{100 * ms, 100 * ms}));
     EXPECT_EQ(received().multiplier, 3);
-    subject.timeout();
+    subject.timeout(now);
     EXPECT_EQ(subject.state(), (condition{BFD_STATE_DOWN, BFD_DIAG_ECHO_FAIL}));
     EXPECT_FALSE(subject.set_admin_down(true).transmit);
 }
