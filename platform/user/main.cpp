@@ -143,8 +143,11 @@ int parse_command_line(int argc, char **argv, options &chosen)
     CLI::App app("kelm as a daemon: keeps the periodic transmission and the detection timers of "
                  "BFD\nsessions for an agent. Stays in the foreground, logs to standard error.",
                  "kelmd");
+    app.failure_message([](const CLI::App *failed, const CLI::Error &error) {
+        return "kelmd: " + CLI::FailureMessage::simple(failed, error);
+    });
     std::vector<std::string> names;
-    app.set_version_flag("--version", "kelmd " KELM_VERSION);
+    app.set_version_flag("-V,--version", "kelmd " KELM_VERSION);
     app.add_flag("--realtime", chosen.realtime,
                  "Receive and run timers under the real-time scheduler, with memory locked");
     auto *const netns =

@@ -60,7 +60,7 @@ def test_help_and_version():
 @pytest.mark.parametrize("arguments", [["--nonsense"], ["surplus"], ["--netns"]])
 def test_wrong_usage(arguments):
     result = run(*arguments)
-    assert result.returncode == 2 and "--help" in result.stderr
+    assert result.returncode == 2 and re.match("kelmd: .*--help", result.stderr, re.DOTALL)
 
 
 @pytest.mark.parametrize("ending", [signal.SIGTERM, signal.SIGINT])
