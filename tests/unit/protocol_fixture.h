@@ -4,6 +4,7 @@
 #pragma once
 
 #include "byte_order.h"
+#include "hex.h"
 #include "kelm_bfd_common_utils.h"
 
 #include <gtest/gtest.h>
@@ -48,16 +49,6 @@ inline std::vector<trace_line> traced;
 inline void remember(kelm_trace_type type, std::uint32_t discriminator, const char *text)
 {
     traced.emplace_back(type, discriminator, text);
-}
-
-inline std::string hex(std::span<const std::uint8_t> data)
-{
-    std::string text;
-    for (const std::uint8_t byte : data) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
 }
 
 constexpr std::uint32_t my_disc = 0x11223344;

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Socket buffers, and the frames that are built in them.
+#include "hex.h"
 #include "sim_fixture.h"
 
 #include "platform/hosted/skbuff.h"
 
 #include <cerrno>
-#include <iomanip>
 #include <numeric>
-#include <sstream>
 
 namespace
 {
@@ -102,14 +101,6 @@ TEST_F(skbuff_death, running_over_the_room_ends_the_process)
     kfree_skb(skb);
 }
 
-std::string hex(const std::uint8_t *from, const std::uint8_t *to)
-{
-    std::ostringstream out;
-    for (; from != to; ++from)
-        out << std::hex << std::setw(2) << std::setfill('0') << int{*from};
-    return out.str();
-}
-
 TEST_F(skbuff, udp_frame_is_a_whole_frame_with_valid_checksums)
 {
     const struct {
@@ -140,8 +131,8 @@ TEST_F(skbuff, udp_frame_is_a_whole_frame_with_valid_checksums)
         EXPECT_EQ(contents(skb), c.payload);
         EXPECT_EQ(skb_iif(skb), 3);
         EXPECT_EQ(skb_member_ifindex(skb), 4);
-        EXPECT_EQ(hex(skb_mac_header(skb), skb_network_header(skb)), c.link);
-        EXPECT_EQ(hex(skb_network_header(skb), skb_data(skb) + skb_len(skb)), c.ip + c.udp);
+        EXPECT_EQ(hex({skb_mac_header(skb), skb_network_header(skb)}), c.link);
+        EXPECT_EQ(hex({skb_network_header(skb), skb_data(skb) + skb_len(skb)}), c.ip + c.udp);
         consume_skb(skb);
     }
 }

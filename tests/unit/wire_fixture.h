@@ -5,6 +5,7 @@
 #pragma once
 
 #include "engine_fixture.h"
+#include "hex.h"
 
 #include "platform/hosted/udp_frame.h"
 
@@ -168,16 +169,6 @@ inline int set(agent &a, std::uint32_t discriminator, const outgoing &packet,
                const kelm_msg_tx_set_packet &fixed = tx{})
 {
     return ask(a, KELM_MSG_TX_SET_PACKET, set_request(discriminator, packet, fixed));
-}
-
-inline std::string hex(std::span<const std::uint8_t> data)
-{
-    std::string text;
-    for (const std::uint8_t byte : data) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
 }
 
 // The control packet in a frame whose IP header is at `ip_offset`.
