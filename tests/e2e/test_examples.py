@@ -18,6 +18,12 @@ def agent(namespace, *arguments):
     return Program("ip", "netns", "exec", namespace, os.path.join(EXAMPLES, "agent"), *arguments)
 
 
+def remembers_state(kelm, state):
+    """Whether the packet that kelm keeps for the next agent says this."""
+    return any(isinstance(entry, p.PacketChange) and bfd.parse_frame(entry.frame).bfd.state == state
+               for entry in kelm.dump(p.SYNC, p.sync()))
+
+
 def test_a_session_through_its_life(namespaces):
     link = namespaces.link(namespaces.add(), namespaces.add())
     near, far = link.addresses(4)
@@ -28,6 +34,8 @@ def test_a_session_through_its_life(namespaces):
             first.expect("up, diagnostic none")
             peer.expect("up, diagnostic none")
             watch.expect(f"session 5: {far} says up")
+            with Agent(link.near_ns) as kelm:
+                wait_until(lambda: remembers_state(kelm, bfd.UP), "the peer's state in kelm")
             first.stop(signal.SIGKILL, -signal.SIGKILL)
         peer.read()
         heard = len(peer.lines)
