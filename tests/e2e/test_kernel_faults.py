@@ -152,7 +152,9 @@ def test_requests_and_datagrams(faulty_link):
             pass
         assert agent.module_stats().rx_packet_missing == 0
 
+        link.lose()  # kelm serves the far end too: what fails is to be a sending, not a reception
         agent.request(p.TX_SET_PACKET, p.tx_set_packet(7, packet, period=5_000))
+        link.wire.drain()
         link.receive(7)
         arm(1)
         wait_until(failed, "a failure to send")
