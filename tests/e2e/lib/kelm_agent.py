@@ -50,12 +50,15 @@ class KelmAgent:
         self.config_file.write_text(configuration(sessions, self.agent_table, self.defaults))
 
     def start(self):
+        self.launch()
+        self.wait_for(lambda line: line["message"].startswith("ready"), "'ready'")
+
+    def launch(self):
         self.log_file = tempfile.TemporaryFile("w+")
         self.process = subprocess.Popen(
             [KELM_AGENT, "--config", self.config_file, "--state", self.directory / "state.json",
              "--socket", self.socket, "--log", "json", *self.arguments],
             stdin=subprocess.DEVNULL, stderr=self.log_file)
-        self.wait_for(lambda line: line["message"].startswith("ready"), "'ready'")
 
     def reload(self, sessions=None):
         """Takes a new configuration; returns the line that tells how it went."""
@@ -96,14 +99,19 @@ class KelmAgent:
 
     def ask(self, command, sessions=()):
         """What kelmctl does, without starting it: to be asked again and again."""
+        answer = json.loads(self.ask_for_text(command, sessions))
+        assert answer["ok"], answer
+        return answer
+
+    def ask_for_text(self, command, sessions=()):
         with socket.socket(socket.AF_UNIX) as sock:
             sock.settimeout(PATIENCE)
             sock.connect(str(self.socket))
             sock.sendall(json.dumps({"command": command, "sessions": list(sessions)}).encode() +
                          b"\n")
-            answer = json.load(sock.makefile())
-        assert answer["ok"], answer
-        return answer
+            text = sock.makefile().read()
+        assert text.endswith("\n"), f"{len(text)} characters of an answer"
+        return text
 
     def wait_for_state(self, state, session="s"):
         wait_until(lambda: self.show(session)["state"] == state,
