@@ -6,9 +6,6 @@
 // socket, until nothing has come for a while.
 //
 // Prints the number of packets and the processor time in nanoseconds.
-#include "libkelm/fd.h"
-#include "libkelm/packet.h"
-
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -22,6 +19,9 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <vector>
+
+#include "libkelm/fd.h"
+#include "libkelm/packet.h"
 
 namespace
 {

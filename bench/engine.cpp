@@ -10,6 +10,18 @@
 // above them is the engine's own work.
 //
 // A figure is the median over rounds, each of which concerns every session once.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <vector>
+
 #include "kelm/kelm_bfd_common_utils.h"
 #include "libkelm/packet.h"
 #include "libkelm/request.h"
@@ -22,18 +34,6 @@
 #include "platform/socket.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
-
-#include <algorithm>
-#include <array>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <netinet/in.h>
-#include <string>
-#include <sys/socket.h>
-#include <vector>
 
 namespace
 {

@@ -3,12 +3,11 @@
 // What kelm does in a network namespace, told as it happens, with libkelm's C++ interface.
 //
 //     watch [NETNS]
+#include <exception>
+#include <iostream>
 #include <libkelm/client.h>
 #include <libkelm/frame.h>
 #include <libkelm/names.h>
-
-#include <exception>
-#include <iostream>
 
 namespace
 {

@@ -3,10 +3,10 @@
 // Arithmetic on clock readings.
 #pragma once
 
+#include <cstdint>
+
 #include "kelm/kelm.h"
 #include "platform/clock.h"
-
-#include <cstdint>
 
 [[nodiscard]] inline std::int64_t to_nsecs(const timespec64 &time)
 {

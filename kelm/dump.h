@@ -3,9 +3,9 @@
 // The contract between the dump driver and the tables that it dumps.
 #pragma once
 
-#include "kelm/kelm_internal.h"
-
 #include <cstdint>
+
+#include "kelm/kelm_internal.h"
 
 // Who asked for what.
 struct dump_request {

@@ -7,11 +7,11 @@
 // chain, so positions stay valid; a deletion moves them, and the walk starts over.
 #pragma once
 
+#include <cstdint>
+
 #include "kelm/dump.h"
 #include "kelm/guard.h"
 #include "kelm/kelm_internal.h"
-
-#include <cstdint>
 
 // Table: component and table (names for the log), dump_type, steps; lock(), seq() (deletions so
 // far), chain(bucket); fill(skb, record, chain_depth, request), which takes step chain_depth %
@@ -34,7 +34,7 @@ int dump_record(const Table &table, sk_buff *skb, Record &record, long &chain_de
     do {
         if (table.fill(skb, &record, chain_depth, request) != 0)
             return -1;
-        chain_depth++;
+        ++chain_depth;
     } while (chain_depth % Table::steps != 0);
     return 0;
 }
@@ -80,7 +80,7 @@ int dump_chains(const Table &table, sk_buff *skb, const dump_cursor &cursor,
             return -1;
         if (request.discriminator != 0)
             break;
-        cursor.bucket++;
+        ++cursor.bucket;
         cursor.chain_depth = 0;
     }
     return 0;

@@ -5,13 +5,13 @@
 // positions and loads instead of the fields of bfd_ctrl.
 #include "kelm_bfd_common_utils.h"
 
+#include <cstring>
+
 #include "byte_order.h"
 #include "md5.h"
 #include "platform/clock.h"
 #include "sha1.h"
 #include "trace_text.h"
-
-#include <cstring>
 
 namespace
 {
@@ -129,7 +129,7 @@ bool check_and_set_auth_seq_num(const std::uint8_t *packet, std::uint32_t *seq_n
 const kelm_bfd_auth_key *find_key(const std::uint8_t *packet, const kelm_bfd_auth_key *keys,
                                   kelm_trace trace)
 {
-    for (std::size_t slot = 0; slot < KELM_NUM_AUTH_KEYS; slot++) {
+    for (std::size_t slot = 0; slot < KELM_NUM_AUTH_KEYS; ++slot) {
         if (keys[slot].key_valid != 0 && keys[slot].key_id == packet[key_id_at])
             return &keys[slot];
     }
@@ -264,7 +264,7 @@ void kelm_dump_count_hex_bytes(std::uint32_t disc, const std::uint8_t *p_val, st
 {
     const std::uint32_t count = bytes < 100 ? bytes : 100;
     trace_text<226> text;
-    for (std::uint32_t i = 0; i < count; i++) {
+    for (std::uint32_t i = 0; i < count; ++i) {
         if (i != 0 && i % 4 == 0)
             text << " ";
         text << hex_byte{p_val[i]};
@@ -304,7 +304,7 @@ std::uint32_t kelm_auth_header_len(std::uint8_t auth_type, const kelm_bfd_auth_k
     case BFD_AUTH_PASSWORD: {
         std::uint32_t password_len = 0;
         while (password_len < BFD_PASSWORD_MAX_LEN && p_key->key[password_len] != 0)
-            password_len++;
+            ++password_len;
         return BFD_AUTH_COMMON_LEN + password_len;
     }
     case BFD_AUTH_KEYED_MD5:

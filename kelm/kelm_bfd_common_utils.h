@@ -12,11 +12,11 @@
 // a sequence number or a counter are the caller's to serialise.
 #pragma once
 
-#include "Bfd.h"
-#include "kelm.h"
-
 #include <cstddef>
 #include <cstdint>
+
+#include "Bfd.h"
+#include "kelm.h"
 
 enum kelm_trace_type {
     KELM_DLOG = 0, // debug

@@ -3,13 +3,13 @@
 // What all components of the engine share: the vrf, the counters of a vrf, the lock order.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+
 #include "kelm/kelm.h"
 #include "kelm/list.h"
 #include "kelm/log.h"
 #include "kelm/relaxed.h"
-
-#include <atomic>
-#include <cstdint>
 
 struct net;
 struct rx_session;

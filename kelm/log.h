@@ -6,12 +6,12 @@
 // dumps; 3 every message and packet.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+
 #include "kelm/relaxed.h"
 #include "platform/printk.h"
 #include "platform/spinlock.h"
-
-#include <atomic>
-#include <cstdint>
 
 struct kelm_debug_config {
     std::atomic<std::int32_t> count; // levels of single sessions in force

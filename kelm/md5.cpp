@@ -36,18 +36,18 @@ std::uint32_t load_le32(const std::uint8_t *from)
 
 void store_le32(std::uint8_t *to, std::uint32_t value)
 {
-    for (int i = 0; i < 4; i++)
+    for (int i = 0; i < 4; ++i)
         to[i] = static_cast<std::uint8_t>(value >> 8 * i);
 }
 
 void compress(std::uint32_t state[4], const std::uint8_t block[block_size])
 {
     std::uint32_t words[16];
-    for (std::size_t i = 0; i < 16; i++)
+    for (std::size_t i = 0; i < 16; ++i)
         words[i] = load_le32(block + 4 * i);
 
     std::uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
-    for (std::size_t i = 0; i < 64; i++) {
+    for (std::size_t i = 0; i < 64; ++i) {
         std::uint32_t mix;
         std::size_t word;
         switch (i / 16) {
@@ -110,6 +110,6 @@ void kelm_md5_cksum(const void *data, std::size_t datalen, std::size_t totallen,
     std::uint32_t state[4];
     std::memcpy(state, init != nullptr ? init : initial_state, sizeof state);
     md5_cksum_block(static_cast<const std::uint8_t *>(data), datalen, totallen, state);
-    for (std::size_t i = 0; i < 4; i++)
+    for (std::size_t i = 0; i < 4; ++i)
         store_le32(digest + 4 * i, state[i]);
 }

@@ -3,10 +3,10 @@
 // Reading requests and appending messages.
 #pragma once
 
-#include "platform/netlink.h"
-
 #include <cstdint>
 #include <cstring>
+
+#include "platform/netlink.h"
 
 // The body of a request, or null if the message is too short to hold one.
 template<class Body>

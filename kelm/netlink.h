@@ -3,10 +3,10 @@
 // What the control channel offers to the other components: vrfs and notifications.
 #pragma once
 
-#include "kelm/kelm_internal.h"
-
 #include <cstdint>
 #include <utility>
+
+#include "kelm/kelm_internal.h"
 
 struct net;
 struct sk_buff;

@@ -59,7 +59,7 @@ void remove_session_level(std::uint32_t discriminator)
     netlink_log(2, "Clear session %u debug", discriminator);
     *entry = {};
     if (kelm_debugs.count > 0)
-        kelm_debugs.count--;
+        --kelm_debugs.count;
 }
 
 int set_session_level(std::uint32_t discriminator, std::uint16_t level)
@@ -73,7 +73,7 @@ int set_session_level(std::uint32_t discriminator, std::uint16_t level)
                 netlink_log(2, "Maximum number of sessions reached.");
                 return -ENOSR;
             }
-            kelm_debugs.count++;
+            ++kelm_debugs.count;
         }
         *entry = {discriminator, static_cast<std::uint8_t>(level)};
     }

@@ -3,14 +3,14 @@
 // Dispatch: every datagram that an agent sends to a vrf's netlink socket is split into messages
 // here, and each message is checked for its type and the sender's privilege, stamped with the
 // sync mark, and handed to its handler. Runs in the sending task; several may run at once.
+#include <array>
+
 #include "kelm/message.h"
 #include "kelm/netlink_internal.h"
 #include "kelm/rx.h"
 #include "kelm/tx.h"
 #include "platform/capability.h"
 #include "platform/err.h"
-
-#include <array>
 
 namespace
 {

@@ -3,12 +3,12 @@
 // What the parts of the control channel offer to each other.
 #pragma once
 
+#include <cstdint>
+
 #include "kelm/dump.h"
 #include "kelm/netlink.h"
 #include "platform/netlink.h"
 #include "platform/timer.h"
-
-#include <cstdint>
 
 #define netlink_log(level, ...) KELM_LOG("Netlink", level, __VA_ARGS__)
 #define netlink_log_session(discriminator, level, ...)                                             \

@@ -42,7 +42,7 @@ int sweep_batch()
 {
     vrf_ref toclear[SWEEP_BATCH];
     const int found = collect_unmarked(toclear);
-    for (int i = 0; i < found; i++) {
+    for (int i = 0; i < found; ++i) {
         netlink_log(3, "Clearing unmarked vrf %p", static_cast<void *>(toclear[i].get()));
         kelm_rx_clear(toclear[i].get());
         kelm_tx_clear(toclear[i].get());

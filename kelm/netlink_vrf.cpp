@@ -99,7 +99,7 @@ int destroy_unreferenced_vrfs()
         vrfs.take(unreferenced_vrfs);
     }
     int destroyed = 0;
-    for (; kelm_vrf *vrf = vrfs.pop_front(); destroyed++)
+    for (; kelm_vrf *vrf = vrfs.pop_front(); ++destroyed)
         destroy_vrf(vrf);
     return destroyed;
 }
@@ -127,7 +127,7 @@ int retire_vrfs(Pick should_go, void (*empty)(kelm_vrf *vrf))
         });
     }
     int dropped = 0;
-    for (; kelm_vrf *vrf = leaving.pop_front(); dropped++) {
+    for (; kelm_vrf *vrf = leaving.pop_front(); ++dropped) {
         empty(vrf);
         kelm_netlink_put_vrf(vrf);
     }

@@ -3,9 +3,9 @@
 // Records on the heap of the host.
 #pragma once
 
-#include "platform/memory.h"
-
 #include <new>
+
+#include "platform/memory.h"
 
 // A value-initialised T in zeroed memory, or null.
 template<class T>

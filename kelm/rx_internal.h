@@ -7,13 +7,13 @@
 // lock alone.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+
 #include "kelm/clocks.h"
 #include "kelm/rx.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
-
-#include <cstddef>
-#include <cstdint>
 
 #define rx_log(discriminator, level, ...) KELM_LOG_SESSION("Rx", discriminator, level, __VA_ARGS__)
 

@@ -120,13 +120,13 @@ bool must_pass_up(const rx_session *session, const received_frame &frame)
 // none, so that the next packet is passed up.
 bool store_frame(rx_session *session, const received_frame &frame)
 {
-    session->stats.num_passup++;
+    ++session->stats.num_passup;
     kfree(session->packet.data);
     session->info = frame.info;
     session->packet.len = frame.len();
     session->packet.data = static_cast<std::uint8_t *>(kmalloc(frame.len(), GFP_ATOMIC));
     if (session->packet.data == nullptr) {
-        session->stats.packet_alloc_fail++;
+        ++session->stats.packet_alloc_fail;
         session->packet.len = 0;
         return false;
     }
@@ -171,7 +171,7 @@ void pass_up_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const rece
     if (err != 0) {
         KELM_LOG("Rx", 2, "failed to expand skb %d", err);
         if (session != nullptr)
-            session->stats.pskb_expand_fail++;
+            ++session->stats.pskb_expand_fail;
         else
             count(vrf->stats.pskb_expand_fail);
         skb.drop();
@@ -186,7 +186,7 @@ void session_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const rece
 {
     if (!auth_valid(session, frame)) {
         rx_log(session->discriminator, 2, "Packet failed auth check");
-        session->stats.num_auth_fail++;
+        ++session->stats.num_auth_fail;
         return;
     }
     record_stats(session,

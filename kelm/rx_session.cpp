@@ -67,7 +67,7 @@ void __release_tx_packets(rx_session *session)
 // Links the packets to latch, up to the first that does not exist.
 int link_tx_packets(rx_session *session, kelm_vrf *vrf, const kelm_msg_rx_set_session &msg)
 {
-    for (std::size_t i = 0; i < KELM_NUM_LATCH_TX_PACKETS && msg.latch_tx_packets[i] != 0; i++) {
+    for (std::size_t i = 0; i < KELM_NUM_LATCH_TX_PACKETS && msg.latch_tx_packets[i] != 0; ++i) {
         session->latch_tx_packets[i] = kelm_tx_get_packet(vrf, msg.latch_tx_packets[i]);
         if (session->latch_tx_packets[i] == nullptr)
             return -ENXIO;
@@ -228,7 +228,7 @@ int kelm_rx_delete_session(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
     if (session == nullptr)
         return -ENOENT;
     session->list.unlink();
-    vrf->sessions_seq++;
+    ++vrf->sessions_seq;
     table.unlock();
     free_session(session);
     return 0;

@@ -64,7 +64,7 @@ void rx_free_sockets(kelm_vrf *vrf)
 
 int kelm_rx_init(kelm_vrf *vrf)
 {
-    for (std::uint32_t type = 0; type < KELM_RX_SESSION_MAX; type++) {
+    for (std::uint32_t type = 0; type < KELM_RX_SESSION_MAX; ++type) {
         if (init_socket(vrf, type) != 0) {
             KELM_LOG("Rx", 1, "Failed to initialize rx socket type %d", static_cast<int>(type));
             rx_free_sockets(vrf);

@@ -40,7 +40,7 @@ kelm_microsecs min_rtt_usecs(const rx_common_stats &stats)
 // measure from. A block's first packet counts, but has no interval in it.
 void record_period_stats(rx_common_stats *stats, std::int64_t period, bool has_interval)
 {
-    stats->num_received++;
+    ++stats->num_received;
     if (stats->num_received == 1 || !has_interval)
         return;
     stats->total_period += static_cast<std::uint64_t>(period);

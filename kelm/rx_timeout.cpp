@@ -48,7 +48,7 @@ void rx_timeout(timer_list *timer)
     // may have stopped or restarted the timer.
     if (!session->timer_active || timer_pending(&session->timer))
         return;
-    session->stats.num_timeout++;
+    ++session->stats.num_timeout;
     session->timer_active = false;
     session->stats.last_state_change = wall_clock();
     send_failure(session);

@@ -3,10 +3,10 @@
 // SHA-1 (FIPS 180-1). The context is all the state there is.
 #include "sha1.h"
 
-#include "byte_order.h"
-
 #include <bit>
 #include <cstring>
+
+#include "byte_order.h"
 
 namespace
 {
@@ -89,19 +89,19 @@ void kelm_sha1_result(kelm_sha1_ctxt *ctxt, void *digest0)
 {
     kelm_sha1_pad(ctxt);
     auto *digest = static_cast<std::uint8_t *>(digest0);
-    for (std::size_t i = 0; i < 5; i++)
+    for (std::size_t i = 0; i < 5; ++i)
         store_be32(digest + 4 * i, ctxt->h.b32[i]);
 }
 
 void kelm_sha1_step(kelm_sha1_ctxt *ctxt)
 {
     std::uint32_t *words = ctxt->m.b32;
-    for (std::size_t i = 0; i < 16; i++)
+    for (std::size_t i = 0; i < 16; ++i)
         words[i] = be32_to_host(words[i]);
 
     std::uint32_t *h = ctxt->h.b32;
     std::uint32_t a = h[0], b = h[1], c = h[2], d = h[3], e = h[4];
-    for (std::size_t round = 0; round < 80; round++) {
+    for (std::size_t round = 0; round < 80; ++round) {
         // The 80 words of the schedule are made in place, in a ring of the last 16.
         std::uint32_t &word = words[round % 16];
         if (round >= 16)

@@ -4,10 +4,10 @@
 // data of the platform's sockets have them.
 #pragma once
 
-#include "kelm/ip_addresses.h"
-
 #include <cstddef>
 #include <cstdint>
+
+#include "kelm/ip_addresses.h"
 
 inline constexpr std::uint16_t AF_INET6 = 10;
 inline constexpr std::uint16_t AF_PACKET = 17;

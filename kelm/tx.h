@@ -3,9 +3,9 @@
 // What the transmit engine offers to the other components.
 #pragma once
 
-#include "kelm/kelm_internal.h"
-
 #include <cstdint>
+
+#include "kelm/kelm_internal.h"
 
 struct dump_cursor;
 struct dump_request;

@@ -179,7 +179,7 @@ int kelm_tx_delete_packet(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
     }
     tx_log(disc, 3, "Unlinking tx %u on delete", disc);
     packet->list.unlink();
-    vrf->packets_seq++;
+    ++vrf->packets_seq;
     __put_packet(packet, false);
     return 0;
 }

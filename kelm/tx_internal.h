@@ -7,15 +7,15 @@
 // with a pending timer.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
 #include "kelm/clocks.h"
 #include "kelm/tx.h"
 #include "kelm/tx_layout.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
-
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
 
 #define tx_log(discriminator, level, ...) KELM_LOG_SESSION("Tx", discriminator, level, __VA_ARGS__)
 

@@ -5,10 +5,10 @@
 // leaves its settings beside the bytes of an earlier one.
 #pragma once
 
-#include "kelm/kelm.h"
-
 #include <cstddef>
 #include <cstdint>
+
+#include "kelm/kelm.h"
 
 inline constexpr std::uint32_t UDP_HEADER_LEN = 8;
 

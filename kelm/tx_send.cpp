@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Handing a packet to its socket: the destination address, control data and flags of each type.
+#include <cstring>
+
 #include "kelm/ip_addresses.h"
 #include "kelm/socket_abi.h"
 #include "kelm/tx_internal.h"
 #include "platform/err.h"
 #include "platform/socket.h"
-
-#include <cstring>
 
 namespace
 {

@@ -34,7 +34,7 @@ int init_socket(kelm_vrf *vrf, std::uint32_t type)
                  err);
         return err;
     }
-    vrf->nrefs++;
+    ++vrf->nrefs;
     sock_set_allocation(sk, GFP_ATOMIC);
     sock_set_priority(sk, TX_PRIORITY);
     sock_set_sndbuf(sk, TX_SNDBUF);
@@ -59,7 +59,7 @@ sock *tx_socket_get(const kelm_vrf *vrf, std::uint32_t type)
 
 int kelm_tx_init(kelm_vrf *vrf)
 {
-    for (std::uint32_t type = 0; type < KELM_TX_SESSION_MAX; type++) {
+    for (std::uint32_t type = 0; type < KELM_TX_SESSION_MAX; ++type) {
         if (init_socket(vrf, type) != 0) {
             KELM_LOG("Tx", 1, "Failed to initialize tx socket type %d", static_cast<int>(type));
             free_sockets(vrf);

@@ -23,13 +23,13 @@ kelm_microsecs get_avg_lateness(const tx_common_stats &stats)
 void count_by_periods(tx_common_stats *stats, std::int64_t lateness, kelm_microsecs period)
 {
     if (lateness <= std::int64_t{period})
-        stats->sent_within_1p++;
+        ++stats->sent_within_1p;
     else if (lateness <= std::int64_t{period * 2})
-        stats->sent_within_2p++;
+        ++stats->sent_within_2p;
     else if (lateness <= std::int64_t{period * 3})
-        stats->sent_within_3p++;
+        ++stats->sent_within_3p;
     else
-        stats->sent_after_3p++;
+        ++stats->sent_after_3p;
 }
 
 // lateness: microseconds since the previous transmission, not negative; has_interval: there was
@@ -37,7 +37,7 @@ void count_by_periods(tx_common_stats *stats, std::int64_t lateness, kelm_micros
 void record_interval_stats(tx_common_stats *stats, std::int64_t lateness, bool has_interval,
                            kelm_microsecs period, std::uint32_t disc)
 {
-    stats->num_sent++;
+    ++stats->num_sent;
     if (stats->num_sent == 1) {
         tx_log(disc, 3, "Skipping period tx stats for %u", disc);
         return;

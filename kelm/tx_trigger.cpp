@@ -50,9 +50,9 @@ int apply_latch(tx_packet *packet)
         return 0;
     tx_log(disc, 2, "Packet %u latched to diag %u", disc, diag);
     packet->period = packet->latch_period;
-    packet->stats.num_latches++;
+    ++packet->stats.num_latches;
     if (!packet->layout().bfd_header_fits()) {
-        packet->stats.num_latch_errors++;
+        ++packet->stats.num_latch_errors;
         tx_log(disc, 2, "Packet too short to modify (disc %u len %zu < %lu)", disc,
                packet->packet_len, std::size_t{packet->latch_offset} + BFD_CTRL_LEN);
         return EINVAL;
@@ -93,12 +93,12 @@ bool can_send(tx_packet *packet)
     }
     if (packet->packet == nullptr) {
         tx_log(disc, 2, "No packet to send!");
-        packet->stats.num_empty_packets++;
+        ++packet->stats.num_empty_packets;
         return false;
     }
     if (packet->packet_len < MIN_PACKET_LEN) {
         tx_log(disc, 2, "Packet too short. %lu bytes", packet->packet_len);
-        packet->stats.num_short_packets++;
+        ++packet->stats.num_short_packets;
         return false;
     }
     return true;
@@ -122,7 +122,7 @@ bool transmit(tx_packet *packet)
     const int sent = send_packet(packet);
     if (sent < 0 || static_cast<std::size_t>(sent) != packet->packet_len) {
         tx_log(packet->discriminator, 2, "Error Txing: %d", sent);
-        packet->stats.num_tx_errors++;
+        ++packet->stats.num_tx_errors;
     }
     if (!packet->send_oob_packet)
         tx_record_stats(packet);

@@ -5,7 +5,8 @@
 
 #include "platform/label.h"
 
-inline constexpr int CAP_NET_ADMIN = 12;
+// The kernel's own name and number, so that a host may include the kernel's header as well.
+#define CAP_NET_ADMIN 12
 
 extern "C" {
 

@@ -3,9 +3,9 @@
 // Internet checksums (RFC 1071). Addresses and sums in network byte order. Any context.
 #pragma once
 
-#include "platform/label.h"
-
 #include <cstdint>
+
+#include "platform/label.h"
 
 extern "C" {
 

@@ -3,9 +3,9 @@
 // Clocks: the wall clock, the raw monotonic clock, and the tick counter.
 #pragma once
 
-#include "platform/label.h"
-
 #include <cstdint>
+
+#include "platform/label.h"
 
 struct timespec64 {
     std::int64_t tv_sec;

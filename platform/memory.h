@@ -3,9 +3,9 @@
 // Memory.
 #pragma once
 
-#include "platform/label.h"
-
 #include <cstddef>
+
+#include "platform/label.h"
 
 // Whether an allocation may wait for memory: GFP_KERNEL only in a task that holds no
 // spinlock, GFP_ATOMIC anywhere.

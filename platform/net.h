@@ -3,9 +3,9 @@
 // Network namespaces and the device notifier.
 #pragma once
 
-#include "platform/label.h"
-
 #include <cstdint>
+
+#include "platform/label.h"
 
 struct net;
 struct net_device;

@@ -3,12 +3,12 @@
 // Netlink: kernel sockets, the request loop, dumps, unicast and multicast.
 #pragma once
 
+#include <cstdint>
+#include <linux/netlink.h>
+
 #include "platform/label.h"
 #include "platform/net.h"
 #include "platform/skbuff.h"
-
-#include <cstdint>
-#include <linux/netlink.h>
 
 struct netlink_ext_ack;
 

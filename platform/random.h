@@ -3,9 +3,9 @@
 // Pseudo-random numbers.
 #pragma once
 
-#include "platform/label.h"
-
 #include <cstdint>
+
+#include "platform/label.h"
 
 extern "C" {
 

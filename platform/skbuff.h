@@ -6,10 +6,10 @@
 // UDP payload, and the headers before that in the same memory.
 #pragma once
 
+#include <cstdint>
+
 #include "platform/label.h"
 #include "platform/memory.h"
-
-#include <cstdint>
 
 struct sk_buff;
 struct sock;

@@ -3,13 +3,13 @@
 // Kernel sockets for packets.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+
 #include "platform/label.h"
 #include "platform/memory.h"
 #include "platform/net.h"
 #include "platform/skbuff.h"
-
-#include <cstddef>
-#include <cstdint>
 
 // What kernel_sendmsg sends to whom. Address and control data have the layouts of the Linux
 // socket interface (sockaddr_in6, sockaddr_ll, cmsghdr).

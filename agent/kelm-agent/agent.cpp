@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/agent.h"
 
-#include <sys/random.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
 #include <stdexcept>
+#include <sys/random.h>
 
 #include "kelm-agent/matching.h"
 #include "kelm-agent/reason.h"
@@ -37,7 +36,8 @@ kelm::bytes sender_key(const session_config &config)
 // RFC 5880 section 6.8.16: the peer is to hear AdminDown for the time that it takes it to miss us.
 std::chrono::microseconds farewell(const session &bfd)
 {
-    const uint64_t missed = uint64_t{bfd.timing().multiplier()} * bfd.timing().transmit_interval();
+    const std::uint64_t missed =
+        std::uint64_t{bfd.timing().multiplier()} * bfd.timing().transmit_interval();
     const bool is_missed = bfd.is_up() && !is_alone(bfd.config().kind);
     const std::chrono::microseconds wanted(is_missed ? missed : 0);
     return std::clamp<std::chrono::microseconds>(wanted, shortest_farewell, longest_farewell);
@@ -106,7 +106,8 @@ void agent::add(const session_config &config)
     const bool is_ours = saved && saved.mapped().identity == identity_text(config);
     if (saved && !is_ours)
         orphans_.push_back({saved.mapped().netns, saved.mapped().discriminator});
-    const uint32_t discriminator = is_ours ? saved.mapped().discriminator : new_discriminator();
+    const std::uint32_t discriminator =
+        is_ours ? saved.mapped().discriminator : new_discriminator();
 
     vrf &home = home_of(config.netns);
     managed_session &added =
@@ -137,7 +138,7 @@ void agent::forget(const managed_session &gone)
     std::erase_if(by_peer_, [&](const auto &entry) { return entry.second == &gone; });
 }
 
-void agent::change_discriminator(managed_session &changed, uint32_t discriminator)
+void agent::change_discriminator(managed_session &changed, std::uint32_t discriminator)
 {
     forget(changed);
     changed.bfd = session(changed.bfd.config(), discriminator);
@@ -148,9 +149,9 @@ void agent::change_discriminator(managed_session &changed, uint32_t discriminato
 
 // RFC 5880 section 10: unpredictable. Unique among our own here; whether another agent has it is
 // asked when kelm can be asked.
-uint32_t agent::new_discriminator() const
+std::uint32_t agent::new_discriminator() const
 {
-    uint32_t drawn = 0;
+    std::uint32_t drawn = 0;
     do {
         if (getrandom(&drawn, sizeof drawn, 0) != sizeof drawn)
             kelm::throw_errno(errno, "no random numbers");
@@ -291,7 +292,7 @@ bool agent::delete_from_kelm(managed_session &managed)
 // A dump for each namespace where more than one session is asked for.
 std::vector<kelm::report> agent::statistics(const std::vector<std::string> &names)
 {
-    std::map<vrf *, std::vector<uint32_t>> wanted;
+    std::map<vrf *, std::vector<std::uint32_t>> wanted;
     for (const auto &name : names) {
         const managed_session &managed = sessions_.at(name);
         if (managed.home->is_connected())
@@ -300,7 +301,7 @@ std::vector<kelm::report> agent::statistics(const std::vector<std::string> &name
     std::vector<kelm::report> all;
     for (const auto &[home, discriminators] : wanted) {
         try {
-            const uint32_t only = discriminators.size() == 1 ? discriminators.front() : 0;
+            const std::uint32_t only = discriminators.size() == 1 ? discriminators.front() : 0;
             std::ranges::move(home->requests().statistics(only, 0), std::back_inserter(all));
         } catch (const kelm::refused &) {
             continue; // kelm has no such session

@@ -2,8 +2,7 @@
 //
 // All sessions, and all that happens to them: events of kelm, of the clock, of the configuration
 // and of the administrator are led to their sessions, and what these order is led to kelm.
-#ifndef KELM_AGENT_AGENT_H
-#define KELM_AGENT_AGENT_H
+#pragma once
 
 #include <list>
 #include <map>
@@ -26,7 +25,7 @@ struct agent_options {
 
 // A session with everything around it.
 struct managed_session {
-    managed_session(const session_config &config, uint32_t discriminator, vrf &lives_in)
+    managed_session(const session_config &config, std::uint32_t discriminator, vrf &lives_in)
         : bfd(config, discriminator), port(discriminator), home(&lives_in)
     {
     }
@@ -37,13 +36,13 @@ struct managed_session {
     history past;
     std::optional<wiring> wires; // nothing where `obstacle` says why
     std::string obstacle;
-    bool has_begun = false;                // what an earlier run has left has been looked at
-    bool is_taken_down = false;            // by the administrator, until taken up again
-    std::optional<saved_session> saved;    // by an earlier run, until it has been made use of
-    std::optional<uint32_t> last_sequence; // heard, of an authenticated peer
-    event_loop::handle alarm;              // for the session's due()
-    event_loop::handle look_again;         // for what its wiring lacks or may have got wrong
-    std::optional<member_listener> member; // of a LAG session
+    bool has_begun = false;                     // what an earlier run has left has been looked at
+    bool is_taken_down = false;                 // by the administrator, until taken up again
+    std::optional<saved_session> saved;         // by an earlier run, until it has been made use of
+    std::optional<std::uint32_t> last_sequence; // heard, of an authenticated peer
+    event_loop::handle alarm;                   // for the session's due()
+    event_loop::handle look_again;              // for what its wiring lacks or may have got wrong
+    std::optional<member_listener> member;      // of a LAG session
     event_loop::handle on_member;
     event_loop::handle retry;
 };
@@ -85,15 +84,15 @@ class agent
     void on_report(vrf &, const kelm::report &);
     void on_links_changed(vrf &);
     void on_packet(vrf &, const kelm::packet_change &);
-    void on_failure(vrf &, uint32_t discriminator);
+    void on_failure(vrf &, std::uint32_t discriminator);
 
     void reconcile(vrf &);
     void resume(managed_session &, const inventory &);
     void choose_discriminator(managed_session &, const inventory &);
     void resynchronise(managed_session &, const inventory &);
     void delete_strangers(vrf &, const inventory &);
-    bool is_leaving(uint32_t discriminator) const;
-    bool is_unwanted(const vrf &, uint32_t discriminator);
+    bool is_leaving(std::uint32_t discriminator) const;
+    bool is_unwanted(const vrf &, std::uint32_t discriminator);
     void mark();
     void sweep_when_all_are_connected();
     void rewire(managed_session &);
@@ -107,7 +106,7 @@ class agent
     void fail_guarded(managed_session &guard, const condition &before);
     bool is_taken(managed_session &) const;
 
-    managed_session *find(const vrf &, uint32_t discriminator);
+    managed_session *find(const vrf &, std::uint32_t discriminator);
     managed_session *find_by_address(const vrf &, const kelm::packet_change &,
                                      const kelm::frame_info &);
 
@@ -117,8 +116,8 @@ class agent
     void set_alarm(managed_session &);
     void enter(managed_session &);
     void forget(const managed_session &);
-    void change_discriminator(managed_session &, uint32_t discriminator);
-    uint32_t new_discriminator() const;
+    void change_discriminator(managed_session &, std::uint32_t discriminator);
+    std::uint32_t new_discriminator() const;
     void save();
 
     event_loop &loop_;
@@ -126,7 +125,7 @@ class agent
     agent_options options_;
     std::map<std::string, std::unique_ptr<vrf>> vrfs_; // by namespace
     std::map<std::string, managed_session> sessions_;
-    std::unordered_map<uint32_t, managed_session *> by_discriminator_;
+    std::unordered_map<std::uint32_t, managed_session *> by_discriminator_;
     std::multimap<kelm::bytes, managed_session *> by_peer_; // by the sender's address
     std::map<std::string, saved_session> saved_;            // of an earlier run, not yet used
     std::vector<orphan> orphans_;
@@ -141,5 +140,3 @@ class agent
 };
 
 } // namespace kelm_agent
-
-#endif

@@ -31,7 +31,7 @@ void agent::on_report(vrf &home, const kelm::report &report)
         reconcile(home);
 }
 
-managed_session *agent::find(const vrf &home, uint32_t discriminator)
+managed_session *agent::find(const vrf &home, std::uint32_t discriminator)
 {
     const auto found = by_discriminator_.find(discriminator);
     return found != by_discriminator_.end() && found->second->home == &home ? found->second
@@ -76,7 +76,7 @@ void agent::on_packet(vrf &home, const kelm::packet_change &change)
         heard_reason);
 }
 
-void agent::on_failure(vrf &home, uint32_t discriminator)
+void agent::on_failure(vrf &home, std::uint32_t discriminator)
 {
     managed_session *const managed = find(home, discriminator);
     if (managed == nullptr)
@@ -130,7 +130,7 @@ void agent::listen_to_member(managed_session &managed)
 {
     if (managed.bfd.config().kind != session_kind::lag || !managed.wires)
         return;
-    const uint32_t ifindex = managed.wires->transmit_ifindex;
+    const std::uint32_t ifindex = managed.wires->transmit_ifindex;
     if (managed.member && managed.member->member() == ifindex)
         return;
     managed.on_member = {};
@@ -157,7 +157,7 @@ void agent::leave_members(const vrf &home)
 
 void agent::hear_member(managed_session &managed)
 {
-    for (int i = 0; i < most_frames_a_round && managed.member && managed.wires; i++) {
+    for (int i = 0; i < most_frames_a_round && managed.member && managed.wires; ++i) {
         auto change = managed.member->next();
         if (!change || !managed.home->is_connected())
             return;

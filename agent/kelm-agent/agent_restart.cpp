@@ -147,14 +147,14 @@ void agent::delete_strangers(vrf &home, const inventory &all)
     must_save_ = true;
 }
 
-bool agent::is_leaving(uint32_t discriminator) const
+bool agent::is_leaving(std::uint32_t discriminator) const
 {
     return std::ranges::any_of(leaving_, [=](const managed_session &managed) {
         return managed.bfd.discriminator() == discriminator;
     });
 }
 
-bool agent::is_unwanted(const vrf &home, uint32_t discriminator)
+bool agent::is_unwanted(const vrf &home, std::uint32_t discriminator)
 {
     const orphan ours = {home.netns(), discriminator};
     if (is_leaving(discriminator) || find(home, discriminator) != nullptr)

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELM_AGENT_AUTHENTIC_H
-#define KELM_AGENT_AUTHENTIC_H
+#pragma once
 
 #include "kelm-agent/kelm_port.h"
 #include "libkelm/report.h"
@@ -13,8 +12,6 @@ namespace kelm_agent
 // discriminator. `last_sequence` is the last sequence number that was heard, or nothing where any
 // will do; it follows what is accepted.
 bool is_authentic(const session_config &, const wiring &, const kelm::packet_change &,
-                  std::optional<uint32_t> &last_sequence);
+                  std::optional<std::uint32_t> &last_sequence);
 
 } // namespace kelm_agent
-
-#endif

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/config.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <charconv>
 #include <map>
 #include <set>
+#include <sys/socket.h>
 
 #include "kelm-agent/config_auth.h"
 #include "kelm-agent/config_section.h"
@@ -18,7 +17,7 @@ namespace kelm_agent
 namespace
 {
 
-constexpr int64_t most_32_bits = 0xffffffff;
+constexpr std::int64_t most_32_bits = 0xffffffff;
 
 // What [defaults] may hold: what several sessions have in common.
 constexpr std::string_view default_keys[] = {
@@ -41,11 +40,11 @@ std::optional<endpoint> read_endpoint(config_section &section, std::string_view 
     if (node == nullptr)
         return std::nullopt;
     const std::string text = section.as_text(*node, key);
-    const size_t colon = text.rfind(':');
+    const std::size_t colon = text.rfind(':');
     std::string host = text.substr(0, colon);
     if (host.starts_with('[') && host.ends_with(']'))
         host = host.substr(1, host.size() - 2);
-    uint16_t port = 0;
+    std::uint16_t port = 0;
     const char *const end = text.data() + text.size();
     const char *const digits = colon == std::string::npos ? end : text.data() + colon + 1;
     const auto [stop, problem] = std::from_chars(digits, end, port);
@@ -183,7 +182,7 @@ void reader::read_timing(config_section &section, session_config &session)
 {
     session.timing.desired_min_tx = section.duration("min-tx", session.timing.desired_min_tx);
     session.timing.required_min_rx = section.duration("min-rx", session.timing.required_min_rx);
-    session.multiplier = static_cast<uint8_t>(section.number("multiplier", 1, 255, 3));
+    session.multiplier = static_cast<std::uint8_t>(section.number("multiplier", 1, 255, 3));
 }
 
 void reader::read_security(config_section &section, session_config &session)
@@ -226,7 +225,7 @@ void reader::read_kind(config_section &section, session_config &session)
         section.fail(section.require("role"), "this type of session cannot be passive");
     read_echo(section, session);
     if (session.kind == session_kind::sbfd)
-        session.remote_discriminator = static_cast<uint32_t>(section.as_number(
+        session.remote_discriminator = static_cast<std::uint32_t>(section.as_number(
             section.require("remote-discriminator"), "remote-discriminator", 1, most_32_bits));
 }
 
@@ -273,7 +272,8 @@ void reader::add_guard(config_section &section, agent_config &config, const sess
     guard.required_ttl = KELM_AUTH_TTL_254;
     guard.timing.desired_min_tx = own.duration("interval", guarded.timing.desired_min_tx);
     guard.timing.required_min_rx = guard.timing.desired_min_tx;
-    guard.multiplier = static_cast<uint8_t>(own.number("multiplier", 1, 255, guarded.multiplier));
+    guard.multiplier =
+        static_cast<std::uint8_t>(own.number("multiplier", 1, 255, guarded.multiplier));
     read_echo(own, guard);
     own.expect_no_more();
     add(section, config, std::move(guard));

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The configuration file: TOML in, a complete and checked model out.
-#ifndef KELM_AGENT_CONFIG_H
-#define KELM_AGENT_CONFIG_H
+#pragma once
 
 #include <stdexcept>
 
@@ -15,7 +14,7 @@ namespace kelm_agent
 class config_error : public std::runtime_error
 {
   public:
-    config_error(const std::string &file, uint32_t line, const std::string &text)
+    config_error(const std::string &file, std::uint32_t line, const std::string &text)
         : std::runtime_error(file + ":" + std::to_string(line) + ": " + text)
     {
     }
@@ -31,5 +30,3 @@ agent_config parse_config(const std::string &text, const std::string &file,
                           std::vector<std::string> &warnings);
 
 } // namespace kelm_agent
-
-#endif

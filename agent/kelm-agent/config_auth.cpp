@@ -31,12 +31,12 @@ kelm::bytes read_secret(config_section &section, std::vector<std::string> &warni
     }
 }
 
-auth_key read_key(const toml::table &table, uint8_t type, const std::string &file,
+auth_key read_key(const toml::table &table, std::uint8_t type, const std::string &file,
                   std::vector<std::string> &warnings)
 {
     config_section section(table, file);
     auth_key key;
-    key.id = static_cast<uint8_t>(section.as_number(section.require("id"), "id", 0, 255));
+    key.id = static_cast<std::uint8_t>(section.as_number(section.require("id"), "id", 0, 255));
     key.secret = read_secret(section, warnings);
     section.expect_no_more();
     try {
@@ -47,17 +47,17 @@ auth_key read_key(const toml::table &table, uint8_t type, const std::string &fil
     return key;
 }
 
-uint8_t read_type(config_section &section)
+std::uint8_t read_type(config_section &section)
 {
     const toml::node &node = section.require("type");
     const auto type = kelm::number_of(kelm::auth_type_names, section.as_text(node, "type"));
     if (!type)
         section.fail(node, "'type' must be one of: " + kelm::all_names(kelm::auth_type_names));
-    return static_cast<uint8_t>(*type);
+    return static_cast<std::uint8_t>(*type);
 }
 
 // The key that is sent: the one with the id `send`, or the first.
-size_t read_sending(config_section &section, const std::vector<auth_key> &keys)
+std::size_t read_sending(config_section &section, const std::vector<auth_key> &keys)
 {
     const toml::node *node = section.find("send");
     if (node == nullptr)
@@ -66,7 +66,7 @@ size_t read_sending(config_section &section, const std::vector<auth_key> &keys)
     const auto found = std::ranges::find(keys, id, &auth_key::id);
     if (found == keys.end())
         section.fail(*node, "'send' must be the id of one of the keys");
-    return static_cast<size_t>(found - keys.begin());
+    return static_cast<std::size_t>(found - keys.begin());
 }
 
 } // namespace

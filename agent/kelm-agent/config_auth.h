@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELM_AGENT_CONFIG_AUTH_H
-#define KELM_AGENT_CONFIG_AUTH_H
+#pragma once
 
 #include "kelm-agent/config_section.h"
 
@@ -12,5 +11,3 @@ authentication read_authentication(const toml::table &, const std::string &file,
                                    std::vector<std::string> &warnings);
 
 } // namespace kelm_agent
-
-#endif

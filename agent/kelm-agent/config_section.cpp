@@ -49,8 +49,8 @@ std::string config_section::as_text(const toml::node &node, std::string_view key
     return value->get();
 }
 
-int64_t config_section::as_number(const toml::node &node, std::string_view key, int64_t least,
-                                  int64_t most) const
+std::int64_t config_section::as_number(const toml::node &node, std::string_view key,
+                                       std::int64_t least, std::int64_t most) const
 {
     const auto *value = node.as_integer();
     if (value == nullptr || value->get() < least || value->get() > most)
@@ -92,7 +92,8 @@ bool config_section::flag(std::string_view key, bool otherwise)
     return value->get();
 }
 
-int64_t config_section::number(std::string_view key, int64_t least, int64_t most, int64_t otherwise)
+std::int64_t config_section::number(std::string_view key, std::int64_t least, std::int64_t most,
+                                    std::int64_t otherwise)
 {
     const toml::node *found = find(key);
     return found == nullptr ? otherwise : as_number(*found, key, least, most);

@@ -2,8 +2,7 @@
 //
 // One table of the configuration file, read key by key. Each accessor checks type and range, and
 // throws config_error with the place of what is wrong.
-#ifndef KELM_AGENT_CONFIG_SECTION_H
-#define KELM_AGENT_CONFIG_SECTION_H
+#pragma once
 
 #include <functional>
 #include <set>
@@ -32,13 +31,15 @@ class config_section
 
     std::string text(std::string_view key, std::string otherwise);
     bool flag(std::string_view key, bool otherwise);
-    int64_t number(std::string_view key, int64_t least, int64_t most, int64_t otherwise);
+    std::int64_t number(std::string_view key, std::int64_t least, std::int64_t most,
+                        std::int64_t otherwise);
     kelm_microsecs duration(std::string_view key, kelm_microsecs otherwise);
     std::optional<kelm::ip_address> address(std::string_view key);
 
     // Of a value that has been found.
     std::string as_text(const toml::node &, std::string_view key) const;
-    int64_t as_number(const toml::node &, std::string_view key, int64_t least, int64_t most) const;
+    std::int64_t as_number(const toml::node &, std::string_view key, std::int64_t least,
+                           std::int64_t most) const;
     const toml::table &as_table(const toml::node &, std::string_view key) const;
     const toml::array &as_array(const toml::node &, std::string_view key) const;
 
@@ -58,5 +59,3 @@ class config_section
 };
 
 } // namespace kelm_agent
-
-#endif

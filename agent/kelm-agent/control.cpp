@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/control.h"
 
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 
 #include "kelm-agent/session_report.h"
 #include "libkelm/error.h"
@@ -143,7 +142,7 @@ void control_socket::serve(agent &running)
 {
     server_.emplace(loop_, std::move(listening_),
                     [&running](const std::string &received) -> std::optional<std::string> {
-                        const size_t end = received.find('\n');
+                        const std::size_t end = received.find('\n');
                         if (end == std::string::npos)
                             return std::nullopt;
                         return answer_control_request(running, received.substr(0, end)) + "\n";

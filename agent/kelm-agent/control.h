@@ -9,8 +9,7 @@
 //
 //   {"ok": true, "sessions": [{...}, ...]}                 or "changes", or neither
 //   {"ok": false, "error": "a sentence"}
-#ifndef KELM_AGENT_CONTROL_H
-#define KELM_AGENT_CONTROL_H
+#pragma once
 
 #include "kelm-agent/agent.h"
 #include "kelm-agent/stream_server.h"
@@ -41,5 +40,3 @@ class control_socket
 };
 
 } // namespace kelm_agent
-
-#endif

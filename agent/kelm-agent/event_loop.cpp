@@ -40,8 +40,11 @@ struct event_loop::handle::source {
     }
 
     static int run(void *userdata) { return static_cast<source *>(userdata)->run(); }
-    static int on_io(sd_event_source *, int, uint32_t, void *userdata) { return run(userdata); }
-    static int on_time(sd_event_source *, uint64_t, void *userdata) { return run(userdata); }
+    static int on_io(sd_event_source *, int, std::uint32_t, void *userdata)
+    {
+        return run(userdata);
+    }
+    static int on_time(sd_event_source *, std::uint64_t, void *userdata) { return run(userdata); }
     static int on_signal(sd_event_source *, const signalfd_siginfo *, void *userdata)
     {
         return run(userdata);
@@ -69,7 +72,7 @@ event_loop::handle event_loop::make(callback work)
     return made;
 }
 
-event_loop::handle event_loop::on_io(int fd, uint32_t events, callback work)
+event_loop::handle event_loop::on_io(int fd, std::uint32_t events, callback work)
 {
     handle made = make(std::move(work));
     check(sd_event_add_io(loop_.get(), &made.source_->event, fd, events, handle::source::on_io,
@@ -81,9 +84,9 @@ event_loop::handle event_loop::on_io(int fd, uint32_t events, callback work)
 event_loop::handle event_loop::after(std::chrono::microseconds delay, callback work)
 {
     handle made = make(std::move(work));
-    constexpr uint64_t accuracy_us = 1000;
+    constexpr std::uint64_t accuracy_us = 1000;
     check(sd_event_add_time_relative(loop_.get(), &made.source_->event, CLOCK_MONOTONIC,
-                                     static_cast<uint64_t>(delay.count()), accuracy_us,
+                                     static_cast<std::uint64_t>(delay.count()), accuracy_us,
                                      handle::source::on_time, made.source_.get()),
           "cannot set a timer");
     return made;

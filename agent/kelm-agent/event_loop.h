@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // sd-event with owners: a handle ends what it stands for. A callback that throws ends the loop.
-#ifndef KELM_AGENT_EVENT_LOOP_H
-#define KELM_AGENT_EVENT_LOOP_H
-
-#include <sys/epoll.h>
-#include <systemd/sd-event.h>
+#pragma once
 
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <sys/epoll.h>
+#include <systemd/sd-event.h>
 
 namespace kelm_agent
 {
@@ -37,7 +35,7 @@ class event_loop
     event_loop();
 
     // While `fd`, which outlives the handle, has what `events` (EPOLLIN, EPOLLOUT) say.
-    [[nodiscard]] handle on_io(int fd, uint32_t events, callback);
+    [[nodiscard]] handle on_io(int fd, std::uint32_t events, callback);
     // Once, not earlier than after `delay`. The handle may be dropped before or after, also by the
     // callback itself.
     [[nodiscard]] handle after(std::chrono::microseconds delay, callback);
@@ -62,5 +60,3 @@ class event_loop
 };
 
 } // namespace kelm_agent
-
-#endif

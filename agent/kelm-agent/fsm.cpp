@@ -18,7 +18,7 @@ condition init(condition now)
 
 } // namespace
 
-condition after_packet(condition now, uint8_t received)
+condition after_packet(condition now, std::uint8_t received)
 {
     switch (now.state) {
     case BFD_STATE_DOWN:
@@ -37,7 +37,7 @@ condition after_packet(condition now, uint8_t received)
     }
 }
 
-condition after_reflection(condition now, uint8_t received)
+condition after_reflection(condition now, std::uint8_t received)
 {
     if (now.state == BFD_STATE_DOWN && received == BFD_STATE_UP)
         return up;
@@ -46,7 +46,7 @@ condition after_reflection(condition now, uint8_t received)
     return now;
 }
 
-condition after_timeout(condition now, uint8_t diag)
+condition after_timeout(condition now, std::uint8_t diag)
 {
     if (now.state == BFD_STATE_INIT || now.state == BFD_STATE_UP)
         return {BFD_STATE_DOWN, diag};

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The state machines: RFC 5880 section 6.8.6, and the S-BFD initiator's of RFC 7880 section 7.3.
-#ifndef KELM_AGENT_FSM_H
-#define KELM_AGENT_FSM_H
+#pragma once
 
 #include <cstdint>
 
@@ -13,24 +12,22 @@ namespace kelm_agent
 
 // bfd.SessionState and bfd.LocalDiag, the reason for the state's last change.
 struct condition {
-    uint8_t state = BFD_STATE_DOWN;
-    uint8_t diag = BFD_DIAG_NONE;
+    std::uint8_t state = BFD_STATE_DOWN;
+    std::uint8_t diag = BFD_DIAG_NONE;
     bool operator==(const condition &) const = default;
 };
 
 // After a packet in which the peer says to be in state `received`.
-condition after_packet(condition now, uint8_t received);
+condition after_packet(condition now, std::uint8_t received);
 
 // After a reply of an S-BFD reflector.
-condition after_reflection(condition now, uint8_t received);
+condition after_reflection(condition now, std::uint8_t received);
 
 // After a detection time of silence.
-condition after_timeout(condition now, uint8_t diag);
+condition after_timeout(condition now, std::uint8_t diag);
 
 condition administratively_down();
 // When the administrator lets the session go again.
 condition administratively_enabled();
 
 } // namespace kelm_agent
-
-#endif

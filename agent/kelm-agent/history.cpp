@@ -7,7 +7,7 @@ namespace kelm_agent
 namespace
 {
 
-constexpr size_t most_changes = 64; // the oldest go first
+constexpr std::size_t most_changes = 64; // the oldest go first
 
 } // namespace
 
@@ -16,9 +16,9 @@ void history::add(change latest)
     if (latest.from != latest.to) {
         since = latest.when;
         if (latest.to == BFD_STATE_UP)
-            up_count++;
+            ++up_count;
         if (latest.from == BFD_STATE_UP) {
-            down_count++;
+            ++down_count;
             last_down = latest.when;
             last_down_diag = latest.diag;
             last_down_reason = latest.reason;

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What has become of a session over time.
-#ifndef KELM_AGENT_HISTORY_H
-#define KELM_AGENT_HISTORY_H
+#pragma once
 
 #include <chrono>
 #include <deque>
@@ -17,9 +16,9 @@ using wall_time = std::chrono::system_clock::time_point;
 
 struct change {
     wall_time when;
-    uint8_t from = BFD_STATE_DOWN; // bfd_states; the same as `to` where the state stays
-    uint8_t to = BFD_STATE_DOWN;
-    uint8_t diag = BFD_DIAG_NONE;
+    std::uint8_t from = BFD_STATE_DOWN; // bfd_states; the same as `to` where the state stays
+    std::uint8_t to = BFD_STATE_DOWN;
+    std::uint8_t diag = BFD_DIAG_NONE;
     std::string reason; // in words
 };
 
@@ -30,10 +29,10 @@ class history
 
     const std::deque<change> &changes() const { return changes_; }
 
-    wall_time since{};                      // of the state
-    uint64_t up_count = 0;                  // transitions to Up
-    uint64_t down_count = 0;                // and from Up
-    uint8_t last_down_diag = BFD_DIAG_NONE; // of the last of them
+    wall_time since{};                           // of the state
+    std::uint64_t up_count = 0;                  // transitions to Up
+    std::uint64_t down_count = 0;                // and from Up
+    std::uint8_t last_down_diag = BFD_DIAG_NONE; // of the last of them
     std::string last_down_reason;
     wall_time last_down{};
 
@@ -42,5 +41,3 @@ class history
 };
 
 } // namespace kelm_agent
-
-#endif

@@ -15,16 +15,16 @@ namespace
 
 // RFC 5881 section 4: from 49152 up, the same for all packets of a session. That of a session that
 // an earlier run of the agent has begun follows from its discriminator.
-uint16_t source_port(const session_config &config, uint32_t discriminator)
+std::uint16_t source_port(const session_config &config, std::uint32_t discriminator)
 {
-    constexpr uint32_t first = 49152;
-    constexpr uint32_t count = 65536 - first;
+    constexpr std::uint32_t first = 49152;
+    constexpr std::uint32_t count = 65536 - first;
     if (config.kind == session_kind::sbfd)
         return kelm::port_sbfd_initiator; // replies come there
-    return static_cast<uint16_t>(first + discriminator % count);
+    return static_cast<std::uint16_t>(first + discriminator % count);
 }
 
-uint8_t receive_type(session_kind kind)
+std::uint8_t receive_type(session_kind kind)
 {
     switch (kind) {
     case session_kind::single_hop:
@@ -41,7 +41,7 @@ uint8_t receive_type(session_kind kind)
     return KELM_RX_SESSION_BFD;
 }
 
-kelm::auth_settings auth_settings(uint8_t type, const auth_key &key)
+kelm::auth_settings auth_settings(std::uint8_t type, const auth_key &key)
 {
     return {type, key.id, key.secret};
 }
@@ -86,8 +86,8 @@ bool wiring::operator==(const wiring &other) const
            same_ethernet();
 }
 
-kelm::request transmit_request(const session_config &config, uint32_t discriminator,
-                               const wiring &wires, const transmission &wanted, uint8_t flags)
+kelm::request transmit_request(const session_config &config, std::uint32_t discriminator,
+                               const wiring &wires, const transmission &wanted, std::uint8_t flags)
 {
     const bool is_echo = config.kind == session_kind::echo;
     const kelm::packet_settings packet = {
@@ -108,7 +108,7 @@ kelm::request transmit_request(const session_config &config, uint32_t discrimina
     settings.period = wanted.period;
     settings.latch_period = wanted.latch_period;
     settings.latch_state = BFD_STATE_DOWN;
-    settings.flags = static_cast<uint8_t>(flags | (is_echo ? KELM_TX_MYDISC_RTT : 0));
+    settings.flags = static_cast<std::uint8_t>(flags | (is_echo ? KELM_TX_MYDISC_RTT : 0));
     built.apply_to(settings, config.auth.type);
     return kelm::set_packet(settings, built.packet);
 }
@@ -119,21 +119,21 @@ kelm_msg_rx_set_session receive_settings(const session_config &config, const wir
     settings.auth.ifindex = wires.receive_ifindex;
     settings.auth.type = config.auth.type;
     settings.auth.flags = config.required_ttl;
-    for (size_t i = 0; i < config.auth.keys.size(); i++)
+    for (std::size_t i = 0; i < config.auth.keys.size(); ++i)
         settings.auth_key[i] = kelm::key_slot(auth_settings(config.auth.type, config.auth.keys[i]));
     return settings;
 }
 
-kelm::request receive_request(const session_config &config, uint32_t discriminator,
+kelm::request receive_request(const session_config &config, std::uint32_t discriminator,
                               const wiring &wires, const reception &wanted,
-                              std::span<const uint32_t> latched)
+                              std::span<const std::uint32_t> latched)
 {
     kelm_msg_rx_set_session settings = receive_settings(config, wires);
     settings.header.discriminator = discriminator;
     settings.type = receive_type(config.kind);
     settings.flags =
-        static_cast<uint8_t>((wanted.timer_active ? KELM_RX_TIMER_ACTIVE : 0) |
-                             (config.kind == session_kind::echo ? KELM_RX_MYDISC_RTT : 0));
+        static_cast<std::uint8_t>((wanted.timer_active ? KELM_RX_TIMER_ACTIVE : 0) |
+                                  (config.kind == session_kind::echo ? KELM_RX_MYDISC_RTT : 0));
     settings.multiplier = wanted.multiplier;
     settings.period = wanted.period;
     settings.latch_diagnostic = wanted.latch_diag;
@@ -183,7 +183,7 @@ void kelm_port::apply_receive(kelm::client &client, const session_config &config
 {
     // A latched packet has no Your Discriminator, and could come back to no session and from no
     // reflector.
-    std::vector<uint32_t> latched;
+    std::vector<std::uint32_t> latched;
     if (wanted.transmit && !is_alone(config.kind))
         latched.push_back(discriminator_);
     if (wanted.receive->also_latched != 0)

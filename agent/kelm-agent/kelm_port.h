@@ -2,8 +2,7 @@
 //
 // From what a session wants to what kelm is asked: requests are made of orders, and only those
 // that change something.
-#ifndef KELM_AGENT_KELM_PORT_H
-#define KELM_AGENT_KELM_PORT_H
+#pragma once
 
 #include "kelm-agent/session.h"
 #include "libkelm/client.h"
@@ -13,8 +12,8 @@ namespace kelm_agent
 
 // Where a session's packets leave and arrive: its configuration's names, looked up.
 struct wiring {
-    uint32_t transmit_ifindex = 0;                   // 0: as the routes say
-    uint32_t receive_ifindex = 0;                    // 0: any
+    std::uint32_t transmit_ifindex = 0;              // 0: as the routes say
+    std::uint32_t receive_ifindex = 0;               // 0: any
     std::optional<kelm::ethernet_settings> ethernet; // packets are whole frames
     bool operator==(const wiring &) const;
 };
@@ -23,18 +22,18 @@ struct wiring {
 kelm_msg_rx_set_session receive_settings(const session_config &, const wiring &);
 
 // The requests themselves. `flags` are KELM_TX_SEND_OOB or 0; KELM_TX_MYDISC_RTT goes by the kind.
-kelm::request transmit_request(const session_config &, uint32_t discriminator, const wiring &,
-                               const transmission &, uint8_t flags);
+kelm::request transmit_request(const session_config &, std::uint32_t discriminator, const wiring &,
+                               const transmission &, std::uint8_t flags);
 // `latched`: the discriminators of the packets to latch, which must exist; at most 8.
-kelm::request receive_request(const session_config &, uint32_t discriminator, const wiring &,
-                              const reception &, std::span<const uint32_t> latched);
+kelm::request receive_request(const session_config &, std::uint32_t discriminator, const wiring &,
+                              const reception &, std::span<const std::uint32_t> latched);
 
 // A session's packet and receive session in kelm. Everything that talks to kelm throws
 // kelm::error; the next apply() then asks for everything again.
 class kelm_port
 {
   public:
-    explicit kelm_port(uint32_t discriminator) : discriminator_(discriminator) {}
+    explicit kelm_port(std::uint32_t discriminator) : discriminator_(discriminator) {}
 
     void apply(kelm::client &, const session_config &, const wiring &, const orders &);
     // Deletes what is there; that something is not is no error.
@@ -48,7 +47,7 @@ class kelm_port
     void delete_packet(kelm::client &);
     void delete_session(kelm::client &);
 
-    uint32_t discriminator_;
+    std::uint32_t discriminator_;
     bool has_packet_ = false;
     bool has_session_ = false;
     std::optional<transmission> sent_; // where it was we who set it
@@ -57,5 +56,3 @@ class kelm_port
 };
 
 } // namespace kelm_agent
-
-#endif

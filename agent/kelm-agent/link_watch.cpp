@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/link_watch.h"
 
-#include <linux/rtnetlink.h>
-#include <sys/socket.h>
-
 #include <array>
 #include <cerrno>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
 
 #include "libkelm/error.h"
 #include "libkelm/netns.h"

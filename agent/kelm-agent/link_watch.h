@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELM_AGENT_LINK_WATCH_H
-#define KELM_AGENT_LINK_WATCH_H
+#pragma once
 
 #include <string>
 
@@ -25,5 +24,3 @@ class link_watch
 };
 
 } // namespace kelm_agent
-
-#endif

@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/log.h"
 
-#include <sys/stat.h>
-#include <sys/uio.h>
-#include <syslog.h>
-#include <systemd/sd-journal.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
+#include <unistd.h>
 
 namespace kelm_agent
 {
@@ -26,7 +25,7 @@ std::string time_text()
     tm utc = {};
     gmtime_r(&now.tv_sec, &utc);
     char text[40];
-    const size_t length = std::strftime(text, sizeof text, "%FT%T", &utc);
+    const std::size_t length = std::strftime(text, sizeof text, "%FT%T", &utc);
     std::snprintf(text + length, sizeof text - length, ".%03ldZ", now.tv_nsec / 1'000'000);
     return text;
 }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The agent's log: one line an event, for people, for programs, or for the journal with its fields.
-#ifndef KELM_AGENT_LOG_H
-#define KELM_AGENT_LOG_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -36,5 +35,3 @@ class logger
 };
 
 } // namespace kelm_agent
-
-#endif

@@ -73,7 +73,7 @@ int parse_command_line(int argc, char **argv, options &chosen)
 
 std::string count_of_sessions(const agent_config &config)
 {
-    const size_t count = config.sessions.size();
+    const std::size_t count = config.sessions.size();
     return std::to_string(count) + (count == 1 ? " session" : " sessions");
 }
 

@@ -4,7 +4,7 @@
 namespace kelm_agent
 {
 
-uint16_t destination_port(session_kind kind)
+std::uint16_t destination_port(session_kind kind)
 {
     switch (kind) {
     case session_kind::single_hop:
@@ -21,7 +21,7 @@ uint16_t destination_port(session_kind kind)
     return 0;
 }
 
-uint16_t arrival_port(session_kind kind)
+std::uint16_t arrival_port(session_kind kind)
 {
     return kind == session_kind::sbfd ? kelm::port_sbfd_initiator : destination_port(kind);
 }

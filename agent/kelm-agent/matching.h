@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELM_AGENT_MATCHING_H
-#define KELM_AGENT_MATCHING_H
+#pragma once
 
 #include "kelm-agent/kelm_port.h"
 #include "libkelm/frame.h"
@@ -9,8 +8,8 @@ namespace kelm_agent
 {
 
 // The UDP port that a kind of session's packets go to, and the one where they arrive.
-uint16_t destination_port(session_kind);
-uint16_t arrival_port(session_kind);
+std::uint16_t destination_port(session_kind);
+std::uint16_t arrival_port(session_kind);
 
 // What a session's packets come from when they arrive.
 const kelm::ip_address &arrival_source(const session_config &);
@@ -22,5 +21,3 @@ bool is_addressed_to(const session_config &, const wiring &, const kelm::packet_
                      const kelm::frame_info &);
 
 } // namespace kelm_agent
-
-#endif

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/member_listener.h"
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
 
 #include "kelm-agent/wiring.h"
 #include "libkelm/error.h"
@@ -22,13 +21,13 @@ namespace kelm_agent
 namespace
 {
 
-constexpr size_t udp_length = 8;
+constexpr std::size_t udp_length = 8;
 
 // Of an IP header in front of UDP, without options, which BFD packets do not have; 0 for others.
-size_t ip_header_length(kelm::byte_view frame)
+std::size_t ip_header_length(kelm::byte_view frame)
 {
-    const size_t rest = frame.size() - ETH_HLEN;
-    const uint32_t ethertype = static_cast<uint32_t>(frame[12] << 8 | frame[13]);
+    const std::size_t rest = frame.size() - ETH_HLEN;
+    const std::uint32_t ethertype = static_cast<std::uint32_t>(frame[12] << 8 | frame[13]);
     const kelm::byte_view ip = frame.subspan(ETH_HLEN);
     if (ethertype == ETHERTYPE_IP && rest >= 20 && ip[0] == 0x45 && ip[9] == IPPROTO_UDP)
         return 20;
@@ -41,8 +40,8 @@ size_t ip_header_length(kelm::byte_view frame)
 // for the port and name no session. An address is that of a field from the frame's beginning.
 void filter_frames(int fd)
 {
-    constexpr uint32_t pass = 0x40000;
-    constexpr uint32_t pkttype = static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE);
+    constexpr std::uint32_t pass = 0x40000;
+    constexpr std::uint32_t pkttype = static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE);
     sock_filter program[] = {
         BPF_STMT(BPF_LD | BPF_B | BPF_ABS, pkttype),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 16, 0),
@@ -69,7 +68,7 @@ void filter_frames(int fd)
         kelm::throw_errno(errno, "cannot filter a member link's packets");
 }
 
-void join_multicast(int fd, uint32_t ifindex)
+void join_multicast(int fd, std::uint32_t ifindex)
 {
     packet_mreq request = {};
     request.mr_ifindex = static_cast<int>(ifindex);
@@ -86,21 +85,23 @@ std::optional<kelm::packet_change> undirected_lag_packet(kelm::byte_view frame)
 {
     if (frame.size() < ETH_HLEN)
         return std::nullopt;
-    const size_t ip_length = ip_header_length(frame);
-    const size_t bfd_offset = ETH_HLEN + ip_length + udp_length;
+    const std::size_t ip_length = ip_header_length(frame);
+    const std::size_t bfd_offset = ETH_HLEN + ip_length + udp_length;
     if (ip_length == 0 || frame.size() < bfd_offset)
         return std::nullopt;
     // A short frame is padded: UDP knows where the packet ends.
-    const size_t claimed = static_cast<size_t>(frame[bfd_offset - 4] << 8 | frame[bfd_offset - 3]);
-    const size_t end = bfd_offset - udp_length + claimed;
+    const std::size_t claimed =
+        static_cast<std::size_t>(frame[bfd_offset - 4] << 8 | frame[bfd_offset - 3]);
+    const std::size_t end = bfd_offset - udp_length + claimed;
     if (claimed < udp_length || end > frame.size())
         return std::nullopt;
-    kelm::packet_change change = {0,
-                                  0,
-                                  0,
-                                  ETH_HLEN,
-                                  static_cast<uint32_t>(bfd_offset),
-                                  {frame.begin(), frame.begin() + static_cast<ptrdiff_t>(end)}};
+    kelm::packet_change change = {
+        0,
+        0,
+        0,
+        ETH_HLEN,
+        static_cast<std::uint32_t>(bfd_offset),
+        {frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(end)}};
     const auto decoded = kelm::decode_frame(change);
     if (!decoded || decoded->destination_port != kelm::port_lag ||
         decoded->bfd.fields.your_discriminator != 0)
@@ -108,7 +109,7 @@ std::optional<kelm::packet_change> undirected_lag_packet(kelm::byte_view frame)
     return change;
 }
 
-member_listener::member_listener(const std::string &netns, uint32_t member_ifindex)
+member_listener::member_listener(const std::string &netns, std::uint32_t member_ifindex)
     : member_(member_ifindex)
 {
     kelm::in_netns(netns, [this] {
@@ -129,7 +130,7 @@ member_listener::member_listener(const std::string &netns, uint32_t member_ifind
 
 std::optional<kelm::packet_change> member_listener::next()
 {
-    std::array<uint8_t, 2048> frame;
+    std::array<std::uint8_t, 2048> frame;
     for (;;) {
         const ssize_t count = recv(fd_.get(), frame.data(), frame.size(), 0);
         if (count < 0 && errno == EINTR)
@@ -137,7 +138,7 @@ std::optional<kelm::packet_change> member_listener::next()
         if (count < 0)
             return std::nullopt;
         auto found =
-            undirected_lag_packet(kelm::byte_view(frame).first(static_cast<size_t>(count)));
+            undirected_lag_packet(kelm::byte_view(frame).first(static_cast<std::size_t>(count)));
         if (!found)
             continue;
         found->ifindex = found->member_ifindex = member_;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELM_AGENT_MEMBER_LISTENER_H
-#define KELM_AGENT_MEMBER_LISTENER_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -17,10 +16,10 @@ class member_listener
 {
   public:
     // Throws kelm::error.
-    member_listener(const std::string &netns, uint32_t member_ifindex);
+    member_listener(const std::string &netns, std::uint32_t member_ifindex);
 
     int fd() const { return fd_.get(); }
-    uint32_t member() const { return member_; }
+    std::uint32_t member() const { return member_; }
 
     // The next of them as kelm would pass it up, but for its `ifindex`, which is the member's;
     // nothing when there is none at the moment. What is no such packet is passed over.
@@ -28,12 +27,10 @@ class member_listener
 
   private:
     kelm::unique_fd fd_;
-    uint32_t member_;
+    std::uint32_t member_;
 };
 
 // The packet in a received Ethernet frame, by the same rules; nothing if it is none.
 std::optional<kelm::packet_change> undirected_lag_packet(kelm::byte_view frame);
 
 } // namespace kelm_agent
-
-#endif

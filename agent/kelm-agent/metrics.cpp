@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/metrics.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "kelm-agent/whole_file.h"
 #include "libkelm/error.h"

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The sessions as Prometheus sees them. Every session has all of its series in every state.
-#ifndef KELM_AGENT_METRICS_H
-#define KELM_AGENT_METRICS_H
+#pragma once
 
 #include "kelm-agent/session_report.h"
 #include "kelm-agent/stream_server.h"
@@ -42,5 +41,3 @@ class metrics_exporter
 };
 
 } // namespace kelm_agent
-
-#endif

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What the configuration says, checked and complete.
-#ifndef KELM_AGENT_MODEL_H
-#define KELM_AGENT_MODEL_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -24,15 +23,15 @@ enum class session_kind {
 };
 
 struct auth_key {
-    uint8_t id = 0;
+    std::uint8_t id = 0;
     kelm::bytes secret;
     bool operator==(const auth_key &) const = default;
 };
 
 struct authentication {
-    uint8_t type = BFD_AUTH_NONE;
+    std::uint8_t type = BFD_AUTH_NONE;
     std::vector<auth_key> keys; // one or two, but for the types without keys; all are accepted
-    size_t sending = 0;         // the one of them that our packets use
+    std::size_t sending = 0;    // the one of them that our packets use
     bool operator==(const authentication &) const = default;
 };
 
@@ -45,14 +44,14 @@ struct session_config {
     std::string interface;                     // empty: any
     std::string member;                        // LAG: the link of the aggregate `interface`
     std::optional<kelm::mac_address> peer_mac; // echo: the neighbour's, where it is given
-    uint32_t remote_discriminator = 0;         // S-BFD: the reflector's
+    std::uint32_t remote_discriminator = 0;    // S-BFD: the reflector's
 
     intervals timing{300'000, 300'000};
-    uint8_t multiplier = 3;
+    std::uint8_t multiplier = 3;
     bool passive = false;
     bool admin_down = false;
-    uint8_t ttl = 255;        // or hop limit, of what is sent
-    uint8_t required_ttl = 0; // KELM_AUTH_TTL_*, of what arrives
+    std::uint8_t ttl = 255;        // or hop limit, of what is sent
+    std::uint8_t required_ttl = 0; // KELM_AUTH_TTL_*, of what arrives
     authentication auth;
     kelm_microsecs min_echo_rx = 0; // how often we let the peer have its echo; 0: not at all
 
@@ -65,7 +64,7 @@ struct session_config {
 // Of a TCP service.
 struct endpoint {
     kelm::ip_address address;
-    uint16_t port = 0;
+    std::uint16_t port = 0;
     bool operator==(const endpoint &) const = default;
 };
 
@@ -92,5 +91,3 @@ constexpr bool is_alone(session_kind kind)
 }
 
 } // namespace kelm_agent
-
-#endif

@@ -24,7 +24,7 @@ intervals negotiation::slowed(intervals fast)
     return {std::max(fast.desired_min_tx, slow_interval), fast.required_min_rx};
 }
 
-void negotiation::configure(intervals wanted, uint8_t multiplier)
+void negotiation::configure(intervals wanted, std::uint8_t multiplier)
 {
     multiplier_ = multiplier;
     if (wanted == configured_)
@@ -79,7 +79,7 @@ kelm_microsecs negotiation::receive_interval() const
 {
     const kelm_microsecs agreed =
         alone_ ? transmit_interval() : std::max(in_effect().required_min_rx, peer_.desired_min_tx);
-    const uint32_t multiplier = std::max<uint32_t>(receive_multiplier(), 1);
+    const std::uint32_t multiplier = std::max<std::uint32_t>(receive_multiplier(), 1);
     return std::min(agreed, std::numeric_limits<kelm_microsecs>::max() / multiplier);
 }
 

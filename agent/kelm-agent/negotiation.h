@@ -2,8 +2,7 @@
 //
 // How often packets are sent and how long their absence is borne: RFC 5880 sections 6.8.2 to 6.8.4
 // and 6.8.7, and the Poll Sequences by which a peer learns of a change (6.5).
-#ifndef KELM_AGENT_NEGOTIATION_H
-#define KELM_AGENT_NEGOTIATION_H
+#pragma once
 
 #include <cstdint>
 
@@ -23,7 +22,7 @@ struct intervals {
 
 // What a packet of the peer says about itself.
 struct peer_timing {
-    uint8_t detect_multiplier = 0;
+    std::uint8_t detect_multiplier = 0;
     kelm_microsecs desired_min_tx = 0;
     kelm_microsecs required_min_rx = 1; // RFC 5880 section 6.8.1: before the first packet
     bool operator==(const peer_timing &) const = default;
@@ -34,12 +33,12 @@ class negotiation
   public:
     // `alone`: the packets that come back are our own or reflections of them, so that their rate
     // and multiplier are ours and there is nobody to poll.
-    negotiation(intervals configured, uint8_t multiplier, bool alone)
+    negotiation(intervals configured, std::uint8_t multiplier, bool alone)
         : configured_(configured), multiplier_(multiplier), alone_(alone)
     {
     }
 
-    void configure(intervals, uint8_t multiplier);
+    void configure(intervals, std::uint8_t multiplier);
     void set_up(bool up);
     void hear(const peer_timing &peer) { peer_ = peer; }
     // Goes on from what an earlier run of the agent had agreed on with the peer.
@@ -63,10 +62,13 @@ class negotiation
     // The peer's packets come at least this often; a number of them missing is a failure. The
     // product of the two, the detection time, fits 32 bits.
     kelm_microsecs receive_interval() const;
-    uint8_t receive_multiplier() const { return alone_ ? multiplier_ : peer_.detect_multiplier; }
+    std::uint8_t receive_multiplier() const
+    {
+        return alone_ ? multiplier_ : peer_.detect_multiplier;
+    }
     kelm_microsecs detection_time() const { return receive_multiplier() * receive_interval(); }
 
-    uint8_t multiplier() const { return multiplier_; }
+    std::uint8_t multiplier() const { return multiplier_; }
     const peer_timing &peer() const { return peer_; }
 
   private:
@@ -78,12 +80,10 @@ class negotiation
     intervals agreed_{}; // what it has confirmed, and all that it has been told since
     intervals polled_{}; // what the Poll Sequence under way has told it
     bool is_unconfirmed_ = false;
-    uint8_t multiplier_;
+    std::uint8_t multiplier_;
     bool alone_;
     bool up_ = false;
     peer_timing peer_;
 };
 
 } // namespace kelm_agent
-
-#endif

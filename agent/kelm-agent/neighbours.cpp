@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/neighbours.h"
 
-#include <linux/neighbour.h>
-#include <linux/rtnetlink.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
 
 #include "libkelm/error.h"
 #include "libkelm/message.h"
@@ -21,29 +20,29 @@ namespace
 {
 
 // The states in which the kernel uses the address that it has.
-constexpr uint16_t usable =
+constexpr std::uint16_t usable =
     NUD_PERMANENT | NUD_NOARP | NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE;
 
-kelm::bytes neighbour_request(uint16_t type, uint16_t flags, uint8_t neighbour_flags,
-                              uint32_t ifindex, const kelm::ip_address &address)
+kelm::bytes neighbour_request(std::uint16_t type, std::uint16_t flags, std::uint8_t neighbour_flags,
+                              std::uint32_t ifindex, const kelm::ip_address &address)
 {
     const auto octets = address.view();
     nlmsghdr header = {};
     ndmsg body = {};
     rtattr attribute = {};
     header.nlmsg_len =
-        static_cast<uint32_t>(sizeof header + sizeof body + sizeof attribute + octets.size());
+        static_cast<std::uint32_t>(sizeof header + sizeof body + sizeof attribute + octets.size());
     header.nlmsg_type = type;
-    header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
-    body.ndm_family = static_cast<uint8_t>(address.family);
+    header.nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
+    body.ndm_family = static_cast<std::uint8_t>(address.family);
     body.ndm_ifindex = static_cast<int>(ifindex);
     body.ndm_flags = neighbour_flags;
     attribute.rta_type = NDA_DST;
-    attribute.rta_len = static_cast<uint16_t>(sizeof attribute + octets.size());
+    attribute.rta_len = static_cast<std::uint16_t>(sizeof attribute + octets.size());
 
     kelm::bytes request;
     const auto append = [&](const auto &piece) {
-        const auto *const start = reinterpret_cast<const uint8_t *>(&piece);
+        const auto *const start = reinterpret_cast<const std::uint8_t *>(&piece);
         request.insert(request.end(), start, start + sizeof piece);
     };
     append(header);
@@ -65,7 +64,7 @@ std::optional<kelm::mac_address> link_layer_address(kelm::byte_view attributes)
             return found;
         }
         attributes =
-            attributes.subspan(std::min<size_t>(RTA_ALIGN(head->rta_len), attributes.size()));
+            attributes.subspan(std::min<std::size_t>(RTA_ALIGN(head->rta_len), attributes.size()));
     }
     return std::nullopt;
 }
@@ -94,14 +93,14 @@ neighbours::neighbours(const std::string &netns)
 }
 
 // The kernel answers before send() returns.
-std::optional<kelm::mac_address> neighbours::find(uint32_t ifindex,
+std::optional<kelm::mac_address> neighbours::find(std::uint32_t ifindex,
                                                   const kelm::ip_address &address) const
 {
-    std::array<uint8_t, 8192> answer;
+    std::array<std::uint8_t, 8192> answer;
     const auto converse = [&](const kelm::bytes &request) {
         (void)send(socket_.get(), request.data(), request.size(), 0);
         const ssize_t count = recv(socket_.get(), answer.data(), answer.size(), MSG_DONTWAIT);
-        return kelm::byte_view(answer).first(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+        return kelm::byte_view(answer).first(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     };
     const auto found =
         address_in(converse(neighbour_request(RTM_GETNEIGH, 0, 0, ifindex, address)));

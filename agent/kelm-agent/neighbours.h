@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELM_AGENT_NEIGHBOURS_H
-#define KELM_AGENT_NEIGHBOURS_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -20,12 +19,10 @@ class neighbours
 
     // The Ethernet address of a neighbour. Where the kernel does not know it, it is made to ask on
     // the link, and may know it when asked again.
-    std::optional<kelm::mac_address> find(uint32_t ifindex, const kelm::ip_address &) const;
+    std::optional<kelm::mac_address> find(std::uint32_t ifindex, const kelm::ip_address &) const;
 
   private:
     kelm::unique_fd socket_;
 };
 
 } // namespace kelm_agent
-
-#endif

@@ -24,7 +24,7 @@ constexpr kelm::number_name words[] = {
 
 } // namespace
 
-std::string diag_words(uint8_t diag)
+std::string diag_words(std::uint8_t diag)
 {
     return kelm::name_of(words, diag);
 }

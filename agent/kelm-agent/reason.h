@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Why a session's state changed, in words.
-#ifndef KELM_AGENT_REASON_H
-#define KELM_AGENT_REASON_H
+#pragma once
 
 #include <string>
 
@@ -12,7 +11,7 @@ namespace kelm_agent
 {
 
 // RFC 5880 section 4.1, for people: "control detection time expired".
-std::string diag_words(uint8_t diag);
+std::string diag_words(std::uint8_t diag);
 
 // After a packet of the peer.
 std::string heard_reason(const session &);
@@ -20,5 +19,3 @@ std::string heard_reason(const session &);
 std::string silence_reason(kelm_microsecs waited);
 
 } // namespace kelm_agent
-
-#endif

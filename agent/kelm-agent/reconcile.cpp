@@ -42,8 +42,8 @@ inventory take_inventory(const std::vector<kelm::report> &dump)
     return taken;
 }
 
-std::optional<uint32_t> recognise(const session_config &config, const wiring &wires,
-                                  const inventory &all)
+std::optional<std::uint32_t> recognise(const session_config &config, const wiring &wires,
+                                       const inventory &all)
 {
     for (const auto &[discriminator, entry] : all) {
         if (!entry.has_packet || !entry.has_session || !entry.frame)

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What a restarted agent makes of kelm's dump: which sessions go on, and where they stand.
-#ifndef KELM_AGENT_RECONCILE_H
-#define KELM_AGENT_RECONCILE_H
+#pragma once
 
 #include <map>
 
@@ -21,16 +20,14 @@ struct found {
     std::optional<kelm::packet_change> frame; // that the session passed up last
 };
 
-using inventory = std::map<uint32_t, found>; // by discriminator
+using inventory = std::map<std::uint32_t, found>; // by discriminator
 
 inventory take_inventory(const std::vector<kelm::report> &dump);
 
 // The session of this configuration by its last packet's addresses, for want of a record of ours.
-std::optional<uint32_t> recognise(const session_config &, const wiring &, const inventory &);
+std::optional<std::uint32_t> recognise(const session_config &, const wiring &, const inventory &);
 
 // `saved` may be null.
 remains remains_of(const found &, const saved_session *saved);
 
 } // namespace kelm_agent
-
-#endif

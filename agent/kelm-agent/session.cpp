@@ -9,26 +9,26 @@ namespace kelm_agent
 namespace
 {
 
-condition next_condition(session_kind kind, condition now, uint8_t received)
+condition next_condition(session_kind kind, condition now, std::uint8_t received)
 {
     return kind == session_kind::sbfd ? after_reflection(now, received)
                                       : after_packet(now, received);
 }
 
-uint8_t timeout_diag(session_kind kind)
+std::uint8_t timeout_diag(session_kind kind)
 {
     return kind == session_kind::echo ? BFD_DIAG_ECHO_FAIL : BFD_DIAG_CTRL_TIMEOUT;
 }
 
 // Whether a packet that a peer in this state has sent can have met a session that was Up.
-bool suggests_up(uint8_t peer_state)
+bool suggests_up(std::uint8_t peer_state)
 {
     return peer_state == BFD_STATE_UP || peer_state == BFD_STATE_INIT;
 }
 
 } // namespace
 
-session::session(session_config config, uint32_t discriminator)
+session::session(session_config config, std::uint32_t discriminator)
     : config_(std::move(config)), discriminator_(discriminator),
       timing_(config_.timing, config_.multiplier, is_alone(config_.kind)),
       is_idle_(!config_.guards.empty())
@@ -57,7 +57,7 @@ orders session::adopt(const remains &left, steady_time now)
         return decide();
     }
 
-    const uint8_t recorded = left.state.value_or(BFD_STATE_UP);
+    const std::uint8_t recorded = left.state.value_or(BFD_STATE_UP);
     const bool was_down = recorded == BFD_STATE_DOWN || recorded == BFD_STATE_ADMIN_DOWN;
     kelm::bfd_fields heard = *left.heard;
     heard.poll = heard.final = false; // the peer polls again if it still wants to know
@@ -148,7 +148,7 @@ orders session::echo_failed()
     return decide();
 }
 
-orders session::guard(bool active, kelm_microsecs interval, uint32_t guarded_discriminator)
+orders session::guard(bool active, kelm_microsecs interval, std::uint32_t guarded_discriminator)
 {
     guarded_discriminator_ = guarded_discriminator;
     timing_.configure({interval, interval}, config_.multiplier);
@@ -271,8 +271,8 @@ transmission session::wanted_transmission() const
     return {
         .bfd = control_packet(),
         .period = transmits_periodically() ? timing_.transmit_interval() : parked,
-        .jitter = static_cast<uint16_t>(timing_.multiplier() == 1 ? BFD_TX_JITTER_75_90
-                                                                  : BFD_TX_JITTER_75),
+        .jitter = static_cast<std::uint16_t>(timing_.multiplier() == 1 ? BFD_TX_JITTER_75_90
+                                                                       : BFD_TX_JITTER_75),
         .latch_period = std::max(
             {slow_interval, config_.timing.desired_min_tx, timing_.peer().required_min_rx}),
         .is_silent = !may_speak(),
@@ -284,9 +284,9 @@ reception session::wanted_reception() const
     const bool can_fail = condition_.state == BFD_STATE_INIT || is_up();
     return {
         .timer_active = is_heard_,
-        .multiplier = std::max<uint8_t>(timing_.receive_multiplier(), 1),
+        .multiplier = std::max<std::uint8_t>(timing_.receive_multiplier(), 1),
         .period = timing_.receive_interval(),
-        .latch_diag = can_fail ? timeout_diag(config_.kind) : uint8_t{BFD_DIAG_NONE},
+        .latch_diag = can_fail ? timeout_diag(config_.kind) : std::uint8_t{BFD_DIAG_NONE},
         .also_latched = is_up() ? guarded_discriminator_ : 0,
     };
 }

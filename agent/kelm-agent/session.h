@@ -2,8 +2,7 @@
 //
 // One BFD session: what happens to it goes in, what kelm is to do comes out. No sockets and no
 // clock in here.
-#ifndef KELM_AGENT_SESSION_H
-#define KELM_AGENT_SESSION_H
+#pragma once
 
 #include <chrono>
 #include <optional>
@@ -21,7 +20,7 @@ using steady_time = std::chrono::steady_clock::time_point;
 struct transmission {
     kelm::bfd_fields bfd;
     kelm_microsecs period = 0;
-    uint16_t jitter = BFD_TX_JITTER_75; // bfd_tx_jitter_types
+    std::uint16_t jitter = BFD_TX_JITTER_75; // bfd_tx_jitter_types
     kelm_microsecs latch_period = slow_interval;
     bool is_silent = false; // not even news goes out
     bool operator==(const transmission &) const = default;
@@ -34,10 +33,10 @@ constexpr kelm_microsecs parked = 0xffffffff;
 // How kelm is to receive.
 struct reception {
     bool timer_active = false;
-    uint8_t multiplier = 0;
+    std::uint8_t multiplier = 0;
     kelm_microsecs period = 0;
-    uint8_t latch_diag = BFD_DIAG_NONE; // 0: our packet stays as it is when the timer expires
-    uint32_t also_latched = 0;          // another session's packet that shares its fate; 0: none
+    std::uint8_t latch_diag = BFD_DIAG_NONE; // 0: our packet stays as it is when the timer expires
+    std::uint32_t also_latched = 0; // another session's packet that shares its fate; 0: none
     bool operator==(const reception &) const = default;
 };
 
@@ -55,7 +54,7 @@ struct orders {
 struct remains {
     std::optional<kelm::bfd_fields> heard; // the packet that kelm passed up last
     bool timer_active = false;
-    std::optional<uint8_t> state; // as recorded
+    std::optional<std::uint8_t> state; // as recorded
     std::optional<intervals> in_effect;
     bool admin_down = false;
     bool has_packet = false;
@@ -64,7 +63,7 @@ struct remains {
 class session
 {
   public:
-    session(session_config, uint32_t discriminator);
+    session(session_config, std::uint32_t discriminator);
 
     // Events. Each one changes what the accessors below tell.
     // What kelm is to have now; nothing has happened.
@@ -82,7 +81,7 @@ class session
     // The echo session that guards this one has failed (RFC 5880 section 6.8.5).
     orders echo_failed();
     // For a guard: whether it is to run, how often, and whose packet shares its fate.
-    orders guard(bool active, kelm_microsecs interval, uint32_t guarded_discriminator);
+    orders guard(bool active, kelm_microsecs interval, std::uint32_t guarded_discriminator);
     // The identity must be the same.
     orders reconfigure(session_config);
     // When due() has come.
@@ -92,11 +91,11 @@ class session
     std::optional<steady_time> due() const;
 
     const session_config &config() const { return config_; }
-    uint32_t discriminator() const { return discriminator_; }
+    std::uint32_t discriminator() const { return discriminator_; }
     const condition &state() const { return condition_; }
     bool is_up() const { return condition_.state == BFD_STATE_UP; }
     bool is_admin_down() const { return condition_.state == BFD_STATE_ADMIN_DOWN; }
-    uint32_t remote_discriminator() const { return remote_discriminator_; }
+    std::uint32_t remote_discriminator() const { return remote_discriminator_; }
     // The peer's state and reason as its last packet told them.
     const condition &remote() const { return remote_; }
     bool remote_demand() const { return remote_demand_; }
@@ -120,16 +119,16 @@ class session
     kelm::bfd_fields control_packet() const;
 
     session_config config_;
-    uint32_t discriminator_;
+    std::uint32_t discriminator_;
     condition condition_;
     negotiation timing_;
-    uint32_t remote_discriminator_ = 0;
+    std::uint32_t remote_discriminator_ = 0;
     condition remote_;
     bool remote_demand_ = false;
     kelm_microsecs remote_min_echo_rx_ = 0;
     bool has_spoken_ = false; // to the peer, so that kelm has a packet with a sequence number
     bool is_idle_;            // a guard with nothing to guard: kelm has nothing of it
-    uint32_t guarded_discriminator_ = 0;
+    std::uint32_t guarded_discriminator_ = 0;
     bool is_heard_ = false;                 // the detection timer runs
     bool polling_ = false;                  // a Poll Sequence is under way
     std::optional<steady_time> poll_due_;   // our Poll bit rests until then
@@ -137,5 +136,3 @@ class session
 };
 
 } // namespace kelm_agent
-
-#endif

@@ -24,7 +24,7 @@ json time_json(kelm_time time)
     return {{"sec", time.sec}, {"nsec", time.nsec}};
 }
 
-std::string state_name(uint8_t state)
+std::string state_name(std::uint8_t state)
 {
     return kelm::name_of(kelm::state_names, state);
 }

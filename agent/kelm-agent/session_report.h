@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // A session as programs are told of it. Times are {"sec", "nsec"}, intervals are in microseconds.
-#ifndef KELM_AGENT_SESSION_REPORT_H
-#define KELM_AGENT_SESSION_REPORT_H
+#pragma once
 
 #include <nlohmann/json.hpp>
 
@@ -16,7 +15,7 @@ struct counters {
     std::optional<kelm_msg_tx_stats> sent;
 };
 
-using statistics_by_discriminator = std::map<uint32_t, counters>;
+using statistics_by_discriminator = std::map<std::uint32_t, counters>;
 
 // From kelm; of those sessions that it has and for which it answers.
 statistics_by_discriminator read_statistics(agent &, const std::vector<std::string> &names);
@@ -25,5 +24,3 @@ nlohmann::ordered_json report_session(const managed_session &, const statistics_
 nlohmann::ordered_json report_change(const std::string &session, const change &);
 
 } // namespace kelm_agent
-
-#endif

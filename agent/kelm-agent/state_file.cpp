@@ -16,12 +16,12 @@ using nlohmann::json;
 
 constexpr int format_version = 1;
 
-int64_t to_us(wall_time time)
+std::int64_t to_us(wall_time time)
 {
     return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
 }
 
-wall_time from_us(int64_t us)
+wall_time from_us(std::int64_t us)
 {
     return wall_time(std::chrono::microseconds(us));
 }

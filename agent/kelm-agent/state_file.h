@@ -3,8 +3,7 @@
 // What an agent leaves to its successor: which discriminators are its own, and what the dump of
 // kelm does not tell. Without the file a restart still finds its sessions by their packets'
 // addresses.
-#ifndef KELM_AGENT_STATE_FILE_H
-#define KELM_AGENT_STATE_FILE_H
+#pragma once
 
 #include <map>
 #include <optional>
@@ -20,8 +19,8 @@ namespace kelm_agent
 struct saved_session {
     std::string identity; // identity_text() of its configuration
     std::string netns;
-    uint32_t discriminator = 0;
-    uint8_t state = BFD_STATE_DOWN;
+    std::uint32_t discriminator = 0;
+    std::uint8_t state = BFD_STATE_DOWN;
     bool admin_down = false; // by kelmctl
     intervals in_effect;
     history past; // without the changes
@@ -30,7 +29,7 @@ struct saved_session {
 // Sessions in kelm that nobody wants any more.
 struct orphan {
     std::string netns;
-    uint32_t discriminator = 0;
+    std::uint32_t discriminator = 0;
     bool operator==(const orphan &) const = default;
 };
 
@@ -48,5 +47,3 @@ saved_state load_state(const std::string &path);
 void save_state(const std::string &path, const saved_state &);
 
 } // namespace kelm_agent
-
-#endif

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/stream_server.h"
 
-#include <sys/socket.h>
-
 #include <array>
 #include <cerrno>
 #include <optional>
+#include <sys/socket.h>
 
 namespace kelm_agent
 {
@@ -13,8 +12,8 @@ namespace kelm_agent
 namespace
 {
 
-constexpr size_t most_clients = 32;
-constexpr size_t longest_request = 64 << 10;
+constexpr std::size_t most_clients = 32;
+constexpr std::size_t longest_request = 64 << 10;
 constexpr std::chrono::seconds patience{10};
 
 } // namespace
@@ -50,7 +49,7 @@ void stream_server::read_from(client_position from)
         clients_.erase(from);
         return;
     }
-    from->received.append(piece.data(), static_cast<size_t>(count));
+    from->received.append(piece.data(), static_cast<std::size_t>(count));
     auto answer = answer_(from->received);
     if (!answer)
         return;
@@ -65,7 +64,7 @@ void stream_server::write_to(client_position to)
     if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     if (count > 0)
-        to->unsent.erase(0, static_cast<size_t>(count));
+        to->unsent.erase(0, static_cast<std::size_t>(count));
     if (count < 0 || to->unsent.empty())
         clients_.erase(to);
 }

@@ -2,8 +2,7 @@
 //
 // One request, one answer: a listening stream socket whose clients are served without waiting for
 // any of them.
-#ifndef KELM_AGENT_STREAM_SERVER_H
-#define KELM_AGENT_STREAM_SERVER_H
+#pragma once
 
 #include <list>
 #include <optional>
@@ -47,5 +46,3 @@ class stream_server
 };
 
 } // namespace kelm_agent
-
-#endif

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/vrf.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
+#include <sys/stat.h>
 
 #include "libkelm/error.h"
 #include "libkelm/netns.h"
@@ -17,7 +16,7 @@ namespace
 constexpr std::chrono::seconds retry_interval{1};
 constexpr int most_events_a_round = 256; // others are to have their turn too
 
-constexpr uint32_t all_groups =
+constexpr std::uint32_t all_groups =
     1U << (KELM_NLG_NUM_CONTROL - 1) | 1U << (KELM_NLG_NUM_NOTIFICATION - 1);
 
 std::optional<file_identity> namespace_called(const std::string &netns)
@@ -106,7 +105,7 @@ void vrf::retry_later(const std::string &why)
 void vrf::receive()
 {
     try {
-        for (int i = 0; i < most_events_a_round; i++) {
+        for (int i = 0; i < most_events_a_round; ++i) {
             const auto event = connection_->events.next_event(kelm::milliseconds(0));
             if (!event)
                 return;

@@ -2,8 +2,7 @@
 //
 // The connection to kelm in one network namespace. It is made as soon as namespace and kelm are
 // there, and again when it has been lost.
-#ifndef KELM_AGENT_VRF_H
-#define KELM_AGENT_VRF_H
+#pragma once
 
 #include <optional>
 
@@ -83,5 +82,3 @@ class vrf
 };
 
 } // namespace kelm_agent
-
-#endif

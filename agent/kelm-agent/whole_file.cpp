@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/whole_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "libkelm/error.h"
 #include "libkelm/fd.h"
@@ -21,12 +20,12 @@ namespace
 
 void write_all(int fd, const std::string &content, const std::string &path)
 {
-    size_t written = 0;
+    std::size_t written = 0;
     while (written < content.size()) {
         const ssize_t count = write(fd, content.data() + written, content.size() - written);
         if (count < 0 && errno != EINTR)
             kelm::throw_errno(errno, "cannot write " + path);
-        written += static_cast<size_t>(std::max<ssize_t>(count, 0));
+        written += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
     }
 }
 
@@ -45,7 +44,7 @@ std::string read_whole_file(const std::string &path)
             kelm::throw_errno(errno, "cannot read " + path);
         if (count == 0)
             return content;
-        content.append(piece.data(), static_cast<size_t>(std::max<ssize_t>(count, 0)));
+        content.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     }
 }
 

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELM_AGENT_WHOLE_FILE_H
-#define KELM_AGENT_WHOLE_FILE_H
-
-#include <sys/types.h>
+#pragma once
 
 #include <string>
+#include <sys/types.h>
 
 namespace kelm_agent
 {
@@ -16,5 +14,3 @@ std::string read_whole_file(const std::string &path);
 void replace_whole_file(const std::string &path, const std::string &content, mode_t mode);
 
 } // namespace kelm_agent
-
-#endif

@@ -7,8 +7,8 @@ namespace kelm_agent
 namespace
 {
 
-std::optional<uint32_t> find_index(const std::string &name, const kelm::interfaces &links,
-                                   std::string &obstacle)
+std::optional<std::uint32_t> find_index(const std::string &name, const kelm::interfaces &links,
+                                        std::string &obstacle)
 {
     const auto index = links.index(name);
     if (!index)
@@ -16,8 +16,9 @@ std::optional<uint32_t> find_index(const std::string &name, const kelm::interfac
     return index;
 }
 
-std::optional<kelm::mac_address> find_destination(const session_config &config, uint32_t ifindex,
-                                                  const neighbours &around, std::string &obstacle)
+std::optional<kelm::mac_address> find_destination(const session_config &config,
+                                                  std::uint32_t ifindex, const neighbours &around,
+                                                  std::string &obstacle)
 {
     if (config.kind == session_kind::lag)
         return lag_multicast;

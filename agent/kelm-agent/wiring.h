@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELM_AGENT_WIRING_H
-#define KELM_AGENT_WIRING_H
+#pragma once
 
 #include "kelm-agent/kelm_port.h"
 #include "kelm-agent/neighbours.h"
@@ -18,5 +17,3 @@ std::optional<wiring> find_wiring(const session_config &, const kelm::interfaces
 inline constexpr kelm::mac_address lag_multicast = {{0x01, 0x00, 0x5e, 0x90, 0x00, 0x01}};
 
 } // namespace kelm_agent
-
-#endif

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelmctl/agent_request.h"
 
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 
 #include "libkelm/error.h"
 #include "libkelm/fd.h"
@@ -43,11 +42,11 @@ kelm::unique_fd connect_to(const std::string &path)
 
 void send_all(const kelm::unique_fd &fd, const std::string &text)
 {
-    for (size_t sent = 0; sent < text.size();) {
+    for (std::size_t sent = 0; sent < text.size();) {
         const ssize_t count = send(fd.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
         if (count < 0)
             kelm::throw_errno(errno, "cannot send to kelm-agent");
-        sent += static_cast<size_t>(count);
+        sent += static_cast<std::size_t>(count);
     }
 }
 
@@ -63,7 +62,7 @@ std::string receive_all(const kelm::unique_fd &fd)
             kelm::throw_errno(errno, "cannot receive from kelm-agent");
         if (count == 0)
             return text;
-        text.append(piece.data(), static_cast<size_t>(count));
+        text.append(piece.data(), static_cast<std::size_t>(count));
     }
 }
 

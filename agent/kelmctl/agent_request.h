@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // A conversation with kelm-agent: one line of JSON there, one back.
-#ifndef KELMCTL_AGENT_REQUEST_H
-#define KELMCTL_AGENT_REQUEST_H
+#pragma once
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -19,5 +18,3 @@ constexpr char default_agent_socket[] = "/run/kelm-agent/control.sock";
 agent_json ask_agent(const std::string &socket_path, const agent_json &request);
 
 } // namespace kelmctl
-
-#endif

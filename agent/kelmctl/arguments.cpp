@@ -39,7 +39,7 @@ arguments::arguments(const command &command, std::span<char *const> words)
 {
     const std::vector<std::string> expected = split(command.operands);
     const bool repeats = command.operands.ends_with("...") || command.operands.ends_with("...]");
-    for (size_t i = 0; i < words.size(); i++) {
+    for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string word = words[i];
         const parameter *known = find_parameter(command, word);
         if (known == nullptr) {
@@ -61,12 +61,12 @@ arguments::arguments(const command &command, std::span<char *const> words)
         throw usage_error(expected[operands_.size()] + " is missing");
 }
 
-std::optional<std::string> arguments::operand(size_t index) const
+std::optional<std::string> arguments::operand(std::size_t index) const
 {
     return index < operands_.size() ? std::optional(operands_[index]) : std::nullopt;
 }
 
-std::optional<uint32_t> arguments::discriminator(size_t index) const
+std::optional<std::uint32_t> arguments::discriminator(std::size_t index) const
 {
     return convert(operand(index), parse_discriminator);
 }
@@ -77,8 +77,8 @@ std::optional<std::string> arguments::text(std::string_view name) const
     return found == values_.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::optional<uint32_t> arguments::number(std::string_view name, uint32_t least,
-                                          uint32_t most) const
+std::optional<std::uint32_t> arguments::number(std::string_view name, std::uint32_t least,
+                                               std::uint32_t most) const
 {
     return convert(text(name), [=](const auto &t) { return parse_number(name, t, least, most); });
 }
@@ -88,7 +88,7 @@ std::optional<kelm_microsecs> arguments::duration(std::string_view name) const
     return convert(text(name), [=](const auto &t) { return parse_duration(name, t); });
 }
 
-std::optional<uint32_t> arguments::choice(std::string_view name, kelm::name_table names) const
+std::optional<std::uint32_t> arguments::choice(std::string_view name, kelm::name_table names) const
 {
     return convert(text(name), [=](const auto &t) { return parse_name(name, names, t); });
 }

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_ARGUMENTS_H
-#define KELMCTL_ARGUMENTS_H
+#pragma once
 
 #include <map>
 #include <optional>
@@ -19,16 +18,17 @@ class arguments
   public:
     arguments(const command &, std::span<char *const> words);
 
-    std::optional<uint32_t> discriminator(size_t operand = 0) const;
-    uint32_t required_discriminator() const { return *discriminator(); } // it has been checked
-    std::optional<std::string> operand(size_t index) const;
+    std::optional<std::uint32_t> discriminator(std::size_t operand = 0) const;
+    std::uint32_t required_discriminator() const { return *discriminator(); } // it has been checked
+    std::optional<std::string> operand(std::size_t index) const;
     const std::vector<std::string> &operands() const { return operands_; }
 
     bool has(std::string_view name) const { return values_.contains(name); }
     std::optional<std::string> text(std::string_view name) const;
-    std::optional<uint32_t> number(std::string_view name, uint32_t least, uint32_t most) const;
+    std::optional<std::uint32_t> number(std::string_view name, std::uint32_t least,
+                                        std::uint32_t most) const;
     std::optional<kelm_microsecs> duration(std::string_view name) const;
-    std::optional<uint32_t> choice(std::string_view name, kelm::name_table names) const;
+    std::optional<std::uint32_t> choice(std::string_view name, kelm::name_table names) const;
     std::optional<bool> on_off(std::string_view name) const;
     std::optional<kelm::ip_address> address(std::string_view name) const;
     std::optional<kelm::mac_address> mac(std::string_view name) const;
@@ -48,5 +48,3 @@ class arguments
 };
 
 } // namespace kelmctl
-
-#endif

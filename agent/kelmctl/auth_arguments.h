@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_AUTH_ARGUMENTS_H
-#define KELMCTL_AUTH_ARGUMENTS_H
+#pragma once
 
 #include "kelmctl/arguments.h"
 #include "libkelm/packet.h"
@@ -20,14 +19,12 @@ constexpr parameter auth_parameters[] = {
      "MD5 or 20 for SHA-1; - reads standard input"},
 };
 
-bool has_key(uint8_t auth_type);
+bool has_key(std::uint8_t auth_type);
 
 // Reads the key. Throws usage_error, or kelm::error when the key does not fit.
 kelm::auth_settings auth_argument(const arguments &);
 
 // A further key of the same type, as "key2-id N key2-file FILE", if there is one.
-std::optional<kelm::auth_settings> second_key_argument(const arguments &, uint8_t auth_type);
+std::optional<kelm::auth_settings> second_key_argument(const arguments &, std::uint8_t auth_type);
 
 } // namespace kelmctl
-
-#endif

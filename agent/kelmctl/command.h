@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The shape of kelmctl's command table. Parsing, help and dispatch all come from it.
-#ifndef KELMCTL_COMMAND_H
-#define KELMCTL_COMMAND_H
+#pragma once
 
 #include <span>
 #include <stdexcept>
@@ -58,5 +57,3 @@ const object &find_object(std::string_view name);
 const command &take_command(const object &, std::span<char *const> &words);
 
 } // namespace kelmctl
-
-#endif

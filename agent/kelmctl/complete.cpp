@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelmctl/complete.h"
 
-#include <net/if.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
+#include <net/if.h>
 
 #include "kelmctl/agent_request.h"
 #include "kelmctl/command.h"
@@ -36,7 +35,7 @@ words interfaces(const std::string &netns)
     try {
         kelm::in_netns(netns, [&] {
             struct if_nameindex *const all = if_nameindex();
-            for (auto *at = all; at != nullptr && at->if_index != 0; at++)
+            for (auto *at = all; at != nullptr && at->if_index != 0; ++at)
                 names.emplace_back(at->if_name);
             if_freenameindex(all);
         });
@@ -50,7 +49,7 @@ words interfaces(const std::string &netns)
 words agent_sessions(std::span<char *const> given)
 {
     std::string socket_path = default_agent_socket;
-    for (size_t i = 0; i + 1 < given.size(); i++)
+    for (std::size_t i = 0; i + 1 < given.size(); ++i)
         if (std::string_view(given[i]) == "socket")
             socket_path = given[i + 1];
     words names;
@@ -74,8 +73,9 @@ words values(const parameter &parameter, const std::string &netns)
     else if (parameter.value == "IFNAME")
         found = interfaces(netns);
     else if (parameter.value.find('|') != std::string_view::npos)
-        for (size_t start = 0; start <= parameter.value.size();) {
-            const size_t end = std::min(parameter.value.find('|', start), parameter.value.size());
+        for (std::size_t start = 0; start <= parameter.value.size();) {
+            const std::size_t end =
+                std::min(parameter.value.find('|', start), parameter.value.size());
             found.emplace_back(parameter.value.substr(start, end - start));
             start = end + 1;
         }
@@ -152,7 +152,7 @@ words candidates(std::span<char *const> given, std::string_view last)
 {
     std::vector<char *> plain; // without options
     std::string netns;
-    for (size_t i = 0; i < given.size(); i++) {
+    for (std::size_t i = 0; i < given.size(); ++i) {
         if (given[i][0] != '-')
             plain.push_back(given[i]);
         else if (wants_value(given[i]) && ++i < given.size())

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What may come next on a command line, for the shell.
-#ifndef KELMCTL_COMPLETE_H
-#define KELMCTL_COMPLETE_H
+#pragma once
 
 #include <span>
 #include <string>
@@ -21,5 +20,3 @@ constexpr std::string_view complete_command = "__complete";
 std::vector<std::string> complete(std::span<char *const> line);
 
 } // namespace kelmctl
-
-#endif

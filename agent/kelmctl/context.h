@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_CONTEXT_H
-#define KELMCTL_CONTEXT_H
+#pragma once
 
 #include <cerrno>
 #include <optional>
@@ -40,7 +39,7 @@ class context
     }
 
     // Throws kelm::error when there is no such interface.
-    uint32_t interface_index(const std::string &name)
+    std::uint32_t interface_index(const std::string &name)
     {
         const auto index = links().index(name);
         if (!index)
@@ -58,5 +57,3 @@ class context
 };
 
 } // namespace kelmctl
-
-#endif

@@ -11,13 +11,13 @@ namespace kelmctl
 namespace
 {
 
-constexpr uint32_t max_level = 3;
+constexpr std::uint32_t max_level = 3;
 
 void run_set(context &ctx, const arguments &args)
 {
-    const uint32_t level = parse_number("level", *args.operand(0), 0, max_level);
-    const uint32_t discriminator = args.discriminator(1).value_or(0);
-    ctx.client().execute(kelm::set_debug_level(discriminator, static_cast<uint16_t>(level)));
+    const std::uint32_t level = parse_number("level", *args.operand(0), 0, max_level);
+    const std::uint32_t discriminator = args.discriminator(1).value_or(0);
+    ctx.client().execute(kelm::set_debug_level(discriminator, static_cast<std::uint16_t>(level)));
 }
 
 void run_clear(context &ctx, const arguments &)

@@ -18,7 +18,7 @@ using row = std::pair<std::string, std::string>;
 // Two columns; the lines of a text of several stay in the second one.
 std::string columns(const std::vector<row> &rows)
 {
-    size_t width = 0;
+    std::size_t width = 0;
     for (const auto &[left, right] : rows)
         width = std::max(width, left.size());
 

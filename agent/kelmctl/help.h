@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_HELP_H
-#define KELMCTL_HELP_H
+#pragma once
 
 #include "kelmctl/command.h"
 
@@ -16,5 +15,3 @@ std::string command_help(const object &, const command &);
 std::string synopsis(const object &, const command &);
 
 } // namespace kelmctl
-
-#endif

@@ -5,5 +5,5 @@
 
 int main(int argc, char *argv[])
 {
-    return kelmctl::run({argv, static_cast<size_t>(argc)}, std::cout, std::cerr);
+    return kelmctl::run({argv, static_cast<std::size_t>(argc)}, std::cout, std::cerr);
 }

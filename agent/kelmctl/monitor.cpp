@@ -14,7 +14,7 @@ namespace kelmctl
 namespace
 {
 
-constexpr uint32_t group_bit(uint32_t group)
+constexpr std::uint32_t group_bit(std::uint32_t group)
 {
     return 1U << (group - 1);
 }
@@ -23,20 +23,23 @@ record time_record()
 {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    return record().stamp("time",
-                          {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec)});
+    return record().stamp(
+        "time", {static_cast<std::uint32_t>(now.tv_sec), static_cast<std::uint32_t>(now.tv_nsec)});
 }
 
 // What a report is about; 0 where it is about no session.
 struct subject {
-    uint32_t operator()(const kelm::packet_change &change) const { return change.discriminator; }
-    uint32_t operator()(const kelm::session_failure &failure) const
+    std::uint32_t operator()(const kelm::packet_change &change) const
+    {
+        return change.discriminator;
+    }
+    std::uint32_t operator()(const kelm::session_failure &failure) const
     {
         return failure.discriminator;
     }
-    uint32_t operator()(const kelm::unknown_message &) const { return 0; }
-    uint32_t operator()(const kelm::overrun &) const { return 0; }
-    uint32_t operator()(const auto &message) const { return message.header.discriminator; }
+    std::uint32_t operator()(const kelm::unknown_message &) const { return 0; }
+    std::uint32_t operator()(const kelm::overrun &) const { return 0; }
+    std::uint32_t operator()(const auto &message) const { return message.header.discriminator; }
 };
 
 bool is_statistics(const kelm::report &report)
@@ -50,9 +53,9 @@ struct filter {
     bool packets;
     bool failures;
     bool statistics;
-    std::optional<uint32_t> discriminator;
+    std::optional<std::uint32_t> discriminator;
 
-    uint32_t groups() const
+    std::uint32_t groups() const
     {
         return (packets || statistics ? group_bit(KELM_NLG_NUM_CONTROL) : 0) |
                (failures ? group_bit(KELM_NLG_NUM_NOTIFICATION) : 0);
@@ -85,14 +88,14 @@ void run_monitor(context &ctx, const arguments &args)
     const filter wanted = filter_argument(args);
     const auto count = args.number("count", 1, 0xffffffff);
     ctx.client().subscribe(wanted.groups());
-    for (uint32_t shown = 0; !count || shown < *count;) {
+    for (std::uint32_t shown = 0; !count || shown < *count;) {
         const auto event = ctx.client().next_event(std::chrono::hours(1));
         if (!event || !wanted.wants(*event))
             continue;
         record line = time_record();
         line.append(report_record(*event, ctx.links()));
         ctx.out.event(line);
-        shown++;
+        ++shown;
     }
 }
 

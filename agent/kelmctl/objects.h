@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_OBJECTS_H
-#define KELMCTL_OBJECTS_H
+#pragma once
 
 #include "kelmctl/command.h"
 
@@ -19,5 +18,3 @@ extern const std::span<const command> monitor_commands;
 extern const std::span<const command> agent_commands;
 
 } // namespace kelmctl
-
-#endif

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelmctl/options.h"
 
-#include <getopt.h>
-
 #include <algorithm>
+#include <getopt.h>
 #include <vector>
 
 #include "kelmctl/command.h"
@@ -35,7 +34,7 @@ std::string rejected_option(std::span<char *const> words)
     const auto known = [](const option_entry &entry) { return entry.letter == optopt; };
     if (optopt != 0 && std::ranges::none_of(table, known))
         return std::string("-") + static_cast<char>(optopt);
-    return words[static_cast<size_t>(optind) - 1];
+    return words[static_cast<std::size_t>(optind) - 1];
 }
 
 } // namespace
@@ -69,7 +68,8 @@ options parse_options(std::span<char *const> words, std::span<char *const> &rest
         if (letter == '?')
             throw usage_error("there is no option '" + rejected_option(words) + "'");
         if (letter == ':')
-            throw usage_error("option '" + std::string(words[static_cast<size_t>(optind) - 1]) +
+            throw usage_error("option '" +
+                              std::string(words[static_cast<std::size_t>(optind) - 1]) +
                               "' wants a value");
         for (const auto &entry : table)
             if (entry.letter == letter && entry.flag != nullptr)
@@ -77,7 +77,7 @@ options parse_options(std::span<char *const> words, std::span<char *const> &rest
         if (letter == 'n')
             parsed.netns = optarg;
     }
-    rest = words.subspan(static_cast<size_t>(optind));
+    rest = words.subspan(static_cast<std::size_t>(optind));
     return parsed;
 }
 

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_OPTIONS_H
-#define KELMCTL_OPTIONS_H
+#pragma once
 
 #include <span>
 #include <string>
@@ -39,5 +38,3 @@ extern const std::span<const option_entry> option_table;
 options parse_options(std::span<char *const> words, std::span<char *const> &rest);
 
 } // namespace kelmctl
-
-#endif

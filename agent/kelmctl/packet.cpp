@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The object "packet": kelm's transmit packets.
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <netinet/in.h>
 
 #include "kelmctl/auth_arguments.h"
 #include "kelmctl/objects.h"
@@ -68,8 +67,8 @@ constexpr auto set_parameters = [] {
 constexpr kelm_microsecs default_latch_interval = 1'000'000;
 
 struct ports {
-    uint16_t destination;
-    uint16_t source; // 0: one of the session's own
+    std::uint16_t destination;
+    std::uint16_t source; // 0: one of the session's own
 };
 
 // By kelm_rx_session_types: the packets of a session of that type.
@@ -82,11 +81,11 @@ constexpr ports type_ports[KELM_RX_SESSION_MAX] = {
 };
 
 // From the range of RFC 5881 section 4, the same for the session's life.
-uint16_t own_source_port(uint32_t discriminator)
+std::uint16_t own_source_port(std::uint32_t discriminator)
 {
-    constexpr uint32_t first = 49152;
-    constexpr uint32_t count = 16384;
-    return static_cast<uint16_t>(first + discriminator % count);
+    constexpr std::uint32_t first = 49152;
+    constexpr std::uint32_t count = 16384;
+    return static_cast<std::uint16_t>(first + discriminator % count);
 }
 
 bool is_link_local(const kelm::ip_address &address)
@@ -95,20 +94,21 @@ bool is_link_local(const kelm::ip_address &address)
            (address.octets[1] & 0xc0) == 0x80;
 }
 
-kelm::bfd_fields bfd_arguments(const arguments &args, uint32_t discriminator,
+kelm::bfd_fields bfd_arguments(const arguments &args, std::uint32_t discriminator,
                                kelm_microsecs interval)
 {
-    constexpr uint32_t any = 0xffffffff;
+    constexpr std::uint32_t any = 0xffffffff;
     kelm::bfd_fields bfd;
     bfd.state =
-        static_cast<uint8_t>(args.choice("state", kelm::state_names).value_or(BFD_STATE_DOWN));
-    bfd.diag =
-        static_cast<uint8_t>(args.choice("diag", kelm::diagnostic_names).value_or(BFD_DIAG_NONE));
+        static_cast<std::uint8_t>(args.choice("state", kelm::state_names).value_or(BFD_STATE_DOWN));
+    bfd.diag = static_cast<std::uint8_t>(
+        args.choice("diag", kelm::diagnostic_names).value_or(BFD_DIAG_NONE));
     bfd.poll = args.has("poll");
     bfd.final = args.has("final");
     bfd.demand_mode = args.has("demand");
     bfd.control_plane_independent = args.on_off("cpi").value_or(true);
-    bfd.detect_multiplier = static_cast<uint8_t>(args.number("multiplier", 1, 255).value_or(3));
+    bfd.detect_multiplier =
+        static_cast<std::uint8_t>(args.number("multiplier", 1, 255).value_or(3));
     bfd.my_discriminator = args.number("my-discriminator", 1, any).value_or(discriminator);
     bfd.your_discriminator = args.number("your-discriminator", 0, any).value_or(0);
     bfd.min_tx_interval = args.duration("min-tx").value_or(interval);
@@ -133,23 +133,23 @@ std::optional<kelm::ethernet_settings> ethernet_arguments(context &ctx, const ar
     return kelm::ethernet_settings{*destination, *source};
 }
 
-kelm::packet_settings packet_arguments(context &ctx, const arguments &args, uint32_t discriminator,
-                                       kelm_microsecs interval)
+kelm::packet_settings packet_arguments(context &ctx, const arguments &args,
+                                       std::uint32_t discriminator, kelm_microsecs interval)
 {
-    const uint32_t type =
+    const std::uint32_t type =
         args.choice("type", kelm::session_type_names).value_or(KELM_RX_SESSION_BFD);
     const ports defaults = type_ports[type];
-    const uint16_t source_port =
+    const std::uint16_t source_port =
         defaults.source != 0 ? defaults.source : own_source_port(discriminator);
 
     kelm::packet_settings settings;
     settings.source = args.required("local", args.address("local"));
     settings.destination = args.required("peer", args.address("peer"));
     settings.destination_port =
-        static_cast<uint16_t>(args.number("port", 1, 65535).value_or(defaults.destination));
+        static_cast<std::uint16_t>(args.number("port", 1, 65535).value_or(defaults.destination));
     settings.source_port =
-        static_cast<uint16_t>(args.number("source-port", 1, 65535).value_or(source_port));
-    settings.ttl = static_cast<uint8_t>(args.number("ttl", 1, 255).value_or(255));
+        static_cast<std::uint16_t>(args.number("source-port", 1, 65535).value_or(source_port));
+    settings.ttl = static_cast<std::uint8_t>(args.number("ttl", 1, 255).value_or(255));
     settings.ethernet = ethernet_arguments(ctx, args);
     settings.bfd = bfd_arguments(args, discriminator, interval);
     settings.auth = auth_argument(args);
@@ -159,17 +159,17 @@ kelm::packet_settings packet_arguments(context &ctx, const arguments &args, uint
 }
 
 kelm_msg_tx_set_packet schedule_arguments(context &ctx, const arguments &args,
-                                          uint32_t discriminator, kelm_microsecs interval,
-                                          uint8_t multiplier)
+                                          std::uint32_t discriminator, kelm_microsecs interval,
+                                          std::uint8_t multiplier)
 {
     kelm_msg_tx_set_packet settings = {};
     settings.header.discriminator = discriminator;
     settings.period = interval;
-    settings.jitter_type = static_cast<uint16_t>(
+    settings.jitter_type = static_cast<std::uint16_t>(
         args.choice("jitter", kelm::jitter_names)
             .value_or(multiplier == 1 ? BFD_TX_JITTER_75_90 : BFD_TX_JITTER_75));
     settings.latch_period = args.duration("latch-interval").value_or(default_latch_interval);
-    settings.latch_state = static_cast<uint8_t>(
+    settings.latch_state = static_cast<std::uint8_t>(
         args.choice("latch-state", kelm::state_names).value_or(BFD_STATE_DOWN));
     if (args.has("oob"))
         settings.flags |= KELM_TX_SEND_OOB;
@@ -182,7 +182,7 @@ kelm_msg_tx_set_packet schedule_arguments(context &ctx, const arguments &args,
 
 void run_set(context &ctx, const arguments &args)
 {
-    const uint32_t discriminator = args.required_discriminator();
+    const std::uint32_t discriminator = args.required_discriminator();
     const kelm_microsecs interval = args.required("interval", args.duration("interval"));
     if (interval == 0 || args.duration("latch-interval") == 0U)
         throw usage_error("an interval must be longer than 0");
@@ -197,7 +197,7 @@ void run_set(context &ctx, const arguments &args)
 
 void run_show(context &ctx, const arguments &args)
 {
-    const uint32_t wanted = args.discriminator().value_or(0);
+    const std::uint32_t wanted = args.discriminator().value_or(0);
     const statistics stats = read_statistics(ctx, wanted);
     if (wanted != 0 && stats.packets.empty())
         throw kelm::error(ENOENT, "there is no transmit packet " + std::to_string(wanted));

@@ -23,7 +23,7 @@ json to_json(const json_value &value)
         return {{"sec", time->sec}, {"nsec", time->nsec}};
     if (const auto *flag = std::get_if<bool>(&value))
         return *flag;
-    if (const auto *number = std::get_if<uint64_t>(&value))
+    if (const auto *number = std::get_if<std::uint64_t>(&value))
         return *number;
     if (const auto *rate = std::get_if<double>(&value))
         return *rate;
@@ -34,7 +34,7 @@ json to_json(const record &from)
 {
     json object = json::object();
     for (const auto &cell : from.cells()) {
-        const size_t dot = cell.key.find('.');
+        const std::size_t dot = cell.key.find('.');
         if (cell.key.empty())
             continue;
         if (dot == std::string::npos)
@@ -51,7 +51,7 @@ void put_json(std::ostream &out, const json &value, bool pretty)
     out << value.dump(pretty ? 4 : -1, ' ', false, json::error_handler_t::replace) << '\n';
 }
 
-std::string padding(size_t width, const std::string &text)
+std::string padding(std::size_t width, const std::string &text)
 {
     return std::string(width - std::min(width, text.size()), ' ');
 }
@@ -64,7 +64,7 @@ void put_table(std::ostream &out, const std::vector<record> &records)
 
 void put_block(std::ostream &out, const record &record)
 {
-    size_t width = 0;
+    std::size_t width = 0;
     for (const auto &cell : record.cells())
         width = std::max(width, cell.label.size());
     bool first = true;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_PRINTER_H
-#define KELMCTL_PRINTER_H
+#pragma once
 
 #include <iosfwd>
 #include <memory>
@@ -45,5 +44,3 @@ class printer
 };
 
 } // namespace kelmctl
-
-#endif

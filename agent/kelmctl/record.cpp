@@ -11,9 +11,9 @@ namespace kelmctl
 namespace
 {
 
-constexpr uint64_t us_per_second = 1'000'000;
+constexpr std::uint64_t us_per_second = 1'000'000;
 
-uint64_t to_us(kelm_time time)
+std::uint64_t to_us(kelm_time time)
 {
     return time.sec * us_per_second + time.nsec / 1000;
 }
@@ -39,22 +39,22 @@ record &record::add(cell next)
     return *this;
 }
 
-record &record::number(std::string key, std::string label, uint64_t value)
+record &record::number(std::string key, std::string label, std::uint64_t value)
 {
     return add({std::move(key), std::move(label), value, std::to_string(value), true, true});
 }
 
 record &record::duration(std::string key, std::string label, kelm_microsecs value)
 {
-    return add(
-        {std::move(key), std::move(label), uint64_t{value}, format_duration(value), true, true});
+    return add({std::move(key), std::move(label), std::uint64_t{value}, format_duration(value),
+                true, true});
 }
 
 record &record::age(std::string key, std::string label, kelm_time value, kelm_time now)
 {
     const bool never = value.sec == 0 && value.nsec == 0;
-    const uint64_t then_us = to_us(value);
-    const uint64_t now_us = to_us(now);
+    const std::uint64_t then_us = to_us(value);
+    const std::uint64_t now_us = to_us(now);
     const std::string text =
         never ? "never" : format_duration(now_us > then_us ? now_us - then_us : 0) + " ago";
     return add({std::move(key), std::move(label), value, text, true, true});
@@ -109,7 +109,7 @@ std::string format_time(kelm_time time, bool with_date)
     tm local = {};
     localtime_r(&seconds, &local);
     char text[48];
-    const size_t length =
+    const std::size_t length =
         std::strftime(text, sizeof text, with_date ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &local);
     std::snprintf(text + length, sizeof text - length, ".%06u", time.nsec / 1000);
     return text;

@@ -2,8 +2,7 @@
 //
 // What is to be shown, once for all forms of output: a record is a list of cells, each with its
 // JSON key, its JSON value and its text for people.
-#ifndef KELMCTL_RECORD_H
-#define KELMCTL_RECORD_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -16,7 +15,7 @@
 namespace kelmctl
 {
 
-using json_value = std::variant<bool, uint64_t, double, std::string, kelm_time>;
+using json_value = std::variant<bool, std::uint64_t, double, std::string, kelm_time>;
 
 struct cell {
     std::string key;   // "bfd.state" lies in an object "bfd"; empty: not in JSON
@@ -37,7 +36,7 @@ class record
     record &full();
     record &brief();
 
-    record &number(std::string key, std::string label, uint64_t value);
+    record &number(std::string key, std::string label, std::uint64_t value);
     record &duration(std::string key, std::string label, kelm_microsecs value);
     // Times per second.
     record &rate(std::string key, std::string label, double value);
@@ -69,5 +68,3 @@ using kelm::format_duration;
 std::string format_time(kelm_time, bool with_date);
 
 } // namespace kelmctl
-
-#endif

@@ -13,8 +13,8 @@ namespace
 template<typename Message>
 kelm_time timestamp(const Message &message)
 {
-    return {static_cast<uint32_t>(message.timestamp_secs),
-            static_cast<uint32_t>(message.timestamp_nsecs)};
+    return {static_cast<std::uint32_t>(message.timestamp_secs),
+            static_cast<std::uint32_t>(message.timestamp_nsecs)};
 }
 
 template<typename Message>
@@ -176,9 +176,9 @@ void add_frame(record &to, const kelm::packet_change &change, const kelm::interf
                frame_cells wanted)
 {
     const auto frame = kelm::decode_frame(change);
-    to.json("packet.ifindex", uint64_t{change.ifindex});
-    to.json("packet.member_ifindex", uint64_t{change.member_ifindex});
-    to.json("packet.length", uint64_t{change.frame.size()});
+    to.json("packet.ifindex", std::uint64_t{change.ifindex});
+    to.json("packet.member_ifindex", std::uint64_t{change.member_ifindex});
+    to.json("packet.length", std::uint64_t{change.frame.size()});
     to.text("packet.ifname", "dev", links.name(change.ifindex));
     if (change.member_ifindex != 0)
         to.text("packet.member_ifname", "member", links.name(change.member_ifindex));
@@ -194,9 +194,9 @@ void add_frame(record &to, const kelm::packet_change &change, const kelm::interf
     if (wanted == frame_cells::who_and_state)
         to.full();
     to.number("packet.ttl", "ttl", frame->ttl);
-    to.json("packet.source_port", uint64_t{frame->source_port});
+    to.json("packet.source_port", std::uint64_t{frame->source_port});
     to.number("packet.destination_port", "port", frame->destination_port);
-    to.json("packet.version", uint64_t{bfd.version});
+    to.json("packet.version", std::uint64_t{bfd.version});
     add_bfd_flags(to, bfd);
     add_bfd_numbers(to, bfd);
     to.brief();

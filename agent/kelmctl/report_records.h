@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Records of what kelm reports; the same in listings, in dumps and in the monitor.
-#ifndef KELMCTL_REPORT_RECORDS_H
-#define KELMCTL_REPORT_RECORDS_H
+#pragma once
 
 #include "kelmctl/record.h"
 #include "libkelm/interfaces.h"
@@ -12,7 +11,7 @@ namespace kelmctl
 {
 
 // Where a message comes from, in a dump of all namespaces: 1 is the newest vrf. 0 elsewhere.
-using vrf_number = uint32_t;
+using vrf_number = std::uint32_t;
 
 // `state` goes in front of the counters.
 record rx_stats_record(const kelm_msg_rx_stats &, vrf_number = 0, const record &state = {});
@@ -28,5 +27,3 @@ void add_frame(record &, const kelm::packet_change &, const kelm::interfaces &, 
 record report_record(const kelm::report &, const kelm::interfaces &);
 
 } // namespace kelmctl
-
-#endif

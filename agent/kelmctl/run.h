@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_RUN_H
-#define KELMCTL_RUN_H
+#pragma once
 
 #include <iosfwd>
 #include <span>
@@ -14,5 +13,3 @@ enum exit_status { success = 0, failure = 1, usage = 2 };
 exit_status run(std::span<char *const> argv, std::ostream &out, std::ostream &err);
 
 } // namespace kelmctl
-
-#endif

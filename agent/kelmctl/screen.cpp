@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelmctl/screen.h"
 
+#include <cerrno>
+#include <csignal>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <csignal>
 
 #include "libkelm/error.h"
 
@@ -42,7 +41,7 @@ bool put(std::string_view text)
         if (written < 0 && errno != EINTR)
             return false;
         if (written > 0)
-            text.remove_prefix(static_cast<size_t>(written));
+            text.remove_prefix(static_cast<std::size_t>(written));
     }
     return true;
 }
@@ -126,7 +125,7 @@ screen::~screen()
     sigprocmask(SIG_SETMASK, &mask_while_waiting, nullptr);
 }
 
-std::pair<size_t, size_t> screen::size() const
+std::pair<std::size_t, std::size_t> screen::size() const
 {
     winsize window = {};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0 || window.ws_col == 0 || window.ws_row == 0)

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The terminal, while a program fills it: the alternate screen, and keys without Enter.
-#ifndef KELMCTL_SCREEN_H
-#define KELMCTL_SCREEN_H
+#pragma once
 
 #include <chrono>
 #include <utility>
@@ -23,7 +22,7 @@ class screen
     screen &operator=(const screen &) = delete;
 
     // Columns and rows.
-    std::pair<size_t, size_t> size() const;
+    std::pair<std::size_t, std::size_t> size() const;
 
     // Throws kelm::error when the terminal is gone.
     void draw(const std::vector<top_line> &);
@@ -35,5 +34,3 @@ class screen
 };
 
 } // namespace kelmctl
-
-#endif

@@ -59,7 +59,7 @@ record state_record(context &ctx, const session_state &state)
 
 void run_show(context &ctx, const arguments &args)
 {
-    const uint32_t wanted = args.discriminator().value_or(0);
+    const std::uint32_t wanted = args.discriminator().value_or(0);
     const statistics stats = read_statistics(ctx, wanted);
     if (wanted != 0 && stats.sessions.empty())
         throw kelm::error(ENOENT, "there is no receive session " + std::to_string(wanted));
@@ -72,10 +72,10 @@ void run_show(context &ctx, const arguments &args)
 }
 
 // The product is 32 bits wide in kelm.
-void check_detection_time(uint8_t multiplier, kelm_microsecs interval)
+void check_detection_time(std::uint8_t multiplier, kelm_microsecs interval)
 {
-    const uint64_t detection_time = uint64_t{multiplier} * interval;
-    if (detection_time == 0 || detection_time > std::numeric_limits<uint32_t>::max())
+    const std::uint64_t detection_time = std::uint64_t{multiplier} * interval;
+    if (detection_time == 0 || detection_time > std::numeric_limits<std::uint32_t>::max())
         throw usage_error("multiplier times interval must be more than 0 and below 4294 seconds");
 }
 
@@ -95,23 +95,23 @@ void fill_authentication(kelm_msg_rx_set_session &settings, const arguments &arg
 
 void fill_latch(kelm_msg_rx_set_session &settings, const arguments &args)
 {
-    const auto list =
-        args.has("latch") ? parse_discriminators(*args.text("latch")) : std::vector<uint32_t>{};
+    const auto list = args.has("latch") ? parse_discriminators(*args.text("latch"))
+                                        : std::vector<std::uint32_t>{};
     if (list.size() > KELM_NUM_LATCH_TX_PACKETS)
         throw usage_error("latch: a session can latch 8 packets at most");
     std::ranges::copy(list, settings.latch_tx_packets);
-    settings.latch_diagnostic = static_cast<uint8_t>(
+    settings.latch_diagnostic = static_cast<std::uint8_t>(
         args.choice("latch-diag", kelm::diagnostic_names).value_or(BFD_DIAG_CTRL_TIMEOUT));
 }
 
 void run_set(context &ctx, const arguments &args)
 {
-    const uint32_t discriminator = args.required_discriminator();
+    const std::uint32_t discriminator = args.required_discriminator();
     kelm_msg_rx_set_session settings = {};
     settings.header.discriminator = discriminator;
-    settings.type = static_cast<uint8_t>(
+    settings.type = static_cast<std::uint8_t>(
         args.choice("type", kelm::session_type_names).value_or(KELM_RX_SESSION_BFD));
-    settings.multiplier = static_cast<uint8_t>(args.number("multiplier", 1, 255).value_or(3));
+    settings.multiplier = static_cast<std::uint8_t>(args.number("multiplier", 1, 255).value_or(3));
     settings.period = args.required("interval", args.duration("interval"));
     check_detection_time(settings.multiplier, settings.period);
     if (args.on_off("timer").value_or(true))

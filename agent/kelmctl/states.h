@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What the statistics do not tell of a session.
-#ifndef KELMCTL_STATES_H
-#define KELMCTL_STATES_H
+#pragma once
 
 #include <map>
 #include <optional>
@@ -17,11 +16,9 @@ struct session_state {
     std::optional<kelm::packet_change> last_frame; // that was passed up
 };
 
-using session_states = std::map<uint32_t, session_state>; // by discriminator
+using session_states = std::map<std::uint32_t, session_state>; // by discriminator
 
 // kelm has it for one namespace at a time: empty with -A.
 session_states read_states(context &);
 
 } // namespace kelmctl
-
-#endif

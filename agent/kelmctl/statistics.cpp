@@ -12,11 +12,11 @@ namespace kelmctl
 namespace
 {
 
-constexpr uint32_t max_interval = 65535;
+constexpr std::uint32_t max_interval = 65535;
 
 void run_show(context &ctx, const arguments &args)
 {
-    const uint32_t clear = args.has("clear") ? KELM_STATS_CLEAR : 0;
+    const std::uint32_t clear = args.has("clear") ? KELM_STATS_CLEAR : 0;
     const statistics stats = read_statistics(ctx, args.discriminator().value_or(0), clear);
     for (auto list : {session_records(stats), packet_records(stats), module_records(stats)})
         ctx.out.list(std::move(list));
@@ -25,8 +25,8 @@ void run_show(context &ctx, const arguments &args)
 // Nothing is read, so that nothing can be lost on the way.
 void run_clear(context &ctx, const arguments &args)
 {
-    const uint32_t discriminator = args.discriminator().value_or(0);
-    uint32_t flags = KELM_STATS_CLEAR | KELM_STATS_NO_REPORT;
+    const std::uint32_t discriminator = args.discriminator().value_or(0);
+    std::uint32_t flags = KELM_STATS_CLEAR | KELM_STATS_NO_REPORT;
     if (discriminator == 0)
         flags |= KELM_STATS_MODULE;
     if (ctx.opts().all_vrfs)
@@ -37,9 +37,9 @@ void run_clear(context &ctx, const arguments &args)
 void run_interval(context &ctx, const arguments &args)
 {
     const std::string text = *args.operand(0);
-    const uint32_t seconds =
+    const std::uint32_t seconds =
         text == "off" ? 0 : parse_number("interval (seconds, or off)", text, 1, max_interval);
-    ctx.client().execute(kelm::set_stats_interval(static_cast<uint16_t>(seconds)));
+    ctx.client().execute(kelm::set_stats_interval(static_cast<std::uint16_t>(seconds)));
 }
 
 constexpr parameter show_parameters[] = {
@@ -81,7 +81,7 @@ constinit const std::span<const command> statistics_commands = commands;
 
 // A message does not say which vrf it belongs to, but the module's counters end each vrf's. A
 // dump that began over repeats records: the later ones count.
-statistics read_statistics(context &ctx, uint32_t discriminator, uint32_t flags)
+statistics read_statistics(context &ctx, std::uint32_t discriminator, std::uint32_t flags)
 {
     const bool all_vrfs = ctx.opts().all_vrfs;
     if (discriminator != 0 && all_vrfs && (flags & KELM_STATS_CLEAR) != 0)

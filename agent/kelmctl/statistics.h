@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef KELMCTL_STATISTICS_H
-#define KELMCTL_STATISTICS_H
+#pragma once
 
 #include <map>
 #include <utility>
@@ -11,7 +10,7 @@
 namespace kelmctl
 {
 
-using statistics_key = std::pair<vrf_number, uint32_t>; // and discriminator
+using statistics_key = std::pair<vrf_number, std::uint32_t>; // and discriminator
 
 // A statistics dump in order, each record once.
 struct statistics {
@@ -22,12 +21,10 @@ struct statistics {
 
 // Of one discriminator, or of all (0); of all namespaces if the options say so. `flags`:
 // KELM_STATS_CLEAR.
-statistics read_statistics(context &, uint32_t discriminator, uint32_t flags = 0);
+statistics read_statistics(context &, std::uint32_t discriminator, std::uint32_t flags = 0);
 
 std::vector<record> session_records(const statistics &);
 std::vector<record> packet_records(const statistics &);
 std::vector<record> module_records(const statistics &);
 
 } // namespace kelmctl
-
-#endif

@@ -10,11 +10,11 @@ namespace kelmctl
 namespace
 {
 
-constexpr size_t gap = 2;
+constexpr std::size_t gap = 2;
 
 struct column {
     std::string label;
-    size_t width;
+    std::size_t width;
     bool right;
 };
 
@@ -50,9 +50,9 @@ std::vector<column> find_columns(const std::vector<record> &records)
     return columns;
 }
 
-size_t total_width(const std::vector<column> &columns)
+std::size_t total_width(const std::vector<column> &columns)
 {
-    size_t total = 0;
+    std::size_t total = 0;
     for (const auto &column : columns)
         total += (total == 0 ? 0 : gap) + column.width;
     return total;
@@ -61,7 +61,7 @@ size_t total_width(const std::vector<column> &columns)
 std::string row(const std::vector<column> &columns, const std::vector<std::string> &texts)
 {
     std::string line;
-    for (size_t i = 0; i < columns.size(); i++) {
+    for (std::size_t i = 0; i < columns.size(); ++i) {
         const std::string padding(columns[i].width - texts[i].size(), ' ');
         line += (i == 0 ? "" : std::string(gap, ' ')) +
                 (columns[i].right ? padding + texts[i] : texts[i] + padding);
@@ -71,7 +71,7 @@ std::string row(const std::vector<column> &columns, const std::vector<std::strin
 
 } // namespace
 
-std::vector<std::string> table_lines(const std::vector<record> &records, size_t max_width,
+std::vector<std::string> table_lines(const std::vector<record> &records, std::size_t max_width,
                                      std::span<const std::string_view> expendable)
 {
     std::vector<column> columns = find_columns(records);

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The object "top": sessions and packets, refreshed all the time.
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <thread>
+#include <unistd.h>
 
 #include "kelmctl/arguments.h"
 #include "kelmctl/objects.h"
@@ -27,7 +26,7 @@ constexpr kelm_microsecs least_interval = 100'000;
 
 struct refresh_settings {
     milliseconds interval;
-    std::optional<uint32_t> count;
+    std::optional<std::uint32_t> count;
 };
 
 top_sample take_sample(context &ctx)
@@ -35,7 +34,8 @@ top_sample take_sample(context &ctx)
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     top_sample sample;
-    sample.taken = {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec)};
+    sample.taken = {static_cast<std::uint32_t>(now.tv_sec),
+                    static_cast<std::uint32_t>(now.tv_nsec)};
     sample.stats = read_statistics(ctx, 0);
     sample.states = read_states(ctx);
     for (const auto &[discriminator, state] : sample.states)
@@ -45,7 +45,7 @@ top_sample take_sample(context &ctx)
 }
 
 // As other programs take it from the shell.
-size_t columns_of_environment()
+std::size_t columns_of_environment()
 {
     const char *columns = std::getenv("COLUMNS");
     const unsigned long number = columns == nullptr ? 0 : std::strtoul(columns, nullptr, 10);
@@ -68,7 +68,7 @@ void show_plain(context &ctx, const top_sample &now, const top_sample *before)
 void run_plain(context &ctx, const refresh_settings &settings)
 {
     std::optional<top_sample> before;
-    for (uint32_t shown = 0; !settings.count || shown < *settings.count; shown++) {
+    for (std::uint32_t shown = 0; !settings.count || shown < *settings.count; ++shown) {
         if (before)
             std::this_thread::sleep_for(settings.interval);
         top_sample now = take_sample(ctx);
@@ -97,7 +97,7 @@ void run_live(context &ctx, const refresh_settings &settings)
     top_sample now = take_sample(ctx); // an error is told before the screen is taken
     std::optional<top_sample> before;
     screen screen;
-    for (uint32_t shown = 1;; shown++) {
+    for (std::uint32_t shown = 1;; ++shown) {
         if (!show_live(ctx, screen, now, before ? &*before : nullptr, settings.interval) ||
             shown == settings.count)
             return;

@@ -50,14 +50,15 @@ std::vector<entry> entries(const top_sample &sample)
     return list;
 }
 
-double seconds(uint64_t secs, uint64_t nsecs)
+double seconds(std::uint64_t secs, std::uint64_t nsecs)
 {
     return static_cast<double>(secs) + static_cast<double>(nsecs) / 1e9;
 }
 
 // How often a counter of a message went up per second; nothing where it began anew meanwhile.
 template<typename Message>
-std::optional<double> rate(const Message *now, const Message *before, uint64_t Message::*counter)
+std::optional<double> rate(const Message *now, const Message *before,
+                           std::uint64_t Message::*counter)
 {
     if (now == nullptr || before == nullptr || now->*counter < before->*counter)
         return std::nullopt;
@@ -68,7 +69,7 @@ std::optional<double> rate(const Message *now, const Message *before, uint64_t M
     return static_cast<double>(now->*counter - before->*counter) / time;
 }
 
-uint64_t late(const kelm_msg_tx_stats &tx)
+std::uint64_t late(const kelm_msg_tx_stats &tx)
 {
     return tx.sent_within_2p + tx.sent_within_3p + tx.sent_after_3p;
 }
@@ -139,7 +140,8 @@ void add_reception(record &to, const kelm_msg_rx_stats &rx, const kelm_msg_rx_st
     to.number("num_timeout", "failed", rx.num_timeout);
     to.number("num_auth_fail", "auth failed", rx.num_auth_fail);
     to.age("last_rx_time", "last", rx.last_rx_time,
-           {static_cast<uint32_t>(rx.timestamp_secs), static_cast<uint32_t>(rx.timestamp_nsecs)});
+           {static_cast<std::uint32_t>(rx.timestamp_secs),
+            static_cast<std::uint32_t>(rx.timestamp_nsecs)});
 }
 
 record make_record(const entry &entry, const top_sample &now, const top_sample *before)
@@ -168,14 +170,14 @@ std::vector<entry> sorted_entries(const top_sample &sample)
     return list;
 }
 
-std::string counted(size_t number, const char *what)
+std::string counted(std::size_t number, const char *what)
 {
     return std::to_string(number) + ' ' + what + (number == 1 ? "" : "s");
 }
 
-std::string summary(const top_sample &now, size_t failed)
+std::string summary(const top_sample &now, std::size_t failed)
 {
-    uint64_t sent_late = 0;
+    std::uint64_t sent_late = 0;
     for (const auto &[key, tx] : now.stats.packets)
         sent_late += late(tx);
     return "kelm " + format_time(now.taken, false).substr(0, 8) + "  " +
@@ -187,9 +189,9 @@ std::string summary(const top_sample &now, size_t failed)
 // What the module has not been able to do anything with, or to tell anybody.
 std::string module_summary(const top_sample &now)
 {
-    uint64_t invalid = 0;
-    uint64_t nobody = 0;
-    uint64_t unheard = 0;
+    std::uint64_t invalid = 0;
+    std::uint64_t nobody = 0;
+    std::uint64_t unheard = 0;
     for (const auto &[vrf, module] : now.stats.modules) {
         invalid += module.rfc_drops;
         nobody += module.num_invalid_sessions + module.num_passup_disc_0;
@@ -199,11 +201,11 @@ std::string module_summary(const top_sample &now)
            " for no session  events unheard: " + std::to_string(unheard);
 }
 
-void shorten(std::vector<top_line> &lines, size_t rows)
+void shorten(std::vector<top_line> &lines, std::size_t rows)
 {
     if (lines.size() <= rows || rows == 0)
         return;
-    const size_t hidden = lines.size() - (rows - 1);
+    const std::size_t hidden = lines.size() - (rows - 1);
     lines.resize(rows - 1);
     lines.push_back({"... and " + std::to_string(hidden) + " more"});
 }
@@ -222,7 +224,7 @@ std::vector<top_line> top_lines(const top_sample &now, const top_sample *before,
                                 const top_form &form)
 {
     const auto list = sorted_entries(now);
-    const auto failed = static_cast<size_t>(std::ranges::count_if(list, has_failed));
+    const auto failed = static_cast<std::size_t>(std::ranges::count_if(list, has_failed));
     std::vector<top_line> lines = {{summary(now, failed)}, {module_summary(now)}, {""}};
 
     std::vector<record> records = top_records(now, before);
@@ -230,7 +232,7 @@ std::vector<top_line> top_lines(const top_sample &now, const top_sample *before,
         for (auto &record : records)
             record.tell_times();
     auto look = top_line::style::heading;
-    size_t row = 0;
+    std::size_t row = 0;
     for (auto &text : table_lines(records, form.columns, expendable)) {
         lines.push_back({std::move(text), look});
         look = row++ < failed ? top_line::style::alarm : top_line::style::plain;

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What the live screen shows, made from what kelm has told: nothing here touches a terminal.
-#ifndef KELMCTL_TOP_VIEW_H
-#define KELMCTL_TOP_VIEW_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -21,12 +20,12 @@ struct top_sample {
     kelm_time taken = {};
     statistics stats;
     session_states states;
-    std::map<uint32_t, std::string> links; // names by index, of the interfaces in `states`
+    std::map<std::uint32_t, std::string> links; // names by index, of the interfaces in `states`
 };
 
 struct top_form {
-    size_t columns = any_width;
-    size_t rows = any_width;
+    std::size_t columns = any_width;
+    std::size_t rows = any_width;
     bool timestamps = false; // date and time instead of ages
 };
 
@@ -45,5 +44,3 @@ std::vector<record> top_records(const top_sample &now, const top_sample *before)
 std::vector<top_line> top_lines(const top_sample &now, const top_sample *before, const top_form &);
 
 } // namespace kelmctl
-
-#endif

@@ -22,11 +22,12 @@ namespace
 
 } // namespace
 
-uint32_t parse_number(std::string_view what, const std::string &text, uint32_t least, uint32_t most)
+std::uint32_t parse_number(std::string_view what, const std::string &text, std::uint32_t least,
+                           std::uint32_t most)
 {
     const bool hexadecimal = text.starts_with("0x");
     const char *end = text.data() + text.size();
-    uint32_t number = 0;
+    std::uint32_t number = 0;
     const auto [stop, problem] =
         std::from_chars(text.data() + (hexadecimal ? 2 : 0), end, number, hexadecimal ? 16 : 10);
     if (problem != std::errc() || stop != end || number < least || number > most)
@@ -43,7 +44,7 @@ kelm_microsecs parse_duration(std::string_view what, const std::string &text)
     return *duration;
 }
 
-uint32_t parse_name(std::string_view what, kelm::name_table names, const std::string &text)
+std::uint32_t parse_name(std::string_view what, kelm::name_table names, const std::string &text)
 {
     const auto number = kelm::number_of(names, text);
     if (!number)
@@ -74,16 +75,16 @@ kelm::mac_address parse_mac(std::string_view what, const std::string &text)
     return *address;
 }
 
-uint32_t parse_discriminator(const std::string &text)
+std::uint32_t parse_discriminator(const std::string &text)
 {
-    return parse_number("discriminator", text, 1, std::numeric_limits<uint32_t>::max());
+    return parse_number("discriminator", text, 1, std::numeric_limits<std::uint32_t>::max());
 }
 
-std::vector<uint32_t> parse_discriminators(const std::string &text)
+std::vector<std::uint32_t> parse_discriminators(const std::string &text)
 {
-    std::vector<uint32_t> list;
-    for (size_t start = 0; start <= text.size();) {
-        const size_t comma = std::min(text.find(',', start), text.size());
+    std::vector<std::uint32_t> list;
+    for (std::size_t start = 0; start <= text.size();) {
+        const std::size_t comma = std::min(text.find(',', start), text.size());
         list.push_back(parse_discriminator(text.substr(start, comma - start)));
         start = comma + 1;
     }

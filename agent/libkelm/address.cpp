@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/address.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
+#include <arpa/inet.h>
 #include <charconv>
 #include <cstdio>
 
@@ -22,7 +21,7 @@ std::optional<ip_address> ip_address::parse(const std::string &text)
     return std::nullopt;
 }
 
-ip_address ip_address::from(int family, const uint8_t *octets)
+ip_address ip_address::from(int family, const std::uint8_t *octets)
 {
     ip_address address;
     address.family = family;
@@ -48,7 +47,7 @@ std::optional<mac_address> mac_address::parse(const std::string &text)
     mac_address address;
     const char *at = text.data();
     const char *const end = at + text.size();
-    for (size_t i = 0; i < address.octets.size(); i++) {
+    for (std::size_t i = 0; i < address.octets.size(); ++i) {
         if (i > 0 && (at == end || *at++ != ':'))
             return std::nullopt;
         const auto [stop, problem] = std::from_chars(at, end, address.octets[i], 16);

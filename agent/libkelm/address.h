@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Addresses as people type them and as packets hold them.
-#ifndef LIBKELM_ADDRESS_H
-#define LIBKELM_ADDRESS_H
+#pragma once
 
 #include <array>
 #include <optional>
@@ -15,12 +14,12 @@ namespace kelm
 
 struct ip_address {
     int family = 0; // AF_INET, AF_INET6, or 0: no address
-    std::array<uint8_t, 16> octets{};
+    std::array<std::uint8_t, 16> octets{};
 
     // IPv4 or IPv6, in its usual text form, without a scope.
     static std::optional<ip_address> parse(const std::string &text);
     // 4 octets for AF_INET, 16 for AF_INET6.
-    static ip_address from(int family, const uint8_t *octets);
+    static ip_address from(int family, const std::uint8_t *octets);
 
     byte_view view() const;   // the octets of the address's family; none without one
     std::string text() const; // "-" without an address
@@ -28,7 +27,7 @@ struct ip_address {
 };
 
 struct mac_address {
-    std::array<uint8_t, 6> octets{};
+    std::array<std::uint8_t, 6> octets{};
 
     // "02:00:00:aa:bb:cc"; a leading zero of an octet may be missing.
     static std::optional<mac_address> parse(const std::string &text);
@@ -37,5 +36,3 @@ struct mac_address {
 };
 
 } // namespace kelm
-
-#endif

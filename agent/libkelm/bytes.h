@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef LIBKELM_BYTES_H
-#define LIBKELM_BYTES_H
+#pragma once
 
 #include <cstdint>
 #include <span>
@@ -10,10 +9,8 @@ namespace kelm
 {
 
 // In a packet or message.
-using bytes = std::vector<uint8_t>;
+using bytes = std::vector<std::uint8_t>;
 // Somebody else's bytes.
-using byte_view = std::span<const uint8_t>;
+using byte_view = std::span<const std::uint8_t>;
 
 } // namespace kelm
-
-#endif

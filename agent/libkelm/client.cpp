@@ -15,7 +15,7 @@ namespace
 using std::chrono::steady_clock;
 
 constexpr int dump_attempts = 5;
-constexpr size_t max_queued_events = 1 << 14;
+constexpr std::size_t max_queued_events = 1 << 14;
 
 milliseconds until(steady_clock::time_point deadline)
 {
@@ -42,7 +42,7 @@ std::vector<report> client::execute(const request &req)
 
 std::vector<report> client::dump(const request &req)
 {
-    for (int attempt = 0; attempt < dump_attempts; attempt++) {
+    for (int attempt = 0; attempt < dump_attempts; ++attempt) {
         answer got = converse(req, 0);
         if (!got.lost && !got.interrupted)
             return std::move(got.reports);
@@ -54,7 +54,7 @@ std::vector<report> client::dump(const request &req)
                              " attempts: notifications come in faster than they are read");
 }
 
-std::vector<report> client::statistics(uint32_t discriminator, uint32_t flags)
+std::vector<report> client::statistics(std::uint32_t discriminator, std::uint32_t flags)
 {
     const request req = get_stats(discriminator, flags);
     return starts_dump(req) ? dump(req) : execute(req);
@@ -62,9 +62,9 @@ std::vector<report> client::statistics(uint32_t discriminator, uint32_t flags)
 
 // Sends the request and reads until its acknowledgement or the end of its dump. Events, however
 // many, are no sign that the answer is under way.
-client::answer client::converse(const request &req, uint16_t flags)
+client::answer client::converse(const request &req, std::uint16_t flags)
 {
-    sequence_++;
+    ++sequence_;
     socket_.send(encode(req, flags, sequence_, socket_.port_id()));
 
     answer got;
@@ -83,7 +83,7 @@ client::answer client::converse(const request &req, uint16_t flags)
         case transport::outcome::datagram:
             break;
         }
-        const size_t before = got.reports.size();
+        const std::size_t before = got.reports.size();
         message_reader reader(datagram);
         while (auto msg = reader.next())
             take_answer(*msg, got);
@@ -101,7 +101,7 @@ client::answer client::converse(const request &req, uint16_t flags)
 // Sorts one message: to the answer, or to the events.
 void client::take_answer(const message &msg, answer &into)
 {
-    const uint16_t type = msg.header.nlmsg_type;
+    const std::uint16_t type = msg.header.nlmsg_type;
     if (type == NLMSG_OVERRUN)
         into.lost = true;
     if (msg.header.nlmsg_seq != sequence_ || msg.header.nlmsg_pid != socket_.port_id()) {
@@ -112,7 +112,7 @@ void client::take_answer(const message &msg, answer &into)
         into.interrupted = true;
     if (type == NLMSG_ERROR || type == NLMSG_DONE) {
         // Both begin with 0 or a negative error number; a done message may come without.
-        into.result = read_as<int32_t>(msg.body).value_or(0);
+        into.result = read_as<std::int32_t>(msg.body).value_or(0);
         return;
     }
     into.reports.push_back(parse_report(msg));

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // An agent's connection to kelm.
-#ifndef LIBKELM_CLIENT_H
-#define LIBKELM_CLIENT_H
+#pragma once
 
 #include <functional>
 
@@ -36,10 +35,10 @@ class client
 
     // Statistics of one discriminator or of all (0), KELM_STATS_* in `flags`: execute() or dump(),
     // whichever such a request needs.
-    std::vector<report> statistics(uint32_t discriminator, uint32_t flags);
+    std::vector<report> statistics(std::uint32_t discriminator, std::uint32_t flags);
 
     // Hears the groups of `mask` from now on (bit 0 is group 1: KELM_NLG_NUM_CONTROL).
-    void subscribe(uint32_t mask) { socket_.set_groups(mask); }
+    void subscribe(std::uint32_t mask) { socket_.set_groups(mask); }
 
     // The next event, waited for at most `timeout`. Before the caller polls fd() itself it must
     // have got nothing from a call with timeout 0: events may be waiting that no longer make the
@@ -56,22 +55,20 @@ class client
   private:
     struct answer {
         std::vector<report> reports;
-        std::optional<int64_t> result; // 0 or a negative error number, once it is complete
-        bool lost = false;             // datagrams were lost while it was awaited
-        bool interrupted = false;      // kelm says that the dump is not consistent
+        std::optional<std::int64_t> result; // 0 or a negative error number, once it is complete
+        bool lost = false;                  // datagrams were lost while it was awaited
+        bool interrupted = false;           // kelm says that the dump is not consistent
     };
 
-    answer converse(const request &, uint16_t flags);
+    answer converse(const request &, std::uint16_t flags);
     void take_answer(const message &, answer &into);
     void queue_event(report);
     void receive_events(const bytes &datagram);
 
     transport socket_;
-    uint32_t sequence_;
+    std::uint32_t sequence_;
     milliseconds answer_timeout_ = answer_timeout;
     std::deque<report> events_;
 };
 
 } // namespace kelm
-
-#endif

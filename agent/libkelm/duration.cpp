@@ -12,7 +12,7 @@ namespace kelm
 namespace
 {
 
-constexpr uint64_t us_per_second = 1'000'000;
+constexpr std::uint64_t us_per_second = 1'000'000;
 
 struct unit {
     std::string_view name;
@@ -22,7 +22,7 @@ struct unit {
 constexpr unit units[] = {{"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"min", 60e6}};
 
 // Four significant digits, no trailing zeros.
-std::string format_scaled(uint64_t microseconds, double unit, const char *name)
+std::string format_scaled(std::uint64_t microseconds, double unit, const char *name)
 {
     char buffer[32];
     const double value = static_cast<double>(microseconds) / unit;
@@ -38,7 +38,7 @@ std::optional<kelm_microsecs> parse_duration(const std::string &text)
     double number = 0;
     const auto [stop, problem] =
         std::from_chars(text.data(), end, number, std::chars_format::fixed);
-    const std::string_view suffix(stop, static_cast<size_t>(end - stop));
+    const std::string_view suffix(stop, static_cast<std::size_t>(end - stop));
     if (problem != std::errc() || number < 0)
         return std::nullopt;
     if (number == 0 && suffix.empty())
@@ -51,10 +51,10 @@ std::optional<kelm_microsecs> parse_duration(const std::string &text)
     return std::nullopt;
 }
 
-std::string format_duration(uint64_t microseconds)
+std::string format_duration(std::uint64_t microseconds)
 {
-    const uint64_t seconds = microseconds / us_per_second;
-    const auto two = [](uint64_t large, const char *large_name, uint64_t small,
+    const std::uint64_t seconds = microseconds / us_per_second;
+    const auto two = [](std::uint64_t large, const char *large_name, std::uint64_t small,
                         const char *small_name) {
         return std::to_string(large) + large_name +
                (small == 0 ? "" : " " + std::to_string(small) + small_name);

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Times as people type and read them.
-#ifndef LIBKELM_DURATION_H
-#define LIBKELM_DURATION_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -17,8 +16,6 @@ namespace kelm
 std::optional<kelm_microsecs> parse_duration(const std::string &text);
 
 // "750us", "98.1ms", "1.5s", "2min 3s", "5h 12min"
-std::string format_duration(uint64_t microseconds);
+std::string format_duration(std::uint64_t microseconds);
 
 } // namespace kelm
-
-#endif

@@ -13,7 +13,7 @@ namespace
 {
 
 struct request_name {
-    uint16_t type;
+    std::uint16_t type;
     const char *doing;
     const char *of = ""; // in front of the discriminator
 };
@@ -31,7 +31,7 @@ constexpr request_name request_names[] = {
 };
 
 struct explanation {
-    uint16_t type; // 0: any request
+    std::uint16_t type; // 0: any request
     int number;
     const char *text;
 };
@@ -82,7 +82,7 @@ constexpr explanation explanations[] = {
     {0, EBUSY, "another dump is still running on this socket"},
 };
 
-std::string refusal(uint16_t type, uint32_t discriminator, int number)
+std::string refusal(std::uint16_t type, std::uint32_t discriminator, int number)
 {
     request_name name = {type, "send the request"};
     for (const auto &entry : request_names)
@@ -98,7 +98,7 @@ std::string refusal(uint16_t type, uint32_t discriminator, int number)
 
 } // namespace
 
-refused::refused(uint16_t message_type, uint32_t discriminator, int number)
+refused::refused(std::uint16_t message_type, std::uint32_t discriminator, int number)
     : error(number, refusal(message_type, discriminator, number)), message_type_(message_type)
 {
 }
@@ -108,7 +108,7 @@ void throw_errno(int number, const std::string &what)
     throw error(number, what + ": " + errno_text(number));
 }
 
-std::string explain(uint16_t message_type, int number)
+std::string explain(std::uint16_t message_type, int number)
 {
     for (const auto &entry : explanations)
         if ((entry.type == message_type || entry.type == 0) && entry.number == number)

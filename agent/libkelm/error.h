@@ -2,8 +2,7 @@
 //
 // How libkelm reports failure: exceptions that carry the error number and a sentence for people,
 // which says what was wrong and, where that helps, what to do.
-#ifndef LIBKELM_ERROR_H
-#define LIBKELM_ERROR_H
+#pragma once
 
 #include <cstdint>
 #include <stdexcept>
@@ -31,13 +30,13 @@ class refused : public error
 {
   public:
     // `number` is the positive errno value of kelm's answer.
-    refused(uint16_t message_type, uint32_t discriminator, int number);
+    refused(std::uint16_t message_type, std::uint32_t discriminator, int number);
 
     // kelm_message_numbers: that of the request.
-    uint16_t message_type() const noexcept { return message_type_; }
+    std::uint16_t message_type() const noexcept { return message_type_; }
 
   private:
-    uint16_t message_type_;
+    std::uint16_t message_type_;
 };
 
 // Throws error with "<what>: <text of number> (<NAME>)".
@@ -45,11 +44,9 @@ class refused : public error
 
 // What the positive error number means as the answer to a request of this message type. Empty if
 // it has no meaning of its own there.
-std::string explain(uint16_t message_type, int number);
+std::string explain(std::uint16_t message_type, int number);
 
 // "Invalid argument (EINVAL)"
 std::string errno_text(int number);
 
 } // namespace kelm
-
-#endif

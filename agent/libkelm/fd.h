@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef LIBKELM_FD_H
-#define LIBKELM_FD_H
+#pragma once
 
 #include <unistd.h>
-
 #include <utility>
 
 namespace kelm
@@ -36,5 +34,3 @@ class unique_fd
 };
 
 } // namespace kelm
-
-#endif

@@ -9,17 +9,17 @@ namespace kelm
 namespace
 {
 
-uint16_t u16_at(byte_view from, size_t offset)
+std::uint16_t u16_at(byte_view from, std::size_t offset)
 {
-    return static_cast<uint16_t>(from[offset] << 8 | from[offset + 1]);
+    return static_cast<std::uint16_t>(from[offset] << 8 | from[offset + 1]);
 }
 
-uint32_t u32_at(byte_view from, size_t offset)
+std::uint32_t u32_at(byte_view from, std::size_t offset)
 {
-    return static_cast<uint32_t>(u16_at(from, offset)) << 16 | u16_at(from, offset + 2);
+    return static_cast<std::uint32_t>(u16_at(from, offset)) << 16 | u16_at(from, offset + 2);
 }
 
-bool has_sequence(uint8_t auth_type)
+bool has_sequence(std::uint8_t auth_type)
 {
     return (auth_type >= BFD_AUTH_KEYED_MD5 && auth_type <= BFD_AUTH_METICULOUS_SHA1) ||
            auth_type == BFD_AUTH_DEBUG_SEQNUM;
@@ -60,15 +60,15 @@ std::optional<bfd_packet> decode_bfd(byte_view control)
 {
     if (control.size() < BFD_CTRL_LEN)
         return std::nullopt;
-    const uint8_t flags = control[1];
+    const std::uint8_t flags = control[1];
     bfd_packet packet;
     packet.version = control[0] >> BFD_VERSION_SHIFT;
     packet.length = control[3];
     packet.multipoint = (flags & BFD_FLAG_MULTIPOINT) != 0;
     packet.auth_present = (flags & BFD_FLAG_AUTH_PRESENT) != 0;
     packet.fields = {
-        .diag = static_cast<uint8_t>(control[0] & BFD_DIAG_MASK),
-        .state = static_cast<uint8_t>(flags >> BFD_STATE_SHIFT),
+        .diag = static_cast<std::uint8_t>(control[0] & BFD_DIAG_MASK),
+        .state = static_cast<std::uint8_t>(flags >> BFD_STATE_SHIFT),
         .poll = (flags & BFD_FLAG_POLL) != 0,
         .final = (flags & BFD_FLAG_FINAL) != 0,
         .control_plane_independent = (flags & BFD_FLAG_CONTROL_PLANE_INDEPENDENT) != 0,

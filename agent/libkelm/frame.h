@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // BFD packets as they came from the wire: taken apart for people and state machines.
-#ifndef LIBKELM_FRAME_H
-#define LIBKELM_FRAME_H
+#pragma once
 
 #include "libkelm/packet.h"
 #include "libkelm/report.h"
@@ -12,16 +11,16 @@ namespace kelm
 
 // The authentication section, without its secret.
 struct bfd_auth_info {
-    uint8_t type = BFD_AUTH_NONE;
-    uint8_t length = 0;
-    uint8_t key_id = 0;               // 0 for the debug sequence number, which has none
-    std::optional<uint32_t> sequence; // for the types that have one
+    std::uint8_t type = BFD_AUTH_NONE;
+    std::uint8_t length = 0;
+    std::uint8_t key_id = 0;               // 0 for the debug sequence number, which has none
+    std::optional<std::uint32_t> sequence; // for the types that have one
 };
 
 // A control packet.
 struct bfd_packet {
-    uint8_t version = 0;
-    uint8_t length = 0; // as the packet says, not as received
+    std::uint8_t version = 0;
+    std::uint8_t length = 0; // as the packet says, not as received
     bool multipoint = false;
     bool auth_present = false;
     bfd_fields fields;
@@ -36,9 +35,9 @@ std::optional<bfd_packet> decode_bfd(byte_view control);
 struct frame_info {
     ip_address source; // family 0 where there is no readable IP header
     ip_address destination;
-    uint8_t ttl = 0; // or hop limit
-    uint16_t source_port = 0;
-    uint16_t destination_port = 0;
+    std::uint8_t ttl = 0; // or hop limit
+    std::uint16_t source_port = 0;
+    std::uint16_t destination_port = 0;
     bfd_packet bfd;
 };
 
@@ -46,5 +45,3 @@ struct frame_info {
 std::optional<frame_info> decode_frame(const packet_change &);
 
 } // namespace kelm
-
-#endif

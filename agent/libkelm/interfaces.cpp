@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/interfaces.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-
-#include <algorithm>
-#include <cerrno>
 
 #include "libkelm/error.h"
 #include "libkelm/netns.h"
@@ -37,15 +36,15 @@ interfaces::interfaces(const std::string &netns)
         throw_errno(errno, "cannot open a socket");
 }
 
-std::optional<uint32_t> interfaces::index(const std::string &name) const
+std::optional<std::uint32_t> interfaces::index(const std::string &name) const
 {
     auto req = named_request(name);
     if (!req || ioctl(socket_.get(), SIOCGIFINDEX, &*req) != 0)
         return std::nullopt;
-    return static_cast<uint32_t>(req->ifr_ifindex);
+    return static_cast<std::uint32_t>(req->ifr_ifindex);
 }
 
-std::string interfaces::name(uint32_t index) const
+std::string interfaces::name(std::uint32_t index) const
 {
     ifreq req = {};
     req.ifr_ifindex = static_cast<int>(index);

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef LIBKELM_INTERFACES_H
-#define LIBKELM_INTERFACES_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -19,9 +18,9 @@ class interfaces
     explicit interfaces(const std::string &netns = {});
 
     // Nothing where there is no such interface.
-    std::optional<uint32_t> index(const std::string &name) const;
+    std::optional<std::uint32_t> index(const std::string &name) const;
     // "if7" for an index that has no interface (any more).
-    std::string name(uint32_t index) const;
+    std::string name(std::uint32_t index) const;
     // Nothing where there is no such interface, or one that is not Ethernet's.
     std::optional<mac_address> mac(const std::string &name) const;
 
@@ -30,5 +29,3 @@ class interfaces
 };
 
 } // namespace kelm
-
-#endif

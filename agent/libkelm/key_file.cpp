@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/key_file.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
-
-#include <cerrno>
 
 #include "libkelm/error.h"
 #include "libkelm/fd.h"
@@ -15,7 +14,7 @@ namespace kelm
 namespace
 {
 
-constexpr size_t max_key_file = 4096; // far above any key; somebody named the wrong file
+constexpr std::size_t max_key_file = 4096; // far above any key; somebody named the wrong file
 
 } // namespace
 
@@ -30,11 +29,11 @@ bytes read_key_file(const std::string &path, bool &is_exposed)
         fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & 077) != 0;
 
     bytes key(max_key_file + 1);
-    size_t length = 0;
+    std::size_t length = 0;
     ssize_t got = 0;
     while (length < key.size() &&
            (got = read(file.get(), key.data() + length, key.size() - length)) > 0)
-        length += static_cast<size_t>(got);
+        length += static_cast<std::size_t>(got);
     if (got < 0)
         throw_errno(errno, "cannot read key file " + path);
     if (length > max_key_file)

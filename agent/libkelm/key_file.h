@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef LIBKELM_KEY_FILE_H
-#define LIBKELM_KEY_FILE_H
+#pragma once
 
 #include <string>
 
@@ -15,5 +14,3 @@ namespace kelm
 bytes read_key_file(const std::string &path, bool &is_exposed);
 
 } // namespace kelm
-
-#endif

@@ -21,7 +21,7 @@ namespace
 
 // A report in the form that kelm_report points to.
 struct encoded_report {
-    uint16_t type;
+    std::uint16_t type;
     kelm::bytes body;
 
     kelm_report view() const { return {.type = type, .length = body.size(), .body = body.data()}; }
@@ -36,7 +36,7 @@ struct kelm_client {
 
 struct kelm_dump {
     std::vector<encoded_report> reports;
-    size_t next = 0;
+    std::size_t next = 0;
 };
 
 namespace
@@ -72,9 +72,9 @@ int execute(kelm_client *client, const kelm::request &request)
     return 0;
 }
 
-kelm::byte_view view(const void *data, size_t length)
+kelm::byte_view view(const void *data, std::size_t length)
 {
-    return {static_cast<const uint8_t *>(data), length};
+    return {static_cast<const std::uint8_t *>(data), length};
 }
 
 // A fixed body with whatever follows it.
@@ -116,7 +116,7 @@ struct report_encoder {
         head.member_ifindex = change.member_ifindex;
         head.l3_offset = change.l3_offset;
         head.bfd_offset = change.bfd_offset;
-        head.packet_len = static_cast<uint32_t>(change.frame.size());
+        head.packet_len = static_cast<std::uint32_t>(change.frame.size());
         return {KELM_MSG_RX_PACKET_CHANGE, concatenate(head, change.frame)};
     }
     encoded_report operator()(const kelm::session_failure &failure) const
@@ -127,7 +127,7 @@ struct report_encoder {
     encoded_report operator()(const kelm::unknown_message &unknown) const
     {
         const bool is_known = unknown.type >= KELM_MSG_MIN && unknown.type < KELM_MSG_MAX;
-        return {is_known ? static_cast<uint16_t>(KELM_REPORT_MALFORMED) : unknown.type,
+        return {is_known ? static_cast<std::uint16_t>(KELM_REPORT_MALFORMED) : unknown.type,
                 unknown.body};
     }
     encoded_report operator()(const kelm::overrun &) const { return {KELM_REPORT_LOST, {}}; }
@@ -160,7 +160,8 @@ kelm::mac_address parse_mac(const char *what, const char *text)
     return *address;
 }
 
-kelm::auth_settings auth_settings(uint8_t type, uint8_t key_id, const void *key, size_t length)
+kelm::auth_settings auth_settings(std::uint8_t type, std::uint8_t key_id, const void *key,
+                                  std::size_t length)
 {
     const kelm::byte_view bytes = view(key, length);
     return {.type = type, .key_id = key_id, .key = {bytes.begin(), bytes.end()}};
@@ -184,10 +185,10 @@ kelm::bfd_fields fields_of(const kelm_bfd &bfd)
     };
 }
 
-uint8_t flags_of(const kelm::bfd_packet &packet)
+std::uint8_t flags_of(const kelm::bfd_packet &packet)
 {
     const kelm::bfd_fields &fields = packet.fields;
-    return static_cast<uint8_t>(
+    return static_cast<std::uint8_t>(
         (fields.poll ? BFD_FLAG_POLL : 0) | (fields.final ? BFD_FLAG_FINAL : 0) |
         (fields.control_plane_independent ? BFD_FLAG_CONTROL_PLANE_INDEPENDENT : 0) |
         (packet.auth_present ? BFD_FLAG_AUTH_PRESENT : 0) |
@@ -235,7 +236,7 @@ kelm_frame to_c(const kelm::frame_info &info)
     return frame;
 }
 
-const char *name_in(kelm::name_table table, uint32_t number)
+const char *name_in(kelm::name_table table, std::uint32_t number)
 {
     const auto found = std::ranges::find(table, number, &kelm::number_name::number);
     return found == table.end() ? "?" : found->name.data(); // a literal, with its end
@@ -277,19 +278,19 @@ void kelm_client_set_answer_timeout(kelm_client *client, unsigned int millisecon
 }
 
 int kelm_client_set_packet(kelm_client *client, const struct kelm_msg_tx_set_packet *settings,
-                           const void *packet, size_t packet_len)
+                           const void *packet, std::size_t packet_len)
 {
     return guarded(
         [=] { return execute(client, kelm::set_packet(*settings, view(packet, packet_len))); });
 }
 
-int kelm_client_delete_packet(kelm_client *client, uint32_t discriminator)
+int kelm_client_delete_packet(kelm_client *client, std::uint32_t discriminator)
 {
     return guarded([=] { return execute(client, kelm::delete_packet(discriminator)); });
 }
 
 int kelm_client_set_session(kelm_client *client, const struct kelm_msg_rx_set_session *settings,
-                            const void *failure, size_t failure_len)
+                            const void *failure, std::size_t failure_len)
 {
     return guarded([=] {
         const kelm::bytes own = kelm::failure_message(settings->header.discriminator);
@@ -299,7 +300,7 @@ int kelm_client_set_session(kelm_client *client, const struct kelm_msg_rx_set_se
     });
 }
 
-int kelm_client_delete_session(kelm_client *client, uint32_t discriminator)
+int kelm_client_delete_session(kelm_client *client, std::uint32_t discriminator)
 {
     return guarded([=] { return execute(client, kelm::delete_session(discriminator)); });
 }
@@ -319,19 +320,19 @@ int kelm_client_sync_sweep(kelm_client *client)
     return guarded([=] { return execute(client, kelm::sync(KELM_SYNC_SWEEP)); });
 }
 
-int kelm_client_set_debug_level(kelm_client *client, uint32_t discriminator, uint16_t level,
-                                uint32_t flags)
+int kelm_client_set_debug_level(kelm_client *client, std::uint32_t discriminator,
+                                std::uint16_t level, std::uint32_t flags)
 {
     return guarded(
         [=] { return execute(client, kelm::set_debug_level(discriminator, level, flags)); });
 }
 
-int kelm_client_set_stats_interval(kelm_client *client, uint16_t seconds)
+int kelm_client_set_stats_interval(kelm_client *client, std::uint16_t seconds)
 {
     return guarded([=] { return execute(client, kelm::set_stats_interval(seconds)); });
 }
 
-int kelm_client_subscribe(kelm_client *client, uint32_t mask)
+int kelm_client_subscribe(kelm_client *client, std::uint32_t mask)
 {
     return guarded([=] {
         client->client.subscribe(mask);
@@ -357,7 +358,7 @@ int kelm_client_sync_dump(kelm_client *client, kelm_dump **dump)
     return guarded([=] { return make_dump(client->client.dump(kelm::sync(0)), dump); });
 }
 
-int kelm_client_statistics(kelm_client *client, uint32_t discriminator, uint32_t flags,
+int kelm_client_statistics(kelm_client *client, std::uint32_t discriminator, std::uint32_t flags,
                            kelm_dump **dump)
 {
     return guarded(
@@ -391,7 +392,7 @@ void kelm_packet_init(struct kelm_packet *packet)
 }
 
 int kelm_build_packet(const struct kelm_packet *packet, struct kelm_msg_tx_set_packet *settings,
-                      void *buffer, size_t room)
+                      void *buffer, std::size_t room)
 {
     return guarded([=] {
         kelm::packet_settings wanted;
@@ -415,13 +416,13 @@ int kelm_build_packet(const struct kelm_packet *packet, struct kelm_msg_tx_set_p
                                             " bytes, and there is room for " +
                                             std::to_string(room));
         built.apply_to(*settings, packet->auth_type);
-        std::ranges::copy(built.packet, static_cast<uint8_t *>(buffer));
+        std::ranges::copy(built.packet, static_cast<std::uint8_t *>(buffer));
         return static_cast<int>(built.packet.size());
     });
 }
 
-int kelm_build_key(uint8_t auth_type, uint8_t key_id, const void *key, size_t key_length,
-                   struct kelm_bfd_auth_key *slot)
+int kelm_build_key(std::uint8_t auth_type, std::uint8_t key_id, const void *key,
+                   std::size_t key_length, struct kelm_bfd_auth_key *slot)
 {
     return guarded([=] {
         *slot = kelm::key_slot(auth_settings(auth_type, key_id, key, key_length));
@@ -450,12 +451,12 @@ int kelm_decode_frame(const struct kelm_report *report, struct kelm_frame *frame
     });
 }
 
-const char *kelm_state_name(uint8_t state)
+const char *kelm_state_name(std::uint8_t state)
 {
     return name_in(kelm::state_names, state);
 }
 
-const char *kelm_diagnostic_name(uint8_t diagnostic)
+const char *kelm_diagnostic_name(std::uint8_t diagnostic)
 {
     return name_in(kelm::diagnostic_names, diagnostic);
 }

@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Netlink messages inside a datagram.
-#ifndef LIBKELM_MESSAGE_H
-#define LIBKELM_MESSAGE_H
-
-#include <linux/netlink.h>
+#pragma once
 
 #include <algorithm>
 #include <cstring>
+#include <linux/netlink.h>
 #include <optional>
 
 #include "libkelm/bytes.h"
@@ -36,11 +34,11 @@ class message_reader
         if (rest_.size() < sizeof found.header)
             return std::nullopt;
         std::memcpy(&found.header, rest_.data(), sizeof found.header);
-        const size_t length = found.header.nlmsg_len;
+        const std::size_t length = found.header.nlmsg_len;
         if (length < sizeof found.header || length > rest_.size())
             return std::nullopt;
         found.body = rest_.subspan(sizeof found.header, length - sizeof found.header);
-        const size_t padded = (length + NLMSG_ALIGNTO - 1) / NLMSG_ALIGNTO * NLMSG_ALIGNTO;
+        const std::size_t padded = (length + NLMSG_ALIGNTO - 1) / NLMSG_ALIGNTO * NLMSG_ALIGNTO;
         rest_ = rest_.subspan(std::min(padded, rest_.size()));
         return found;
     }
@@ -70,5 +68,3 @@ std::optional<T> read_as(byte_view from)
 }
 
 } // namespace kelm
-
-#endif

@@ -60,7 +60,7 @@ constinit const name_table auth_type_names = auth_types;
 constinit const name_table jitter_names = jitters;
 constinit const name_table session_type_names = session_types;
 
-std::string name_of(name_table table, uint32_t number)
+std::string name_of(name_table table, std::uint32_t number)
 {
     for (const auto &entry : table)
         if (entry.number == number)
@@ -68,7 +68,7 @@ std::string name_of(name_table table, uint32_t number)
     return std::to_string(number);
 }
 
-std::optional<uint32_t> number_of(name_table table, std::string_view name)
+std::optional<std::uint32_t> number_of(name_table table, std::string_view name)
 {
     for (const auto &entry : table)
         if (entry.name == name)

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Words for the protocol's numbers, as people type and read them.
-#ifndef LIBKELM_NAMES_H
-#define LIBKELM_NAMES_H
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -15,7 +14,7 @@ namespace kelm
 
 // A number and its word, a literal.
 struct number_name {
-    uint32_t number;
+    std::uint32_t number;
     std::string_view name;
 };
 
@@ -28,12 +27,10 @@ extern const name_table jitter_names;       // bfd_tx_jitter_types
 extern const name_table session_type_names; // kelm_rx_session_types
 
 // The number itself, in digits, where the table has no name for it.
-std::string name_of(name_table, uint32_t number);
+std::string name_of(name_table, std::uint32_t number);
 // Nothing where the table does not have the name.
-std::optional<uint32_t> number_of(name_table, std::string_view name);
+std::optional<std::uint32_t> number_of(name_table, std::string_view name);
 // "down, init, up"
 std::string all_names(name_table);
 
 } // namespace kelm
-
-#endif

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/netns.h"
 
-#include <fcntl.h>
-#include <sched.h>
-
 #include <cerrno>
+#include <fcntl.h>
 #include <future>
+#include <sched.h>
 
 #include "libkelm/error.h"
 #include "libkelm/fd.h"

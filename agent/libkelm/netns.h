@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#ifndef LIBKELM_NETNS_H
-#define LIBKELM_NETNS_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -18,5 +17,3 @@ std::string netns_path(const std::string &netns);
 void in_netns(const std::string &netns, const std::function<void()> &work);
 
 } // namespace kelm
-
-#endif

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/packet.h"
 
-#include <net/ethernet.h>
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <net/ethernet.h>
+#include <netinet/in.h>
 
 #include "libkelm/error.h"
 
@@ -22,13 +21,13 @@ class writer
   public:
     explicit writer(bytes &out) : out_(out) {}
 
-    writer &u8(uint32_t value)
+    writer &u8(std::uint32_t value)
     {
-        out_.push_back(static_cast<uint8_t>(value));
+        out_.push_back(static_cast<std::uint8_t>(value));
         return *this;
     }
-    writer &u16(uint32_t value) { return u8(value >> 8).u8(value); }
-    writer &u32(uint32_t value) { return u16(value >> 16).u16(value); }
+    writer &u16(std::uint32_t value) { return u8(value >> 8).u8(value); }
+    writer &u32(std::uint32_t value) { return u16(value >> 16).u16(value); }
     writer &raw(byte_view value)
     {
         out_.insert(out_.end(), value.begin(), value.end());
@@ -40,27 +39,28 @@ class writer
 };
 
 // The Internet checksum's running sum (RFC 1071); only the last piece may have odd length.
-uint32_t checksum_add(uint32_t sum, byte_view piece)
+std::uint32_t checksum_add(std::uint32_t sum, byte_view piece)
 {
-    for (size_t i = 0; i < piece.size(); i += 2)
-        sum += static_cast<uint32_t>(piece[i]) << 8 | (i + 1 < piece.size() ? piece[i + 1] : 0U);
+    for (std::size_t i = 0; i < piece.size(); i += 2)
+        sum +=
+            static_cast<std::uint32_t>(piece[i]) << 8 | (i + 1 < piece.size() ? piece[i + 1] : 0U);
     return sum;
 }
 
-uint16_t checksum_finish(uint32_t sum)
+std::uint16_t checksum_finish(std::uint32_t sum)
 {
     while (sum > 0xffff)
         sum = (sum & 0xffff) + (sum >> 16);
-    return static_cast<uint16_t>(~sum);
+    return static_cast<std::uint16_t>(~sum);
 }
 
-void put_u16(bytes &into, size_t offset, uint32_t value)
+void put_u16(bytes &into, std::size_t offset, std::uint32_t value)
 {
-    into[offset] = static_cast<uint8_t>(value >> 8);
-    into[offset + 1] = static_cast<uint8_t>(value);
+    into[offset] = static_cast<std::uint8_t>(value >> 8);
+    into[offset + 1] = static_cast<std::uint8_t>(value);
 }
 
-size_t max_key_length(uint8_t auth_type)
+std::size_t max_key_length(std::uint8_t auth_type)
 {
     switch (auth_type) {
     case BFD_AUTH_PASSWORD:
@@ -81,7 +81,7 @@ size_t max_key_length(uint8_t auth_type)
 
 void check_key(const auth_settings &auth)
 {
-    const size_t most = max_key_length(auth.type);
+    const std::size_t most = max_key_length(auth.type);
     if (auth.key.size() > most)
         throw error(EINVAL, "the key has " + std::to_string(auth.key.size()) +
                                 " bytes, and this authentication type takes at most " +
@@ -104,7 +104,7 @@ bfd_auth_hdr auth_header(const auth_settings &auth)
     header.common.type = auth.type;
     switch (auth.type) {
     case BFD_AUTH_PASSWORD:
-        header.common.len = static_cast<uint8_t>(BFD_AUTH_COMMON_LEN + auth.key.size());
+        header.common.len = static_cast<std::uint8_t>(BFD_AUTH_COMMON_LEN + auth.key.size());
         header.common.key_id = auth.key_id;
         std::ranges::copy(auth.key, header.password.password);
         break;
@@ -124,15 +124,15 @@ bfd_auth_hdr auth_header(const auth_settings &auth)
 // The section as it lies in the packet: a digest's key must not be seen there.
 bytes auth_section(const auth_settings &auth, const bfd_auth_hdr &header)
 {
-    const size_t len = header.common.len;
-    const size_t shown = auth.type == BFD_AUTH_PASSWORD ? len : sizeof(bfd_auth_common);
-    const auto *const start = reinterpret_cast<const uint8_t *>(&header);
+    const std::size_t len = header.common.len;
+    const std::size_t shown = auth.type == BFD_AUTH_PASSWORD ? len : sizeof(bfd_auth_common);
+    const auto *const start = reinterpret_cast<const std::uint8_t *>(&header);
     bytes section(start, start + std::min(shown, len));
     section.resize(len);
     return section;
 }
 
-uint32_t flag(bool set, uint32_t bit)
+std::uint32_t flag(bool set, std::uint32_t bit)
 {
     return set ? bit : 0;
 }
@@ -141,11 +141,11 @@ uint32_t flag(bool set, uint32_t bit)
 bytes bfd_control(const bfd_fields &bfd, const auth_settings &auth, const bfd_auth_hdr &header)
 {
     const bool auth_present = auth.type != BFD_AUTH_NONE && auth.type != BFD_AUTH_DEBUG_SEQNUM;
-    const uint32_t flags = flag(bfd.poll, BFD_FLAG_POLL) | flag(bfd.final, BFD_FLAG_FINAL) |
-                           flag(bfd.control_plane_independent, BFD_FLAG_CONTROL_PLANE_INDEPENDENT) |
-                           flag(auth_present, BFD_FLAG_AUTH_PRESENT) |
-                           flag(bfd.demand_mode, BFD_FLAG_DEMAND_MODE);
-    const uint32_t state = static_cast<uint32_t>(bfd.state) << BFD_STATE_SHIFT;
+    const std::uint32_t flags =
+        flag(bfd.poll, BFD_FLAG_POLL) | flag(bfd.final, BFD_FLAG_FINAL) |
+        flag(bfd.control_plane_independent, BFD_FLAG_CONTROL_PLANE_INDEPENDENT) |
+        flag(auth_present, BFD_FLAG_AUTH_PRESENT) | flag(bfd.demand_mode, BFD_FLAG_DEMAND_MODE);
+    const std::uint32_t state = static_cast<std::uint32_t>(bfd.state) << BFD_STATE_SHIFT;
     bytes control;
     writer(control)
         .u8(BFD_VERSION << BFD_VERSION_SHIFT | (bfd.diag & BFD_DIAG_MASK))
@@ -164,32 +164,32 @@ bytes bfd_control(const bfd_fields &bfd, const auth_settings &auth, const bfd_au
 bytes udp_datagram(const packet_settings &settings, byte_view payload)
 {
     bytes udp;
-    const size_t length = 8 + payload.size();
+    const std::size_t length = 8 + payload.size();
     writer(udp)
         .u16(settings.source_port)
         .u16(settings.destination_port)
-        .u16(static_cast<uint32_t>(length))
+        .u16(static_cast<std::uint32_t>(length))
         .u16(0)
         .raw(payload);
 
-    uint32_t sum = checksum_add(0, settings.source.view());
+    std::uint32_t sum = checksum_add(0, settings.source.view());
     sum = checksum_add(sum, settings.destination.view());
-    sum += IPPROTO_UDP + static_cast<uint32_t>(length);
-    const uint16_t checksum = checksum_finish(checksum_add(sum, udp));
+    sum += IPPROTO_UDP + static_cast<std::uint32_t>(length);
+    const std::uint16_t checksum = checksum_finish(checksum_add(sum, udp));
     put_u16(udp, 6, checksum == 0 ? 0xffff : checksum); // 0 means none was computed
     return udp;
 }
 
 // Identification 0 with "don't fragment": such a datagram needs none (RFC 6864).
-bytes ipv4_header(const packet_settings &settings, size_t payload_length)
+bytes ipv4_header(const packet_settings &settings, std::size_t payload_length)
 {
-    constexpr uint32_t dont_fragment = 0x4000;
-    constexpr size_t header_length = 20;
+    constexpr std::uint32_t dont_fragment = 0x4000;
+    constexpr std::size_t header_length = 20;
     bytes header;
     writer(header)
         .u8(0x45)
         .u8(settings.traffic_class)
-        .u16(static_cast<uint32_t>(header_length + payload_length))
+        .u16(static_cast<std::uint32_t>(header_length + payload_length))
         .u16(0)
         .u16(dont_fragment)
         .u8(settings.ttl)
@@ -201,12 +201,12 @@ bytes ipv4_header(const packet_settings &settings, size_t payload_length)
     return header;
 }
 
-bytes ipv6_header(const packet_settings &settings, size_t payload_length)
+bytes ipv6_header(const packet_settings &settings, std::size_t payload_length)
 {
     bytes header;
     writer(header)
-        .u32(6U << 28 | static_cast<uint32_t>(settings.traffic_class) << 20)
-        .u16(static_cast<uint32_t>(payload_length))
+        .u32(6U << 28 | static_cast<std::uint32_t>(settings.traffic_class) << 20)
+        .u16(static_cast<std::uint32_t>(payload_length))
         .u8(IPPROTO_UDP)
         .u8(settings.ttl)
         .raw(settings.source.view())
@@ -246,14 +246,14 @@ built_packet build_packet(const packet_settings &settings)
     built.type = settings.ethernet ? KELM_TX_SESSION_L2 : KELM_TX_SESSION_IP;
     built.auth_hdr = auth;
     writer(built.packet).raw(link).raw(ip).raw(udp);
-    built.ip_hdr_offset = static_cast<uint32_t>(link.size());
-    built.latch_offset = static_cast<uint32_t>(built.packet.size() - bfd.size());
+    built.ip_hdr_offset = static_cast<std::uint32_t>(link.size());
+    built.latch_offset = static_cast<std::uint32_t>(built.packet.size() - bfd.size());
     return built;
 }
 
-void built_packet::apply_to(kelm_msg_tx_set_packet &settings, uint8_t auth_type) const
+void built_packet::apply_to(kelm_msg_tx_set_packet &settings, std::uint8_t auth_type) const
 {
-    settings.type = static_cast<uint16_t>(type);
+    settings.type = static_cast<std::uint16_t>(type);
     settings.ip_hdr_offset = ip_hdr_offset;
     settings.latch_offset = latch_offset;
     settings.auth.type = auth_type;

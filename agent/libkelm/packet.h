@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // BFD packets as they go on the wire: built from their parameters for a transmit packet.
-#ifndef LIBKELM_PACKET_H
-#define LIBKELM_PACKET_H
+#pragma once
 
 #include <optional>
 
@@ -13,24 +12,24 @@ namespace kelm
 {
 
 // UDP destination ports.
-constexpr uint16_t port_single_hop = 3784;      // RFC 5881
-constexpr uint16_t port_echo = 3785;            // RFC 5881
-constexpr uint16_t port_multihop = 4784;        // RFC 5883
-constexpr uint16_t port_lag = 6784;             // RFC 7130
-constexpr uint16_t port_sbfd_reflector = 7784;  // RFC 7881
-constexpr uint16_t port_sbfd_initiator = 47657; // kelm's own end of S-BFD
+constexpr std::uint16_t port_single_hop = 3784;      // RFC 5881
+constexpr std::uint16_t port_echo = 3785;            // RFC 5881
+constexpr std::uint16_t port_multihop = 4784;        // RFC 5883
+constexpr std::uint16_t port_lag = 6784;             // RFC 7130
+constexpr std::uint16_t port_sbfd_reflector = 7784;  // RFC 7881
+constexpr std::uint16_t port_sbfd_initiator = 47657; // kelm's own end of S-BFD
 
 // The mandatory section of a control packet (RFC 5880 section 4.1) in host byte order.
 struct bfd_fields {
-    uint8_t diag = BFD_DIAG_NONE;
-    uint8_t state = BFD_STATE_DOWN;
+    std::uint8_t diag = BFD_DIAG_NONE;
+    std::uint8_t state = BFD_STATE_DOWN;
     bool poll = false;
     bool final = false;
     bool control_plane_independent = true; // kelm goes on when its agent does not
     bool demand_mode = false;
-    uint8_t detect_multiplier = 3;
-    uint32_t my_discriminator = 0;
-    uint32_t your_discriminator = 0;
+    std::uint8_t detect_multiplier = 3;
+    std::uint32_t my_discriminator = 0;
+    std::uint32_t your_discriminator = 0;
     kelm_microsecs min_tx_interval = 0;
     kelm_microsecs min_rx_interval = 0;
     kelm_microsecs min_echo_rx_interval = 0;
@@ -40,8 +39,8 @@ struct bfd_fields {
 
 // How packets are authenticated (RFC 5880 section 6.7).
 struct auth_settings {
-    uint8_t type = BFD_AUTH_NONE; // bfd_auth_types
-    uint8_t key_id = 0;
+    std::uint8_t type = BFD_AUTH_NONE; // bfd_auth_types
+    std::uint8_t key_id = 0;
     bytes key; // password: 1 to 16 bytes, none of them 0; MD5: up to 16; SHA-1: up to 20
 };
 
@@ -55,10 +54,11 @@ struct ethernet_settings {
 struct packet_settings {
     ip_address source;
     ip_address destination;
-    uint16_t source_port = 0;
-    uint16_t destination_port = port_single_hop;
-    uint8_t ttl = 255;            // or hop limit
-    uint8_t traffic_class = 0xc0; // type of service: network control (RFC 2474, class selector 6)
+    std::uint16_t source_port = 0;
+    std::uint16_t destination_port = port_single_hop;
+    std::uint8_t ttl = 255; // or hop limit
+    std::uint8_t traffic_class =
+        0xc0; // type of service: network control (RFC 2474, class selector 6)
     std::optional<ethernet_settings> ethernet; // makes it a frame instead of an IP datagram
     bfd_fields bfd;
     auth_settings auth;
@@ -67,13 +67,13 @@ struct packet_settings {
 // The packet, and what the fields of kelm_msg_tx_set_packet have to say about it.
 struct built_packet {
     kelm_tx_session_types type;
-    uint32_t ip_hdr_offset;
-    uint32_t latch_offset;
+    std::uint32_t ip_hdr_offset;
+    std::uint32_t latch_offset;
     bfd_auth_hdr auth_hdr; // holds the key
     bytes packet;          // a password is in it; sequence number and digest are kelm's to fill in
 
     // Sets type, offsets and authentication; `auth_type` is that of the settings it was built from.
-    void apply_to(kelm_msg_tx_set_packet &settings, uint8_t auth_type) const;
+    void apply_to(kelm_msg_tx_set_packet &settings, std::uint8_t auth_type) const;
 };
 
 // Lengths and checksums are filled in. Throws error with EINVAL when addresses or key do not fit.
@@ -83,5 +83,3 @@ built_packet build_packet(const packet_settings &);
 kelm_bfd_auth_key key_slot(const auth_settings &);
 
 } // namespace kelm
-
-#endif

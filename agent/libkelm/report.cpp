@@ -39,7 +39,7 @@ parsed parse_failure(byte_view body)
     return session_failure{head->discriminator, {rest.begin(), rest.end()}};
 }
 
-parsed parse_body(uint16_t type, byte_view body)
+parsed parse_body(std::uint16_t type, byte_view body)
 {
     switch (type) {
     case NLMSG_OVERRUN:

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What kelm tells an agent: statistics, changes, failures, the state of its tables.
-#ifndef LIBKELM_REPORT_H
-#define LIBKELM_REPORT_H
+#pragma once
 
 #include <variant>
 
@@ -14,24 +13,24 @@ namespace kelm
 
 // KELM_MSG_RX_PACKET_CHANGE. Both offsets lie inside the frame or at its end.
 struct packet_change {
-    uint32_t discriminator;
-    uint32_t ifindex;
-    uint32_t member_ifindex;
-    uint32_t l3_offset;
-    uint32_t bfd_offset;
+    std::uint32_t discriminator;
+    std::uint32_t ifindex;
+    std::uint32_t member_ifindex;
+    std::uint32_t l3_offset;
+    std::uint32_t bfd_offset;
     bytes frame;
 };
 
 // A failure message as failure_message() builds it; what other agents append is kept.
 struct session_failure {
-    uint32_t discriminator;
+    std::uint32_t discriminator;
     bytes rest;
 };
 
 // A message of a type that is not kelm's, or one that does not hold what its type promises. A
 // failure message in another agent's own format arrives as such.
 struct unknown_message {
-    uint16_t type;
+    std::uint16_t type;
     bytes body;
 };
 
@@ -47,5 +46,3 @@ using report =
 report parse_report(const message &);
 
 } // namespace kelm
-
-#endif

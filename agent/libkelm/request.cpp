@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/request.h"
 
-#include <linux/netlink.h>
-
 #include <algorithm>
 #include <cstring>
+#include <linux/netlink.h>
 
 #include "libkelm/message.h"
 
@@ -16,7 +15,7 @@ namespace
 
 // Every body begins with its kelm_msg_header.
 template<typename T>
-request make(uint16_t type, const T &body, byte_view variable_part = {})
+request make(std::uint16_t type, const T &body, byte_view variable_part = {})
 {
     bytes encoded(sizeof body + variable_part.size());
     std::memcpy(encoded.data(), &body, sizeof body);
@@ -27,8 +26,8 @@ request make(uint16_t type, const T &body, byte_view variable_part = {})
 // The length is filled in.
 bytes netlink_message(nlmsghdr header, byte_view body)
 {
-    const size_t length = sizeof header + body.size();
-    header.nlmsg_len = static_cast<uint32_t>(length);
+    const std::size_t length = sizeof header + body.size();
+    header.nlmsg_len = static_cast<std::uint32_t>(length);
     bytes encoded((length + NLMSG_ALIGNTO - 1) / NLMSG_ALIGNTO * NLMSG_ALIGNTO);
     std::memcpy(encoded.data(), &header, sizeof header);
     std::ranges::copy(body, encoded.begin() + sizeof header);
@@ -39,37 +38,37 @@ bytes netlink_message(nlmsghdr header, byte_view body)
 
 request set_packet(kelm_msg_tx_set_packet settings, byte_view packet)
 {
-    settings.packet_len = static_cast<uint32_t>(packet.size());
+    settings.packet_len = static_cast<std::uint32_t>(packet.size());
     return make(KELM_MSG_TX_SET_PACKET, settings, packet);
 }
 
-request delete_packet(uint32_t discriminator)
+request delete_packet(std::uint32_t discriminator)
 {
     return make(KELM_MSG_TX_DELETE_PACKET, kelm_msg_tx_delete_packet{.header = {discriminator}});
 }
 
 request set_session(kelm_msg_rx_set_session settings, byte_view failure_packet)
 {
-    settings.failure_packet_len = static_cast<uint32_t>(failure_packet.size());
+    settings.failure_packet_len = static_cast<std::uint32_t>(failure_packet.size());
     return make(KELM_MSG_RX_SET_SESSION, settings, failure_packet);
 }
 
-request delete_session(uint32_t discriminator)
+request delete_session(std::uint32_t discriminator)
 {
     return make(KELM_MSG_RX_DELETE_SESSION, kelm_msg_rx_delete_session{.header = {discriminator}});
 }
 
-request get_stats(uint32_t discriminator, uint32_t flags)
+request get_stats(std::uint32_t discriminator, std::uint32_t flags)
 {
     return make(KELM_MSG_GET_STATS, kelm_msg_get_stats{.header = {discriminator}, .flags = flags});
 }
 
-request sync(uint32_t flags)
+request sync(std::uint32_t flags)
 {
     return make(KELM_MSG_SYNC, kelm_msg_sync{.header = {0}, .flags = flags});
 }
 
-request set_debug_level(uint32_t discriminator, uint16_t level, uint32_t flags)
+request set_debug_level(std::uint32_t discriminator, std::uint16_t level, std::uint32_t flags)
 {
     return make(KELM_MSG_SET_DEBUG_LEVEL, kelm_msg_set_debug_level{.header = {discriminator},
                                                                    .flags = flags,
@@ -82,7 +81,7 @@ request tx_path_ready()
     return make(KELM_MSG_TX_PATH_READY, kelm_msg_tx_path_ready{.header = {0}});
 }
 
-request set_stats_interval(uint16_t seconds)
+request set_stats_interval(std::uint16_t seconds)
 {
     return make(
         KELM_MSG_SET_SESSION_STATS_INTERVAL,
@@ -100,17 +99,17 @@ bool starts_dump(const request &req)
     return false;
 }
 
-bytes encode(const request &req, uint16_t flags, uint32_t sequence, uint32_t port_id)
+bytes encode(const request &req, std::uint16_t flags, std::uint32_t sequence, std::uint32_t port_id)
 {
     return netlink_message({.nlmsg_len = 0,
                             .nlmsg_type = req.type,
-                            .nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags),
+                            .nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags),
                             .nlmsg_seq = sequence,
                             .nlmsg_pid = port_id},
                            req.body);
 }
 
-bytes failure_message(uint32_t discriminator)
+bytes failure_message(std::uint32_t discriminator)
 {
     const kelm_msg_header body = {discriminator};
     return netlink_message({.nlmsg_len = 0,
@@ -118,7 +117,7 @@ bytes failure_message(uint32_t discriminator)
                             .nlmsg_flags = 0,
                             .nlmsg_seq = 0,
                             .nlmsg_pid = 0},
-                           {reinterpret_cast<const uint8_t *>(&body), sizeof body});
+                           {reinterpret_cast<const std::uint8_t *>(&body), sizeof body});
 }
 
 } // namespace kelm

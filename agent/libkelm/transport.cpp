@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/transport.h"
 
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
 #include <linux/netlink.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
-
-#include <cerrno>
-#include <cstddef>
-#include <cstring>
 
 #include "kelm.h"
 #include "libkelm/error.h"
@@ -26,7 +25,7 @@ namespace
 constexpr char daemon_name[] = "kelm-netlink-31";
 
 constexpr int socket_buffer_size = 1 << 20;
-constexpr size_t receive_size = 128 << 10; // to begin with: longer datagrams are made room for
+constexpr std::size_t receive_size = 128 << 10; // to begin with: longer datagrams are made room for
 
 // The forced form passes the system's limit where the caller has the privilege.
 void enlarge_buffer(int fd, int forced_option, int option)
@@ -125,13 +124,13 @@ void transport::bind_kernel()
 }
 
 // The bind packet: a sockaddr_nl, shorter than any message, in both directions.
-void transport::bind_daemon(uint32_t mask)
+void transport::bind_daemon(std::uint32_t mask)
 {
     sockaddr_nl wanted = {};
     wanted.nl_family = AF_NETLINK;
     wanted.nl_pid = port_id_;
     wanted.nl_groups = mask;
-    send({reinterpret_cast<const uint8_t *>(&wanted), sizeof wanted});
+    send({reinterpret_cast<const std::uint8_t *>(&wanted), sizeof wanted});
 
     const auto deadline = std::chrono::steady_clock::now() + answer_timeout;
     for (;;) {
@@ -151,10 +150,10 @@ void transport::bind_daemon(uint32_t mask)
     }
 }
 
-void transport::set_kernel_groups(uint32_t mask)
+void transport::set_kernel_groups(std::uint32_t mask)
 {
-    for (int group = 1; group < KELM_NLG_NUM; group++) {
-        const uint32_t bit = 1U << (group - 1);
+    for (int group = 1; group < KELM_NLG_NUM; ++group) {
+        const std::uint32_t bit = 1U << (group - 1);
         const int option = (mask & bit) != 0 ? NETLINK_ADD_MEMBERSHIP : NETLINK_DROP_MEMBERSHIP;
         if (((mask ^ groups_) & bit) == 0)
             continue;
@@ -164,7 +163,7 @@ void transport::set_kernel_groups(uint32_t mask)
     }
 }
 
-void transport::set_groups(uint32_t mask)
+void transport::set_groups(std::uint32_t mask)
 {
     if (is_kernel_)
         set_kernel_groups(mask);
@@ -227,7 +226,7 @@ transport::outcome transport::receive_raw(bytes &into, milliseconds timeout)
         socklen_t sender_length = sizeof sender;
         ssize_t received = recv(fd_.get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
         if (received > 0) {
-            into.resize(std::max(receive_size, static_cast<size_t>(received)));
+            into.resize(std::max(receive_size, static_cast<std::size_t>(received)));
             received = recvfrom(fd_.get(), into.data(), into.size(), MSG_DONTWAIT,
                                 reinterpret_cast<sockaddr *>(&sender), &sender_length);
         }
@@ -241,7 +240,7 @@ transport::outcome transport::receive_raw(bytes &into, milliseconds timeout)
             throw error(ECONNRESET, "kelmd has closed the connection");
         if (is_kernel_ && (sender_length < sizeof sender || sender.nl_pid != 0))
             continue;
-        into.resize(static_cast<size_t>(received));
+        into.resize(static_cast<std::size_t>(received));
         return outcome::datagram;
     }
 }

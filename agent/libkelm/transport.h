@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // A datagram socket to kelm: the kernel's netlink unit, or kelmd's socket that stands in for it.
-#ifndef LIBKELM_TRANSPORT_H
-#define LIBKELM_TRANSPORT_H
+#pragma once
 
 #include <chrono>
 #include <deque>
@@ -32,12 +31,12 @@ class transport
     // Takes a connected SOCK_SEQPACKET socket with kelmd's protocol on its other end.
     static transport adopt(unique_fd connected);
 
-    int fd() const { return fd_.get(); }          // stays the transport's
-    uint32_t port_id() const { return port_id_; } // that kelm addresses its answers to
-    bool is_kernel() const { return is_kernel_; } // the kernel's unit, not kelmd
+    int fd() const { return fd_.get(); }               // stays the transport's
+    std::uint32_t port_id() const { return port_id_; } // that kelm addresses its answers to
+    bool is_kernel() const { return is_kernel_; }      // the kernel's unit, not kelmd
 
     // Receives the multicast groups of `mask` from now on (bit 0 is group 1), and no others.
-    void set_groups(uint32_t mask);
+    void set_groups(std::uint32_t mask);
 
     // Sends one datagram of whole messages. Throws error when the connection fails.
     void send(byte_view datagram);
@@ -53,17 +52,15 @@ class transport
 
     void verify_daemon() const;
     void bind_kernel();
-    void bind_daemon(uint32_t mask);
-    void set_kernel_groups(uint32_t mask);
+    void bind_daemon(std::uint32_t mask);
+    void set_kernel_groups(std::uint32_t mask);
     outcome receive_raw(bytes &into, milliseconds timeout);
 
     unique_fd fd_;
     bool is_kernel_;
-    uint32_t port_id_ = 0;
-    uint32_t groups_ = 0;
+    std::uint32_t port_id_ = 0;
+    std::uint32_t groups_ = 0;
     std::deque<bytes> early_; // arrived while a bind packet was being answered
 };
 
 } // namespace kelm
-
-#endif

@@ -5,9 +5,6 @@
 // netlink_dump.cpp.
 #include "platform/hosted/netlink.h"
 
-#include "platform/hosted/netlink_dump.h"
-#include "platform/hosted/skbuff.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
@@ -15,6 +12,9 @@
 #include <exception>
 #include <new>
 #include <utility>
+
+#include "platform/hosted/netlink_dump.h"
+#include "platform/hosted/skbuff.h"
 
 namespace hosted
 {

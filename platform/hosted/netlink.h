@@ -9,16 +9,16 @@
 // while the engine's input, step, start, dump or done runs.
 #pragma once
 
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <span>
+
 #include "platform/capability.h"
 #include "platform/hosted/mutex.h"
 #include "platform/hosted/sock.h"
 #include "platform/hosted/wait.h"
 #include "platform/netlink.h"
-
-#include <cstdint>
-#include <map>
-#include <memory>
-#include <span>
 
 namespace hosted
 {

@@ -6,14 +6,14 @@
 // everybody else off the dump, and whoever sets it back continues where others could not.
 #include "platform/hosted/netlink_dump.h"
 
-#include "platform/hosted/netlink.h"
-#include "platform/hosted/skbuff.h"
-#include "platform/printk.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
+
+#include "platform/hosted/netlink.h"
+#include "platform/hosted/skbuff.h"
+#include "platform/printk.h"
 
 namespace hosted
 {

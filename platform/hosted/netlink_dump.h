@@ -3,9 +3,9 @@
 // What the two files share that netlink consists of, the state of a dump above all.
 #pragma once
 
-#include "platform/netlink.h"
-
 #include <cstdint>
+
+#include "platform/netlink.h"
 
 namespace hosted
 {

@@ -2,9 +2,9 @@
 //
 // The raw monotonic clock of a user-space process. A file of its own, because it is the one
 // service that the protocol library needs when it is used outside the engine.
-#include "platform/clock.h"
-
 #include <ctime>
+
+#include "platform/clock.h"
 
 void ktime_get_raw_ts64(timespec64 *ts)
 {

@@ -8,12 +8,12 @@
 // operation here. Running over the head- or tailroom ends the process with a message.
 #pragma once
 
-#include "platform/skbuff.h"
-
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <span>
+
+#include "platform/skbuff.h"
 
 namespace hosted
 {

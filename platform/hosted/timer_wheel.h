@@ -11,12 +11,12 @@
 // A wheel does no locking; its host does. The host also decides what "now" is.
 #pragma once
 
-#include "platform/timer.h"
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+
+#include "platform/timer.h"
 
 namespace hosted
 {

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/hosted/udp_frame.h"
 
-#include "platform/checksum.h"
-#include "platform/hosted/skbuff.h"
-
 #include <arpa/inet.h>
 #include <cstring>
 #include <net/ethernet.h>
 #include <netinet/ip.h>
 #include <netinet/ip6.h>
 #include <netinet/udp.h>
+
+#include "platform/checksum.h"
+#include "platform/hosted/skbuff.h"
 
 namespace hosted
 {

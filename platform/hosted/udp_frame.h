@@ -4,12 +4,12 @@
 // off, as far as ancillary data tells it.
 #pragma once
 
-#include "platform/memory.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <netinet/in.h>
 #include <span>
+
+#include "platform/memory.h"
 
 struct sk_buff;
 

@@ -4,10 +4,10 @@
 // threads block on the condition variable, the simulation switches to another context.
 #pragma once
 
-#include "platform/hosted/mutex.h"
-
 #include <functional>
 #include <mutex>
+
+#include "platform/hosted/mutex.h"
 
 namespace hosted
 {

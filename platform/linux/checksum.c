@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "platform/linux/glue.h"
-
 #include <net/checksum.h>
 #include <net/ip6_checksum.h>
+
+#include "platform/linux/glue.h"
 
 uint32_t kelm_csum_partial(const void *buff, int len, uint32_t sum)
 {

@@ -2,6 +2,9 @@
 //
 // Proves, at compile time, that the glue's C declarations are the engine's: nothing else compares
 // the two, and the linker sees names only.
+#include <cstddef>
+#include <cstdint>
+
 #include "platform/capability.h"
 #include "platform/checksum.h"
 #include "platform/clock.h"
@@ -16,9 +19,6 @@
 #include "platform/socket.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
-
-#include <cstddef>
-#include <cstdint>
 
 // After the engine's own: it gives their types its names.
 #include "platform/linux/glue.h"

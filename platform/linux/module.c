@@ -2,13 +2,13 @@
 /*
  * kelm.ko: load and forced unload. The module holds a reference on itself, so rmmod asks for force.
  */
-#include "platform/linux/glue.h"
-#include "platform/linux/netlink.h"
-
 #include <linux/kmod.h>
 #include <linux/module.h>
 #include <linux/rcupdate.h>
 #include <linux/socket.h>
+
+#include "platform/linux/glue.h"
+#include "platform/linux/netlink.h"
 
 /*
  * Where the kernel has IPv6 or packet sockets as modules: a socket of theirs loads them, but the

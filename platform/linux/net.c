@@ -2,13 +2,13 @@
 /*
  * Network namespaces and the device notifier.
  */
-#include "platform/linux/compat.h"
-#include "platform/linux/fault.h"
-#include "platform/linux/glue.h"
-
 #include <linux/netdevice.h>
 #include <linux/notifier.h>
 #include <net/sock.h>
+
+#include "platform/linux/compat.h"
+#include "platform/linux/fault.h"
+#include "platform/linux/glue.h"
 
 #define CONDEMNED_WAIT (10 * HZ)
 

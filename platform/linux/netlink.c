@@ -7,11 +7,11 @@
  */
 #include "platform/linux/netlink.h"
 
-#include "platform/linux/fault.h"
-#include "platform/linux/glue.h"
-
 #include <net/netlink.h>
 #include <net/sock.h>
+
+#include "platform/linux/fault.h"
+#include "platform/linux/glue.h"
 
 struct srcu_struct agents_inside;
 

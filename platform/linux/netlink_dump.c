@@ -3,13 +3,13 @@
  * Dumps. The kernel calls the engine for them long after the request, whenever the agent reads or
  * closes its socket; so each one that is open is on a list, from which a forced unload ends it.
  */
-#include "platform/linux/glue.h"
-#include "platform/linux/netlink.h"
-
 #include <linux/list.h>
 #include <linux/rcupdate.h>
 #include <linux/slab.h>
 #include <net/sock.h>
+
+#include "platform/linux/glue.h"
+#include "platform/linux/netlink.h"
 
 /* Of a dump datagram, in bytes, as kelmd has them: usual, and for a message that needs more. */
 #define USUAL_ROOM (16 * 1024)

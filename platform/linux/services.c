@@ -3,15 +3,15 @@
  * Services that the kernel has as the engine wants them, or nearly: memory, log, random numbers,
  * privilege, threads.
  */
-#include "platform/linux/fault.h"
-#include "platform/linux/glue.h"
-
 #include <linux/bug.h>
 #include <linux/kthread.h>
 #include <linux/printk.h>
 #include <linux/random.h>
 #include <linux/sched.h>
 #include <linux/slab.h>
+
+#include "platform/linux/fault.h"
+#include "platform/linux/glue.h"
 
 /* A size of 0 would give a pointer that is not unique; failure is the engine's to report. */
 void *kelm_kmalloc(size_t size, engine_gfp gfp)

@@ -8,13 +8,13 @@
  */
 #include "platform/linux/socket.h"
 
-#include "platform/linux/fault.h"
-#include "platform/linux/glue.h"
-
 #include <linux/in.h>
 #include <linux/slab.h>
 #include <linux/workqueue.h>
 #include <net/ipv6.h>
+
+#include "platform/linux/fault.h"
+#include "platform/linux/glue.h"
 
 /*
  * A kernel thread makes them, with the kernel's privilege and in the root of all control groups:

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
+#include <linux/lockdep.h>
+
 #include "platform/linux/glue.h"
 #include "platform/storage.h"
-
-#include <linux/lockdep.h>
 
 _Static_assert(sizeof(spinlock_t) <= KELM_SPINLOCK_SIZE,
                "platform/storage.h sets too little aside");

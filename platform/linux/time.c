@@ -2,13 +2,14 @@
 /*
  * Clocks, ticks and timers.
  */
+#include <linux/jiffies.h>
+#include <linux/ktime.h>
+#include <linux/math64.h>
+#include <linux/timekeeping.h>
+
 #include "platform/linux/compat.h"
 #include "platform/linux/glue.h"
 #include "platform/storage.h"
-
-#include <linux/jiffies.h>
-#include <linux/math64.h>
-#include <linux/timekeeping.h>
 
 _Static_assert(sizeof(struct timer_list) <= KELM_TIMER_SIZE,
                "platform/storage.h sets too little aside");

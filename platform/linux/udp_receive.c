@@ -3,11 +3,11 @@
  * Reception. The engine is called once for each good datagram: it is taken from the queue and
  * looked at first, and waits here for the engine to ask.
  */
+#include <linux/percpu.h>
+
 #include "platform/linux/compat.h"
 #include "platform/linux/glue.h"
 #include "platform/linux/socket.h"
-
-#include <linux/percpu.h>
 
 /* The datagram of the callback that runs on this processor; in softirq there is only one. */
 static DEFINE_PER_CPU(struct sk_buff *, received);

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/sim/agent.h"
 
-#include "platform/sim/failure.h"
-#include "platform/sim/state.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
+
+#include "platform/sim/failure.h"
+#include "platform/sim/state.h"
 
 namespace sim
 {

@@ -3,9 +3,6 @@
 // An agent: one netlink socket in a namespace, driven by the test.
 #pragma once
 
-#include "platform/hosted/netlink.h"
-#include "platform/sim/frame.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -14,6 +11,9 @@
 #include <optional>
 #include <span>
 #include <vector>
+
+#include "platform/hosted/netlink.h"
+#include "platform/sim/frame.h"
 
 namespace sim
 {

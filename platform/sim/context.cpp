@@ -4,14 +4,14 @@
 // fiber's stack for a wild pointer.
 #include "platform/sim/context.h"
 
-#include "platform/sim/failure.h"
-#include "platform/sim/spinlock.h"
-#include "platform/sim/state.h"
-
 #include <algorithm>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
+
+#include "platform/sim/failure.h"
+#include "platform/sim/spinlock.h"
+#include "platform/sim/state.h"
 
 #ifndef __has_feature // which clang has, and says address_sanitizer with
 #define __has_feature(feature) 0

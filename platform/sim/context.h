@@ -8,9 +8,6 @@
 // last is resumed, or in a race, any one by the seed. Nobody being able to go on is a deadlock.
 #pragma once
 
-#include "platform/hosted/netlink.h"
-#include "platform/sim/random.h"
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -19,6 +16,9 @@
 #include <string>
 #include <ucontext.h>
 #include <vector>
+
+#include "platform/hosted/netlink.h"
+#include "platform/sim/random.h"
 
 struct timer_list;
 struct task_struct;

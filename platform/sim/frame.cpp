@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/sim/frame.h"
 
-#include "platform/sim/failure.h"
-
 #include <arpa/inet.h>
 #include <cstring>
+
+#include "platform/sim/failure.h"
 
 namespace sim
 {

@@ -3,13 +3,13 @@
 // What tests see of the network: frames that the engine sent, datagrams that peers send to it.
 #pragma once
 
-#include "platform/hosted/udp_frame.h"
-
 #include <cstdint>
 #include <netinet/in.h>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/hosted/udp_frame.h"
 
 struct net;
 

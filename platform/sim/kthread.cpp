@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/kthread.h"
 
-#include "platform/sim/state.h"
-
 #include <cerrno>
 #include <memory>
 #include <utility>
+
+#include "platform/sim/state.h"
 
 struct task_struct {
     int (*body)(void *argument);

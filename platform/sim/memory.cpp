@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/memory.h"
 
-#include "platform/sim/failure.h"
-#include "platform/sim/memory.h"
-#include "platform/sim/state.h"
-
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
 #include <new>
 #include <string>
+
+#include "platform/sim/failure.h"
+#include "platform/sim/memory.h"
+#include "platform/sim/state.h"
 
 namespace sim
 {

@@ -3,14 +3,14 @@
 // Network namespaces, their devices, and the sockets in them.
 #pragma once
 
-#include "platform/hosted/netlink.h"
-#include "platform/sim/frame.h"
-#include "platform/socket.h"
-
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+
+#include "platform/hosted/netlink.h"
+#include "platform/sim/frame.h"
+#include "platform/socket.h"
 
 struct net_device {
     net *netns;

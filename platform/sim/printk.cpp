@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/printk.h"
 
-#include "platform/sim/state.h"
-
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -11,6 +9,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "platform/sim/state.h"
 
 namespace
 {

@@ -4,16 +4,16 @@
 // kept as frames.
 #include "platform/socket.h"
 
-#include "platform/hosted/skbuff.h"
-#include "platform/sim/net.h"
-#include "platform/sim/state.h"
-
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <netpacket/packet.h>
 #include <new>
 #include <sys/socket.h>
+
+#include "platform/hosted/skbuff.h"
+#include "platform/sim/net.h"
+#include "platform/sim/state.h"
 
 namespace
 {

@@ -3,11 +3,11 @@
 // Locks that check their rules at every use, and give other contexts the occasion to run.
 #include "platform/spinlock.h"
 
-#include "platform/sim/spinlock.h"
-#include "platform/sim/state.h"
-
 #include <algorithm>
 #include <new>
+
+#include "platform/sim/spinlock.h"
+#include "platform/sim/state.h"
 
 namespace
 {

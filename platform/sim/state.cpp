@@ -3,10 +3,10 @@
 // Contexts' rules, the passing of time, and the death of namespaces.
 #include "platform/sim/state.h"
 
-#include "platform/hosted/skbuff.h"
-
 #include <algorithm>
 #include <utility>
+
+#include "platform/hosted/skbuff.h"
 
 namespace sim
 {

@@ -3,6 +3,13 @@
 // Everything that the services share: the inside of a world. There is one at a time.
 #pragma once
 
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
 #include "platform/hosted/timer_wheel.h"
 #include "platform/sim/agent.h"
 #include "platform/sim/context.h"
@@ -11,13 +18,6 @@
 #include "platform/sim/net.h"
 #include "platform/sim/random.h"
 #include "platform/sim/world.h"
-
-#include <cstdint>
-#include <deque>
-#include <list>
-#include <memory>
-#include <string>
-#include <vector>
 
 struct notifier_block;
 

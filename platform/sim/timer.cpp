@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/timer.h"
 
-#include "platform/sim/state.h"
-
 #include <new>
 #include <utility>
+
+#include "platform/sim/state.h"
 
 namespace
 {

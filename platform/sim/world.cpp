@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/sim/world.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "platform/hosted/skbuff.h"
 #include "platform/hosted/udp_frame.h"
 #include "platform/module.h"
 #include "platform/sim/state.h"
-
-#include <algorithm>
-#include <utility>
 
 namespace sim
 {

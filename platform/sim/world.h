@@ -9,11 +9,6 @@
 // breach of the platform's rules on the way, and every kernel warning that was not expected.
 #pragma once
 
-#include "platform/sim/agent.h"
-#include "platform/sim/failure.h"
-#include "platform/sim/faults.h"
-#include "platform/sim/frame.h"
-
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -21,6 +16,11 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/sim/agent.h"
+#include "platform/sim/failure.h"
+#include "platform/sim/faults.h"
+#include "platform/sim/frame.h"
 
 struct net;
 

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/agent_connection.h"
 
-#include "platform/hosted/skbuff.h"
-#include "platform/user/buffer.h"
-
 #include <cerrno>
 #include <cstring>
 #include <linux/netlink.h>
@@ -13,6 +10,9 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <vector>
+
+#include "platform/hosted/skbuff.h"
+#include "platform/user/buffer.h"
 
 namespace kelmd
 {

@@ -6,16 +6,16 @@
 // under the netlink table's lock; everything else happens on the control thread.
 #pragma once
 
-#include "platform/hosted/netlink.h"
-#include "platform/user/fd.h"
-#include "platform/user/net.h"
-#include "platform/user/process.h"
-
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <sys/socket.h>
 #include <sys/types.h>
+
+#include "platform/hosted/netlink.h"
+#include "platform/user/fd.h"
+#include "platform/user/net.h"
+#include "platform/user/process.h"
 
 struct sockaddr_nl;
 

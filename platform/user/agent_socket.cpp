@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/agent_socket.h"
 
-#include "platform/user/agent_connection.h"
-#include "platform/user/system_call.h"
-
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -14,6 +11,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
+
+#include "platform/user/agent_connection.h"
+#include "platform/user/system_call.h"
 
 namespace kelmd
 {

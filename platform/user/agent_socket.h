@@ -8,17 +8,17 @@
 // Control thread, but for netlink_port's delivery.
 #pragma once
 
-#include "platform/user/event_loop.h"
-#include "platform/user/fd.h"
-#include "platform/user/loop_timer.h"
-#include "platform/user/net.h"
-#include "platform/user/process.h"
-
 #include <memory>
 #include <optional>
 #include <string_view>
 #include <sys/types.h>
 #include <unordered_map>
+
+#include "platform/user/event_loop.h"
+#include "platform/user/fd.h"
+#include "platform/user/loop_timer.h"
+#include "platform/user/net.h"
+#include "platform/user/process.h"
 
 namespace kelmd
 {

@@ -3,9 +3,9 @@
 // The wall clock and the tick. The raw clock is the hosts' common one.
 #include "platform/clock.h"
 
-#include "platform/user/tick.h"
-
 #include <ctime>
+
+#include "platform/user/tick.h"
 
 namespace kelmd
 {

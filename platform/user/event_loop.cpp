@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/event_loop.h"
 
-#include "platform/user/log.h"
-#include "platform/user/system_call.h"
-
 #include <array>
 #include <exception>
 #include <mutex>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <utility>
+
+#include "platform/user/log.h"
+#include "platform/user/system_call.h"
 
 namespace kelmd
 {

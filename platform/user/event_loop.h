@@ -4,9 +4,6 @@
 // threads post. Handlers run one at a time, on the thread that called run.
 #pragma once
 
-#include "platform/hosted/mutex.h"
-#include "platform/user/fd.h"
-
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -14,6 +11,9 @@
 #include <thread>
 #include <unordered_map>
 #include <vector>
+
+#include "platform/hosted/mutex.h"
+#include "platform/user/fd.h"
 
 namespace kelmd
 {

@@ -3,17 +3,17 @@
 // Kernel threads as threads. A task owns its thread from its creation to kthread_stop.
 #include "platform/kthread.h"
 
-#include "platform/clock.h"
-#include "platform/hosted/mutex.h"
-#include "platform/user/context.h"
-#include "platform/user/thread.h"
-#include "platform/user/tick.h"
-
 #include <cerrno>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <system_error>
+
+#include "platform/clock.h"
+#include "platform/hosted/mutex.h"
+#include "platform/user/context.h"
+#include "platform/user/thread.h"
+#include "platform/user/tick.h"
 
 struct task_struct {
     int (*body)(void *argument) = nullptr;

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/log.h"
 
-#include "platform/user/thread.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -13,6 +11,8 @@
 #include <poll.h>
 #include <unistd.h>
 #include <utility>
+
+#include "platform/user/thread.h"
 
 namespace kelmd
 {

@@ -5,8 +5,6 @@
 // the ring full are counted, and the count is told as soon as there is room again.
 #pragma once
 
-#include "platform/hosted/mutex.h"
-
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -19,6 +17,8 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "platform/hosted/mutex.h"
 
 namespace kelmd
 {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/loop_timer.h"
 
-#include "platform/user/system_call.h"
-
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
+
+#include "platform/user/system_call.h"
 
 namespace kelmd
 {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #pragma once
 
-#include "platform/user/event_loop.h"
-
 #include <chrono>
+
+#include "platform/user/event_loop.h"
 
 namespace kelmd
 {

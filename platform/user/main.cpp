@@ -2,15 +2,6 @@
 //
 // kelmd: the engine as a daemon, on real sockets and without a kernel module. Here are its start
 // and its end, in order. The main thread is the control thread.
-#include "platform/capability.h"
-#include "platform/module.h"
-#include "platform/user/event_loop.h"
-#include "platform/user/log.h"
-#include "platform/user/namespaces.h"
-#include "platform/user/process.h"
-#include "platform/user/softirq.h"
-#include "platform/user/system_call.h"
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -22,6 +13,15 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
+
+#include "platform/capability.h"
+#include "platform/module.h"
+#include "platform/user/event_loop.h"
+#include "platform/user/log.h"
+#include "platform/user/namespaces.h"
+#include "platform/user/process.h"
+#include "platform/user/softirq.h"
+#include "platform/user/system_call.h"
 
 // There is no module to unload.
 void module_get_self() {}

@@ -3,9 +3,9 @@
 // Memory, from the C library. It never waits, so both kinds of allocation are one.
 #include "platform/memory.h"
 
-#include "platform/user/context.h"
-
 #include <cstdlib>
+
+#include "platform/user/context.h"
 
 namespace
 {

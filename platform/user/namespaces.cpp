@@ -6,17 +6,17 @@
 // left and lets go too; and when the last of those is released, reported gone and forgotten.
 #include "platform/user/namespaces.h"
 
-#include "platform/user/agent_socket.h"
-#include "platform/user/log.h"
-#include "platform/user/port_owner.h"
-#include "platform/user/process.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <system_error>
 #include <utility>
+
+#include "platform/user/agent_socket.h"
+#include "platform/user/log.h"
+#include "platform/user/port_owner.h"
+#include "platform/user/process.h"
 
 namespace kelmd
 {

@@ -5,16 +5,16 @@
 // All on the control thread, but where a function says otherwise.
 #pragma once
 
-#include "platform/user/event_loop.h"
-#include "platform/user/loop_timer.h"
-#include "platform/user/net.h"
-#include "platform/user/netns_directory.h"
-
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "platform/user/event_loop.h"
+#include "platform/user/loop_timer.h"
+#include "platform/user/net.h"
+#include "platform/user/netns_directory.h"
 
 namespace kelmd
 {

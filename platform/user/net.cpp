@@ -3,18 +3,18 @@
 // Namespaces as the engine sees them, and the way in and out.
 #include "platform/user/net.h"
 
-#include "platform/user/agent_socket.h"
-#include "platform/user/context.h"
-#include "platform/user/log.h"
-#include "platform/user/namespaces.h"
-#include "platform/user/system_call.h"
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
 #include <sched.h>
 #include <system_error>
+
+#include "platform/user/agent_socket.h"
+#include "platform/user/context.h"
+#include "platform/user/log.h"
+#include "platform/user/namespaces.h"
+#include "platform/user/system_call.h"
 
 net::net(kelmd::netns_key the_key, kelmd::unique_fd the_handle, bool is_initial)
     : key(the_key), handle(std::move(the_handle)), initial(is_initial)

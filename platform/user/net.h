@@ -4,10 +4,6 @@
 // into it. Made, announced and destroyed by namespace_set, on the control thread.
 #pragma once
 
-#include "platform/hosted/netlink.h"
-#include "platform/net.h"
-#include "platform/user/fd.h"
-
 #include <atomic>
 #include <compare>
 #include <cstdint>
@@ -15,6 +11,10 @@
 #include <set>
 #include <string>
 #include <sys/types.h>
+
+#include "platform/hosted/netlink.h"
+#include "platform/net.h"
+#include "platform/user/fd.h"
 
 namespace kelmd
 {

@@ -3,15 +3,15 @@
 // Kernel netlink sockets: the hosts' common netlink, with the agents' socket in front of it.
 #include "platform/netlink.h"
 
+#include <cerrno>
+#include <new>
+#include <system_error>
+
 #include "platform/hosted/netlink.h"
 #include "platform/user/agent_socket.h"
 #include "platform/user/context.h"
 #include "platform/user/namespaces.h"
 #include "platform/user/net.h"
-
-#include <cerrno>
-#include <new>
-#include <system_error>
 
 namespace
 {

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/netns_directory.h"
 
-#include "platform/user/system_call.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -17,6 +15,8 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <system_error>
+
+#include "platform/user/system_call.h"
 
 namespace kelmd
 {

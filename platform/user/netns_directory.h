@@ -4,13 +4,13 @@
 // thread.
 #pragma once
 
-#include "platform/user/event_loop.h"
-#include "platform/user/fd.h"
-#include "platform/user/net.h"
-
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "platform/user/event_loop.h"
+#include "platform/user/fd.h"
+#include "platform/user/net.h"
 
 namespace kelmd
 {

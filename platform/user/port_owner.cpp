@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/port_owner.h"
 
-#include "platform/user/agent_socket.h"
-#include "platform/user/process.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -14,6 +11,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <system_error>
+
+#include "platform/user/agent_socket.h"
+#include "platform/user/process.h"
 
 namespace kelmd
 {

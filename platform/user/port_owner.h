@@ -3,12 +3,12 @@
 // What stands in the way of serving a namespace: who holds a port or the agent socket there.
 #pragma once
 
-#include "platform/user/net.h"
-
 #include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+
+#include "platform/user/net.h"
 
 namespace kelmd
 {

@@ -3,14 +3,14 @@
 // The kernel log's lines, into the log of the process. They come out without their level.
 #include "platform/printk.h"
 
-#include "platform/user/log.h"
-
 #include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <execinfo.h>
 #include <string_view>
+
+#include "platform/user/log.h"
 
 namespace
 {

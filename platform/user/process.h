@@ -3,13 +3,13 @@
 // Other processes, as /proc shows them.
 #pragma once
 
-#include "platform/user/net.h"
-
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+
+#include "platform/user/net.h"
 
 namespace kelmd
 {

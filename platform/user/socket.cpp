@@ -4,10 +4,6 @@
 // in udp_socket.cpp.
 #include "platform/user/socket.h"
 
-#include "platform/user/buffer.h"
-#include "platform/user/context.h"
-#include "platform/user/net.h"
-
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -15,6 +11,10 @@
 #include <net/ethernet.h>
 #include <netinet/in.h>
 #include <new>
+
+#include "platform/user/buffer.h"
+#include "platform/user/context.h"
+#include "platform/user/net.h"
 
 namespace kelmd
 {

@@ -4,14 +4,14 @@
 // them, from __sock_create to sock_release.
 #pragma once
 
+#include <cstdint>
+#include <span>
+#include <sys/socket.h>
+
 #include "platform/hosted/sock.h"
 #include "platform/socket.h"
 #include "platform/user/fd.h"
 #include "platform/user/softirq.h"
-
-#include <cstdint>
-#include <span>
-#include <sys/socket.h>
 
 namespace kelmd
 {

@@ -6,15 +6,6 @@
 // timer runs. A detection timer never fires over the proof that the peer was alive.
 #include "platform/user/softirq.h"
 
-#include "platform/clock.h"
-#include "platform/hosted/wait.h"
-#include "platform/user/context.h"
-#include "platform/user/fd.h"
-#include "platform/user/log.h"
-#include "platform/user/system_call.h"
-#include "platform/user/thread.h"
-#include "platform/user/timer.h"
-
 #include <atomic>
 #include <cerrno>
 #include <mutex>
@@ -25,6 +16,15 @@
 #include <sys/resource.h>
 #include <thread>
 #include <vector>
+
+#include "platform/clock.h"
+#include "platform/hosted/wait.h"
+#include "platform/user/context.h"
+#include "platform/user/fd.h"
+#include "platform/user/log.h"
+#include "platform/user/system_call.h"
+#include "platform/user/thread.h"
+#include "platform/user/timer.h"
 
 namespace kelmd
 {

@@ -4,10 +4,10 @@
 // a thread of their own here, so keeping bottom halves off is nothing more than the lock.
 #include "platform/spinlock.h"
 
+#include <new>
+
 #include "platform/hosted/mutex.h"
 #include "platform/user/context.h"
-
-#include <new>
 
 namespace
 {

@@ -3,10 +3,10 @@
 // Threads, and how the shared parts of the hosts wait in them.
 #include "platform/user/thread.h"
 
-#include "platform/hosted/wait.h"
-
 #include <pthread.h>
 #include <string>
+
+#include "platform/hosted/wait.h"
 
 std::thread kelmd::start_thread(const char *name, std::function<void()> body)
 {

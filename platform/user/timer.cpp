@@ -4,6 +4,11 @@
 // on the softirq thread, one at a time, without the lock.
 #include "platform/timer.h"
 
+#include <algorithm>
+#include <mutex>
+#include <new>
+#include <sys/timerfd.h>
+
 #include "platform/clock.h"
 #include "platform/hosted/timer_wheel.h"
 #include "platform/hosted/wait.h"
@@ -12,11 +17,6 @@
 #include "platform/user/system_call.h"
 #include "platform/user/tick.h"
 #include "platform/user/timer.h"
-
-#include <algorithm>
-#include <mutex>
-#include <new>
-#include <sys/timerfd.h>
 
 namespace kelmd
 {

@@ -2,17 +2,17 @@
 //
 // Reception: batched reads on the softirq thread. A UDP socket hands out the payload alone; the
 // headers in front of it are written anew from what the ancillary data tells.
-#include "platform/hosted/skbuff.h"
-#include "platform/hosted/udp_frame.h"
-#include "platform/user/buffer.h"
-#include "platform/user/socket.h"
-
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <netinet/in.h>
 #include <sys/uio.h>
+
+#include "platform/hosted/skbuff.h"
+#include "platform/hosted/udp_frame.h"
+#include "platform/user/buffer.h"
+#include "platform/user/socket.h"
 
 namespace kelmd
 {

@@ -3,13 +3,13 @@
 // What tests of the engine say to it, and how they read what it answers.
 #pragma once
 
-#include "sim_fixture.h"
-
 #include <concepts>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "sim_fixture.h"
 
 namespace sim
 {

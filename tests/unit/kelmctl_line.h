@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Running kelmctl inside a test.
-#ifndef KELMCTL_LINE_H
-#define KELMCTL_LINE_H
-
-#include <gtest/gtest.h>
+#pragma once
 
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -56,5 +54,3 @@ class temporary_file
 };
 
 } // namespace kelmctl_line
-
-#endif

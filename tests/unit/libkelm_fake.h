@@ -2,21 +2,19 @@
 //
 // A kelmd that is not real, for tests of the agent's side: it does what the test tells it, in a
 // thread of its own.
-#ifndef LIBKELM_FAKE_H
-#define LIBKELM_FAKE_H
-
-#include <gtest/gtest.h>
-#include <linux/netlink.h>
-#include <sched.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#pragma once
 
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <mutex>
+#include <sched.h>
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <vector>
 
@@ -27,15 +25,15 @@
 namespace libkelm_fake
 {
 
-constexpr uint32_t port_id = 4242;
+constexpr std::uint32_t port_id = 4242;
 
 // Spaces may stand between the bytes.
 inline kelm::bytes from_hex(std::string hex)
 {
     std::erase(hex, ' ');
     kelm::bytes out;
-    for (size_t i = 0; i < hex.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        out.push_back(static_cast<std::uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
     return out;
 }
 
@@ -53,30 +51,30 @@ inline kelm::bytes operator+(kelm::bytes left, const kelm::bytes &right)
     return left;
 }
 
-inline kelm::bytes message(uint16_t type, uint32_t seq, uint32_t pid, const kelm::bytes &body,
-                           uint16_t flags = 0)
+inline kelm::bytes message(std::uint16_t type, std::uint32_t seq, std::uint32_t pid,
+                           const kelm::bytes &body, std::uint16_t flags = 0)
 {
-    const auto length = static_cast<uint32_t>(sizeof(nlmsghdr) + body.size());
+    const auto length = static_cast<std::uint32_t>(sizeof(nlmsghdr) + body.size());
     kelm::bytes out = bytes_of(nlmsghdr{length, type, flags, seq, pid}) + body;
     out.resize((out.size() + 3) / 4 * 4);
     return out;
 }
 
 // What answers a request, as the kernel and kelmd make it.
-inline kelm::bytes reply(const nlmsghdr &to, uint16_t type, const kelm::bytes &body)
+inline kelm::bytes reply(const nlmsghdr &to, std::uint16_t type, const kelm::bytes &body)
 {
     return message(type, to.nlmsg_seq, port_id, body);
 }
 
-inline kelm::bytes ack(const nlmsghdr &to, int32_t error)
+inline kelm::bytes ack(const nlmsghdr &to, std::int32_t error)
 {
     return reply(to, NLMSG_ERROR, bytes_of(error) + bytes_of(to));
 }
 
-inline kelm::bytes done(const nlmsghdr &to, uint16_t flags = 0, int32_t error = 0)
+inline kelm::bytes done(const nlmsghdr &to, std::uint16_t flags = 0, std::int32_t error = 0)
 {
     return message(NLMSG_DONE, to.nlmsg_seq, port_id, bytes_of(error),
-                   static_cast<uint16_t>(NLM_F_MULTI | flags));
+                   static_cast<std::uint16_t>(NLM_F_MULTI | flags));
 }
 
 struct seen {
@@ -96,8 +94,8 @@ inline answers agree(const seen &request)
 struct behaviour {
     std::function<answers(const seen &)> handle = agree; // in the fake's thread
     // How bind packets are answered.
-    uint32_t bind_port_id = port_id;
-    uint32_t allowed_groups = ~0U;
+    std::uint32_t bind_port_id = port_id;
+    std::uint32_t allowed_groups = ~0U;
     answers before_bind_answer = {};
 };
 
@@ -137,7 +135,7 @@ class fake_daemon
         const std::lock_guard guard(mutex_);
         return requests_;
     }
-    std::vector<uint32_t> groups() const
+    std::vector<std::uint32_t> groups() const
     {
         const std::lock_guard guard(mutex_);
         return groups_;
@@ -150,7 +148,7 @@ class fake_daemon
         kelm::bytes buffer(1 << 16);
         ssize_t got;
         while ((got = recv(socket_.get(), buffer.data(), buffer.size(), 0)) > 0)
-            take(kelm::byte_view(buffer).first(static_cast<size_t>(got)));
+            take(kelm::byte_view(buffer).first(static_cast<std::size_t>(got)));
         socket_ = {};
     }
 
@@ -186,7 +184,7 @@ class fake_daemon
     const behaviour how_;
     mutable std::mutex mutex_; // guards what has come
     std::vector<seen> requests_;
-    std::vector<uint32_t> groups_;
+    std::vector<std::uint32_t> groups_;
     kelm::unique_fd listener_{socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
     kelm::unique_fd socket_; // the thread's
     std::thread thread_;
@@ -203,5 +201,3 @@ class own_namespace : public testing::Test
 };
 
 } // namespace libkelm_fake
-
-#endif

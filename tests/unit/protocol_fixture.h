@@ -3,19 +3,18 @@
 // What the tests of the protocol library share: packets, and a trace callback that remembers.
 #pragma once
 
-#include "byte_order.h"
-#include "hex.h"
-#include "kelm_bfd_common_utils.h"
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdint>
+#include <gtest/gtest.h>
 #include <memory>
 #include <span>
 #include <string>
 #include <tuple>
 #include <vector>
+
+#include "byte_order.h"
+#include "hex.h"
+#include "kelm_bfd_common_utils.h"
 
 using bytes = std::vector<std::uint8_t>;
 

@@ -4,18 +4,17 @@
 // tests need are made here.
 #pragma once
 
-#include "kelm.h"
-#include "platform/sim/world.h"
-
-#include <gtest/gtest.h>
-
 #include <arpa/inet.h>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
 #include <span>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "kelm.h"
+#include "platform/sim/world.h"
 
 namespace sim
 {

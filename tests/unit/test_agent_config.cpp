@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // kelm-agent's configuration: what it means, and how its mistakes are told.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <sstream>
 
 #include "kelm-agent/config.h"

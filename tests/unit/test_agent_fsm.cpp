@@ -10,17 +10,17 @@ namespace
 
 using namespace kelm_agent;
 
-constexpr uint8_t A = BFD_STATE_ADMIN_DOWN;
-constexpr uint8_t D = BFD_STATE_DOWN;
-constexpr uint8_t I = BFD_STATE_INIT;
-constexpr uint8_t U = BFD_STATE_UP;
-constexpr uint8_t earlier = BFD_DIAG_CTRL_TIMEOUT; // left by an earlier failure
-constexpr uint8_t none = BFD_DIAG_NONE;
-constexpr uint8_t signalled = BFD_DIAG_NEIGH_DOWN;
+constexpr std::uint8_t A = BFD_STATE_ADMIN_DOWN;
+constexpr std::uint8_t D = BFD_STATE_DOWN;
+constexpr std::uint8_t I = BFD_STATE_INIT;
+constexpr std::uint8_t U = BFD_STATE_UP;
+constexpr std::uint8_t earlier = BFD_DIAG_CTRL_TIMEOUT; // left by an earlier failure
+constexpr std::uint8_t none = BFD_DIAG_NONE;
+constexpr std::uint8_t signalled = BFD_DIAG_NEIGH_DOWN;
 
 struct transition {
-    uint8_t from;
-    uint8_t received;
+    std::uint8_t from;
+    std::uint8_t received;
     condition to;
 };
 

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What kelm-agent finds when it starts: its own records, kelm's dump, packets of unknown origin.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 
 #include "kelm-agent/authentic.h"
 #include "kelm-agent/member_listener.h"
@@ -17,10 +16,11 @@ namespace
 
 using namespace kelm_agent;
 
-constexpr uint32_t ifindex = 4;
-constexpr uint32_t discriminator = 77;
+constexpr std::uint32_t ifindex = 4;
+constexpr std::uint32_t discriminator = 77;
 
-session_config config_of(const char *local, const char *peer, uint8_t auth_type = BFD_AUTH_NONE)
+session_config config_of(const char *local, const char *peer,
+                         std::uint8_t auth_type = BFD_AUTH_NONE)
 {
     session_config config;
     config.name = "s";
@@ -33,7 +33,7 @@ session_config config_of(const char *local, const char *peer, uint8_t auth_type 
     return config;
 }
 
-wiring wires_at(uint32_t index)
+wiring wires_at(std::uint32_t index)
 {
     wiring wires;
     wires.transmit_ifindex = wires.receive_ifindex = index;
@@ -41,8 +41,8 @@ wiring wires_at(uint32_t index)
 }
 
 // What the peer of such a session sends, as kelm passes it up.
-kelm::packet_change frame_from_peer(const session_config &config, uint32_t your_discriminator,
-                                    uint16_t port = kelm::port_single_hop)
+kelm::packet_change frame_from_peer(const session_config &config, std::uint32_t your_discriminator,
+                                    std::uint16_t port = kelm::port_single_hop)
 {
     kelm::packet_settings packet;
     packet.source = config.peer;
@@ -97,7 +97,7 @@ TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
     auto on_member_link = config;
     on_member_link.kind = session_kind::lag;
     auto frame = frame_from_peer(config, 12, kelm::port_lag);
-    for (const uint32_t member : {0U, ifindex, ifindex + 1}) {
+    for (const std::uint32_t member : {0U, ifindex, ifindex + 1}) {
         frame.member_ifindex = member;
         all.at(12).frame = frame;
         EXPECT_EQ(recognise(on_member_link, wires_at(ifindex), all).has_value(), member == ifindex);
@@ -107,7 +107,7 @@ TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
 TEST(agent_reconcile, packets_without_discriminator_are_checked)
 {
     const auto config = config_of("10.0.0.1", "10.0.0.2");
-    std::optional<uint32_t> sequence;
+    std::optional<std::uint32_t> sequence;
     auto change = frame_from_peer(config, 0);
     EXPECT_TRUE(is_authentic(config, {}, change, sequence));
     EXPECT_FALSE(is_authentic(config, wires_at(5), change, sequence));
@@ -115,17 +115,18 @@ TEST(agent_reconcile, packets_without_discriminator_are_checked)
         is_authentic(config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_KEYED_MD5), {}, change, sequence));
     change.frame[14 + 8] = 254; // TTL
     EXPECT_FALSE(is_authentic(config, {}, change, sequence));
-    for (size_t length = 0; length < change.frame.size(); length++) {
+    for (std::size_t length = 0; length < change.frame.size(); ++length) {
         auto cut = change;
         cut.frame.resize(length);
-        cut.bfd_offset = std::min<uint32_t>(cut.bfd_offset, static_cast<uint32_t>(length));
-        cut.l3_offset = std::min<uint32_t>(cut.l3_offset, static_cast<uint32_t>(length));
+        cut.bfd_offset =
+            std::min<std::uint32_t>(cut.bfd_offset, static_cast<std::uint32_t>(length));
+        cut.l3_offset = std::min<std::uint32_t>(cut.l3_offset, static_cast<std::uint32_t>(length));
         EXPECT_FALSE(is_authentic(config, {}, cut, sequence));
     }
 }
 
 // Signs as kelm does it.
-void sign(kelm::packet_change &change, const session_config &config, uint32_t sequence)
+void sign(kelm::packet_change &change, const session_config &config, std::uint32_t sequence)
 {
     const kelm::auth_settings auth = {config.auth.type, 1, config.auth.keys[0].secret};
     kelm::packet_settings packet;
@@ -135,15 +136,15 @@ void sign(kelm::packet_change &change, const session_config &config, uint32_t se
     const auto built = kelm::build_packet(packet);
     kelm_auth_process(change.frame.data(), change.frame.size(), change.bfd_offset,
                       KELM_TX_SESSION_L2, auth.type, &sequence, &built.auth_hdr,
-                      [](kelm_trace_type, uint32_t, const char *) {});
+                      [](kelm_trace_type, std::uint32_t, const char *) {});
 }
 
 TEST(agent_reconcile, an_old_packet_is_not_taken_twice)
 {
     const auto config = config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_METICULOUS_SHA1);
-    std::optional<uint32_t> last;
+    std::optional<std::uint32_t> last;
     const struct {
-        uint32_t sequence;
+        std::uint32_t sequence;
         bool accepted;
     } cases[] = {{0xfffffff0, true}, {0xfffffff0, false}, {0xffffffef, false},
                  {0xffffffff, true}, {5, true},           {0xffffffff, false}};
@@ -152,7 +153,7 @@ TEST(agent_reconcile, an_old_packet_is_not_taken_twice)
         sign(change, config, c.sequence);
         EXPECT_EQ(is_authentic(config, {}, change, last), c.accepted) << c.sequence;
         change.frame.back() ^= 1;
-        std::optional<uint32_t> none;
+        std::optional<std::uint32_t> none;
         EXPECT_FALSE(is_authentic(config, {}, change, none));
         EXPECT_FALSE(none) << "a forged packet leaves no trace";
     }
@@ -169,7 +170,7 @@ TEST(agent_reconcile, packets_on_a_member_link)
         auto padded = change.frame;
         padded.resize(padded.size() + 10);
         EXPECT_EQ(undirected_lag_packet(padded)->frame, change.frame);
-        for (size_t length = 0; length < change.frame.size(); length++)
+        for (std::size_t length = 0; length < change.frame.size(); ++length)
             EXPECT_FALSE(undirected_lag_packet(kelm::byte_view(change.frame).first(length)));
         EXPECT_FALSE(undirected_lag_packet(frame_from_peer(config, 5, kelm::port_lag).frame));
         EXPECT_FALSE(undirected_lag_packet(frame_from_peer(config, 0).frame));

@@ -3,7 +3,6 @@
 // One session of kelm-agent: intervals and Poll Sequences, failure, restart, the administrator.
 // What is expected is what RFC 5880 sections 6.5 to 6.8 demand.
 #include <gtest/gtest.h>
-
 #include <vector>
 
 #include "kelm-agent/session.h"
@@ -15,8 +14,8 @@ using namespace kelm_agent;
 using std::chrono::milliseconds;
 
 constexpr kelm_microsecs ms = 1000;
-constexpr uint32_t our_discriminator = 5;
-constexpr uint32_t peer_discriminator = 9;
+constexpr std::uint32_t our_discriminator = 5;
+constexpr std::uint32_t peer_discriminator = 9;
 
 session_config config_with(kelm_microsecs tx, kelm_microsecs rx)
 {
@@ -26,7 +25,8 @@ session_config config_with(kelm_microsecs tx, kelm_microsecs rx)
     return config;
 }
 
-kelm::bfd_fields says(uint8_t state, kelm_microsecs tx = 1000 * ms, kelm_microsecs rx = 50 * ms)
+kelm::bfd_fields says(std::uint8_t state, kelm_microsecs tx = 1000 * ms,
+                      kelm_microsecs rx = 50 * ms)
 {
     kelm::bfd_fields fields;
     fields.state = state;
@@ -151,7 +151,7 @@ TEST_F(agent_session, a_change_that_is_taken_back_before_it_is_confirmed)
         bring_up();
         subject.reconfigure(changed);
         subject.reconfigure(config_with(last.desired_min_tx, last.required_min_rx));
-        for (int answer = 0; answer < 2; answer++) {
+        for (int answer = 0; answer < 2; ++answer) {
             EXPECT_EQ(sent().bfd.min_tx_interval, last.desired_min_tx);
             EXPECT_TRUE(sent().bfd.poll);
             EXPECT_EQ(periods(), (intervals{50 * ms, 500 * ms}));
@@ -248,7 +248,7 @@ TEST_F(agent_session, jitter_and_detection_time_by_multiplier)
     extreme.detect_multiplier = 255;
     subject.packet(extreme, now);
     EXPECT_EQ(received().multiplier, 255);
-    EXPECT_LE(uint64_t{255} * received().period, 0xffffffffU) << "kelm multiplies in 32 bits";
+    EXPECT_LE(std::uint64_t{255} * received().period, 0xffffffffU) << "kelm multiplies in 32 bits";
     EXPECT_GT(received().period, 16'000 * ms);
 }
 
@@ -300,13 +300,13 @@ TEST_F(agent_session, downs_that_are_not_failures)
 TEST_F(agent_session, takes_over_from_an_earlier_run)
 {
     const auto heard = says(BFD_STATE_UP, 60 * ms);
-    const std::optional<uint8_t> up = BFD_STATE_UP;
-    const std::optional<uint8_t> down = BFD_STATE_DOWN;
+    const std::optional<std::uint8_t> up = BFD_STATE_UP;
+    const std::optional<std::uint8_t> down = BFD_STATE_DOWN;
     struct {
         const char *what;
         std::optional<kelm::bfd_fields> heard;
         bool timer_active;
-        std::optional<uint8_t> recorded;
+        std::optional<std::uint8_t> recorded;
         condition expected;
     } const cases[] = {
         {"healthy", heard, true, up, {BFD_STATE_UP, BFD_DIAG_NONE}},

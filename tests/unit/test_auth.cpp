@@ -2,13 +2,12 @@
 //
 // Authentication: the arithmetic of types, who is admitted on receive, and what transmission
 // writes. That each end understands the other is tested with whole engines.
-#include "protocol_fixture.h"
-
-#include "md5.h"
-#include "sha1.h"
-
 #include <array>
 #include <cstring>
+
+#include "md5.h"
+#include "protocol_fixture.h"
+#include "sha1.h"
 
 namespace
 {
@@ -107,7 +106,7 @@ TEST(auth, length_of_a_section_is_that_of_its_type_or_password)
         return kelm_auth_header_len_hdr(
             type, reinterpret_cast<const bfd_auth_hdr *>(exact_copy(section).data()));
     };
-    for (unsigned len = 0; len < 256; len++) {
+    for (unsigned len = 0; len < 256; ++len) {
         bytes section(28, 'x'); // behind the password, bytes that are not its
         section[1] = static_cast<std::uint8_t>(len);
         EXPECT_EQ(length_by(BFD_AUTH_PASSWORD, section), len >= 4 && len <= 19 ? len : 0) << len;
@@ -120,7 +119,7 @@ TEST(auth, length_of_a_section_is_that_of_its_type_or_password)
 
 TEST(auth, packet_without_section_is_for_sessions_without_or_debug)
 {
-    for (unsigned type = 0; type < 256; type++)
+    for (unsigned type = 0; type < 256; ++type)
         EXPECT_EQ(receiver(static_cast<std::uint8_t>(type)).check(make_packet()),
                   verdict{type == 0 || type == 255 ? "admitted" : "refused"})
             << type;
@@ -324,7 +323,7 @@ TEST(auth, no_single_bit_of_a_signed_packet_can_be_changed)
     for (const std::uint8_t type : digest_types) {
         const bytes good = make_signed(type, 5, 101);
         EXPECT_TRUE(receiver(type, 100).admits(good));
-        for (std::size_t bit = 0; bit < good.size() * 8; bit++) {
+        for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
             bytes changed = good;
             changed[bit / 8] ^= static_cast<std::uint8_t>(1 << bit % 8);
             receiver session(type, 100);
@@ -384,7 +383,7 @@ TEST(auth, without_sequence_number_or_room_nothing_changes)
         expect_unchanged(type, make_password_packet(5, "0123456789abcdef"), 0);
     for (const std::uint8_t type : bytes{2, 3, 4, 5, 255}) {
         const bytes whole = make_packet(make_seq_section(type, 5, 0));
-        for (std::size_t len = 0; len < whole.size(); len++)
+        for (std::size_t len = 0; len < whole.size(); ++len)
             expect_unchanged(type, bytes(whole.data(), whole.data() + len), 0);
         for (const std::uint32_t offset : {1u, 100u, 4294967295u})
             expect_unchanged(type, whole, offset);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Which control packets are valid, where their fields lie, and the hex dump.
-#include "protocol_fixture.h"
-
 #include <cstring>
 #include <numeric>
+
+#include "protocol_fixture.h"
 
 namespace
 {
@@ -98,9 +98,9 @@ TEST_F(validation, agrees_with_the_rfc_on_lengths)
 
 TEST_F(validation, agrees_with_the_rfc_on_fields)
 {
-    for (unsigned version = 0; version < 8; version++)
-        for (unsigned state = 0; state < 4; state++)
-            for (std::uint8_t flags = 0; flags < 64; flags++)
+    for (unsigned version = 0; version < 8; ++version)
+        for (unsigned state = 0; state < 4; ++state)
+            for (std::uint8_t flags = 0; flags < 64; ++flags)
                 for (const std::uint8_t multiplier : bytes{0, 1, 255})
                     for (const std::uint32_t my : {0u, 1u, 0x1000000u})
                         for (const std::uint32_t your : {0u, 1u, 0x1000000u})
@@ -118,7 +118,7 @@ TEST_F(validation, agrees_with_the_rfc_on_fields)
 
 TEST(bfd_packet, diagnostic_and_intervals_do_not_matter)
 {
-    for (int diag = 0; diag < 32; diag++) {
+    for (int diag = 0; diag < 32; ++diag) {
         bytes packet = make_packet();
         packet[0] = static_cast<std::uint8_t>(packet[0] | diag);
         std::fill(packet.begin() + 12, packet.end(), std::uint8_t{0xff});
@@ -140,7 +140,7 @@ TEST(bfd_packet, fields_lie_where_the_wire_has_them)
     const std::uint8_t masks[] = {
         BFD_FLAG_POLL,         BFD_FLAG_FINAL,       BFD_FLAG_CONTROL_PLANE_INDEPENDENT,
         BFD_FLAG_AUTH_PRESENT, BFD_FLAG_DEMAND_MODE, BFD_FLAG_MULTIPOINT};
-    for (std::size_t i = 0; i < std::size(masks); i++) {
+    for (std::size_t i = 0; i < std::size(masks); ++i) {
         bytes expected = {1, BFD_DIAG_PATH_DOWN, 0, 0, 0, 0, 0, 0, 0};
         expected[3 + i] = 1;
         EXPECT_EQ(masks[i], 0x20 >> i);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Debug levels: of the module, and of single sessions.
+#include <cerrno>
+
 #include "engine_fixture.h"
 #include "kelm/log.h"
-
-#include <cerrno>
 
 namespace
 {

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // MD5 and SHA-1 against published results, and what the interfaces add to the algorithms.
-#include "protocol_fixture.h"
-
 #include "md5.h"
+#include "protocol_fixture.h"
 #include "sha1.h"
 
 namespace
@@ -85,7 +84,7 @@ TEST(md5, goes_on_from_given_chaining_values)
 TEST(md5, may_be_written_into_the_data)
 {
     const std::string message = letters_and_digits + letters;
-    for (std::size_t at = 0; at + 16 <= message.size(); at++) {
+    for (std::size_t at = 0; at + 16 <= message.size(); ++at) {
         exact_copy data = exact(message);
         std::uint8_t *digest = data.data() + at;
         kelm_md5_cksum(data.data(), message.size(), message.size(), digest, nullptr);
@@ -116,13 +115,13 @@ TEST(sha1, gives_the_published_digests)
 TEST(sha1, does_not_depend_on_how_the_message_is_cut)
 {
     std::string message;
-    for (int i = 0; i < 300; i++)
+    for (int i = 0; i < 300; ++i)
         message += static_cast<char>(i * 7);
     const std::string whole = sha1(message);
 
-    for (std::size_t cut = 0; cut <= message.size(); cut++)
+    for (std::size_t cut = 0; cut <= message.size(); ++cut)
         ASSERT_EQ(sha1(message, cut), whole) << "cut at " << cut;
-    for (std::size_t piece = 1; piece <= 130; piece++)
+    for (std::size_t piece = 1; piece <= 130; ++piece)
         ASSERT_EQ(sha1(message, 0, piece), whole) << "pieces of " << piece;
 }
 

@@ -2,11 +2,11 @@
 //
 // Requests on their way to their handlers: which are taken from whom, and what becomes of those
 // that are not what they should be.
+#include <cerrno>
+
 #include "engine_fixture.h"
 #include "kelm/log.h"
 #include "platform/sim/random.h"
-
-#include <cerrno>
 
 namespace
 {

@@ -2,6 +2,12 @@
 //
 // Statistics requests, and the dumps of sessions and packets that stop when a datagram is full
 // and go on later.
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <set>
+#include <tuple>
+
 #include "engine_fixture.h"
 #include "kelm/dump.h"
 #include "kelm/netlink_internal.h"
@@ -10,12 +16,6 @@
 #include "kelm/tx.h"
 #include "platform/hosted/skbuff.h"
 #include "platform/sim/random.h"
-
-#include <algorithm>
-#include <cerrno>
-#include <map>
-#include <set>
-#include <tuple>
 
 namespace
 {

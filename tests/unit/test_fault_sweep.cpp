@@ -4,9 +4,9 @@
 // service of the platform failing, and with all from there on failing, until nothing fails any
 // more. Whatever the outcome for the agent: nothing leaks, no rule of the platform is broken, no
 // invariant warns, and afterwards the engine is as good as new.
-#include "wire_fixture.h"
-
 #include <cerrno>
+
+#include "wire_fixture.h"
 
 namespace
 {

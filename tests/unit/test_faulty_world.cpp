@@ -6,12 +6,11 @@
 //
 // Everything is drawn from a seed. To run one again: KELM_SEED=<seed> test_faulty_world
 // To run many: KELM_SEEDS=<number> test_faulty_world
-#include "world_checkers.h"
+#include <cstdlib>
 
 #include "platform/sim/net.h"
 #include "platform/sim/random.h"
-
-#include <cstdlib>
+#include "world_checkers.h"
 
 namespace
 {

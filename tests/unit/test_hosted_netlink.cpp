@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Netlink without the engine: the kernel's side is a few lines of the test.
-#include "sim_fixture.h"
-
-#include "platform/capability.h"
-#include "platform/sim/net.h"
-#include "platform/spinlock.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <functional>
 #include <string>
+
+#include "platform/capability.h"
+#include "platform/sim/net.h"
+#include "platform/spinlock.h"
+#include "sim_fixture.h"
 
 namespace
 {

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Socket buffers, and the frames that are built in them.
-#include "hex.h"
-#include "sim_fixture.h"
-
-#include "platform/hosted/skbuff.h"
-
 #include <cerrno>
 #include <numeric>
+
+#include "hex.h"
+#include "platform/hosted/skbuff.h"
+#include "sim_fixture.h"
 
 namespace
 {

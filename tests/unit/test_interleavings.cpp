@@ -3,9 +3,8 @@
 // Processors that meet: at one tick a detection timer and a transmit timer are due, and while
 // they run, a datagram arrives, the agent reconfigures, stops, deletes or sweeps. Every pair in
 // every order, one at each lock point of the other; three at once by seeds.
-#include "wire_fixture.h"
-
 #include "platform/sim/random.h"
+#include "wire_fixture.h"
 
 namespace
 {

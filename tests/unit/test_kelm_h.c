@@ -3,9 +3,9 @@
  * An agent in C11: kelm.h comes first, alone and without extensions, and what is written through
  * its structures is read by test_kelm_h.cpp through the same ones in C++.
  */
-#include "kelm.h"
-
 #include "test_kelm_h.h"
+
+#include "kelm.h"
 
 void c_agent_fills(struct kelm_msg_tx_set_packet *tx, struct kelm_msg_rx_set_session *rx,
                    struct bfd_ctrl *ctrl)

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // kelm.h means the same in C11 and in C++20. That its layouts are right is asserted by itself.
-#include "kelm.h"
-
 #include "test_kelm_h.h"
 
 #include <gtest/gtest.h>
+
+#include "kelm.h"
 
 namespace
 {

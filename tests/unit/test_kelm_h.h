@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* What the C half of the test of kelm.h offers to the C++ half. */
-#ifndef TEST_KELM_H_H
-#define TEST_KELM_H_H
+#pragma once
+
+#include "kelm.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -13,6 +14,4 @@ void c_agent_fills(struct kelm_msg_tx_set_packet *tx, struct kelm_msg_rx_set_ses
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -19,7 +19,7 @@ TEST(values, durations)
 {
     struct {
         const char *text;
-        uint32_t microseconds;
+        std::uint32_t microseconds;
         const char *told;
     } const cases[] = {
         {"0", 0, "0"},
@@ -50,7 +50,7 @@ TEST(values, numbers_and_lists)
     for (const char *bad : {"", "256", "-1", "1 ", "0x", "1x", "4294967296"})
         EXPECT_THROW(parse_number("ttl", bad, 0, 255), usage_error) << bad;
     EXPECT_EQ(parse_discriminators("5,0x10,4294967295"),
-              (std::vector<uint32_t>{5, 16, 0xffffffff}));
+              (std::vector<std::uint32_t>{5, 16, 0xffffffff}));
     for (const char *bad : {"", "5,", ",5", "5,,6", "0", "5 6"})
         EXPECT_THROW(parse_discriminators(bad), usage_error) << bad;
 }
@@ -110,7 +110,7 @@ record first()
         .number("discriminator", "session", 5)
         .text("packet.state", "state", "up")
         .duration("avg_period", "avg", 300'000)
-        .json("packet.length", uint64_t{66})
+        .json("packet.length", std::uint64_t{66})
         .full()
         .age("last_rx_time", "last", {100, 0}, {100, 12'000'000});
 }

@@ -64,7 +64,7 @@ TEST(completion, knows_the_whole_table)
 // Every value that is offered is one that is understood.
 TEST(completion, offers_values_that_are_understood)
 {
-    size_t offered = 0;
+    std::size_t offered = 0;
     for (const auto &object : objects)
         for (const auto &command : object.commands)
             for (const auto &parameter : command.parameters) {
@@ -74,7 +74,7 @@ TEST(completion, offers_values_that_are_understood)
                                          std::string(command.name) + ' ' +
                                          std::string(parameter.name) + ' ';
                 for (const auto &value : completed(line)) {
-                    offered++;
+                    ++offered;
                     const auto got = kelmctl_line::run_line(line + value);
                     EXPECT_EQ(got.err.find("'" + value + "' is not"), std::string::npos) << got.err;
                 }

@@ -16,7 +16,7 @@ using namespace kelmctl_line;
 using namespace libkelm_fake;
 using kelmctl_and_kelmd = own_namespace;
 
-std::string zeros(size_t count)
+std::string zeros(std::size_t count)
 {
     return std::string(2 * count, '0');
 }
@@ -40,7 +40,7 @@ const std::string sha1_packet =
 
 struct request_case {
     std::string line;
-    uint16_t type;
+    std::uint16_t type;
     bool dump;
     std::string body; // fields in the order of kelm.h, little-endian
 };
@@ -166,7 +166,7 @@ TEST_F(kelmctl_and_kelmd, statistics_are_told_once_each_and_by_vrf)
 {
     fake_daemon fake({.handle = [](const seen &request) {
         const nlmsghdr &to = request.header;
-        const auto rx = [&](uint32_t discriminator, uint64_t received) {
+        const auto rx = [&](std::uint32_t discriminator, std::uint64_t received) {
             kelm_msg_rx_stats stats = {};
             stats.header.discriminator = discriminator;
             stats.num_received = received;
@@ -185,7 +185,7 @@ TEST_F(kelmctl_and_kelmd, statistics_are_told_once_each_and_by_vrf)
 }
 
 // Session 5, whose packets come every 300 ms, and the frame that it has received last.
-answers tell_of_session_5(const seen &request, const kelm::bytes &packet, uint32_t bfd_offset)
+answers tell_of_session_5(const seen &request, const kelm::bytes &packet, std::uint32_t bfd_offset)
 {
     const nlmsghdr &to = request.header;
     if (to.nlmsg_type == KELM_MSG_GET_STATS) {
@@ -198,7 +198,7 @@ answers tell_of_session_5(const seen &request, const kelm::bytes &packet, uint32
         stats.timestamp_nsecs = 12'000'000;
         return {reply(to, KELM_MSG_RX_STATS, bytes_of(stats)), done(to)};
     }
-    const auto length = static_cast<uint32_t>(packet.size());
+    const auto length = static_cast<std::uint32_t>(packet.size());
     const std::array change = {5U, 1U, 0U, 0U, bfd_offset, length};
     return {reply(to, KELM_MSG_RX_PACKET_CHANGE, bytes_of(change) + packet) +
             reply(to, KELM_MSG_RX_SYNC, from_hex("05000000 01000000")) + done(to)};
@@ -251,12 +251,12 @@ TEST_F(kelmctl_and_kelmd, monitor_shows_an_event_a_line)
                                 message(NLMSG_OVERRUN, 0, 0, {})}});
     const outcome got = run_line("-j monitor 5 failures packets count 2");
     EXPECT_EQ(got.status, kelmctl::success) << got.err;
-    const size_t second_line = got.out.find('\n') + 1;
+    const std::size_t second_line = got.out.find('\n') + 1;
     EXPECT_TRUE(got.out.starts_with(R"({"time":{"sec":)")) << got.out;
     EXPECT_LT(got.out.find(R"("discriminator":5,"message":"session_failure"})"), second_line)
         << got.out;
     EXPECT_TRUE(got.out.ends_with("\"message\":\"overrun\"}\n")) << got.out;
-    EXPECT_EQ(fake.groups(), (std::vector<uint32_t>{0, 3}));
+    EXPECT_EQ(fake.groups(), (std::vector<std::uint32_t>{0, 3}));
 }
 
 } // namespace

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What kelmctl's live screen shows, for given statistics.
-#include <gtest/gtest.h>
-
 #include <algorithm>
+#include <gtest/gtest.h>
 
 #include "kelmctl/top_view.h"
 #include "libkelm/packet.h"
@@ -15,7 +14,7 @@ using namespace kelmctl;
 
 constexpr kelm_time noon = {.sec = 1'000'000, .nsec = 0};
 
-kelm_msg_rx_stats received(uint32_t discriminator, uint64_t count, kelm_time now)
+kelm_msg_rx_stats received(std::uint32_t discriminator, std::uint64_t count, kelm_time now)
 {
     kelm_msg_rx_stats rx = {};
     rx.header.discriminator = discriminator;
@@ -27,7 +26,7 @@ kelm_msg_rx_stats received(uint32_t discriminator, uint64_t count, kelm_time now
     return rx;
 }
 
-kelm_msg_tx_stats sent(uint32_t discriminator, uint64_t count, kelm_time now)
+kelm_msg_tx_stats sent(std::uint32_t discriminator, std::uint64_t count, kelm_time now)
 {
     kelm_msg_tx_stats tx = {};
     tx.header.discriminator = discriminator;
@@ -40,7 +39,7 @@ kelm_msg_tx_stats sent(uint32_t discriminator, uint64_t count, kelm_time now)
     return tx;
 }
 
-kelm::packet_change heard(const char *from, const char *to, uint8_t state)
+kelm::packet_change heard(const char *from, const char *to, std::uint8_t state)
 {
     kelm::packet_settings settings;
     settings.source = *kelm::ip_address::parse(from);
@@ -56,16 +55,16 @@ kelm::packet_change heard(const char *from, const char *to, uint8_t state)
 }
 
 // Session 5 is up, 6 has failed, 7 measures an echo, 8 is only sent.
-top_sample sample(kelm_time now, uint64_t count)
+top_sample sample(kelm_time now, std::uint64_t count)
 {
     top_sample made;
     made.taken = now;
     made.links = {{7, "eth0"}};
-    for (const uint32_t discriminator : {5U, 6U, 7U}) {
+    for (const std::uint32_t discriminator : {5U, 6U, 7U}) {
         made.stats.sessions[{0, discriminator}] = received(discriminator, count, now);
         made.states[discriminator].timer_active = discriminator != 6;
     }
-    for (const uint32_t discriminator : {5U, 6U, 8U})
+    for (const std::uint32_t discriminator : {5U, 6U, 8U})
         made.stats.packets[{0, discriminator}] = sent(discriminator, 2 * count, now);
     made.states[5].last_frame = heard("10.0.0.2", "10.0.0.1", BFD_STATE_UP);
     made.states[6].last_frame = heard("fd00:1:2:3:4:5:6:7", "fd00::1", BFD_STATE_UP);
@@ -130,10 +129,10 @@ TEST_F(kelmctl_top, two_hundred_columns_hold_everything)
 // At any size, nothing is wider or longer than the screen.
 TEST_F(kelmctl_top, screens_of_every_size_hold)
 {
-    for (size_t columns = 1; columns < 200; columns++)
+    for (std::size_t columns = 1; columns < 200; ++columns)
         for (const auto &line : texts(top_lines(now, &before, {.columns = columns, .rows = 24})))
             EXPECT_LE(line.size(), columns);
-    for (size_t rows = 1; rows < 8; rows++) {
+    for (std::size_t rows = 1; rows < 8; ++rows) {
         const auto lines = texts(top_lines(now, &before, {.columns = 80, .rows = rows}));
         EXPECT_EQ(lines.size(), rows);
         EXPECT_EQ(lines.back(), "... and " + std::to_string(8 - rows + 1) + " more");

@@ -52,7 +52,7 @@ TEST_F(c_interface_and_kelmd, requests_are_those_of_kelm_h)
     packet.packet_len = 99; // not looked at
     kelm_msg_rx_set_session session = {};
     session.header.discriminator = 6;
-    const std::array<uint8_t, 3> blob = {1, 2, 3};
+    const std::array<std::uint8_t, 3> blob = {1, 2, 3};
     kelm_client *c = client.get();
     const std::pair<kelm::request, int> cases[] = {
         {kelm::set_packet(packet, blob),
@@ -71,10 +71,10 @@ TEST_F(c_interface_and_kelmd, requests_are_those_of_kelm_h)
         {kelm::set_stats_interval(10), kelm_client_set_stats_interval(c, 10)},
     };
     EXPECT_EQ(kelm_client_subscribe(c, 3), 0);
-    EXPECT_EQ(fake.groups(), (std::vector<uint32_t>{0, 3}));
+    EXPECT_EQ(fake.groups(), (std::vector<std::uint32_t>{0, 3}));
     const std::vector<seen> requests = fake.requests();
     ASSERT_EQ(requests.size(), std::size(cases));
-    for (size_t i = 0; i < requests.size(); i++) {
+    for (std::size_t i = 0; i < requests.size(); ++i) {
         EXPECT_EQ(cases[i].second, 0);
         EXPECT_EQ(requests[i].header.nlmsg_type, cases[i].first.type);
         EXPECT_EQ(requests[i].body, cases[i].first.body) << cases[i].first.type;
@@ -125,9 +125,9 @@ TEST_F(c_interface_and_kelmd, what_kelm_tells_lies_as_in_kelm_h)
     kelm::bytes packet(KELM_PACKET_ROOM);
     const int length = kelm_build_packet(&settings, &sent, packet.data(), packet.size());
     ASSERT_EQ(length, 20 + 8 + 24 + 28) << kelm_error_text();
-    packet.resize(static_cast<size_t>(length));
+    packet.resize(static_cast<std::size_t>(length));
 
-    const std::array change = {6U, 1U, 2U, 0U, 28U, static_cast<uint32_t>(length)};
+    const std::array change = {6U, 1U, 2U, 0U, 28U, static_cast<std::uint32_t>(length)};
     fake_daemon fake(
         {.handle =
              [&](const seen &request) {
@@ -164,7 +164,7 @@ TEST_F(c_interface_and_kelmd, what_kelm_tells_lies_as_in_kelm_h)
               (std::array{5U, 6U, 300'000U}));
     EXPECT_STREQ(kelm_state_name(frame.bfd.state), "down");
     EXPECT_EQ((std::array{frame.auth_type, frame.auth_key_id, frame.auth_has_sequence}),
-              (std::array<uint8_t, 3>{BFD_AUTH_METICULOUS_SHA1, 9, 1}));
+              (std::array<std::uint8_t, 3>{BFD_AUTH_METICULOUS_SHA1, 9, 1}));
 
     ASSERT_EQ(kelm_dump_next(dump.get(), &report), 1);
     EXPECT_EQ(report.type, KELM_MSG_RX_SYNC);
@@ -174,9 +174,9 @@ TEST_F(c_interface_and_kelmd, what_kelm_tells_lies_as_in_kelm_h)
     EXPECT_EQ(report.type, KELM_MSG_TX_SYNC);
     EXPECT_EQ(kelm_dump_next(dump.get(), &report), 0);
 
-    const uint16_t events[] = {KELM_MSG_SESSION_FAILURE, KELM_MSG_RX_STATS, KELM_REPORT_MALFORMED,
-                               1000, KELM_REPORT_LOST};
-    for (const uint16_t type : events) {
+    const std::uint16_t events[] = {KELM_MSG_SESSION_FAILURE, KELM_MSG_RX_STATS,
+                                    KELM_REPORT_MALFORMED, 1000, KELM_REPORT_LOST};
+    for (const std::uint16_t type : events) {
         ASSERT_EQ(kelm_client_next_event(client.get(), 10'000, &report), 1) << kelm_error_text();
         EXPECT_EQ(report.type, type);
         if (type == KELM_MSG_SESSION_FAILURE) {
@@ -219,7 +219,7 @@ TEST(c_interface, packets_are_those_of_the_cpp_interface)
     kelm::bytes built(KELM_PACKET_ROOM);
     const int length = kelm_build_packet(&packet, &message, built.data(), built.size());
     ASSERT_GT(length, 0) << kelm_error_text();
-    built.resize(static_cast<size_t>(length));
+    built.resize(static_cast<std::size_t>(length));
     EXPECT_EQ(built, wanted.packet);
     EXPECT_EQ(bytes_of(message), bytes_of(wanted_message));
 

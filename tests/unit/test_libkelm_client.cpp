@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Conversations with a kelmd that is not real.
-#include <fcntl.h>
-
 #include <cerrno>
+#include <fcntl.h>
 
 #include "libkelm/client.h"
 #include "libkelm/error.h"
@@ -18,12 +17,12 @@ using client_and_kelmd = own_namespace;
 
 const kelm::bytes overrun = message(NLMSG_OVERRUN, 0, 0, {});
 
-kelm::bytes tx_sync(uint32_t discriminator, const nlmsghdr &to)
+kelm::bytes tx_sync(std::uint32_t discriminator, const nlmsghdr &to)
 {
     return reply(to, KELM_MSG_TX_SYNC, bytes_of(discriminator));
 }
 
-kelm::bytes failure_event(uint32_t discriminator)
+kelm::bytes failure_event(std::uint32_t discriminator)
 {
     return message(KELM_MSG_SESSION_FAILURE, 0, 0, bytes_of(discriminator));
 }
@@ -38,18 +37,18 @@ int error_number(const std::function<void()> &action)
     }
 }
 
-uint32_t discriminator_of(const kelm::report &report)
+std::uint32_t discriminator_of(const kelm::report &report)
 {
     if (const auto *failure = std::get_if<kelm::session_failure>(&report))
         return failure->discriminator;
     return std::get<kelm_msg_tx_sync>(report).header.discriminator;
 }
 
-size_t count_events(kelm::client &client)
+std::size_t count_events(kelm::client &client)
 {
-    size_t count = 0;
+    std::size_t count = 0;
     while (client.next_event(milliseconds(0)))
-        count++;
+        ++count;
     return count;
 }
 
@@ -88,14 +87,15 @@ TEST_F(client_and_kelmd, events_in_between_are_kept)
     fake_daemon fake({.handle = [](const seen &request) {
         const nlmsghdr &to = request.header;
         nlmsghdr other = to;
-        other.nlmsg_seq++;
-        return answers{failure_event(1) + failure_event(2), ack(other, -EPERM),
-                       message(KELM_MSG_TX_SYNC, to.nlmsg_seq, port_id + 1, bytes_of(uint32_t{3})),
-                       ack(to, -ENOENT) + failure_event(4), failure_event(5)};
+        ++other.nlmsg_seq;
+        return answers{
+            failure_event(1) + failure_event(2), ack(other, -EPERM),
+            message(KELM_MSG_TX_SYNC, to.nlmsg_seq, port_id + 1, bytes_of(std::uint32_t{3})),
+            ack(to, -ENOENT) + failure_event(4), failure_event(5)};
     }});
     kelm::client client;
     EXPECT_EQ(error_number([&] { client.execute(kelm::delete_packet(1)); }), ENOENT);
-    for (uint32_t expected = 1; expected <= 5; expected++) {
+    for (std::uint32_t expected = 1; expected <= 5; ++expected) {
         const auto event = client.next_event(milliseconds(5000));
         ASSERT_TRUE(event);
         EXPECT_EQ(discriminator_of(*event), expected);
@@ -126,8 +126,8 @@ TEST_F(client_and_kelmd, dump_is_collected_made_again_or_given_up)
         kelm::request request;
         std::vector<attempt> attempts; // the last one for ever
         int error;
-        size_t made;
-        size_t events;
+        std::size_t made;
+        std::size_t events;
     } const cases[] = {
         {"whole", kelm::sync(0), {whole}, 0, 1, 1},
         {"spoilt", kelm::sync(0), {lost, changed_under_it, whole}, 0, 3, 2},
@@ -137,19 +137,20 @@ TEST_F(client_and_kelmd, dump_is_collected_made_again_or_given_up)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        size_t made = 0;
+        std::size_t made = 0;
         fake_daemon fake({.handle = [&](const seen &request) {
             EXPECT_EQ(request.header.nlmsg_flags, NLM_F_REQUEST);
             return c.attempts[std::min(made++, c.attempts.size() - 1)](request.header);
         }});
         kelm::client client;
-        std::vector<uint32_t> told;
+        std::vector<std::uint32_t> told;
         EXPECT_EQ(error_number([&] {
                       for (const auto &report : client.dump(c.request))
                           told.push_back(discriminator_of(report));
                   }),
                   c.error);
-        EXPECT_EQ(told, c.error == 0 ? (std::vector<uint32_t>{1, 2, 3}) : std::vector<uint32_t>{});
+        EXPECT_EQ(told, c.error == 0 ? (std::vector<std::uint32_t>{1, 2, 3})
+                                     : std::vector<std::uint32_t>{});
         EXPECT_EQ(count_events(client), c.events);
         EXPECT_EQ(fake.requests().size(), c.made);
     }
@@ -161,7 +162,7 @@ TEST_F(client_and_kelmd, groups_and_port_ids_are_granted_in_bind_packets)
         fake_daemon fake({.before_bind_answer = {failure_event(1)}});
         kelm::client client;
         client.subscribe(3);
-        EXPECT_EQ(fake.groups(), (std::vector<uint32_t>{0, 3}));
+        EXPECT_EQ(fake.groups(), (std::vector<std::uint32_t>{0, 3}));
         EXPECT_EQ(count_events(client), 2U); // what came while they were being answered
     }
     {
@@ -189,7 +190,7 @@ TEST_F(client_and_kelmd, datagram_above_the_usual_size_comes_whole)
 TEST_F(client_and_kelmd, answer_that_does_not_come_is_given_up)
 {
     kelm::bytes events; // more to read than to write, so that there is always something to read
-    for (int i = 0; i < 1000; i++)
+    for (int i = 0; i < 1000; ++i)
         events = events + failure_event(1);
     for (const bool talks : {false, true}) {
         fake_daemon fake({.handle = [&](const seen &) {

@@ -20,7 +20,7 @@ std::vector<kelm::report> parse_all(kelm::byte_view datagram)
     return reports;
 }
 
-kelm::report parse_one(uint16_t type, const kelm::bytes &body)
+kelm::report parse_one(std::uint16_t type, const kelm::bytes &body)
 {
     return parse_all(message(type, 0, 0, body)).at(0);
 }
@@ -34,8 +34,8 @@ bool is(const kelm::report &report)
 TEST(report, body_too_short_for_its_type_is_kept_as_unknown)
 {
     struct {
-        uint16_t type;
-        size_t size;
+        std::uint16_t type;
+        std::size_t size;
         bool (*is_parsed)(const kelm::report &);
     } const cases[] = {
         {KELM_MSG_TX_STATS, 184, is<kelm_msg_tx_stats>},
@@ -48,7 +48,7 @@ TEST(report, body_too_short_for_its_type_is_kept_as_unknown)
     };
     for (const auto &c : cases) {
         EXPECT_TRUE(c.is_parsed(parse_one(c.type, kelm::bytes(c.size)))) << c.type;
-        for (size_t size = 0; size < c.size; size++)
+        for (std::size_t size = 0; size < c.size; ++size)
             EXPECT_TRUE(is<kelm::unknown_message>(parse_one(c.type, kelm::bytes(size))))
                 << c.type << ' ' << size;
     }
@@ -57,8 +57,8 @@ TEST(report, body_too_short_for_its_type_is_kept_as_unknown)
 TEST(report, packet_change_that_points_outside_its_frame_is_not_one)
 {
     struct {
-        uint32_t packet_len, l3, bfd;
-        size_t there;
+        std::uint32_t packet_len, l3, bfd;
+        std::size_t there;
         bool good;
     } const cases[] = {
         {66, 14, 42, 66, true},         {66, 14, 42, 67, true},
@@ -87,13 +87,13 @@ TEST(report, packet_change_that_points_outside_its_frame_is_not_one)
 TEST(report, message_that_does_not_fit_ends_the_datagram)
 {
     const kelm::bytes good = message(KELM_MSG_TX_SYNC, 0, 0, from_hex("06000000"));
-    for (const uint32_t bad_length : {0U, 15U, 21U, 0x7fffffffU, 0xffffffffU, 0xfffffffdU}) {
+    for (const std::uint32_t bad_length : {0U, 15U, 21U, 0x7fffffffU, 0xffffffffU, 0xfffffffdU}) {
         kelm::bytes bad = good;
         std::memcpy(bad.data(), &bad_length, sizeof bad_length);
         EXPECT_EQ(parse_all(good + bad).size(), 1U) << bad_length;
         EXPECT_EQ(parse_all(bad + good).size(), bad_length == 21 ? 1U : 0U) << bad_length;
     }
-    for (size_t length = 0; length < good.size(); length++)
+    for (std::size_t length = 0; length < good.size(); ++length)
         EXPECT_TRUE(parse_all(kelm::byte_view(good).first(length)).empty()) << length;
     // The last message's padding may be missing.
     const kelm::bytes odd = message(999, 0, 0, from_hex("cc"));

@@ -28,7 +28,7 @@ kelm::packet_settings plain_ipv4()
     return settings;
 }
 
-kelm::packet_change change_of(const kelm::bytes &frame, uint32_t l3, uint32_t bfd)
+kelm::packet_change change_of(const kelm::bytes &frame, std::uint32_t l3, std::uint32_t bfd)
 {
     return {.discriminator = 1,
             .ifindex = 1,
@@ -61,7 +61,7 @@ TEST(packet, settings_that_do_not_fit_are_refused)
                                                     {BFD_AUTH_DEBUG_SEQNUM, 0, {'k'}},
                                                     {BFD_AUTH_INHERIT, 0, {'k'}}})
         cases.emplace_back(plain_ipv4()).auth = auth;
-    for (size_t i = 0; i < cases.size(); i++)
+    for (std::size_t i = 0; i < cases.size(); ++i)
         EXPECT_THROW(kelm::build_packet(cases[i]), kelm::error) << i;
 }
 
@@ -94,16 +94,16 @@ TEST(frame, of_any_length_is_read_within_its_bounds)
         from_hex("6c000000003811fefd000000000000000000000000000001fd000000000000000000000000000002"
                  "c35012b000389ab023f6013001020304a0b0c0d0ffffffff00000001000000020318070000000000"
                  "00000000000000000000000000000000");
-    for (size_t length = 0; length <= whole.size(); length++) {
+    for (std::size_t length = 0; length <= whole.size(); ++length) {
         // Allocated to size, so that the sanitizer sees the first byte too many.
         kelm::bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
         cut.shrink_to_fit();
-        for (uint32_t offset = 0; offset <= length + 1; offset++) {
+        for (std::uint32_t offset = 0; offset <= length + 1; ++offset) {
             const auto frame = kelm::decode_frame(change_of(cut, offset, offset));
             EXPECT_EQ(frame.has_value(), offset + 24 <= length);
         }
-        for (int version = 0; version < 16 && length > 0; version++) {
-            cut[0] = static_cast<uint8_t>(version << 4);
+        for (int version = 0; version < 16 && length > 0; ++version) {
+            cut[0] = static_cast<std::uint8_t>(version << 4);
             kelm::decode_frame(change_of(cut, 0, 48));
         }
     }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The module's start and stop, and its vrfs: they come and go with the network namespaces.
-#include "engine_fixture.h"
-#include "platform/sim/net.h"
-
 #include <algorithm>
 #include <cerrno>
+
+#include "engine_fixture.h"
+#include "platform/sim/net.h"
 
 namespace
 {

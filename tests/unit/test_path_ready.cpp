@@ -2,10 +2,10 @@
 //
 // The transmit path becomes ready: by the agent or by the first datagram, once, for all vrfs,
 // while vrfs come and go.
+#include <set>
+
 #include "platform/sim/net.h"
 #include "wire_fixture.h"
-
-#include <set>
 
 namespace
 {

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Periodic statistics: when they come, what they hold, who gets them, and what stops them.
-#include "engine_fixture.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <set>
+
+#include "engine_fixture.h"
 
 namespace
 {

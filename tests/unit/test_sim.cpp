@@ -2,7 +2,8 @@
 //
 // The simulation: that it notices what is left behind and when the rules of locks and contexts are
 // broken, that it interleaves contexts as it says, and that the seed decides.
-#include "sim_fixture.h"
+#include <algorithm>
+#include <set>
 
 #include "platform/memory.h"
 #include "platform/printk.h"
@@ -10,9 +11,7 @@
 #include "platform/socket.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
-
-#include <algorithm>
-#include <set>
+#include "sim_fixture.h"
 
 namespace
 {

@@ -2,10 +2,10 @@
 //
 // Statistics of sessions and packets: what is recorded, and what restarts it. That a new period
 // does is tested with the configuration of either.
+#include <array>
+
 #include "kelm/clocks.h"
 #include "wire_fixture.h"
-
-#include <array>
 
 namespace
 {

@@ -2,9 +2,9 @@
 //
 // What a restarted agent needs: the dump of everything that a vrf holds, and the sweep of the
 // vrfs that nobody has claimed since the mark.
-#include "engine_fixture.h"
-
 #include <cerrno>
+
+#include "engine_fixture.h"
 
 namespace
 {

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The timer wheel against a model that is a sorted list.
-#include "platform/hosted/timer_wheel.h"
-
-#include <gtest/gtest.h>
-
 #include <cstring>
+#include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <random>
 #include <vector>
+
+#include "platform/hosted/timer_wheel.h"
 
 namespace
 {

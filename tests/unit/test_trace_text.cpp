@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The text builder of the protocol library, whose own texts never fill their buffers.
-#include "trace_text.h"
-
 #include <gtest/gtest.h>
+
+#include "trace_text.h"
 
 namespace
 {

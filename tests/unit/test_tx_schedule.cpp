@@ -2,9 +2,9 @@
 //
 // When packets go out. A tick is a millisecond; half of one is always taken off the period, which
 // after rounding costs one tick.
-#include "wire_fixture.h"
-
 #include <map>
+
+#include "wire_fixture.h"
 
 namespace
 {

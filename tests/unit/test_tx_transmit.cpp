@@ -2,9 +2,9 @@
 //
 // One transmission: what is edited into the packet, how it is handed to its socket, and what
 // becomes of the packet afterwards.
-#include "wire_fixture.h"
-
 #include <sys/socket.h>
+
+#include "wire_fixture.h"
 
 namespace
 {

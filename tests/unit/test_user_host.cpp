@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // kelmd's log, kernel threads and check of the lock order.
-#include "platform/kthread.h"
-#include "platform/spinlock.h"
-#include "platform/user/context.h"
-#include "platform/user/fd.h"
-#include "platform/user/log.h"
-
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
+
+#include "platform/kthread.h"
+#include "platform/spinlock.h"
+#include "platform/user/context.h"
+#include "platform/user/fd.h"
+#include "platform/user/log.h"
 
 namespace
 {

@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // What kelmd reads of other processes in /proc, and of the directory of named namespaces.
-#include "platform/user/event_loop.h"
-#include "platform/user/netns_directory.h"
-#include "platform/user/process.h"
-
 #include <cstdlib>
 #include <elf.h>
 #include <filesystem>
@@ -18,6 +14,10 @@
 #include <system_error>
 #include <unistd.h>
 #include <vector>
+
+#include "platform/user/event_loop.h"
+#include "platform/user/netns_directory.h"
+#include "platform/user/process.h"
 
 namespace
 {

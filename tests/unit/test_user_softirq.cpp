@@ -2,17 +2,17 @@
 //
 // kelmd's softirq thread: what runs before what, and what waits for what. Callbacks hold the
 // thread up on purpose, as a loaded machine does; nothing here depends on how long anything takes.
-#include "platform/clock.h"
-#include "platform/timer.h"
-#include "platform/user/fd.h"
-#include "platform/user/softirq.h"
-
 #include <atomic>
 #include <functional>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <thread>
 #include <vector>
+
+#include "platform/clock.h"
+#include "platform/timer.h"
+#include "platform/user/fd.h"
+#include "platform/user/softirq.h"
 
 namespace
 {

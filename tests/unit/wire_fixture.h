@@ -4,15 +4,14 @@
 // them: written out here once more, independently of the engine.
 #pragma once
 
-#include "engine_fixture.h"
-#include "hex.h"
-
-#include "platform/hosted/udp_frame.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
+
+#include "engine_fixture.h"
+#include "hex.h"
+#include "platform/hosted/udp_frame.h"
 
 namespace sim
 {

@@ -4,13 +4,13 @@
 // it did. They know nothing of its insides, and complain in words.
 #pragma once
 
-#include "wire_fixture.h"
-
 #include <map>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "wire_fixture.h"
 
 namespace sim
 {
