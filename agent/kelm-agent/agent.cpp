@@ -7,9 +7,9 @@
 #include <stdexcept>
 #include <sys/random.h>
 
+#include "kelm-agent/addressing.h"
 #include "kelm-agent/matching.h"
 #include "kelm-agent/reason.h"
-#include "kelm-agent/wiring.h"
 #include "libkelm/error.h"
 #include "libkelm/names.h"
 #include "libkelm/netns.h"
@@ -119,7 +119,7 @@ void agent::add(const session_config &config)
     must_save_ = true;
     if (home.is_connected()) {
         added.has_begun = true;
-        rewire(added);
+        look_up_addressing(added);
         if (is_taken(added))
             change_discriminator(added, new_discriminator());
         carry_out(added, added.bfd.current());
@@ -142,7 +142,7 @@ void agent::change_discriminator(managed_session &changed, std::uint32_t discrim
 {
     forget(changed);
     changed.bfd = session(changed.bfd.config(), discriminator);
-    changed.port = kelm_port(discriminator);
+    changed.port = kelm_sync(discriminator);
     enter(changed);
     must_save_ = true;
 }
@@ -316,7 +316,7 @@ void agent::handle(managed_session &managed, const handler &event, const reason_
 {
     const condition before = managed.bfd.state();
     const intervals in_effect_before = managed.bfd.timing().in_effect();
-    const orders wanted = event(managed.bfd);
+    const desired_state wanted = event(managed.bfd);
     if (wanted.forget_sequence)
         managed.last_sequence.reset();
     if (managed.bfd.state().state != before.state)
@@ -332,12 +332,13 @@ void agent::handle(managed_session &managed, const handler &event, const reason_
     attend_guard(managed);
 }
 
-void agent::carry_out(managed_session &managed, const orders &wanted)
+void agent::carry_out(managed_session &managed, const desired_state &wanted)
 {
-    if (!managed.home->is_connected() || !managed.wires)
+    if (!managed.home->is_connected() || !managed.addresses)
         return;
     try {
-        managed.port.apply(managed.home->requests(), managed.bfd.config(), *managed.wires, wanted);
+        managed.port.apply(managed.home->requests(), managed.bfd.config(), *managed.addresses,
+                           wanted);
         managed.obstacle.clear();
     } catch (const kelm::refused &refusal) {
         if (managed.obstacle != refusal.what())

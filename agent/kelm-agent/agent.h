@@ -9,7 +9,7 @@
 #include <unordered_map>
 
 #include "kelm-agent/history.h"
-#include "kelm-agent/kelm_port.h"
+#include "kelm-agent/kelm_sync.h"
 #include "kelm-agent/member_listener.h"
 #include "kelm-agent/reconcile.h"
 #include "kelm-agent/vrf.h"
@@ -31,18 +31,18 @@ struct managed_session {
     }
 
     session bfd;
-    kelm_port port;
+    kelm_sync port;
     vrf *home;
     history past;
-    std::optional<wiring> wires; // nothing where `obstacle` says why
+    std::optional<addressing> addresses; // nothing where `obstacle` says why
     std::string obstacle;
     bool has_begun = false;                     // what an earlier run has left has been looked at
     bool is_taken_down = false;                 // by the administrator, until taken up again
     std::optional<saved_session> saved;         // by an earlier run, until it has been made use of
     std::optional<std::uint32_t> last_sequence; // heard, of an authenticated peer
     event_loop::handle alarm;                   // for the session's due()
-    event_loop::handle look_again;              // for what its wiring lacks or may have got wrong
-    std::optional<member_listener> member;      // of a LAG session
+    event_loop::handle look_again;         // for what its addressing lacks or may have got wrong
+    std::optional<member_listener> member; // of a LAG session
     event_loop::handle on_member;
     event_loop::handle retry;
 };
@@ -69,7 +69,7 @@ class agent
     std::vector<kelm::report> statistics(const std::vector<std::string> &names);
 
   private:
-    using handler = std::function<orders(session &)>;
+    using handler = std::function<desired_state(session &)>;
     using reason_maker = std::function<std::string(const session &)>;
 
     vrf &home_of(const std::string &netns);
@@ -95,14 +95,14 @@ class agent
     bool is_unwanted(const vrf &, std::uint32_t discriminator);
     void mark();
     void sweep_when_all_are_connected();
-    void rewire(managed_session &);
-    void rewire_and_carry_out(managed_session &);
+    void look_up_addressing(managed_session &);
+    void update_addressing(managed_session &);
     void look_again_later(managed_session &);
     void listen_to_member(managed_session &);
     void hear_member(managed_session &);
     void leave_members(const vrf &);
     void attend_guard(const managed_session &guarded);
-    orders direct_guard(managed_session &guard);
+    desired_state direct_guard(managed_session &guard);
     void fail_guarded(managed_session &guard, const condition &before);
     bool is_taken(managed_session &) const;
 
@@ -111,7 +111,7 @@ class agent
                                      const kelm::frame_info &);
 
     void handle(managed_session &, const handler &, const reason_maker &);
-    void carry_out(managed_session &, const orders &);
+    void carry_out(managed_session &, const desired_state &);
     void note_change(managed_session &, const condition &before, const std::string &reason);
     void set_alarm(managed_session &);
     void enter(managed_session &);

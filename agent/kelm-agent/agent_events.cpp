@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The agent, as far as events of kelm and of the network interfaces are concerned.
+#include "kelm-agent/addressing.h"
 #include "kelm-agent/agent.h"
 #include "kelm-agent/authentic.h"
 #include "kelm-agent/matching.h"
 #include "kelm-agent/reason.h"
-#include "kelm-agent/wiring.h"
 #include "libkelm/error.h"
 
 namespace kelm_agent
@@ -45,8 +45,8 @@ managed_session *agent::find_by_address(const vrf &home, const kelm::packet_chan
     const auto [first, last] = by_peer_.equal_range({source.begin(), source.end()});
     for (auto each = first; each != last; ++each) {
         managed_session &managed = *each->second;
-        if (managed.home == &home && managed.wires &&
-            is_addressed_to(managed.bfd.config(), *managed.wires, change, frame))
+        if (managed.home == &home && managed.addresses &&
+            is_addressed_to(managed.bfd.config(), *managed.addresses, change, frame))
             return &managed;
     }
     return nullptr;
@@ -61,7 +61,7 @@ void agent::on_packet(vrf &home, const kelm::packet_change &change)
     managed_session *managed = fields.your_discriminator != 0
                                    ? find(home, fields.your_discriminator)
                                    : find_by_address(home, change, *frame);
-    if (managed == nullptr || !managed->wires)
+    if (managed == nullptr || !managed->addresses)
         return;
     // kelm vouches for the packets of a session that it has. One that is being made anew it may not
     // have, or not know the sequence number of; such a one is never Up, nor an echo.
@@ -69,7 +69,7 @@ void agent::on_packet(vrf &home, const kelm::packet_change &change)
         fields.your_discriminator != 0 &&
         (managed->bfd.is_up() || managed->bfd.config().kind == session_kind::echo);
     if (!is_vouched_for &&
-        !is_authentic(managed->bfd.config(), *managed->wires, change, managed->last_sequence))
+        !is_authentic(managed->bfd.config(), *managed->addresses, change, managed->last_sequence))
         return;
     handle(
         *managed, [&](session &s) { return s.packet(fields, std::chrono::steady_clock::now()); },
@@ -91,24 +91,24 @@ void agent::on_links_changed(vrf &home)
 {
     for (auto &[name, managed] : sessions_) {
         if (managed.home == &home && home.is_connected() && !managed.bfd.config().interface.empty())
-            rewire_and_carry_out(managed);
+            update_addressing(managed);
     }
 }
 
-void agent::rewire_and_carry_out(managed_session &managed)
+void agent::update_addressing(managed_session &managed)
 {
-    const auto before = managed.wires;
-    rewire(managed);
-    if (managed.wires && managed.wires != before)
+    const auto before = managed.addresses;
+    look_up_addressing(managed);
+    if (managed.addresses && managed.addresses != before)
         carry_out(managed, managed.bfd.current());
 }
 
-void agent::rewire(managed_session &managed)
+void agent::look_up_addressing(managed_session &managed)
 {
     const std::string before = managed.obstacle;
-    managed.wires = find_wiring(managed.bfd.config(), managed.home->links(), managed.home->around(),
-                                managed.obstacle);
-    if (!managed.wires && managed.obstacle != before)
+    managed.addresses = find_addressing(managed.bfd.config(), managed.home->links(),
+                                        managed.home->around(), managed.obstacle);
+    if (!managed.addresses && managed.obstacle != before)
         log_.warning("session " + managed.bfd.config().name + ": " + managed.obstacle);
     look_again_later(managed);
     listen_to_member(managed);
@@ -118,26 +118,27 @@ void agent::rewire(managed_session &managed)
 void agent::look_again_later(managed_session &managed)
 {
     managed.look_again = {};
-    if (managed.bfd.config().kind != session_kind::echo || (managed.wires && managed.bfd.is_up()))
+    if (managed.bfd.config().kind != session_kind::echo ||
+        (managed.addresses && managed.bfd.is_up()))
         return;
     managed.look_again = loop_.after(std::chrono::seconds(1), [this, &managed] {
         if (managed.home->is_connected())
-            rewire_and_carry_out(managed);
+            update_addressing(managed);
     });
 }
 
 void agent::listen_to_member(managed_session &managed)
 {
-    if (managed.bfd.config().kind != session_kind::lag || !managed.wires)
+    if (managed.bfd.config().kind != session_kind::lag || !managed.addresses)
         return;
-    const std::uint32_t ifindex = managed.wires->transmit_ifindex;
+    const std::uint32_t ifindex = managed.addresses->transmit_ifindex;
     if (managed.member && managed.member->member() == ifindex)
         return;
     managed.on_member = {};
     try {
         managed.member.emplace(managed.home->netns(), ifindex);
     } catch (const kelm::error &problem) {
-        managed.wires.reset();
+        managed.addresses.reset();
         managed.obstacle = problem.what();
         log_.warning("session " + managed.bfd.config().name + ": " + problem.what());
         return;
@@ -157,11 +158,11 @@ void agent::leave_members(const vrf &home)
 
 void agent::hear_member(managed_session &managed)
 {
-    for (int i = 0; i < most_frames_a_round && managed.member && managed.wires; ++i) {
+    for (int i = 0; i < most_frames_a_round && managed.member && managed.addresses; ++i) {
         auto change = managed.member->next();
         if (!change || !managed.home->is_connected())
             return;
-        change->ifindex = managed.wires->receive_ifindex;
+        change->ifindex = managed.addresses->receive_ifindex;
         on_packet(*managed.home, *change);
     }
 }
@@ -172,7 +173,7 @@ void agent::attend_guard(const managed_session &guarded)
     if (found == sessions_.end())
         return;
     if (guarded.bfd.is_up() && found->second.home->is_connected())
-        rewire(found->second);
+        look_up_addressing(found->second);
     handle(
         found->second, [&](session &) { return direct_guard(found->second); },
         [](const session &) { return "the session that it guards is not up"; });
@@ -180,7 +181,7 @@ void agent::attend_guard(const managed_session &guarded)
 
 // RFC 5880 section 6.8.9: echo packets are sent while the session is Up and the peer wants them,
 // and not more often than it wants them.
-orders agent::direct_guard(managed_session &guard)
+desired_state agent::direct_guard(managed_session &guard)
 {
     const auto found = sessions_.find(guard.bfd.config().guards);
     if (found == sessions_.end())

@@ -4,9 +4,9 @@
 // what should be.
 #include <algorithm>
 
+#include "kelm-agent/addressing.h"
 #include "kelm-agent/agent.h"
 #include "kelm-agent/authentic.h"
-#include "kelm-agent/wiring.h"
 #include "libkelm/error.h"
 #include "libkelm/names.h"
 
@@ -43,7 +43,7 @@ void agent::reconcile(vrf &home)
     for (auto &[name, managed] : sessions_) {
         if (managed.home != &home || !home.is_connected())
             continue;
-        rewire(managed);
+        look_up_addressing(managed);
         if (managed.has_begun)
             resynchronise(managed, all);
         else
@@ -73,8 +73,8 @@ void agent::resume(managed_session &managed, const inventory &all)
     const found left = is_there ? entry->second : found{};
     managed.port.assume(left.has_packet, left.has_session);
     (void)direct_guard(managed);
-    const orders wanted = managed.bfd.adopt(remains_of(left, saved ? &*saved : nullptr),
-                                            std::chrono::steady_clock::now());
+    const desired_state wanted = managed.bfd.adopt(remains_of(left, saved ? &*saved : nullptr),
+                                                   std::chrono::steady_clock::now());
     const condition &now = managed.bfd.state();
     const condition before = {saved ? saved->state : now.state, BFD_DIAG_NONE};
     const std::string how = is_there ? "the agent was restarted" : "the agent was started";
@@ -86,8 +86,8 @@ void agent::resume(managed_session &managed, const inventory &all)
         log_.info("session " + managed.bfd.config().name + ": goes on " +
                   kelm::name_of(kelm::state_names, now.state) + " after the agent's restart");
     // A packet that is older than the last one heard is none of the peer's.
-    if (left.frame && managed.wires)
-        (void)is_authentic(managed.bfd.config(), *managed.wires, *left.frame,
+    if (left.frame && managed.addresses)
+        (void)is_authentic(managed.bfd.config(), *managed.addresses, *left.frame,
                            managed.last_sequence);
     carry_out(managed, wanted);
     set_alarm(managed);
@@ -99,9 +99,9 @@ void agent::choose_discriminator(managed_session &managed, const inventory &all)
 {
     while (all.contains(managed.bfd.discriminator())) // somebody else's
         change_discriminator(managed, new_discriminator());
-    if (!managed.wires)
+    if (!managed.addresses)
         return;
-    const auto known = recognise(managed.bfd.config(), *managed.wires, all);
+    const auto known = recognise(managed.bfd.config(), *managed.addresses, all);
     if (known && !by_discriminator_.contains(*known))
         change_discriminator(managed, *known);
 }
@@ -110,7 +110,7 @@ void agent::choose_discriminator(managed_session &managed, const inventory &all)
 void agent::resynchronise(managed_session &managed, const inventory &all)
 {
     const auto entry = all.find(managed.bfd.discriminator());
-    const orders expected = managed.bfd.current();
+    const desired_state expected = managed.bfd.current();
     const found now = entry == all.end() ? found{} : entry->second;
     managed.port.assume(now.has_packet, now.has_session);
     if (expected.receive.has_value() != now.has_session ||
@@ -135,7 +135,7 @@ void agent::delete_strangers(vrf &home, const inventory &all)
     for (const auto &[discriminator, entry] : all) {
         if (!is_unwanted(home, discriminator))
             continue;
-        kelm_port stranger(discriminator);
+        kelm_sync stranger(discriminator);
         stranger.assume(entry.has_packet, entry.has_session);
         stranger.remove(home.requests());
         log_.info(home.title() + ": deleted session " + std::to_string(discriminator) +

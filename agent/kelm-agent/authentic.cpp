@@ -23,7 +23,7 @@ bool is_newer(std::uint8_t auth_type, std::uint32_t sequence, std::uint32_t last
 
 } // namespace
 
-bool is_authentic(const session_config &config, const wiring &wires,
+bool is_authentic(const session_config &config, const addressing &addresses,
                   const kelm::packet_change &change, std::optional<std::uint32_t> &last_sequence)
 {
     kelm::bytes frame = change.frame; // the check writes into it
@@ -33,7 +33,7 @@ bool is_authentic(const session_config &config, const wiring &wires,
     if (available < BFD_CTRL_LEN || !kelm_packet_valid(control, available))
         return false;
 
-    const kelm_msg_rx_set_session expected = receive_settings(config, wires);
+    const kelm_msg_rx_set_session expected = receive_settings(config, addresses);
     std::uint32_t any_sequence = 0;
     std::uint64_t too_short = 0;
     std::uint64_t other_type = 0;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #pragma once
 
-#include "kelm-agent/kelm_port.h"
+#include "kelm-agent/kelm_sync.h"
 #include "libkelm/report.h"
 
 namespace kelm_agent
@@ -11,7 +11,7 @@ namespace kelm_agent
 // interface. kelm does so itself for a session that it has, but not for a packet without
 // discriminator. `last_sequence` is the last sequence number that was heard, or nothing where any
 // will do; it follows what is accepted.
-bool is_authentic(const session_config &, const wiring &, const kelm::packet_change &,
+bool is_authentic(const session_config &, const addressing &, const kelm::packet_change &,
                   std::optional<std::uint32_t> &last_sequence);
 
 } // namespace kelm_agent

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #pragma once
 
-#include "kelm-agent/kelm_port.h"
+#include "kelm-agent/addressing.h"
 #include "libkelm/frame.h"
 
 namespace kelm_agent
@@ -17,7 +17,7 @@ const kelm::ip_address &arrival_source(const session_config &);
 // Whether a received packet belongs to the session by its addresses, its port and its interface:
 // what there is to go by before the discriminators are known (RFC 5880 section 6.3, RFC 5881
 // section 3, RFC 5883 section 4).
-bool is_addressed_to(const session_config &, const wiring &, const kelm::packet_change &,
+bool is_addressed_to(const session_config &, const addressing &, const kelm::packet_change &,
                      const kelm::frame_info &);
 
 } // namespace kelm_agent

@@ -10,7 +10,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "kelm-agent/wiring.h"
+#include "kelm-agent/addressing.h"
 #include "libkelm/error.h"
 #include "libkelm/frame.h"
 #include "libkelm/netns.h"

@@ -42,7 +42,7 @@ inventory take_inventory(const std::vector<kelm::report> &dump)
     return taken;
 }
 
-std::optional<std::uint32_t> recognise(const session_config &config, const wiring &wires,
+std::optional<std::uint32_t> recognise(const session_config &config, const addressing &addresses,
                                        const inventory &all)
 {
     for (const auto &[discriminator, entry] : all) {
@@ -50,7 +50,7 @@ std::optional<std::uint32_t> recognise(const session_config &config, const wirin
             continue;
         const auto frame = kelm::decode_frame(*entry.frame);
         if (frame && frame->bfd.fields.your_discriminator == discriminator &&
-            is_addressed_to(config, wires, *entry.frame, *frame))
+            is_addressed_to(config, addresses, *entry.frame, *frame))
             return discriminator;
     }
     return std::nullopt;

@@ -5,7 +5,7 @@
 
 #include <map>
 
-#include "kelm-agent/kelm_port.h"
+#include "kelm-agent/kelm_sync.h"
 #include "kelm-agent/state_file.h"
 #include "libkelm/report.h"
 
@@ -25,7 +25,8 @@ using inventory = std::map<std::uint32_t, found>; // by discriminator
 inventory take_inventory(const std::vector<kelm::report> &dump);
 
 // The session of this configuration by its last packet's addresses, for want of a record of ours.
-std::optional<std::uint32_t> recognise(const session_config &, const wiring &, const inventory &);
+std::optional<std::uint32_t> recognise(const session_config &, const addressing &,
+                                       const inventory &);
 
 // `saved` may be null.
 remains remains_of(const found &, const saved_session *saved);

@@ -37,14 +37,14 @@ session::session(session_config config, std::uint32_t discriminator)
         condition_ = administratively_down();
 }
 
-orders session::current() const
+desired_state session::current() const
 {
     return decide();
 }
 
 // The timer runs while the peer is heard, and what it said last is known. That it runs although we
 // were Down can only be told from our own record.
-orders session::adopt(const remains &left, steady_time now)
+desired_state session::adopt(const remains &left, steady_time now)
 {
     has_spoken_ = left.has_packet;
     if (left.admin_down)
@@ -75,7 +75,7 @@ orders session::adopt(const remains &left, steady_time now)
     return decide();
 }
 
-orders session::packet(const kelm::bfd_fields &heard, steady_time now)
+desired_state session::packet(const kelm::bfd_fields &heard, steady_time now)
 {
     if (is_admin_down() || is_idle_)
         return decide();
@@ -106,7 +106,7 @@ orders session::packet(const kelm::bfd_fields &heard, steady_time now)
 // A detection time without a packet fails the session. After another one the peer may have begun
 // anew, and with it its sequence numbers (RFC 5880 section 6.8.1, bfd.AuthSeqKnown). kelm's timer
 // cannot tell that one: packets that we do not believe restart it.
-orders session::timeout(steady_time now)
+desired_state session::timeout(steady_time now)
 {
     if (!is_heard_)
         return decide();
@@ -120,7 +120,7 @@ orders session::timeout(steady_time now)
 }
 
 // Nobody has listened to the peer meanwhile: it may have begun anew.
-orders session::forgotten()
+desired_state session::forgotten()
 {
     forget_peer();
     has_spoken_ = false;
@@ -128,7 +128,7 @@ orders session::forgotten()
     return decide({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
 }
 
-orders session::set_admin_down(bool down)
+desired_state session::set_admin_down(bool down)
 {
     if (down == is_admin_down())
         return decide();
@@ -142,13 +142,14 @@ orders session::set_admin_down(bool down)
     return decide({.transmit = {}, .receive = {}, .renew = !down, .forget_sequence = !down});
 }
 
-orders session::echo_failed()
+desired_state session::echo_failed()
 {
     become(after_timeout(condition_, BFD_DIAG_ECHO_FAIL));
     return decide();
 }
 
-orders session::guard(bool active, kelm_microsecs interval, std::uint32_t guarded_discriminator)
+desired_state session::guard(bool active, kelm_microsecs interval,
+                             std::uint32_t guarded_discriminator)
 {
     guarded_discriminator_ = guarded_discriminator;
     timing_.configure({interval, interval}, config_.multiplier);
@@ -160,7 +161,7 @@ orders session::guard(bool active, kelm_microsecs interval, std::uint32_t guarde
     return decide();
 }
 
-orders session::reconfigure(session_config config)
+desired_state session::reconfigure(session_config config)
 {
     const bool admin_changed = config.admin_down != config_.admin_down;
     config_ = std::move(config);
@@ -171,7 +172,7 @@ orders session::reconfigure(session_config config)
     return decide();
 }
 
-orders session::wake(steady_time now)
+desired_state session::wake(steady_time now)
 {
     if (poll_due_ && *poll_due_ <= now)
         poll_due_.reset();
@@ -235,7 +236,7 @@ void session::manage_poll(bool answering, std::optional<steady_time> now)
     timing_.poll_begins();
 }
 
-orders session::decide(orders so_far) const
+desired_state session::decide(desired_state so_far) const
 {
     if (is_idle_)
         return so_far;
@@ -270,7 +271,7 @@ transmission session::wanted_transmission() const
 {
     return {
         .bfd = control_packet(),
-        .period = transmits_periodically() ? timing_.transmit_interval() : parked,
+        .period = transmits_periodically() ? timing_.transmit_interval() : idle_period,
         .jitter = static_cast<std::uint16_t>(timing_.multiplier() == 1 ? BFD_TX_JITTER_75_90
                                                                        : BFD_TX_JITTER_75),
         .latch_period = std::max(

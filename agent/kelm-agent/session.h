@@ -28,7 +28,7 @@ struct transmission {
 
 // A period of about 71 minutes: as good as silent, yet the packet is there, keeps its sequence
 // number, and can be sent out of band.
-constexpr kelm_microsecs parked = 0xffffffff;
+constexpr kelm_microsecs idle_period = 0xffffffff;
 
 // How kelm is to receive.
 struct reception {
@@ -41,7 +41,7 @@ struct reception {
 };
 
 // What kelm is to do after an event. Nothing where kelm is to have no packet, or no session.
-struct orders {
+struct desired_state {
     std::optional<transmission> transmit;
     std::optional<reception> receive;
     bool is_final = false; // the packet goes out at once, with the Final bit
@@ -67,25 +67,25 @@ class session
 
     // Events. Each one changes what the accessors below tell.
     // What kelm is to have now; nothing has happened.
-    orders current() const;
+    desired_state current() const;
     // Takes over what an earlier run has left. Nothing that a healthy session's peer could notice
     // is ordered.
-    orders adopt(const remains &, steady_time now);
+    desired_state adopt(const remains &, steady_time now);
     // A packet of the peer, authentic and for this session.
-    orders packet(const kelm::bfd_fields &, steady_time now);
+    desired_state packet(const kelm::bfd_fields &, steady_time now);
     // The detection timer has expired.
-    orders timeout(steady_time now);
+    desired_state timeout(steady_time now);
     // kelm has lost the session, and the packet with it.
-    orders forgotten();
-    orders set_admin_down(bool down);
+    desired_state forgotten();
+    desired_state set_admin_down(bool down);
     // The echo session that guards this one has failed (RFC 5880 section 6.8.5).
-    orders echo_failed();
+    desired_state echo_failed();
     // For a guard: whether it is to run, how often, and whose packet shares its fate.
-    orders guard(bool active, kelm_microsecs interval, std::uint32_t guarded_discriminator);
+    desired_state guard(bool active, kelm_microsecs interval, std::uint32_t guarded_discriminator);
     // The identity must be the same.
-    orders reconfigure(session_config);
+    desired_state reconfigure(session_config);
     // When due() has come.
-    orders wake(steady_time now);
+    desired_state wake(steady_time now);
 
     // When the session wants to be woken.
     std::optional<steady_time> due() const;
@@ -106,7 +106,7 @@ class session
     const negotiation &timing() const { return timing_; }
 
   private:
-    orders decide(orders so_far = {}) const;
+    desired_state decide(desired_state so_far = {}) const;
     void become(condition);
     void forget_peer();
     void hear(const kelm::bfd_fields &);

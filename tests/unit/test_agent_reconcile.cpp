@@ -33,11 +33,11 @@ session_config config_of(const char *local, const char *peer,
     return config;
 }
 
-wiring wires_at(std::uint32_t index)
+addressing addresses_at(std::uint32_t index)
 {
-    wiring wires;
-    wires.transmit_ifindex = wires.receive_ifindex = index;
-    return wires;
+    addressing addresses;
+    addresses.transmit_ifindex = addresses.receive_ifindex = index;
+    return addresses;
 }
 
 // What the peer of such a session sends, as kelm passes it up.
@@ -82,8 +82,8 @@ TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
     inventory all = take_inventory(dump);
     EXPECT_EQ(all.size(), 5U);
     EXPECT_EQ(recognise(config, {}, all), discriminator);
-    EXPECT_EQ(recognise(config, wires_at(ifindex), all), discriminator);
-    EXPECT_EQ(recognise(config, wires_at(5), all), std::nullopt);
+    EXPECT_EQ(recognise(config, addresses_at(ifindex), all), discriminator);
+    EXPECT_EQ(recognise(config, addresses_at(5), all), std::nullopt);
 
     const remains left = remains_of(all.at(discriminator), nullptr);
     EXPECT_TRUE(left.timer_active);
@@ -100,7 +100,8 @@ TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
     for (const std::uint32_t member : {0U, ifindex, ifindex + 1}) {
         frame.member_ifindex = member;
         all.at(12).frame = frame;
-        EXPECT_EQ(recognise(on_member_link, wires_at(ifindex), all).has_value(), member == ifindex);
+        EXPECT_EQ(recognise(on_member_link, addresses_at(ifindex), all).has_value(),
+                  member == ifindex);
     }
 }
 
@@ -110,7 +111,7 @@ TEST(agent_reconcile, packets_without_discriminator_are_checked)
     std::optional<std::uint32_t> sequence;
     auto change = frame_from_peer(config, 0);
     EXPECT_TRUE(is_authentic(config, {}, change, sequence));
-    EXPECT_FALSE(is_authentic(config, wires_at(5), change, sequence));
+    EXPECT_FALSE(is_authentic(config, addresses_at(5), change, sequence));
     EXPECT_FALSE(
         is_authentic(config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_KEYED_MD5), {}, change, sequence));
     change.frame[14 + 8] = 254; // TTL

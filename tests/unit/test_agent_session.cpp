@@ -171,7 +171,7 @@ TEST_F(agent_session, poll_and_final_never_together)
     EXPECT_FALSE(subject.due());
 
     subject.reconfigure(config_with(400 * ms, 200 * ms));
-    const orders wanted = subject.packet(polls(says(BFD_STATE_UP)), now);
+    const desired_state wanted = subject.packet(polls(says(BFD_STATE_UP)), now);
     EXPECT_TRUE(wanted.is_final);
     EXPECT_FALSE(wanted.transmit->bfd.poll);
     ASSERT_TRUE(subject.due());
@@ -185,7 +185,7 @@ TEST_F(agent_session, poll_and_final_never_together)
 TEST_F(agent_session, failure_and_what_follows)
 {
     bring_up();
-    orders wanted = subject.timeout(now);
+    desired_state wanted = subject.timeout(now);
     EXPECT_EQ(subject.state(), (condition{BFD_STATE_DOWN, BFD_DIAG_CTRL_TIMEOUT}));
     EXPECT_EQ(wanted.transmit->bfd.your_discriminator, 0U);
     EXPECT_EQ(wanted.transmit->period, 1000 * ms);
@@ -210,7 +210,7 @@ TEST_F(agent_session, a_peer_that_has_lost_us_is_heard_afresh)
     kelm::bfd_fields stranger = says(BFD_STATE_DOWN);
     stranger.your_discriminator = 0;
     for (const int state : {BFD_STATE_DOWN, BFD_STATE_INIT}) {
-        const orders wanted = subject.packet(stranger, now);
+        const desired_state wanted = subject.packet(stranger, now);
         EXPECT_EQ(subject.state().state, state);
         EXPECT_TRUE(wanted.renew && wanted.receive->timer_active);
         EXPECT_FALSE(wanted.forget_sequence);
@@ -223,17 +223,17 @@ TEST_F(agent_session, a_peer_in_demand_mode_or_not_listening_is_left_alone)
     kelm::bfd_fields demanding = says(BFD_STATE_UP, 60 * ms);
     demanding.demand_mode = true;
     subject.packet(demanding, now);
-    EXPECT_EQ(sent().period, parked);
+    EXPECT_EQ(sent().period, idle_period);
     subject.reconfigure(config_with(400 * ms, 200 * ms));
     EXPECT_EQ(sent().period, 100 * ms) << "a Poll Sequence is sent all the same";
     subject.packet(answers(demanding), now);
-    EXPECT_EQ(sent().period, parked);
+    EXPECT_EQ(sent().period, idle_period);
     demanding.state = BFD_STATE_DOWN;
     subject.packet(demanding, now);
     EXPECT_EQ(sent().period, 1000 * ms);
 
     subject.packet(says(BFD_STATE_DOWN, 1000 * ms, 0), now);
-    EXPECT_EQ(sent().period, parked);
+    EXPECT_EQ(sent().period, idle_period);
 }
 
 TEST_F(agent_session, jitter_and_detection_time_by_multiplier)
@@ -260,13 +260,13 @@ TEST_F(agent_session, the_passive_end_waits_to_be_spoken_to)
     EXPECT_FALSE(subject.current().transmit);
     kelm::bfd_fields first = says(BFD_STATE_DOWN);
     first.your_discriminator = 0;
-    const orders wanted = subject.packet(first, now);
+    const desired_state wanted = subject.packet(first, now);
     EXPECT_TRUE(wanted.transmit);
     EXPECT_TRUE(wanted.rearm) << "kelm has not seen that the packet is this session's";
     EXPECT_FALSE(sent().is_silent);
     subject.timeout(now);
     EXPECT_TRUE(sent().is_silent) << "but the packet keeps its sequence number";
-    EXPECT_EQ(sent().period, parked);
+    EXPECT_EQ(sent().period, idle_period);
     subject.forgotten();
     EXPECT_FALSE(subject.current().transmit);
     EXPECT_TRUE(subject.adopt({.heard = {}, .state = {}, .in_effect = {}, .has_packet = true}, now)
@@ -276,7 +276,7 @@ TEST_F(agent_session, the_passive_end_waits_to_be_spoken_to)
 TEST_F(agent_session, downs_that_are_not_failures)
 {
     bring_up();
-    orders wanted = subject.set_admin_down(true);
+    desired_state wanted = subject.set_admin_down(true);
     EXPECT_EQ(subject.state(), administratively_down());
     EXPECT_FALSE(wanted.receive);
     EXPECT_EQ(wanted.transmit->bfd.diag, BFD_DIAG_ADMIN_DOWN);
@@ -323,7 +323,8 @@ TEST_F(agent_session, takes_over_from_an_earlier_run)
     };
     for (const auto &c : cases) {
         session taken(config_with(100 * ms, 200 * ms), our_discriminator);
-        const orders wanted = taken.adopt({c.heard, c.timer_active, c.recorded, {}, false}, now);
+        const desired_state wanted =
+            taken.adopt({c.heard, c.timer_active, c.recorded, {}, false}, now);
         EXPECT_EQ(taken.state(), c.expected) << c.what;
         EXPECT_EQ(wanted.receive->timer_active, c.heard && c.timer_active) << c.what;
         EXPECT_FALSE(wanted.is_final) << c.what;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "kelm-agent/kelm_port.h"
+#include "kelm-agent/kelm_sync.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -74,20 +74,9 @@ void execute_unless(kelm::client &client, const kelm::request &request, int harm
 
 } // namespace
 
-bool wiring::operator==(const wiring &other) const
-{
-    const auto same_ethernet = [&] {
-        if (!ethernet || !other.ethernet)
-            return ethernet.has_value() == other.ethernet.has_value();
-        return ethernet->source == other.ethernet->source &&
-               ethernet->destination == other.ethernet->destination;
-    };
-    return transmit_ifindex == other.transmit_ifindex && receive_ifindex == other.receive_ifindex &&
-           same_ethernet();
-}
-
 kelm::request transmit_request(const session_config &config, std::uint32_t discriminator,
-                               const wiring &wires, const transmission &wanted, std::uint8_t flags)
+                               const addressing &addresses, const transmission &wanted,
+                               std::uint8_t flags)
 {
     const bool is_echo = config.kind == session_kind::echo;
     const kelm::packet_settings packet = {
@@ -96,14 +85,14 @@ kelm::request transmit_request(const session_config &config, std::uint32_t discr
         .source_port = source_port(config, discriminator),
         .destination_port = destination_port(config.kind),
         .ttl = config.ttl,
-        .ethernet = wires.ethernet,
+        .ethernet = addresses.ethernet,
         .bfd = wanted.bfd,
         .auth = sending_auth(config.auth),
     };
     const kelm::built_packet built = kelm::build_packet(packet);
     kelm_msg_tx_set_packet settings = {};
     settings.header.discriminator = discriminator;
-    settings.ifindex = wires.transmit_ifindex;
+    settings.ifindex = addresses.transmit_ifindex;
     settings.jitter_type = wanted.jitter;
     settings.period = wanted.period;
     settings.latch_period = wanted.latch_period;
@@ -113,10 +102,10 @@ kelm::request transmit_request(const session_config &config, std::uint32_t discr
     return kelm::set_packet(settings, built.packet);
 }
 
-kelm_msg_rx_set_session receive_settings(const session_config &config, const wiring &wires)
+kelm_msg_rx_set_session receive_settings(const session_config &config, const addressing &addresses)
 {
     kelm_msg_rx_set_session settings = {};
-    settings.auth.ifindex = wires.receive_ifindex;
+    settings.auth.ifindex = addresses.receive_ifindex;
     settings.auth.type = config.auth.type;
     settings.auth.flags = config.required_ttl;
     for (std::size_t i = 0; i < config.auth.keys.size(); ++i)
@@ -125,10 +114,10 @@ kelm_msg_rx_set_session receive_settings(const session_config &config, const wir
 }
 
 kelm::request receive_request(const session_config &config, std::uint32_t discriminator,
-                              const wiring &wires, const reception &wanted,
+                              const addressing &addresses, const reception &wanted,
                               std::span<const std::uint32_t> latched)
 {
-    kelm_msg_rx_set_session settings = receive_settings(config, wires);
+    kelm_msg_rx_set_session settings = receive_settings(config, addresses);
     settings.header.discriminator = discriminator;
     settings.type = receive_type(config.kind);
     settings.flags =
@@ -141,25 +130,25 @@ kelm::request receive_request(const session_config &config, std::uint32_t discri
     return kelm::set_session(settings, kelm::failure_message(discriminator));
 }
 
-void kelm_port::apply(kelm::client &client, const session_config &config, const wiring &wires,
-                      const orders &wanted)
+void kelm_sync::apply(kelm::client &client, const session_config &config,
+                      const addressing &addresses, const desired_state &wanted)
 {
     // The receive session links the packet: it comes after a new one, and before a deletion.
     if (wanted.transmit)
-        apply_transmit(client, config, wires, wanted);
+        apply_transmit(client, config, addresses, wanted);
     if (wanted.receive)
-        apply_receive(client, config, wires, wanted);
+        apply_receive(client, config, addresses, wanted);
     else if (has_session_)
         delete_session(client);
     if (!wanted.transmit && has_packet_)
         delete_packet(client);
 }
 
-void kelm_port::apply_transmit(kelm::client &client, const session_config &config,
-                               const wiring &wires, const orders &wanted)
+void kelm_sync::apply_transmit(kelm::client &client, const session_config &config,
+                               const addressing &addresses, const desired_state &wanted)
 {
     transmission packet = *wanted.transmit;
-    const kelm::request periodic = transmit_request(config, discriminator_, wires, packet, 0);
+    const kelm::request periodic = transmit_request(config, discriminator_, addresses, packet, 0);
     if (periodic.body == packet_request_ && !wanted.is_final)
         return;
     const bool is_urgent =
@@ -172,14 +161,15 @@ void kelm_port::apply_transmit(kelm::client &client, const session_config &confi
     has_packet_ = true;
     if (is_urgent) {
         packet.bfd.final = wanted.is_final;
-        client.execute(transmit_request(config, discriminator_, wires, packet, KELM_TX_SEND_OOB));
+        client.execute(
+            transmit_request(config, discriminator_, addresses, packet, KELM_TX_SEND_OOB));
     }
     sent_ = wanted.transmit;
     packet_request_ = periodic.body;
 }
 
-void kelm_port::apply_receive(kelm::client &client, const session_config &config,
-                              const wiring &wires, const orders &wanted)
+void kelm_sync::apply_receive(kelm::client &client, const session_config &config,
+                              const addressing &addresses, const desired_state &wanted)
 {
     // A latched packet has no Your Discriminator, and could come back to no session and from no
     // reflector.
@@ -189,7 +179,7 @@ void kelm_port::apply_receive(kelm::client &client, const session_config &config
     if (wanted.receive->also_latched != 0)
         latched.push_back(wanted.receive->also_latched);
     const kelm::request request =
-        receive_request(config, discriminator_, wires, *wanted.receive, latched);
+        receive_request(config, discriminator_, addresses, *wanted.receive, latched);
     if (wanted.renew && has_session_)
         delete_session(client);
     if (request.body == session_request_ && !wanted.rearm)
@@ -200,7 +190,7 @@ void kelm_port::apply_receive(kelm::client &client, const session_config &config
     session_request_ = request.body;
 }
 
-void kelm_port::delete_packet(kelm::client &client)
+void kelm_sync::delete_packet(kelm::client &client)
 {
     execute_unless(client, kelm::delete_packet(discriminator_), ENOENT);
     has_packet_ = false;
@@ -208,14 +198,14 @@ void kelm_port::delete_packet(kelm::client &client)
     packet_request_.clear();
 }
 
-void kelm_port::delete_session(kelm::client &client)
+void kelm_sync::delete_session(kelm::client &client)
 {
     execute_unless(client, kelm::delete_session(discriminator_), ENOENT);
     has_session_ = false;
     session_request_.clear();
 }
 
-void kelm_port::remove(kelm::client &client)
+void kelm_sync::remove(kelm::client &client)
 {
     if (has_session_)
         delete_session(client);
@@ -223,7 +213,7 @@ void kelm_port::remove(kelm::client &client)
         delete_packet(client);
 }
 
-void kelm_port::assume(bool has_packet, bool has_session)
+void kelm_sync::assume(bool has_packet, bool has_session)
 {
     has_packet_ = has_packet;
     has_session_ = has_session;

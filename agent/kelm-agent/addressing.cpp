@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "kelm-agent/wiring.h"
+#include "kelm-agent/addressing.h"
 
 namespace kelm_agent
 {
@@ -41,32 +41,45 @@ std::optional<kelm::mac_address> find_source(const std::string &interface,
 
 } // namespace
 
-std::optional<wiring> find_wiring(const session_config &config, const kelm::interfaces &links,
-                                  const neighbours &around, std::string &obstacle)
+bool addressing::operator==(const addressing &other) const
+{
+    const auto same_ethernet = [&] {
+        if (!ethernet || !other.ethernet)
+            return ethernet.has_value() == other.ethernet.has_value();
+        return ethernet->source == other.ethernet->source &&
+               ethernet->destination == other.ethernet->destination;
+    };
+    return transmit_ifindex == other.transmit_ifindex && receive_ifindex == other.receive_ifindex &&
+           same_ethernet();
+}
+
+std::optional<addressing> find_addressing(const session_config &config,
+                                          const kelm::interfaces &links, const neighbours &around,
+                                          std::string &obstacle)
 {
     obstacle.clear();
-    wiring wires;
+    addressing addresses;
     if (config.interface.empty())
-        return wires;
+        return addresses;
     const auto index = find_index(config.interface, links, obstacle);
     if (!index)
         return std::nullopt;
-    wires.transmit_ifindex = wires.receive_ifindex = *index;
+    addresses.transmit_ifindex = addresses.receive_ifindex = *index;
 
     const bool is_frame = config.kind == session_kind::echo || config.kind == session_kind::lag;
     if (!is_frame)
-        return wires;
+        return addresses;
     const std::string &leaving_by = config.member.empty() ? config.interface : config.member;
     const auto leaving_index = find_index(leaving_by, links, obstacle);
     if (!leaving_index)
         return std::nullopt;
-    wires.transmit_ifindex = *leaving_index;
+    addresses.transmit_ifindex = *leaving_index;
     const auto source = find_source(leaving_by, links, obstacle);
     const auto destination = find_destination(config, *leaving_index, around, obstacle);
     if (!source || !destination)
         return std::nullopt;
-    wires.ethernet = {.destination = *destination, .source = *source};
-    return wires;
+    addresses.ethernet = {.destination = *destination, .source = *source};
+    return addresses;
 }
 
 } // namespace kelm_agent
