@@ -33,6 +33,15 @@ bool is_word(const std::string &text)
     });
 }
 
+// As the kernel accepts them.
+bool is_interface_name(const std::string &text)
+{
+    constexpr std::size_t longest = 15;
+    return !text.empty() && text.size() <= longest && text != "." && text != ".." &&
+           std::ranges::none_of(
+               text, [](unsigned char c) { return c <= ' ' || c == 0x7f || c == '/' || c == ':'; });
+}
+
 // "127.0.0.1:9100", "[::1]:9100"
 std::optional<endpoint> read_endpoint(config_section &section, std::string_view key)
 {
@@ -70,7 +79,8 @@ class reader
     void read_agent(const toml::table &, agent_config &);
     void check_defaults(const toml::table &);
     void read_session(const toml::table &, agent_config &);
-    session_config read_common(config_section &);
+    std::string read_name(config_section &);
+    void read_place(config_section &, session_config &);
     void read_addresses(config_section &, session_config &);
     void read_timing(config_section &, session_config &);
     void read_security(config_section &, session_config &);
@@ -79,6 +89,7 @@ class reader
     void read_peer_mac(config_section &, session_config &);
     void add_guard(config_section &, agent_config &, const session_config &);
     std::vector<std::string> read_members(config_section &, const session_config &);
+    void expect_one_session_per_pair(config_section &, const session_config &);
     void add(config_section &, agent_config &, session_config);
 
     std::string file_;
@@ -86,6 +97,8 @@ class reader
     const toml::table *defaults_ = nullptr; // not a copy, which would not know its lines
     std::set<std::string> names_;
     std::map<std::string, std::string> identities_; // names by them
+    // The names of sessions with an interface, by what their identity were without it.
+    std::map<std::string, std::string> bound_;
 };
 
 agent_config reader::read(const toml::table &root)
@@ -107,23 +120,35 @@ void reader::read_agent(const toml::table &table, agent_config &config)
 {
     config_section section(table, file_);
     config.metrics_file = section.text("metrics-file", "");
+    if (const auto *file = section.find("metrics-file");
+        file != nullptr && !config.metrics_file.ends_with(".prom"))
+        section.fail(*file, "'metrics-file' must end in .prom: the node exporter reads no others");
     config.metrics_listen = read_endpoint(section, "metrics-listen");
     section.expect_no_more();
 }
 
+// A default that no session uses must be right as well.
 void reader::check_defaults(const toml::table &table)
 {
     config_section section(table, file_);
     for (const auto key : default_keys)
         (void)section.find(key);
     section.expect_no_more();
+    session_config any;
+    read_place(section, any);
+    (void)section.address("local");
+    read_timing(section, any);
+    read_security(section, any);
     defaults_ = &table;
 }
 
 void reader::read_session(const toml::table &table, agent_config &config)
 {
     config_section section(table, file_, defaults_);
-    session_config session = read_common(section);
+    session_config session;
+    session.name = read_name(section);
+    session.admin_down = section.flag("admin-down", false);
+    read_place(section, session);
     (void)section.find_own("echo"); // see add_guard
     read_addresses(section, session);
     read_timing(section, session);
@@ -143,14 +168,17 @@ void reader::read_session(const toml::table &table, agent_config &config)
     }
 }
 
-session_config reader::read_common(config_section &section)
+std::string reader::read_name(config_section &section)
 {
-    session_config session;
-    const toml::node &name = section.require("name");
-    session.name = section.as_text(name, "name");
-    if (!is_word(session.name))
-        section.fail(name, "'name' must be a word without spaces, quotes and backslashes");
+    const toml::node &node = section.require("name");
+    std::string name = section.as_text(node, "name");
+    if (!is_word(name))
+        section.fail(node, "'name' must be a word without spaces, quotes and backslashes");
+    return name;
+}
 
+void reader::read_place(config_section &section, session_config &session)
+{
     if (const auto *kind = section.find("type")) {
         const auto known = kind_named(section.as_text(*kind, "type"));
         if (!known)
@@ -159,8 +187,8 @@ session_config reader::read_common(config_section &section)
     }
     session.netns = section.text("namespace", "");
     session.interface = section.text("interface", "");
-    session.admin_down = section.flag("admin-down", false);
-    return session;
+    if (!session.interface.empty() && !is_interface_name(session.interface))
+        section.fail(section.require("interface"), "'interface' must be the name of an interface");
 }
 
 void reader::read_addresses(config_section &section, session_config &session)
@@ -171,6 +199,8 @@ void reader::read_addresses(config_section &section, session_config &session)
     session.peer = *section.address("peer");
     if (session.local.family != session.peer.family)
         section.fail(peer, "'local' and 'peer' must both be IPv4 or both be IPv6 addresses");
+    if (session.local == session.peer)
+        section.fail(peer, "'local' and 'peer' must be different addresses");
     const auto &octets = session.peer.octets;
     const bool is_link_local =
         session.peer.family == AF_INET6 && octets[0] == 0xfe && (octets[1] & 0xc0) == 0x80;
@@ -288,12 +318,27 @@ std::vector<std::string> reader::read_members(config_section &section,
     const toml::node &node = section.require("members");
     for (const auto &each : section.as_array(node, "members")) {
         members.push_back(section.as_text(each, "members"));
-        if (!is_word(members.back()))
-            section.fail(each, "'members' must be names of interfaces");
+        if (!is_interface_name(members.back()) || members.back() == session.interface)
+            section.fail(each, "'members' must be the names of links of the aggregate");
     }
     if (members.empty())
         section.fail(node, "'members' must name at least one link of the aggregate");
     return members;
+}
+
+// RFC 5881 section 3: between two addresses there is one session on an interface. One that accepts
+// packets from any interface would take, or lose, those of the others.
+void reader::expect_one_session_per_pair(config_section &section, const session_config &session)
+{
+    session_config anywhere = session;
+    anywhere.interface.clear();
+    const std::string pair = identity_text(anywhere);
+    const auto &others = session.interface.empty() ? bound_ : identities_;
+    if (const auto other = others.find(pair); other != others.end())
+        section.fail("sessions '" + other->second + "' and '" + session.name +
+                     "' have the same addresses, and only one of them has an 'interface'");
+    if (!session.interface.empty())
+        bound_.emplace(pair, session.name);
 }
 
 void reader::add(config_section &section, agent_config &config, session_config session)
@@ -304,6 +349,7 @@ void reader::add(config_section &section, agent_config &config, session_config s
     if (!is_new)
         section.fail("session '" + session.name + "' is the same as '" + same->second +
                      "': type, namespace, addresses and interface are");
+    expect_one_session_per_pair(section, session);
     config.sessions.push_back(std::move(session));
 }
 

@@ -23,8 +23,9 @@ kelm::bytes read_secret(config_section &section, std::vector<std::string> &warni
     try {
         bool is_exposed = false;
         kelm::bytes secret = kelm::read_key_file(path, is_exposed);
-        if (is_exposed)
-            warnings.push_back("key file " + path + " is open to other users (chmod 600)");
+        const std::string warning = "key file " + path + " is open to other users (chmod 600)";
+        if (is_exposed && std::ranges::find(warnings, warning) == warnings.end())
+            warnings.push_back(warning);
         return secret;
     } catch (const kelm::error &problem) {
         section.fail(node, problem.what());

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/config_section.h"
 
+#include <algorithm>
+#include <sys/socket.h>
+
 #include "libkelm/duration.h"
 
 namespace kelm_agent
@@ -12,6 +15,24 @@ namespace
 std::string quoted(std::string_view key)
 {
     return "'" + std::string(key) + "'";
+}
+
+bool is_unicast(const kelm::ip_address &address)
+{
+    const auto octets = address.view();
+    const auto all_are = [&](std::uint8_t value) {
+        return std::ranges::all_of(octets, [=](auto octet) { return octet == value; });
+    };
+    const bool is_multicast =
+        address.family == AF_INET ? (octets[0] & 0xf0) == 0xe0 : octets[0] == 0xff;
+    return !is_multicast && !all_are(0) && !all_are(0xff);
+}
+
+bool is_ipv4_in_ipv6(const kelm::ip_address &address)
+{
+    constexpr std::uint8_t prefix[] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+    return address.family == AF_INET6 &&
+           std::ranges::equal(address.view().first(sizeof prefix), prefix);
 }
 
 } // namespace
@@ -109,8 +130,8 @@ kelm_microsecs config_section::duration(std::string_view key, kelm_microsecs oth
     const auto *value = found->as_string();
     const auto duration = value == nullptr ? std::nullopt : kelm::parse_duration(value->get());
     if (!duration || *duration < least)
-        fail(*found, quoted(key) + " must be a time of at least 1ms with its unit, as in \"300ms\" "
-                                   "or \"1.5s\"");
+        fail(*found, quoted(key) + " must be a time with its unit, as in \"300ms\" or \"1.5s\", "
+                                   "from 1ms to 4294.967295s");
     return *duration;
 }
 
@@ -122,6 +143,11 @@ std::optional<kelm::ip_address> config_section::address(std::string_view key)
     const auto address = kelm::ip_address::parse(as_text(*found, key));
     if (!address)
         fail(*found, quoted(key) + " must be an IPv4 or IPv6 address, as in \"192.0.2.1\"");
+    if (!is_unicast(*address))
+        fail(*found, quoted(key) + " must be the address of one host, not an unspecified, "
+                                   "multicast or broadcast address");
+    if (is_ipv4_in_ipv6(*address))
+        fail(*found, quoted(key) + " must be written as an IPv4 address");
     return address;
 }
 

@@ -34,6 +34,7 @@ class config_section
     std::int64_t number(std::string_view key, std::int64_t least, std::int64_t most,
                         std::int64_t otherwise);
     kelm_microsecs duration(std::string_view key, kelm_microsecs otherwise);
+    // Of one host: no unspecified, multicast or broadcast address.
     std::optional<kelm::ip_address> address(std::string_view key);
 
     // Of a value that has been found.

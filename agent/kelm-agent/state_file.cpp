@@ -2,6 +2,7 @@
 #include "kelm-agent/state_file.h"
 
 #include <filesystem>
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "kelm-agent/whole_file.h"
@@ -21,8 +22,21 @@ std::int64_t to_us(wall_time time)
     return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
 }
 
-wall_time from_us(std::int64_t us)
+// The library converts any number to any type, whether it fits or not.
+template<typename T>
+T number_at(const json &from, const char *key, T largest = std::numeric_limits<T>::max())
 {
+    const json &value = from.at(key);
+    if (!value.is_number_unsigned() || value.get<std::uint64_t>() > std::uint64_t{largest})
+        throw std::runtime_error(std::string(key) + " is out of range");
+    return value.get<T>();
+}
+
+wall_time time_at(const json &from, const char *key)
+{
+    constexpr auto latest = std::chrono::floor<std::chrono::microseconds>(wall_time::max());
+    const auto us =
+        number_at<std::uint64_t>(from, key, std::uint64_t{latest.time_since_epoch().count()});
     return wall_time(std::chrono::microseconds(us));
 }
 
@@ -48,16 +62,16 @@ saved_session session_from(const json &from)
     saved_session saved;
     from.at("identity").get_to(saved.identity);
     from.at("netns").get_to(saved.netns);
-    from.at("discriminator").get_to(saved.discriminator);
-    from.at("state").get_to(saved.state);
+    saved.discriminator = number_at<std::uint32_t>(from, "discriminator");
+    saved.state = number_at<std::uint8_t>(from, "state", BFD_STATE_UP);
     from.at("admin_down").get_to(saved.admin_down);
-    from.at("tx_us").get_to(saved.in_effect.desired_min_tx);
-    from.at("rx_us").get_to(saved.in_effect.required_min_rx);
-    saved.past.since = from_us(from.at("since_us"));
-    from.at("up_count").get_to(saved.past.up_count);
-    from.at("down_count").get_to(saved.past.down_count);
-    saved.past.last_down = from_us(from.at("last_down_us"));
-    from.at("last_down_diag").get_to(saved.past.last_down_diag);
+    saved.in_effect = {number_at<kelm_microsecs>(from, "tx_us"),
+                       number_at<kelm_microsecs>(from, "rx_us")};
+    saved.past.since = time_at(from, "since_us");
+    saved.past.up_count = number_at<std::uint64_t>(from, "up_count");
+    saved.past.down_count = number_at<std::uint64_t>(from, "down_count");
+    saved.past.last_down = time_at(from, "last_down_us");
+    saved.past.last_down_diag = number_at<std::uint8_t>(from, "last_down_diag");
     from.at("last_down_reason").get_to(saved.past.last_down_reason);
     return saved;
 }
@@ -65,12 +79,13 @@ saved_session session_from(const json &from)
 saved_state state_from(const json &from)
 {
     if (from.at("version") != format_version)
-        throw std::runtime_error("it is of another version of kelm-agent");
+        throw std::runtime_error("it was written by another version of kelm-agent");
     saved_state state;
     for (const auto &[name, saved] : from.at("sessions").items())
         state.sessions.emplace(name, session_from(saved));
     for (const auto &each : from.at("orphans"))
-        state.orphans.push_back({each.at("netns"), each.at("discriminator")});
+        state.orphans.push_back(
+            {each.at("netns"), number_at<std::uint32_t>(each, "discriminator")});
     return state;
 }
 

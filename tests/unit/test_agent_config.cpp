@@ -32,7 +32,14 @@ std::string complaint(const std::string &text)
     return "none";
 }
 
-const std::string start = "[[session]]\nname = \"s\"\nlocal = \"10.0.0.1\"\npeer = \"10.0.0.2\"\n";
+std::string session_between(const std::string &name, const std::string &local,
+                            const std::string &peer)
+{
+    return "[[session]]\nname = \"" + name + "\"\nlocal = \"" + local + "\"\npeer = \"" + peer +
+           "\"\n";
+}
+
+const std::string start = session_between("s", "10.0.0.1", "10.0.0.2");
 
 TEST(agent_config, everything_and_the_defaults)
 {
@@ -131,7 +138,31 @@ TEST(agent_config, mistakes_are_told_with_their_line)
         {"[[session]]\nname = \"s\"\nlocal = \"::1\"\npeer = \"10.0.0.2\"\n", "4: 'local' and"},
         {"[[session]]\nname = \"s\"\nlocal = \"fe80::1\"\npeer = \"fe80::2\"\n", "4: a link-local"},
         {start + "min-tx = 300\n", "5: 'min-tx' must be a time"},
-        {start + "min-rx = \"999us\"\n", "5: 'min-rx' must be a time of at least 1ms"},
+        {start + "min-rx = \"999us\"\n", "5: 'min-rx' must be a time with its unit"},
+        {start + "min-tx = \"72min\"\n",
+         "5: 'min-tx' must be a time with its unit, as in \"300ms\" or \"1.5s\", from 1ms to "
+         "4294.967295s"},
+        {session_between("s", "10.0.0.1", "10.0.0.1"), "4: 'local' and 'peer' must be different"},
+        {session_between("s", "0.0.0.0", "10.0.0.1"), "3: 'local' must be the address of one host"},
+        {session_between("s", "10.0.0.1", "255.255.255.255"),
+         "4: 'peer' must be the address of one"},
+        {session_between("s", "10.0.0.1", "224.0.0.1"),
+         "4: 'peer' must be the address of one host"},
+        {session_between("s", "::1", "ff02::1"), "4: 'peer' must be the address of one host"},
+        {session_between("s", "::1", "::"), "4: 'peer' must be the address of one host"},
+        {session_between("s", "::ffff:10.0.0.1", "::1"),
+         "3: 'local' must be written as an IPv4 address"},
+        {start + "interface = \"a/b\"\n", "5: 'interface' must be the name of an interface"},
+        {start + "interface = \"a234567890123456\"\n", "5: 'interface' must be the name"},
+        {start + session_between("t", "10.0.0.1", "10.0.0.2") + "interface = \"eth0\"\n",
+         "5: sessions 's' and 't' have the same addresses, and only one of them has"},
+        {start + "interface = \"eth0\"\n" + session_between("t", "10.0.0.1", "10.0.0.2"),
+         "6: sessions 's' and 't' have the same addresses"},
+        {"[agent]\nmetrics-file = \"/x/kelm.txt\"\n", "2: 'metrics-file' must end in .prom"},
+        {"[defaults]\nmin-tx = 5\n", "2: 'min-tx' must be a time"},
+        {"[defaults]\ntype = \"both\"\n", "2: 'type' must be one of"},
+        {"[defaults]\nlocal = \"224.0.0.1\"\n", "2: 'local' must be the address of one host"},
+        {"[defaults]\nauth = { type = \"password\" }\n", "2: 'keys' is missing"},
         {start + "multiplier = 256\n", "5: 'multiplier' must be a number from 1 to 255"},
         {start + "type = \"multi\"\n", "5: 'type' must be one of: single-hop"},
         {start + "role = \"lazy\"\n", "5: 'role' must be \"active\" or \"passive\""},
@@ -142,7 +173,7 @@ TEST(agent_config, mistakes_are_told_with_their_line)
         {start + "type = \"echo\"\n", "1: 'interface' is missing"},
         {start + "type = \"lag\"\ninterface = \"b\"\nmembers = []\n", "7: 'members' must name"},
         {start + "type = \"lag\"\ninterface = \"b\"\nmembers = [\"a b\"]\n",
-         "7: 'members' must be"},
+         "7: 'members' must be the names"},
         {start + "type = \"sbfd\"\nremote-discriminator = 1\nrole = \"passive\"\n", "7: this type"},
         {start + "echo = { interval = \"50ms\" }\n", "5: 'echo' needs"},
         {start + "auth = { type = \"keyed-md5\" }\n", "5: 'keys' is missing"},
@@ -153,8 +184,7 @@ TEST(agent_config, mistakes_are_told_with_their_line)
         {start + "auth = { type = \"password\", keys = [ { id = 1, file = \"/none\" } ] }\n",
          "5: cannot open key file /none"},
         {start + start, "5: there is a session 's' already"},
-        {start + "[[session]]\nname = \"t\"\nlocal = \"10.0.0.1\"\npeer = \"10.0.0.2\"\n",
-         "5: session 't' is the same as 's'"},
+        {start + session_between("t", "10.0.0.1", "10.0.0.2"), "5: session 't' is the same as 's'"},
         {"[agent]\nmetrics-listen = \"[::1]:0\"\n", "2: 'metrics-listen' must be an address"},
         {"[defaults]\nname = \"s\"\n", "2: there is no key 'name' here"},
         {"session = 5\n", "1: 'session' must be a list"},

@@ -215,9 +215,29 @@ TEST(agent_reconcile, the_record_survives_being_written_and_read)
     save_state(directory / "again.json", again);
     EXPECT_EQ(content(directory / "again.json"), content(path));
 
-    for (const char *bad :
-         {"", "{", "[]", "{\"version\": 1}", "{\"version\":2,\"sessions\":{},\"orphans\":[]}",
-          "{\"version\":1,\"sessions\":{\"s\":5},\"orphans\":[]}"}) {
+    const std::string good = content(path);
+    const auto with = [&](const std::string &key, const std::string &value) {
+        const std::size_t at = good.find("\"" + key + "\": ") + key.size() + 4;
+        return good.substr(0, at) + value + good.substr(good.find_first_of(",\n", at));
+    };
+    std::ofstream(path) << with("state", "2");
+    EXPECT_EQ(load_state(path).sessions.at("s").state, BFD_STATE_INIT);
+    const std::string damaged[] = {"",
+                                   "{",
+                                   "[]",
+                                   R"({"version": 1})",
+                                   R"({"version":2,"sessions":{},"orphans":[]})",
+                                   R"({"version":1,"sessions":{"s":5},"orphans":[]})",
+                                   with("since_us", "9223372036854775807"),
+                                   with("since_us", "-1"),
+                                   with("last_down_us", "1e300"),
+                                   with("state", "999"),
+                                   with("state", "4"),
+                                   with("discriminator", "4294967296"),
+                                   with("tx_us", "0.5"),
+                                   with("up_count", "-1"),
+                                   with("identity", "7")};
+    for (const auto &bad : damaged) {
         std::ofstream(path) << bad;
         EXPECT_THROW(load_state(path), std::runtime_error) << bad;
     }
