@@ -63,8 +63,14 @@ struct rx_session {
     spinlock_t lock;             // guards what follows
     timer_list timer;            // the detection timer
     rx_session_stats stats;
-    bool timer_active; // accepted packets restart the timer
-    bool mydisc_rtt;   // My Discriminator of its packets is our own time stamp, returned
+    // Whether accepted packets restart the timer, which says nothing of whether it runs: a refused
+    // request may have changed it.
+    bool timer_active;
+    // Whether the timer's expiry is to be reported: true from the start of the timer until it
+    // expires or a request stops it. Unlike timer_pending, it still holds while the callback of an
+    // expired timer waits for the lock.
+    bool timer_armed;
+    bool mydisc_rtt; // My Discriminator of its packets is our own time stamp, returned
     std::uint8_t multiplier;
     kelm_microsecs period;
     kelm_auth_config auth;
@@ -85,8 +91,9 @@ extern spinlock_t rx_lock;
 // The session of a vrf. The caller holds rx_lock.
 [[nodiscard]] rx_session *__get_session(kelm_vrf *vrf, std::uint32_t discriminator);
 
-// The tick at which a session times out that accepts a packet now. The caller holds its lock.
-[[nodiscard]] unsigned long detection_expiry(const rx_session *session, unsigned long now);
+// Starts the detection timer, or starts it over, and returns the tick at which it expires. The
+// caller holds the session's lock.
+unsigned long start_timer(rx_session *session, unsigned long now);
 
 // The detection timer's callback.
 void rx_timeout(timer_list *timer);

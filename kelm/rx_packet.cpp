@@ -73,8 +73,7 @@ void restart_detection(rx_session *session)
     if (!session->timer_active)
         return;
     const unsigned long now = get_jiffies_64();
-    const unsigned long expiry = detection_expiry(session, now);
-    mod_timer(&session->timer, expiry);
+    const unsigned long expiry = start_timer(session, now);
     rx_log(session->discriminator, 3, "Reset timer for session %u to %lu now %lu",
            session->discriminator, expiry, now);
 }

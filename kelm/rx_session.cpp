@@ -115,11 +115,13 @@ void restart_timer(rx_session *session)
 {
     if (del_timer(&session->timer) == 0)
         rx_log(session->discriminator, 2, "Rx Timer wasn't active");
+    session->timer_armed = false;
     if (session->timer_active)
-        mod_timer(&session->timer, detection_expiry(session, get_jiffies_64()));
+        start_timer(session, get_jiffies_64());
 }
 
-// What fails here leaves what was set before it in place, and the timer as it was.
+// What fails here leaves what was set before it in place, and the timer and its report as they
+// were.
 int configure(rx_session *session, kelm_vrf *vrf, sk_buff *fail_skb,
               const kelm_msg_rx_set_session &msg)
 {

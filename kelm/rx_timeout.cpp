@@ -32,10 +32,13 @@ void latch_tx_packets(const rx_session *session)
 }
 } // namespace
 
-unsigned long detection_expiry(const rx_session *session, unsigned long now)
+unsigned long start_timer(rx_session *session, unsigned long now)
 {
     const std::uint32_t detection_usecs = session->multiplier * session->period;
-    return now + __usecs_to_jiffies(detection_usecs);
+    const unsigned long expiry = now + __usecs_to_jiffies(detection_usecs);
+    mod_timer(&session->timer, expiry);
+    session->timer_armed = true;
+    return expiry;
 }
 
 void rx_timeout(timer_list *timer)
@@ -46,10 +49,11 @@ void rx_timeout(timer_list *timer)
     softirq_guard lock(session->lock);
     // While this callback waited for the lock, a packet may have arrived after all, or the agent
     // may have stopped or restarted the timer.
-    if (!session->timer_active || timer_pending(&session->timer))
+    if (!session->timer_armed || timer_pending(&session->timer))
         return;
     ++session->stats.num_timeout;
     session->timer_active = false;
+    session->timer_armed = false;
     session->stats.last_state_change = wall_clock();
     send_failure(session);
     latch_tx_packets(session);

@@ -152,13 +152,20 @@ TEST_F(detection, a_late_timer_reports_once_and_a_datagram_before_it_not_at_all)
 TEST_F(detection, callback_that_waits_for_the_agent_to_stop_the_timer_does_nothing)
 {
     agent &other = w.open_agent(w.initial());
-    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
-    w.pass(DETECTION);
-    w.at_lock_point(1, [&] { EXPECT_EQ(set_session(other, SESSION, rx{.flags = 0}), 0); });
-    w.run_timers();
-    EXPECT_EQ(w.actions_left(), 0U);
-    EXPECT_EQ(failures(), 0U);
-    EXPECT_EQ(rx_stats(a, SESSION)->num_timeout, 0U);
+    for (const bool refused : {false, true}) { // a request that is refused stops nothing
+        ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+        w.pass(DETECTION);
+        w.at_lock_point(1, [&] {
+            rx stopping{.flags = 0};
+            if (refused)
+                stopping.latch = {99};
+            EXPECT_EQ(set_session(other, SESSION, stopping), refused ? -ENXIO : 0);
+        });
+        w.run_timers();
+        EXPECT_EQ(w.actions_left(), 0U);
+        EXPECT_EQ(failures(), refused ? 1U : 0U);
+        EXPECT_EQ(rx_stats(a, SESSION)->num_timeout, refused ? 1U : 0U);
+    }
 }
 
 TEST_F(detection, wall_clock_steps_do_not_matter)

@@ -172,6 +172,11 @@ TEST_F(rx_session_config, an_unknown_packet_ends_the_request_half_way)
     EXPECT_EQ(set_session(a, SESSION, rx{.period = 1'000'000, .latch = {99}}), -ENXIO);
     ASSERT_TRUE(receive(w, SESSION));
     EXPECT_TRUE(times_out_after(3000));
+    // Without the flag, too: the agent has been told that its request was refused.
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    EXPECT_EQ(set_session(a, SESSION, rx{.flags = 0, .latch = {99}}), -ENXIO);
+    EXPECT_TRUE(times_out_after(DETECTION));
+    EXPECT_EQ(rx_stats(a, SESSION)->num_timeout, 3U);
 }
 
 TEST_F(rx_session_config, up_to_8_packets_are_linked_and_the_first_0_ends_the_list)
