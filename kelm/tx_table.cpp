@@ -119,10 +119,17 @@ std::uint32_t kelm_tx_get_discr(const tx_packet *packet)
 
 void kelm_tx_clear(kelm_vrf *vrf)
 {
-    bh_guard table(tx_lock);
-    for (packet_chain &chain : vrf->packets)
-        while (tx_packet *packet = chain.pop_front())
+    for (packet_chain &chain : vrf->packets) {
+        packet_chain removed;
+        {
+            bh_guard table(tx_lock);
+            removed.take(chain);
+        }
+        while (tx_packet *packet = removed.pop_front()) {
+            bh_guard table(tx_lock);
             __put_packet(packet, true);
+        }
+    }
 }
 
 void kelm_tx_release()

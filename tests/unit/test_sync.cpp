@@ -143,4 +143,32 @@ TEST(sweep, needs_its_flag_and_no_mark)
     }
 }
 
+// Another processor that wants the packets' table while a long chain is swept gets it soon.
+TEST(sweep, frees_packets_one_by_one)
+{
+    bool served_in_between = false;
+    for (std::uint64_t k = 1;; ++k) {
+        world w;
+        agent &a = w.open_agent(w.initial());
+        agent &other = w.open_agent(w.initial());
+        for (std::uint32_t i = 1; i <= 5; ++i)
+            ASSERT_EQ(set_packet(a, 32 * i), 0);
+        ASSERT_EQ(set_debug_level(a, 2), 0);
+        bool sweeping = true;
+        w.at_lock_point(k, [&] {
+            if (!sweeping)
+                return;
+            EXPECT_EQ(delete_packet(other, 1), -ENOENT);
+            const std::size_t freed = w.logged("Free tx_packet");
+            served_in_between = served_in_between || (freed > 0 && freed < 5);
+        });
+        ASSERT_EQ(mark_or_sweep(a, KELM_SYNC_SWEEP), 0);
+        sweeping = false;
+        EXPECT_EQ(w.logged("Free tx_packet"), 5U);
+        if (w.actions_left() != 0)
+            break;
+    }
+    EXPECT_TRUE(served_in_between);
+}
+
 } // namespace
