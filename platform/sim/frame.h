@@ -31,9 +31,11 @@ struct frame {
     std::int64_t raw_ns;
     net *netns;
     socket_kind kind;
-    std::uint32_t flags; // MSG_*
-    bytes name;          // the socket address, as it was passed
-    bytes control;       // the control data, as it was passed
+    std::uint32_t priority; // of the socket, as the next one
+    int sndbuf;             // bytes
+    std::uint32_t flags;    // MSG_*
+    bytes name;             // the socket address, as it was passed
+    bytes control;          // the control data, as it was passed
     bytes data;
 
     // What name and control say; zero where they say nothing.

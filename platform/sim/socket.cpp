@@ -134,6 +134,8 @@ void keep_frame(const packet_sock &sk, const kernel_msghdr &msg, const kvec *vec
     frame.raw_ns = s.clock.raw_ns;
     frame.netns = sk.netns;
     frame.kind = sk.kind;
+    frame.priority = sk.priority;
+    frame.sndbuf = sk.sndbuf;
     frame.flags = msg.msg_flags;
     frame.name = copy(msg.msg_name, msg.msg_namelen);
     frame.control = copy(msg.msg_control, msg.msg_controllen);

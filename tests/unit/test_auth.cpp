@@ -318,10 +318,15 @@ TEST(auth, secret_can_be_checked_without_the_sequence_number)
     }
 }
 
+// Nor of what its length field says comes behind the section.
 TEST(auth, no_single_bit_of_a_signed_packet_can_be_changed)
 {
-    for (const std::uint8_t type : digest_types) {
-        const bytes good = make_signed(type, 5, 101);
+    const auto expect_protected = [](std::uint8_t type, std::uint8_t behind_section) {
+        bytes good = make_packet(make_seq_section(type, 5, 101));
+        const std::size_t section_end = good.size();
+        good.resize(section_end + behind_section, 0xdd);
+        good[3] = static_cast<std::uint8_t>(good.size());
+        sign(good);
         EXPECT_TRUE(receiver(type, 100).admits(good));
         for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
             bytes changed = good;
@@ -330,7 +335,8 @@ TEST(auth, no_single_bit_of_a_signed_packet_can_be_changed)
             EXPECT_FALSE(kelm_packet_valid(exact_copy(changed).ctrl(), changed.size()) &&
                          session.admits(changed))
                 << "type " << +type << " bit " << bit;
-            if (bit / 8 >= 32) { // a wrong digest is replaced, and has moved the sequence number
+            // A wrong digest is replaced, and has moved the sequence number.
+            if (bit / 8 >= 32 && bit / 8 < section_end) {
                 EXPECT_EQ(session.packet_after, good);
                 EXPECT_EQ(session.seq_num, 101u);
             }
@@ -338,7 +344,10 @@ TEST(auth, no_single_bit_of_a_signed_packet_can_be_changed)
         bytes longer = good; // than its length field, which is what the digest covers
         longer.resize(good.size() + 9, 0xee);
         EXPECT_TRUE(receiver(type).admits(longer));
-    }
+    };
+    for (const std::uint8_t type : digest_types)
+        for (const std::uint8_t behind_section : bytes{0, 8})
+            expect_protected(type, behind_section);
 }
 
 struct sender {

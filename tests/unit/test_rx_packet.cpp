@@ -263,6 +263,34 @@ TEST_F(rx_packet, what_kelm_sends_kelm_accepts_unless_a_bit_is_wrong)
     }
 }
 
+TEST_F(rx_packet, numbers_of_a_meticulous_peer_stay_within_the_session_s_multiplier)
+{
+    ASSERT_EQ(set_session(a, SESSION, rx{.multiplier = 5, .auth_type = BFD_AUTH_METICULOUS_SHA1}),
+              0);
+    std::vector<datagram> numbered; // with a multiplier of 3
+    while (numbered.size() <= 106)
+        numbered.push_back(own_packet(BFD_AUTH_METICULOUS_SHA1));
+    for (const std::size_t number : {100U, 106U, 105U})
+        ASSERT_TRUE(w.deliver(w.initial(), numbered[number]));
+    EXPECT_EQ(rx_stats(a, SESSION)->num_received, 2U);
+    EXPECT_EQ(w.logged("seqnum failed received 106 expected > 100 and <= 105"), 1U);
+}
+
+TEST_F(rx_packet, what_the_library_tells_is_logged_at_level_2_or_3)
+{
+    for (std::uint16_t level = 1; level <= 3; ++level) {
+        ASSERT_EQ(set_debug_level(a, level), 0);
+        ASSERT_EQ(set_session(a, SESSION,
+                              rx{.auth_type = BFD_AUTH_KEYED_MD5, .auth_flags = KELM_AUTH_TTL_255}),
+                  0);
+        w.clear_log();
+        ASSERT_TRUE(w.deliver(w.initial(), own_packet(BFD_AUTH_KEYED_MD5)));
+        EXPECT_EQ(w.logged("kelm Tx (77): Tx seqnum 98"), level >= 2 ? 1U : 0U) << level;
+        EXPECT_EQ(w.logged("kelm Rx (5): Rx seqnum 98"), level >= 2 ? 1U : 0U) << level;
+        EXPECT_EQ(w.logged("kelm Rx (5): ip ttl 255"), level >= 3 ? 1U : 0U) << level;
+    }
+}
+
 TEST_F(rx_packet, type_of_the_section_is_content_but_not_its_key_id)
 {
     kelm_msg_rx_set_session two_keys = rx{.auth_type = BFD_AUTH_METICULOUS_MD5};

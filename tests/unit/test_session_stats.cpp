@@ -176,4 +176,27 @@ TEST_F(periodic, runs_may_overlap)
     }
 }
 
+// The only vrf goes between a run's first look at the list and its second.
+TEST(periodic_run, without_a_vrf_warns_once)
+{
+    world w({.start = false});
+    w.fail(service::netlink_socket, -ENOMEM); // the initial namespace's
+    ASSERT_EQ(w.start(), 0);
+    w.expect_warning("No VRFs!");
+    for (int gone = 0, round = 0; gone < 2; ++round) {
+        net &ns = w.create_namespace("ns" + std::to_string(round));
+        agent &a = w.open_agent(ns);
+        ASSERT_EQ(set_interval(a, 1), 0);
+        ASSERT_EQ(set_debug_level(a, 2), 0);
+        a.close();
+        w.abandon(ns);
+        w.pass(1000); // the cleanup thread wants to run, too
+        w.clear_log();
+        w.race({[&] { w.run_timers(); }});
+        if (w.logged("Initializing first VRF") > w.logged("dump_rxtx result"))
+            ++gone;
+        w.advance(50);
+    }
+}
+
 } // namespace

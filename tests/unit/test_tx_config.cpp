@@ -212,12 +212,14 @@ TEST_F(tx_config, without_memory_for_its_bytes_a_new_packet_stays_empty_until_se
     EXPECT_EQ(tx_stats(a, SESSION), std::nullopt);
     EXPECT_EQ(w.memory_in_use(), memory);
     EXPECT_EQ(set_without(4, body), -ENOMEM);
-    EXPECT_EQ(w.logged("Failed to allocate packet data"), 1U);
-    // The record is there, and counts as empty when it is to be sent.
+    EXPECT_EQ(set_without(4, set_request(SESSION + 1, {}, tx{})), -ENOMEM);
+    EXPECT_EQ(w.logged("Failed to allocate packet data"), 2U);
+    // The records are there, and count as empty when they are to be sent.
     EXPECT_EQ(path_ready(a), 0);
     EXPECT_EQ(w.timers(), 0U);
     EXPECT_EQ(tx_stats(a, SESSION)->num_empty_packets, 1U);
-    EXPECT_EQ(w.logged("No packet to send!"), 1U);
+    EXPECT_EQ(w.logged("No packet to send!"), 2U);
+    EXPECT_EQ(w.logged("kelm: tx_trigger attempted release from callback"), 1U);
     EXPECT_EQ(set_body(body), 0);
     EXPECT_EQ(sent_during(INTERVAL).size(), 1U);
 }

@@ -46,6 +46,8 @@ TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
         {BFD_TX_JITTER_75, 1'000'000, 249'999, 749},
         {BFD_TX_JITTER_75, 1'000'000, 250'000, 999}, // modulo a quarter
         {BFD_TX_JITTER_75_90, 1'000'000, 0, 899},
+        {BFD_TX_JITTER_75_90, 1'000'000, 500, 899},
+        {BFD_TX_JITTER_75_90, 1'000'000, 501, 898},
         {BFD_TX_JITTER_75_90, 1'000'000, 142'856, 756},
         {BFD_TX_JITTER_75_90, 1'000'000, 142'857, 899}, // modulo a seventh
         {3, 1'000'000, 99'999, 999},                    // unknown types have no jitter

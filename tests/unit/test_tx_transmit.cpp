@@ -113,6 +113,8 @@ TEST_F(tx_transmit, round_trip_stamp_is_the_raw_clock)
     const frame &sent = w.frames().at(0);
     EXPECT_EQ(ctrl_in(sent.data).my_discriminator, static_cast<std::uint32_t>(sent.raw_ns >> 4));
     EXPECT_TRUE(udp_checksum_right(sent.data));
+    ASSERT_EQ(set(a, SESSION, {}), 0); // without the flag
+    EXPECT_EQ(ctrl_in(next_frame().data).my_discriminator, htonl(5));
 }
 
 TEST_F(tx_transmit, latch_rewrites_the_header_for_good)
@@ -214,6 +216,10 @@ TEST_F(tx_transmit, address_and_packet_info)
                   "11000000" + hex(as_bytes(ifindex)) + "00000006" + "2021222324250000");
         EXPECT_EQ(hex(link.control), "");
         EXPECT_EQ(link.data, packet.encode());
+        for (const frame &each : {sent, link}) {
+            EXPECT_EQ(each.priority, 6U);
+            EXPECT_EQ(each.sndbuf, 16 * 1024 * 1024);
+        }
     }
 }
 
@@ -242,6 +248,22 @@ TEST_F(tx_transmit, failed_and_short_sends_are_counted_and_sending_goes_on)
     EXPECT_EQ(stats.num_tx_errors, 2U);
     EXPECT_EQ(stats.num_sent, 4U);
     EXPECT_EQ(stats.max_lateness, INTERVAL * 1000);
+}
+
+// The agent arms the timer while the callback waits for the packet: one of the two references that
+// a timer holds then is too many.
+TEST_F(tx_transmit, extra_reference_is_dropped_each_time_and_logged_once)
+{
+    ASSERT_EQ(set_debug_level(a, 2), 0);
+    agent &other = w.open_agent(w.initial());
+    ASSERT_EQ(set(a, SESSION, {}), 0);
+    for (int i = 0; i < 2; ++i) {
+        w.pass(INTERVAL);
+        w.at_lock_point(1, [&] { EXPECT_EQ(set(other, SESSION, {}), 0); });
+        w.run_timers();
+    }
+    EXPECT_EQ(w.logged("kelm Tx (5): Releasing 5 on tx"), 2U);
+    EXPECT_EQ(w.logged("kelm:  tx_trigger releasing extra reference to packet"), 1U);
 }
 
 TEST_F(tx_transmit, deleted_packet_is_silent_and_freed_by_its_timer)
