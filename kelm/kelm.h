@@ -35,7 +35,8 @@
  *   NLMSG_DONE. The next datagram is made when the agent has read the one before. A dump that
  *   has started is not acknowledged. A record that is deleted by request meanwhile makes the dump
  *   start over, so that a record may be reported twice but none is missed; a sweep, which empties
- *   a vrf, does not. A socket runs one dump at a time.
+ *   a vrf, does not. A socket runs one dump at a time. Read with a buffer of 8 KiB at least: only a
+ *   single message that is longer, which a frame can make it, comes in a longer datagram.
  *
  * Multicast groups: KELM_NLG_NUM_CONTROL carries KELM_MSG_RX_PACKET_CHANGE and the periodic
  * statistics, KELM_NLG_NUM_NOTIFICATION carries session failures. Multicasts can be lost when a
@@ -46,8 +47,9 @@
  * ERRORS THAT ANY REQUEST CAN GET
  *
  *   -ENOMSG   the type is not 16 to 31
- *   -EPERM    the type is one that only kelm sends, or the sender lacks CAP_NET_ADMIN for a type
- *             that needs it
+ *   -EPERM    the type is one that only kelm sends, or it needs CAP_NET_ADMIN, which both the
+ *             process that sends the request and the one that opened the socket must have: in the
+ *             initial user namespace for kelm.ko, in kelmd's own for kelmd
  *   -ENODEV   the namespace has no vrf (yet, or any more)
  *   -EINVAL   the message is shorter than its body with the variable part that the body
  *             announces; checked before anything else in the body, nothing has changed
@@ -103,22 +105,27 @@
  *   Creates or reconfigures the session that receives packets with this Your Discriminator. With
  *   KELM_RX_TIMER_ACTIVE the detection timer runs from now, `multiplier` times `period`, and every
  *   packet that is accepted restarts it. When it expires, kelm multicasts `failure_packet`, a
- *   complete netlink message of the agent's own making, unchanged on KELM_NLG_NUM_NOTIFICATION;
- *   latches the packets of `latch_tx_packets` with `latch_diagnostic`; and leaves the timer
- *   stopped until the next KELM_MSG_RX_SET_SESSION. A latch packet that this vrf does not have is
- *   looked for in the others. A packet is accepted if it passes `auth`: type, interface, TTL or hop
- *   limit, and for an authenticated packet the key slot with its key id. A last sequence number
- *   other than 0 obliges a keyed peer not to go below it, and a meticulous one to stay within
- *   `multiplier` above it; reconfiguring keeps the number. With KELM_RX_MYDISC_RTT the session's
- *   packets are our own, looped back, and yield round-trip times.
+ *   complete netlink message of the agent's own making, unchanged on KELM_NLG_NUM_NOTIFICATION
+ *   (kelmd cannot carry one that is shorter than its header: nobody gets it, which is counted in
+ *   `netlink_failure_fail`); latches the packets of `latch_tx_packets` with `latch_diagnostic`; and
+ *   leaves the timer stopped until the next KELM_MSG_RX_SET_SESSION. A latch packet that this vrf
+ *   does not have is looked for in the others. A packet is accepted if it passes `auth`: type,
+ *   interface, TTL or hop limit, and for an authenticated packet the key slot with its key id. A
+ *   last sequence number other than 0 obliges a keyed peer not to go below it, and a meticulous one
+ *   to stay within `multiplier` above it; reconfiguring keeps the number. A number that passes is
+ *   kept even when the digest turns out to be wrong, see AUTHENTICATION in kelm(7). With
+ *   KELM_RX_MYDISC_RTT the session's packets are our own, looped back, and yield round-trip times.
  *   Reconfiguring keeps the statistics; a changed period restarts those of intervals and round
  *   trips. The first packet that a new session accepts is passed up to the agent.
  *     -EINVAL        discriminator 0
  *     -EAFNOSUPPORT  `type` above KELM_RX_SESSION_SBFD_INITIATOR
  *     -ENOMEM        an existing session is unchanged, a new one not created
  *     -ENXIO         a packet of `latch_tx_packets` does not exist; the session is kept and
- *                    configured, linked to the packets before that one, its timer untouched
- *     -ESHUTDOWN     the vrf is going down; the session is kept, partly configured
+ *                    configured, linked to the packets before that one. Its timer is untouched: one
+ *                    that runs still expires and reports the failure. Whether accepted packets
+ *                    restart it, and for how long, is as the request says
+ *     -ESHUTDOWN     the vrf is going down; the session is kept, partly configured, its timer as
+ *                    after -ENXIO
  *
  * KELM_MSG_RX_DELETE_SESSION, kelm_msg_rx_delete_session
  *   Deletes the session; no failure is reported for it any more.
@@ -152,8 +159,10 @@
  *   Otherwise: a dump, per vrf a KELM_MSG_RX_STATS for every session, a KELM_MSG_TX_STATS for every
  *   packet (those of the discriminator if one is given), and with KELM_STATS_MODULE a
  *   KELM_MSG_MODULE_STATS. KELM_STATS_CLEAR clears what has been read, snapshots excepted;
- *   together with KELM_STATS_NO_REPORT it clears and reports nothing. KELM_STATS_ALL_VRFS covers
- *   the vrfs of all namespaces, the newest first.
+ *   together with KELM_STATS_NO_REPORT it clears and reports nothing. A dump that starts over (see
+ *   TRANSPORT) reports what it has cleared once more, as it is then. KELM_STATS_ALL_VRFS covers the
+ *   vrfs of all namespaces, the newest first; the dump ends early if the vrf that it has come to
+ *   goes away.
  *
  * KELM_MSG_SET_SESSION_STATS_INTERVAL, kelm_msg_set_session_stats_interval (request;
  * CAP_NET_ADMIN)
@@ -166,8 +175,11 @@
  * KELM_MSG_TX_STATS, kelm_msg_tx_stats; KELM_MSG_RX_STATS, kelm_msg_rx_stats;
  * KELM_MSG_MODULE_STATS, kelm_msg_module_stats (unicast, dumped, multicast)
  *   The counters of one packet, one session, one vrf. Minima, averages and maxima are 0 while
- *   there is no sample. `timestamp_secs` and `timestamp_nsecs` are the wall clock when the message
- *   was made.
+ *   there is no sample. The average of intervals is their sum divided by the number of packets less
+ *   one, that of round trips their sum divided by the number of packets. The interval in which
+ *   KELM_STATS_CLEAR came is left out of the sums while its packet counts: a snapshot's average is
+ *   too low after a clear, the more so the fewer packets there are. `timestamp_secs` and
+ *   `timestamp_nsecs` are the wall clock when the message was made.
  *
  *
  * SYNCHRONISATION
@@ -427,11 +439,13 @@ struct kelm_msg_rx_stats {
     struct kelm_time last_rx_time;
     struct kelm_time last_state_change; /* the last configuration or detection timeout */
     uint64_t num_received;              /* accepted */
+    /* Refused by `auth`. A packet with too short a section for any type would count twice, but
+     * fails the checks of RFC 5880 first, and counts in rfc_drops. */
     uint64_t num_auth_fail;
     uint64_t num_passup;
-    uint64_t num_auth_type_mismatch;
-    uint64_t packet_alloc_fail; /* no memory to keep a copy of a packet */
-    uint64_t pskb_expand_fail;  /* no memory to pass a packet up */
+    uint64_t num_auth_type_mismatch; /* those of them with another type than that of `auth` */
+    uint64_t packet_alloc_fail;      /* no memory to keep a copy of a packet */
+    uint64_t pskb_expand_fail;       /* no memory to pass a packet up */
     uint64_t num_timeout;
     uint64_t snapshot_num_received;
     kelm_microsecs snapshot_min_period;

@@ -10,6 +10,7 @@
 
 extern "C" {
 
-// Whether the task whose request is being handled holds the capability. The request's own task.
+// Whether both the task whose request is being handled and the one that opened the socket that it
+// came by hold the capability. The request's own task.
 [[nodiscard]] bool capable(int capability) KELM_PLATFORM(capable);
 }
