@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
+#include <linux/bitops.h> /* net/checksum.h needs it */
 #include <net/checksum.h>
 #include <net/ip6_checksum.h>
 
