@@ -10,6 +10,9 @@
 #ifndef KELM_PLATFORM_LINUX_GLUE_H
 #define KELM_PLATFORM_LINUX_GLUE_H
 
+/* The values of the engine's gfp_t. */
+enum { ENGINE_GFP_ATOMIC, ENGINE_GFP_KERNEL };
+
 #ifdef __cplusplus
 
 using engine_gfp = gfp_t;
@@ -31,22 +34,28 @@ extern "C" {
 
 #include "platform/linux/engine_types.h"
 
-typedef unsigned int engine_gfp; /* 0: GFP_ATOMIC, 1: GFP_KERNEL */
+typedef unsigned int engine_gfp; /* ENGINE_GFP_... */
 
 static inline gfp_t kernel_gfp(engine_gfp gfp)
 {
-    return gfp ? GFP_KERNEL : GFP_ATOMIC;
+    return gfp == ENGINE_GFP_KERNEL ? GFP_KERNEL : GFP_ATOMIC;
 }
 
 #endif
 
-/* services.c */
+/* memory.c */
 void *kelm_kmalloc(size_t size, engine_gfp gfp);
 void *kelm_kzalloc(size_t size, engine_gfp gfp);
 void kelm_kfree(const void *ptr);
+
+/* printk.c */
 void kelm_printk(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void kelm_WARN(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+/* random.c */
 uint32_t kelm_prandom_u32(void);
+
+/* kthread.c */
 struct task_struct *kelm_kthread_create_on_node(int (*body)(void *argument), void *argument,
                                                 int node, const char *name);
 void kelm_wake_up_process(struct task_struct *task);
@@ -54,13 +63,15 @@ int kelm_kthread_stop(struct task_struct *task);
 bool kelm_kthread_should_stop(void);
 void kelm_schedule_timeout_interruptible(long ticks);
 
-/* time.c */
+/* clock.c */
 void kelm_ktime_get_real_ts64(struct timespec64 *ts);
 void kelm_ktime_get_raw_ts64(struct timespec64 *ts);
 uint64_t kelm_get_jiffies_64(void);
 unsigned long kelm___usecs_to_jiffies(unsigned int usecs);
 unsigned long kelm___msecs_to_jiffies(unsigned int msecs);
 unsigned int kelm_jiffies_to_usecs(unsigned long ticks);
+
+/* timer.c */
 void kelm_timer_setup(struct timer_list *timer, void (*function)(struct timer_list *timer));
 int kelm_mod_timer(struct timer_list *timer, unsigned long expires);
 int kelm_del_timer(struct timer_list *timer);

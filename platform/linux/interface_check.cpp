@@ -150,6 +150,7 @@ static_assert(sizeof(timespec64) == 16 && offsetof(timespec64, tv_nsec) == 8);
 static_assert(sizeof(kvec) == 16 && offsetof(kvec, iov_len) == 8);
 
 // What C calls engine_gfp.
-static_assert(sizeof(gfp_t) == sizeof(unsigned) && GFP_ATOMIC == 0 && GFP_KERNEL == 1);
+static_assert(sizeof(gfp_t) == sizeof(unsigned));
+static_assert(GFP_ATOMIC == gfp_t{ENGINE_GFP_ATOMIC} && GFP_KERNEL == gfp_t{ENGINE_GFP_KERNEL});
 
 } // namespace

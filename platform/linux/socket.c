@@ -87,7 +87,7 @@ static void set_up(struct sock *sk)
 int kelm___sock_create(struct net *net, int family, int type, int protocol, struct sock **res,
                        int kern)
 {
-    struct engine_socket *es = kelm_kzalloc(sizeof(*es), 1);
+    struct engine_socket *es = kelm_kzalloc(sizeof(*es), ENGINE_GFP_KERNEL);
     int err;
 
     if (!es)
