@@ -181,6 +181,14 @@ int reply_single(kelm_vrf *vrf, const dump_request &request)
         return -ENOENT;
     return kelm_netlink_send_stats(vrf, reply.release(), request.portid);
 }
+
+// A full buffer is returned as its length: a message that does not fit even into an empty one ends
+// the dump, unless the host knows a larger one.
+int datagram_full(const sk_buff *skb, netlink_callback *dump)
+{
+    dump->no_room = skb_len(skb) == 0;
+    return static_cast<int>(skb_len(skb));
+}
 } // namespace
 
 void dump_init()
@@ -206,24 +214,22 @@ int dump_rxtx(sk_buff *skb, netlink_callback *dump, const dump_phases &phases, b
                         static_cast<void *>(vrf), slot[PHASE], slot[BUCKET], slot[CHAIN_DEPTH],
                         request.discriminator, request.flags, skb_tailroom(skb));
 
-    // A full buffer is returned as its length: a message that does not fit even into an empty one
-    // ends the dump.
     if (slot[PHASE] == PHASE_RX) {
         const dump_cursor cursor = {slot[BUCKET], slot[CHAIN_DEPTH], &slot[RX_SEQ]};
         if (phases.rxdump(vrf, skb, cursor, request) != 0)
-            return static_cast<int>(skb_len(skb));
+            return datagram_full(skb, dump);
         restart_phase(dump, PHASE_TX);
     }
     if (slot[PHASE] == PHASE_TX) {
         const dump_cursor cursor = {slot[BUCKET], slot[CHAIN_DEPTH], &slot[TX_SEQ]};
         if (phases.txdump(vrf, skb, cursor, request) != 0)
-            return static_cast<int>(skb_len(skb));
+            return datagram_full(skb, dump);
         restart_phase(dump, PHASE_MODULE);
     }
     if (slot[PHASE] == PHASE_MODULE && phases.moduledump != nullptr) {
         const dump_cursor cursor = {slot[BUCKET], slot[CHAIN_DEPTH], nullptr};
         if (phases.moduledump(vrf, skb, cursor, request) != 0)
-            return static_cast<int>(skb_len(skb));
+            return datagram_full(skb, dump);
     }
     return 0;
 }

@@ -25,13 +25,16 @@ struct netlink_callback {
     const nlmsghdr *nlh; // its header; null where there is none
     void *data;          // the control's data at start, then whatever start left there
     long args[6];        // the dump's own state, 0 at first
+    bool no_room;        // false at first; see dump
 };
 
 struct netlink_dump_control {
     // Called once before the first dump call, before netlink_dump_start returns. An error
     // ends the request with that error, and done is not called.
     int (*start)(netlink_callback *cb);
-    // Fills one datagram. Positive: call again with a fresh buffer; 0: the dump is complete.
+    // Fills one datagram. Positive: call again with a fresh buffer; 0: the dump is over. Sets
+    // no_room if that is because the next message does not fit even into the empty buffer: the
+    // host can clear it and call again with a larger one.
     // In the context of the requesting task, or of whoever reads the agent's socket; one call
     // at a time per dump, no lock held.
     int (*dump)(sk_buff *skb, netlink_callback *cb);

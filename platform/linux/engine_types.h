@@ -22,6 +22,7 @@ typedef struct engine_dump { /* netlink_callback of platform/netlink.h */
     const struct nlmsghdr *nlh;
     void *data;
     long args[6];
+    bool no_room;
 } engine_dump;
 
 typedef struct engine_dump_control { /* netlink_dump_control of platform/netlink.h */

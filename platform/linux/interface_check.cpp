@@ -134,6 +134,7 @@ SAME_PLACE(engine_dump, skb);
 SAME_PLACE(engine_dump, nlh);
 SAME_PLACE(engine_dump, data);
 SAME_PLACE(engine_dump, args);
+SAME_PLACE(engine_dump, no_room);
 
 SAME_SIZE(engine_dump_control);
 SAME_PLACE(engine_dump_control, start);

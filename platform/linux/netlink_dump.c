@@ -11,8 +11,11 @@
 #include "platform/linux/glue.h"
 #include "platform/linux/netlink.h"
 
-/* Of a dump datagram, in bytes, as kelmd has them: usual, and for a message that needs more. */
-#define USUAL_ROOM (16 * 1024)
+/*
+ * How long a datagram is, the kernel decides by what the agent reads with. Only a single message
+ * that needs more makes it longer: up to a frame of 64 KiB with headers. Bytes.
+ */
+#define USUAL_ROOM (8 * 1024)
 #define GREATEST_ROOM (68 * 1024)
 
 struct open_dump {
@@ -29,7 +32,7 @@ static DEFINE_SPINLOCK(open_dumps_lock);
 static int start(struct netlink_callback *cb)
 {
     const engine_dump_control *control = cb->data;
-    struct open_dump *open = kelm_kzalloc(sizeof(*open), 1);
+    struct open_dump *open = kelm_kzalloc(sizeof(*open), ENGINE_GFP_KERNEL);
     int err;
 
     if (!open)
@@ -51,32 +54,37 @@ static int start(struct netlink_callback *cb)
 }
 
 /*
- * Not all the room that the allocator gives: agents have been told how long a datagram can be. And
- * an agent's socket filter, which can read from where the headers are, finds its message there.
+ * Gives an empty buffer the greatest room, behind one message only: see kelm_skb_tailroom(). Not
+ * all that the allocator gives: agents have been told how long a datagram can be. And an agent's
+ * socket filter, which can read from where the headers are, finds its message there.
  */
-static int make_greatest_room(struct sk_buff *skb)
+static int enlarge(struct sk_buff *skb)
 {
+    unsigned int room = max_t(unsigned int, skb_tailroom(skb), USUAL_ROOM);
     int err = pskb_expand_head(skb, 0, GREATEST_ROOM - skb_tailroom(skb),
                                GFP_KERNEL | __GFP_NOWARN | __GFP_NORETRY);
 
     if (err)
         return err;
     skb_reserve(skb, skb_tailroom(skb) - GREATEST_ROOM);
+    skb->reserved_tailroom = GREATEST_ROOM - room + NLMSG_SPACE(sizeof(int)); /* NLMSG_DONE */
     skb_reset_network_header(skb);
     skb_reset_mac_header(skb);
     return 0;
 }
 
-/*
- * A step that ends the dump without having written anything had nothing left, or no room for the
- * next message, and another one cannot hurt.
- */
 static int fill(struct open_dump *open, struct sk_buff *skb)
 {
     int result = open->dump_step(skb, &open->dump);
 
-    if (result == 0 && skb->len == 0 && make_greatest_room(skb) == 0)
-        result = open->dump_step(skb, &open->dump);
+    if (!open->dump.no_room)
+        return result;
+    result = enlarge(skb);
+    if (result)
+        return result;
+    open->dump.no_room = false;
+    result = open->dump_step(skb, &open->dump);
+    skb->reserved_tailroom = 0;
     return result;
 }
 
@@ -115,7 +123,7 @@ static int done(struct netlink_callback *cb)
  */
 static struct sk_buff *copy_request(const struct sk_buff *skb, const struct nlmsghdr *nlh)
 {
-    struct sk_buff *request = kelm_alloc_skb(nlh->nlmsg_len, 1);
+    struct sk_buff *request = kelm_alloc_skb(nlh->nlmsg_len, ENGINE_GFP_KERNEL);
 
     if (!request)
         return NULL;
@@ -136,7 +144,7 @@ int kelm_netlink_dump_start(struct sock *sk, struct sk_buff *skb, const struct n
         .dump = dump,
         .done = done,
         .data = (void *)control,
-        .min_dump_alloc = max_t(u32, control->min_dump_alloc, USUAL_ROOM),
+        .min_dump_alloc = control->min_dump_alloc,
     };
     struct sk_buff *request = copy_request(skb, nlh);
     int err;

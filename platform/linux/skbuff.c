@@ -37,9 +37,13 @@ uint8_t *kelm_skb_head(const struct sk_buff *skb)
     return skb->head;
 }
 
+/* What is reserved is for the first message alone: see netlink_dump.c. */
 unsigned int kelm_skb_tailroom(const struct sk_buff *skb)
 {
-    return skb_tailroom(skb);
+    unsigned int room = skb_tailroom(skb);
+    unsigned int reserved = skb->len ? skb->reserved_tailroom : 0;
+
+    return room > reserved ? room - reserved : 0;
 }
 
 uint8_t *kelm_skb_put(struct sk_buff *skb, unsigned int len)

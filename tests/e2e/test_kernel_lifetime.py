@@ -201,6 +201,35 @@ def test_agents_are_killed_in_mid_dump(nothing_left, link):
         assert len(agent.dump(p.SYNC, p.sync())) == 1500
 
 
+def read_dump(agent, buffer, type, body):
+    """How many messages there are in a dump that is read with such a buffer."""
+    agent.start_dump(type, body)
+    count = 0
+    while True:
+        datagram, _, flags, _ = agent.sock.recvmsg(buffer)
+        assert not flags & socket.MSG_TRUNC
+        messages = p.parse(datagram)
+        count += len(messages)
+        if messages[-1].type == p.NLMSG_DONE:
+            return count - 1
+
+
+def test_a_dump_fits_what_its_agent_reads_with(agent, link, kernel_log):
+    """A single long message too; and a dump of nothing is done once."""
+    with Agent(link.near_ns) as reader, in_namespace(link.near_ns), \
+            socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+        send_sessions(reader, 500)
+        sender.sendto(Bfd(your_disc=5).pack().ljust(6000, b"\0"), ("127.0.0.1", 3784))
+        assert agent.event(p.RX_PACKET_CHANGE, 5)
+        for _ in range(2):
+            assert read_dump(reader, 8192, p.GET_STATS, p.get_stats()) == 500
+            assert read_dump(reader, 8192, p.SYNC, p.sync()) == 501
+    agent.request(p.SET_DEBUG_LEVEL, p.set_debug_level(5, 2))
+    assert agent.stats(5, flags=p.STATS_NO_REPORT | p.STATS_CLEAR) == []
+    agent.request(p.SET_DEBUG_LEVEL, p.set_debug_level(5, 0))
+    assert kernel_log.text().count("Dumping kelm getstats") == 1
+
+
 # The module
 
 
