@@ -6,6 +6,8 @@ BUILD  ?= build
 JOBS   ?= $(shell nproc)
 PREFIX ?= /usr/local
 KERNEL ?= $(shell uname -r)
+KERNELS ?= 6.1 6.12
+DEBIAN ?= 13
 
 asan = address,undefined
 
@@ -16,7 +18,7 @@ say = @printf '\n==> %s\n' "$(1)"
 version = $(shell sed -n 's/^project(kelm VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 sources = $(shell git ls-files '*.h' '*.c' '*.cpp')
 
-.PHONY: help all demo module test vm-kernels vm-test vm-test-debug bench install install-module deb clean tidy format format-check
+.PHONY: help all demo module test vm-kernels vm-test vm-test-debug debian-test bench install install-module deb clean tidy format format-check
 
 help:
 	@echo 'kelm: BFD offload. Targets, on Debian 12, as root where packages are missing:'
@@ -25,8 +27,9 @@ help:
 	@echo '  make module        build kelm.ko for the kernel KDIR (see scripts/build-module --help)'
 	@echo '  make demo          see it work: a session between two namespaces, the link is cut'
 	@echo '  make test          all tests: unit, end to end on kelmd and kelm.ko, soak, checks'
-	@echo '  make vm-test       only those of kelm.ko, on Debian kernels in virtual machines'
+	@echo '  make vm-test       only those of kelm.ko, on KERNELS ($(KERNELS)) in virtual machines'
 	@echo '  make vm-test-debug the same on a kernel for debugging, which is built first'
+	@echo "  make debian-test   build, and run the unit tests, in a root file system of Debian DEBIAN ($(DEBIAN))"
 	@echo '  make bench         measure; prints, judges nothing'
 	@echo '  make install       install into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo "  make install-module  install kelm.ko by DKMS for KERNEL, to be loaded at boot"
@@ -62,19 +65,27 @@ test: all vm-kernels
 	$(call say,tests)
 	@ctest --test-dir $(BUILD) -j $$(($(JOBS) + 1)) --output-on-failure # virtual machines often wait
 
-vm_kernels = 6.1 6.12
-
 vm-kernels:
-	$(call say,kernels for the virtual machines: $(vm_kernels))
-	@set -e; for kernel in $(vm_kernels); do scripts/vm-kernel $$kernel; done
+	$(call say,kernels for the virtual machines: $(KERNELS))
+	@set -e; for kernel in $(KERNELS); do scripts/vm-kernel $$kernel; done
 
 vm-test: all vm-kernels
-	@set -e; for kernel in $(vm_kernels); do KELM_BUILD=$(BUILD) tests/vm/run $$kernel; done
+	@set -e; for kernel in $(KERNELS); do KELM_BUILD=$(BUILD) tests/vm/run $$kernel; done
 
 vm-test-debug: all
 	$(call say,kernel for debugging)
 	@scripts/vm-kernel debug
 	@KELM_BUILD=$(BUILD) tests/vm/run debug
+
+debian-test: tree = $(BUILD)/debian$(DEBIAN)
+debian-test: run = scripts/debian-root $(DEBIAN)
+debian-test:
+	$(call say,root file system of Debian $(DEBIAN) in build/debian/$(DEBIAN)/)
+	@$(run) scripts/install-deps build unit
+	$(call say,build in $(tree)/)
+	@$(run) sh -c '$(call build,$(tree),,unit)'
+	$(call say,unit tests)
+	@$(run) ctest --test-dir $(tree) -L unit -j $(JOBS) --output-on-failure
 
 bench: all
 	@scripts/install-deps bench

@@ -2,6 +2,8 @@
 //
 // Statistics of reception: intervals between accepted packets and round trips, for the session's
 // lifetime and since the last periodic broadcast (snapshot), and their message.
+#include <initializer_list>
+
 #include "kelm/dump.h"
 #include "kelm/message.h"
 #include "kelm/rx_internal.h"

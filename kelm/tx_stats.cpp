@@ -2,6 +2,8 @@
 //
 // Statistics of transmissions: the intervals between them (lateness), for the packet's lifetime
 // and since the last periodic broadcast (snapshot), and their message.
+#include <initializer_list>
+
 #include "kelm/dump.h"
 #include "kelm/message.h"
 #include "kelm/tx_internal.h"

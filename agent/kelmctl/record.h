@@ -4,6 +4,7 @@
 // JSON key, its JSON value and its text for people.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <variant>

@@ -3,6 +3,7 @@
 // Times as people type and read them.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 

@@ -74,8 +74,8 @@ void release(spinlock_t *storage, bool bh)
     if (l.bh != bh)
         sim::failure("%s: bottom halves are treated differently at lock and unlock", l.name);
     const auto end = self.held.begin() + static_cast<std::ptrdiff_t>(self.held_count);
-    std::remove(self.held.begin(), end, &l);
-    --self.held_count;
+    self.held_count =
+        static_cast<std::size_t>(std::remove(self.held.begin(), end, &l) - self.held.begin());
     self.bh_off_depth -= bh ? 1 : 0;
     l.holder = nullptr;
     // Whoever waits goes first. The lock may be gone when we go on.
