@@ -43,8 +43,9 @@ std::vector<std::uint8_t> &request_buffer()
 
 } // namespace
 
-agent_connection::agent_connection(net &ns, unique_fd socket, const peer_process &opener)
-    : net_(ns), socket_(std::move(socket)), opener_(opener)
+agent_connection::agent_connection(net &ns, unique_fd socket, const peer_process &opener,
+                                   connection_quota::place place)
+    : net_(ns), socket_(std::move(socket)), opener_(opener), place_(std::move(place))
 {
     set_buffer(socket_.get(), SO_SNDBUF, queue_bytes);
     get_net(net_);
@@ -108,13 +109,16 @@ agent_connection::outcome agent_connection::handle(std::span<const std::uint8_t>
         std::memcpy(&wanted, buffer.data(), sizeof wanted);
         return handle_bind(wanted);
     }
-    // As on netlink, who sends without having bound gets a port of its own.
-    if (id() == 0)
-        (void)net_.netlink.bind(*this, 0, 0);
-    if (len > buffer.size())
-        refuse_overlong(buffer);
-    else
-        net_.netlink.receive(*this, buffer.first(len));
+    // As on netlink, an agent that sends without having bound gets a port of its own.
+    if (id() == 0 && !net_.netlink.bind(*this, 0, 0))
+        return outcome::CLOSED;
+    const int result = len > buffer.size() ? refuse_overlong(buffer)
+                                           : net_.netlink.receive(*this, buffer.first(len));
+    if (result == -ECONNREFUSED)
+        return outcome::CLOSED; // the namespace's vrf is gone, and nothing will ever answer
+    // Without memory: the agent must not wait for an answer that does not come.
+    if (result == -ENOBUFS)
+        net_.netlink.note_overrun(id());
     return outcome::WAIT;
 }
 
@@ -143,8 +147,8 @@ void agent_connection::answer_bind()
         errno == EAGAIN;
 }
 
-// What does not fit is not looked into; the first message in it is told so.
-void agent_connection::refuse_overlong(std::span<const std::uint8_t> beginning)
+// A datagram that does not fit is not looked into; its first message is answered for all of them.
+int agent_connection::refuse_overlong(std::span<const std::uint8_t> beginning)
 {
     struct {
         nlmsghdr header;
@@ -160,9 +164,10 @@ void agent_connection::refuse_overlong(std::span<const std::uint8_t> beginning)
     const auto *const bytes = reinterpret_cast<const std::uint8_t *>(&refusal);
     sk_buff *const skb = hosted::skb_copy_bytes({bytes, sizeof refusal}, 0, GFP_KERNEL);
     if (skb == nullptr)
-        return;
-    (void)net_.netlink.unicast(skb, id());
+        return -ENOBUFS;
+    (void)net_.netlink.unicast(skb, id()); // a full queue has been noted
     consume_skb(skb);
+    return 0;
 }
 
 int agent_connection::deliver(std::span<const std::uint8_t> datagram)

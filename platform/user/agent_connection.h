@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include "platform/hosted/netlink.h"
+#include "platform/user/connection_quota.h"
 #include "platform/user/fd.h"
 #include "platform/user/net.h"
 #include "platform/user/process.h"
@@ -26,7 +27,8 @@ class agent_connection final : public hosted::netlink_port
 {
   public:
     // Takes over a connected socket, non-blocking and with SO_PASSCRED.
-    agent_connection(net &ns, unique_fd socket, const peer_process &opener);
+    agent_connection(net &ns, unique_fd socket, const peer_process &opener,
+                     connection_quota::place place);
     ~agent_connection() override;
 
     // What the loop has to do next.
@@ -39,8 +41,6 @@ class agent_connection final : public hosted::netlink_port
     // Handles edge-triggered readiness: a bounded number of datagrams, and what waits for room.
     [[nodiscard]] outcome on_ready(std::uint32_t events);
 
-    [[nodiscard]] uid_t user() const { return opener_.uid; }
-
   protected:
     int deliver(std::span<const std::uint8_t> datagram) override;
     bool drained() override;
@@ -51,11 +51,12 @@ class agent_connection final : public hosted::netlink_port
     outcome handle(std::span<const std::uint8_t> buffer, std::size_t len);
     outcome handle_bind(const sockaddr_nl &wanted);
     void answer_bind();
-    void refuse_overlong(std::span<const std::uint8_t> beginning);
+    int refuse_overlong(std::span<const std::uint8_t> beginning);
 
     net &net_;
     const unique_fd socket_;
     const peer_process opener_;
+    const connection_quota::place place_;
     // Of the datagram that is being handled: who sent it, and, once somebody has asked, the
     // capabilities that the sender and the opener share.
     ucred sender_{};

@@ -6,13 +6,13 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
-#include <map>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
 
 #include "platform/user/agent_connection.h"
+#include "platform/user/connection_quota.h"
 #include "platform/user/system_call.h"
 
 namespace kelmd
@@ -26,40 +26,7 @@ constexpr int connections_per_turn = 16;
 
 constexpr auto accept_retry_interval = std::chrono::milliseconds(100);
 
-// Connections of users other than root, in all namespaces: enough for their tools, too few to
-// use up kelmd's descriptors.
-constexpr int limit_per_user = 32;
-constexpr int limit_of_users = 256;
-
-class connection_quota
-{
-  public:
-    bool take(uid_t user)
-    {
-        if (user == 0)
-            return true;
-        if (total_ >= limit_of_users || used_[user] >= limit_per_user)
-            return false;
-        ++total_;
-        ++used_[user];
-        return true;
-    }
-
-    void give_back(uid_t user)
-    {
-        if (user == 0)
-            return;
-        --total_;
-        if (--used_[user] == 0)
-            used_.erase(user);
-    }
-
-  private:
-    std::map<uid_t, int> used_;
-    int total_ = 0;
-};
-
-connection_quota &quota()
+connection_quota &the_quota()
 {
     static connection_quota connections;
     return connections;
@@ -132,11 +99,14 @@ void agent_listener::accept_some()
 void agent_listener::take(unique_fd socket)
 {
     ucred peer{};
-    if (!get_peer(socket.get(), peer) || !quota().take(peer.uid))
+    if (!get_peer(socket.get(), peer))
+        return;
+    auto place = the_quota().take(peer.uid);
+    if (!place)
         return;
     const int fd = socket.get();
-    connections_[fd] =
-        std::make_unique<agent_connection>(net_, std::move(socket), identify(peer.pid, peer.uid));
+    connections_[fd] = std::make_unique<agent_connection>(
+        net_, std::move(socket), identify(peer.pid, peer.uid), std::move(*place));
     try {
         loop_.watch(fd, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET,
                     [this, fd](std::uint32_t events) { serve(fd, events); });
@@ -162,10 +132,8 @@ void agent_listener::serve(int fd, std::uint32_t events)
 
 void agent_listener::close(int fd)
 {
-    const auto found = connections_.find(fd);
     loop_.unwatch(fd);
-    quota().give_back(found->second->user());
-    connections_.erase(found);
+    connections_.erase(fd);
 }
 
 std::optional<pid_t> agent_socket_owner(const net &ns)
