@@ -241,19 +241,22 @@ void namespace_set::retry_unserved()
 // Gives up the hold on namespaces that have neither a name nor a process any more.
 void namespace_set::let_go_abandoned()
 {
-    bool some_have_processes = false;
+    const auto is_nameless = [](const std::unique_ptr<net> &ns) {
+        return !ns->initial && ns->held && ns->names.empty();
+    };
+    if (std::ranges::none_of(nets_, is_nameless))
+        return;
+    const auto inhabited = inhabited_namespaces();
     for (const auto &ns : nets_) {
-        if (ns->initial || !ns->held || !ns->names.empty())
+        if (!is_nameless(ns))
             continue;
-        if (netns_has_processes(ns->key)) {
-            some_have_processes = true;
+        if (!inhabited || inhabited->contains(ns->key)) {
+            process_check_.arm(process_check_interval);
         } else {
             ns->held = false;
             put_net(*ns);
         }
     }
-    if (some_have_processes)
-        process_check_.arm(process_check_interval);
 }
 
 // Reports those gone that nothing refers to any more, and forgets them.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <elf.h>
@@ -76,6 +77,26 @@ std::uint64_t start_time_of(pid_t pid)
 bool has_bit(std::uint64_t set, int bit)
 {
     return (set >> bit & 1) != 0;
+}
+
+bool has_ended(const std::error_code &error)
+{
+    return error == std::errc::no_such_file_or_directory || error == std::errc::no_such_process;
+}
+
+// Adds the network namespaces of a process's threads. False if they cannot all be known.
+bool add_namespaces_of(const std::filesystem::path &process, std::set<netns_key> &namespaces)
+{
+    std::error_code error;
+    for (std::filesystem::directory_iterator thread(process / "task", error), end; thread != end;
+         thread.increment(error)) {
+        struct stat status;
+        if (stat((thread->path() / "ns/net").c_str(), &status) == 0)
+            namespaces.insert({status.st_dev, status.st_ino});
+        else if (!has_ended({errno, std::generic_category()}))
+            return false;
+    }
+    return !error || has_ended(error);
 }
 
 } // namespace
@@ -159,21 +180,26 @@ std::string describe_process(pid_t pid)
     return name + " (pid " + std::to_string(pid) + ")";
 }
 
-bool netns_has_processes(const netns_key &key)
+std::optional<std::set<netns_key>> inhabited_namespaces()
 {
+    std::set<netns_key> inhabited;
+    bool sees_init = false;
     std::error_code error;
     for (std::filesystem::directory_iterator entry("/proc", error), end; entry != end;
          entry.increment(error)) {
         const std::string name = entry->path().filename();
         std::string_view digits = name;
         pid_t pid = 0;
-        struct stat status;
-        if (take_number(digits, pid) && digits.empty() && pid != getpid() &&
-            stat(proc_path(pid, "ns/net").c_str(), &status) == 0 &&
-            netns_key{status.st_dev, status.st_ino} == key)
-            return true;
+        if (!take_number(digits, pid) || !digits.empty())
+            continue;
+        sees_init |= pid == 1;
+        if (pid != getpid() && !add_namespaces_of(entry->path(), inhabited))
+            return std::nullopt;
     }
-    return bool(error); // of looking at /proc
+    // Where /proc hides processes (hidepid=), the first of all is hidden too.
+    if (error || !sees_init)
+        return std::nullopt;
+    return inhabited;
 }
 
 } // namespace kelmd

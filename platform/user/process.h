@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -53,7 +54,8 @@ struct process_status {
 // "name (pid 123)".
 [[nodiscard]] std::string describe_process(pid_t pid);
 
-// Whether any process, but for kelmd itself, is inside the namespace; true if that cannot be known.
-[[nodiscard]] bool netns_has_processes(const netns_key &key);
+// The network namespaces that other processes are in, with any of their threads. Nothing if that
+// cannot be known: a process that kelmd may not look at (CAP_SYS_PTRACE) may be in any of them.
+[[nodiscard]] std::optional<std::set<netns_key>> inhabited_namespaces();
 
 } // namespace kelmd

@@ -4,6 +4,7 @@
 import contextlib
 import struct
 import subprocess
+import threading
 
 import pytest
 
@@ -24,7 +25,25 @@ def test_a_namespace_goes_while_its_sessions_run(link, namespaces):
     wait_gone(link)
 
 
-@pytest.mark.parametrize("holder", ["process", "agent", "dump"])
+@contextlib.contextmanager
+def thread_in(name):
+    """A thread of ours lives in the namespace; its process does not."""
+    inside, leave = threading.Event(), threading.Event()
+
+    def live():
+        with in_namespace(name):
+            inside.set()
+            leave.wait()
+
+    thread = threading.Thread(target=live)
+    thread.start()
+    inside.wait()
+    yield
+    leave.set()
+    thread.join()
+
+
+@pytest.mark.parametrize("holder", ["process", "thread", "agent", "dump"])
 def test_a_namespace_lives_as_long_as_somebody_is_in_it(link, namespaces, holder):
     start_session(link)
     with contextlib.ExitStack() as stack:
@@ -33,6 +52,8 @@ def test_a_namespace_lives_as_long_as_somebody_is_in_it(link, namespaces, holder
                 process = subprocess.Popen(["sleep", "1000"])
             stack.callback(process.wait)
             stack.callback(process.kill)
+        elif holder == "thread":
+            stack.enter_context(thread_in(link.near_ns))
         else:
             agent = stack.enter_context(Agent(link.near_ns))
             if holder == "dump":

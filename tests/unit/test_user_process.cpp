@@ -76,6 +76,19 @@ TEST(Process, CapabilitiesNeedTheSameProcessAndUser)
     EXPECT_EQ(capabilities_of(gone), 0U);
 }
 
+// A process that may not be looked at could be anywhere.
+TEST(Process, namespaces_are_not_empty_because_their_processes_cannot_be_seen)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)!setresuid(65534, 65534, 65534); // an ordinary user already is one
+        _exit(inhabited_namespaces() ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
 class NetnsDirectory : public testing::Test
 {
   protected:
