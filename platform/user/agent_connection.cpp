@@ -29,10 +29,10 @@ constexpr std::size_t request_room = 68 * 1024;
 constexpr std::size_t turn_bytes = 64 * 1024;
 constexpr std::size_t datagram_overhead = 256;
 
-// The send queue, counted with the kernel's overhead (256 bytes and more for each datagram), and
+// The send queue, counted with the kernel's overhead (512 bytes and more for each datagram), and
 // that of a subscriber, which must hold what comes in bursts.
-constexpr int queue_bytes = 512 * 1024;
-constexpr int subscriber_queue_bytes = 4 * 1024 * 1024;
+constexpr int queue_bytes = 1024 * 1024;
+constexpr int subscriber_queue_bytes = 8 * 1024 * 1024;
 
 // The buffer for requests: one for all connections, of which one at a time is served.
 std::vector<std::uint8_t> &request_buffer()

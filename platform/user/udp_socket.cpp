@@ -20,16 +20,16 @@ namespace kelmd
 namespace
 {
 
-// Room for what arrives while the softirq thread does not get to run. The kernel doubles it, and
-// counts 768 bytes to some 2 KiB for each datagram, depending on the driver: 4,000 to 10,000 of
-// them, so one of every session of a large agent at least, which is what keeps it up. More room
-// would not help those, and let a flood hold up the timers for longer.
-constexpr int receive_buffer_bytes = 4 * 1024 * 1024;
+// Room for what arrives while the softirq thread does not get to run. The kernel counts 768 bytes
+// to some 2 KiB for each datagram, depending on the driver: 4,000 to 10,000 of them, so at least
+// one of every session of a large agent, which is what keeps it up. More room would not help those,
+// and let a flood hold up the timers for longer.
+constexpr int receive_buffer_bytes = 8 * 1024 * 1024;
 
 // No more datagrams than this fit the buffer (512 bytes is less than any of them counts). So when
 // that many have been read in one go, all that was there at its beginning has been, somebody
 // floods the socket, and the timers, some tens of milliseconds late by now, come first.
-constexpr std::size_t drain_limit = 2 * std::size_t{receive_buffer_bytes} / 512;
+constexpr std::size_t drain_limit = std::size_t{receive_buffer_bytes} / 512;
 
 constexpr std::size_t batch_size = 32;
 constexpr std::size_t longest_payload = 65535;

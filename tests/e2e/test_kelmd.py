@@ -20,6 +20,7 @@ from lib.netns import in_namespace
 from lib.topology import Namespaces
 
 CAP_IPC_LOCK, CAP_SYS_NICE, PR_CAPBSET_DROP = 14, 23, 24
+SYS_PIDFD_GETFD = 438
 
 pytestmark = pytest.mark.kelmd
 
@@ -162,6 +163,27 @@ def test_chosen_namespaces(namespaces):
     host.wait_for_vrf("to-come")
     with pytest.raises(ConnectionRefusedError):
         Agent(other)
+    host.stop()
+
+
+def sockets_of(process):
+    """Duplicates of its sockets."""
+    pidfd = os.pidfd_open(process.pid)
+    for number in os.listdir(f"/proc/{process.pid}/fd"):
+        if os.readlink(f"/proc/{process.pid}/fd/{number}").startswith("socket:"):
+            fd = ctypes.CDLL(None).syscall(SYS_PIDFD_GETFD, pidfd, int(number), 0)
+            with socket.socket(fileno=fd) as found:
+                yield found
+    os.close(pidfd)
+
+
+def test_transmit_sockets():
+    """The raw and packet sockets: 16 MiB of send buffer as the kernel counts, network control."""
+    host = Kelmd()
+    found = [(s.getsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF),
+              s.getsockopt(socket.SOL_SOCKET, socket.SO_PRIORITY))
+             for s in sockets_of(host.process) if s.type == socket.SOCK_RAW]
+    assert found == [(16 << 20, 6)] * 3
     host.stop()
 
 
