@@ -56,8 +56,9 @@ void sock_set_allocation(sock *sk, gfp_t gfp) KELM_PLATFORM(sock_set_allocation)
 void sock_set_priority(sock *sk, std::uint32_t priority) KELM_PLATFORM(sock_set_priority);
 void sock_set_sndbuf(sock *sk, int bytes) KELM_PLATFORM(sock_set_sndbuf);
 
-// Dequeues one datagram without waiting; the caller owns it. Null if none is queued. Datagrams
-// with a wrong checksum never get here. Softirq context.
+// Dequeues one datagram without waiting; the caller owns it. Null if none is queued, or if the host
+// had no memory for the one that it called for. Datagrams with a wrong checksum never get here.
+// Softirq context.
 [[nodiscard]] sk_buff *__skb_recv_udp(sock *sk) KELM_PLATFORM(__skb_recv_udp);
 
 // Sends one datagram or frame. Returns the number of bytes sent or a negative error number.

@@ -25,7 +25,7 @@ struct host_sock : sock {
     // As ::bind; 0 or a negative error number.
     virtual int bind(const void *addr, int addrlen);
 
-    // Takes the oldest received datagram, null for none.
+    // Takes the datagram that the data-ready callback is about; null if it was lost.
     virtual sk_buff *take() { return nullptr; }
 
     // As ::sendmsg. Any thread.
@@ -53,9 +53,8 @@ struct udp_sock final : host_sock, private receiver {
     void drain() override;
     void receive(const msghdr &message, std::span<const std::uint8_t> payload);
 
-    std::uint16_t port = 0; // host byte order
-    sk_buff *oldest = nullptr;
-    sk_buff **end = &oldest;
+    std::uint16_t port = 0;      // host byte order
+    sk_buff *received = nullptr; // the datagram of the callback that runs
 };
 
 // A raw IPv6 socket for packets that carry their headers, with an IPv4 one behind it.

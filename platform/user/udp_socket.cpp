@@ -8,6 +8,7 @@
 #include <memory>
 #include <netinet/in.h>
 #include <sys/uio.h>
+#include <utility>
 
 #include "platform/hosted/skbuff.h"
 #include "platform/hosted/udp_frame.h"
@@ -139,8 +140,6 @@ udp_sock::udp_sock(net *ns, unique_fd socket, bool is_counted)
 udp_sock::~udp_sock()
 {
     remove_receiver(*this);
-    while (sk_buff *const skb = take())
-        kfree_skb(skb);
 }
 
 int udp_sock::bind(const void *addr, int addrlen)
@@ -154,14 +153,7 @@ int udp_sock::bind(const void *addr, int addrlen)
 
 sk_buff *udp_sock::take()
 {
-    sk_buff *const skb = oldest;
-    if (skb != nullptr) {
-        oldest = skb->next;
-        if (oldest == nullptr)
-            end = &oldest;
-        skb->next = nullptr;
-    }
-    return skb;
+    return std::exchange(received, nullptr);
 }
 
 void udp_sock::drain()
@@ -193,13 +185,11 @@ void udp_sock::receive(const msghdr &message, std::span<const std::uint8_t> payl
          header = CMSG_NXTHDR(readable, header))
         read_control(*header, arrival);
 
-    sk_buff *const skb = hosted::udp_frame_skb(payload, arrival);
-    if (skb == nullptr)
+    if (data_ready == nullptr)
         return;
-    *end = skb;
-    end = &skb->next;
-    if (data_ready != nullptr)
-        data_ready(this);
+    received = hosted::udp_frame_skb(payload, arrival);
+    data_ready(this); // also without memory for the datagram: the engine counts it
+    kfree_skb(take());
 }
 
 } // namespace kelmd

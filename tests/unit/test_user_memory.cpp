@@ -8,16 +8,21 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
+#include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include "platform/hosted/netlink.h"
 #include "platform/memory.h"
+#include "platform/socket.h"
 #include "platform/user/agent_connection.h"
 #include "platform/user/net.h"
+#include "platform/user/socket.h"
+#include "platform/user/softirq.h"
 
 namespace
 {
@@ -81,6 +86,50 @@ TEST_F(without_memory, an_agent_hears_that_its_request_was_lost)
     hosted::netlink_kernel_close(kernel); // nobody is left to answer
     EXPECT_EQ(send(agent.get(), &request, sizeof request, 0), ssize_t{sizeof request});
     EXPECT_EQ(connection.on_ready(EPOLLIN), outcome::CLOSED);
+}
+
+struct reception {
+    std::atomic<int> arrived = 0;
+    std::atomic<int> missing = 0;
+};
+
+void receive(sock *sk)
+{
+    auto *const seen = static_cast<reception *>(sock_user_data(sk));
+    sk_buff *const skb = __skb_recv_udp(sk);
+    ++(skb != nullptr ? seen->arrived : seen->missing);
+    consume_skb(skb);
+}
+
+TEST_F(without_memory, the_engine_hears_that_a_datagram_was_lost)
+{
+    start_softirq(false);
+    sock *sk = nullptr;
+    ASSERT_EQ(__sock_create(&ns, AF_INET6, SOCK_DGRAM, 0, &sk, 1), 0);
+    reception seen;
+    sock_set_data_ready(sk, receive, &seen);
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    ASSERT_EQ(kernel_bind(sk, &address, sizeof address), 0);
+    socklen_t len = sizeof address;
+    getsockname(static_cast<host_sock *>(sk)->fd.get(), reinterpret_cast<sockaddr *>(&address),
+                &len);
+
+    const unique_fd peer(::socket(AF_INET6, SOCK_DGRAM, 0));
+    for (const bool starved : {false, true, false}) {
+        std::atomic<int> &count = starved ? seen.missing : seen.arrived;
+        const int before = count;
+        memory_is_short = starved;
+        sendto(peer.get(), "x", 1, 0, reinterpret_cast<const sockaddr *>(&address), len);
+        while (count == before)
+            std::this_thread::yield();
+        memory_is_short = false;
+    }
+    EXPECT_EQ(seen.arrived, 2);
+    EXPECT_EQ(seen.missing, 1);
+    sock_release(sk);
+    stop_softirq();
 }
 
 TEST(connection_quota, limits_each_user_and_takes_back_every_place)
