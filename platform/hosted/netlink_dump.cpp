@@ -21,12 +21,12 @@ namespace hosted
 namespace
 {
 
-// A dump datagram holds any number of messages up to the usual size, or one of any size: the
-// longest is a frame of 64 KiB with headers.
-constexpr unsigned int USUAL_ROOM = 16 * 1024;
-constexpr unsigned int GREATEST_ROOM = 68 * 1024;
+// A dump datagram holds any number of messages up to the usual size, which every agent reads with,
+// or one of any size: the longest is a frame of 64 KiB with headers.
+constexpr unsigned int usual_room = 8 * 1024;
+constexpr unsigned int greatest_room = 68 * 1024;
 
-constexpr unsigned int DONE_LEN = NLMSG_SPACE(sizeof(int));
+constexpr unsigned int done_len = NLMSG_SPACE(sizeof(int));
 
 void append_done(netlink_dump &dump, sk_buff *skb)
 {
@@ -40,10 +40,10 @@ void append_done(netlink_dump &dump, sk_buff *skb)
 // Makes the next datagram; no lock is held. 0 or -ENOBUFS.
 int fill(netlink_dump &dump)
 {
-    sk_buff *skb = alloc_skb(std::max(GREATEST_ROOM, dump.min_room), GFP_KERNEL);
+    sk_buff *skb = alloc_skb(std::max(greatest_room, dump.min_room), GFP_KERNEL);
     if (skb == nullptr)
         return -ENOBUFS;
-    skb->room_limit = std::max(USUAL_ROOM, dump.min_room);
+    skb->room_limit = std::max(usual_room, dump.min_room);
     if (dump.fill_result > 0) {
         dump.fill_result = dump.fill(skb, &dump.callback);
         if (dump.fill_result > 0 && skb_len(skb) == 0) {
@@ -51,7 +51,7 @@ int fill(netlink_dump &dump)
             dump.fill_result = 0;
         }
     }
-    if (dump.fill_result <= 0 && skb_tailroom(skb) >= DONE_LEN)
+    if (dump.fill_result <= 0 && skb_tailroom(skb) >= done_len)
         append_done(dump, skb);
     dump.unsent = skb;
     return 0;

@@ -235,7 +235,7 @@ TEST_F(netlink, a_unicast_tells_its_length_or_why_not)
 // A dump of `left` messages, with counts of what was called.
 struct dump_plan {
     int left = 0;
-    std::size_t body_len = 1000; // 16 of them fit into a datagram
+    std::size_t body_len = 1000; // 8 of them fit into a datagram
     int starts = 0;
     int fills = 0;
     int ends = 0;
@@ -316,7 +316,7 @@ TEST_F(netlink_dump, ends_with_nlmsg_done_that_tells_its_error)
 
 TEST_F(netlink_dump, the_next_datagram_is_made_when_everything_was_read)
 {
-    plan.left = 40;
+    plan.left = 20;
     send();
     EXPECT_EQ(multicast(1), 0);
     using reads = std::vector<std::pair<std::size_t, int>>;
@@ -325,12 +325,12 @@ TEST_F(netlink_dump, the_next_datagram_is_made_when_everything_was_read)
         const std::size_t messages = read();
         done.emplace_back(messages, plan.fills);
     }
-    EXPECT_EQ(done, (reads{{0, 1}, {16, 1}, {1, 2}, {16, 3}, {8 + 1, 3}}));
+    EXPECT_EQ(done, (reads{{0, 1}, {8, 1}, {1, 2}, {8, 3}, {4 + 1, 3}}));
     EXPECT_EQ(plan.starts, 1);
     EXPECT_EQ(plan.ends, 1);
 }
 
-TEST_F(netlink_dump, room_is_16_kib_or_whatever_a_first_message_needs)
+TEST_F(netlink_dump, room_is_8_kib_or_whatever_a_first_message_needs)
 {
     const auto datagrams_of = [this](int messages, std::size_t body_len) {
         plan.left = messages;
@@ -342,13 +342,13 @@ TEST_F(netlink_dump, room_is_16_kib_or_whatever_a_first_message_needs)
     };
     EXPECT_EQ(datagrams_of(2, 65'640), 3U); // more than any frame: one each, and NLMSG_DONE
     // Exactly full: NLMSG_DONE has no room and goes alone. Twenty bytes less, and it has.
-    EXPECT_EQ(datagrams_of(1, 16 * 1024 - NLMSG_HDRLEN), 2U);
-    EXPECT_EQ(datagrams_of(1, 16 * 1024 - NLMSG_HDRLEN - 20), 1U);
+    EXPECT_EQ(datagrams_of(1, 8 * 1024 - NLMSG_HDRLEN), 2U);
+    EXPECT_EQ(datagrams_of(1, 8 * 1024 - NLMSG_HDRLEN - 20), 1U);
 }
 
 TEST_F(netlink_dump, without_memory_it_is_continued_at_the_next_read)
 {
-    plan.left = 20;
+    plan.left = 12;
     w.fail(service::allocation, -ENOMEM, 3); // after the two of the request's own buffer
     send();
     EXPECT_EQ(plan.starts, 1);
@@ -356,7 +356,7 @@ TEST_F(netlink_dump, without_memory_it_is_continued_at_the_next_read)
     EXPECT_EQ(read_as<int>(parse_messages(*a.read()).at(0).body), -ENOBUFS);
     EXPECT_EQ(plan.fills, 1);
     w.fail(service::allocation, -ENOMEM);
-    EXPECT_EQ(read(), 16U);
+    EXPECT_EQ(read(), 8U);
     EXPECT_EQ(parse_messages(*a.read()).at(0).header.nlmsg_type, NLMSG_OVERRUN);
     EXPECT_EQ(read(), 4U + 1U);
     EXPECT_EQ(plan.ends, 1);
