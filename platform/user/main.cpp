@@ -87,17 +87,17 @@ void lock_memory()
 bool check_privilege(const options &chosen)
 {
     if (!have_capability(CAP_NET_RAW)) {
-        log_line("CAP_NET_RAW is missing, which sending BFD packets needs; run kelmd as root, or "
-                 "with the capabilities CAP_NET_RAW, CAP_NET_ADMIN, CAP_SYS_ADMIN and "
-                 "CAP_SYS_PTRACE");
+        log_line("CAP_NET_RAW is missing: it is needed to send BFD packets; run kelmd as root, or "
+                 "with CAP_NET_RAW, CAP_NET_ADMIN, CAP_SYS_ADMIN and CAP_SYS_PTRACE");
         return false;
     }
     if (!have_capability(CAP_NET_ADMIN))
-        log_line("CAP_NET_ADMIN is missing: buffers stay at the system's limits, packets go out "
-                 "without priority, and some may get lost under load");
+        log_line("CAP_NET_ADMIN is missing: buffers stay at the system's limits and packets are "
+                 "sent without priority; some may be lost under load");
     if (!have_capability(CAP_SYS_PTRACE))
         log_line("CAP_SYS_PTRACE is missing: agents of other users, and those with capabilities "
-                 "that kelmd lacks, may look but not change anything");
+                 "that kelmd lacks, are treated as unprivileged; a network namespace whose name is "
+                 "deleted is served until kelmd ends");
     if (!have_capability(CAP_SYS_ADMIN) && !chosen.namespaces.initial_only)
         log_line("CAP_SYS_ADMIN is missing: only the initial network namespace can be served");
     return true;
