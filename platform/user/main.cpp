@@ -22,6 +22,7 @@
 #include "platform/user/process.h"
 #include "platform/user/softirq.h"
 #include "platform/user/system_call.h"
+#include "platform/user/watchdog.h"
 
 // There is no module to unload.
 void module_get_self() {}
@@ -131,7 +132,10 @@ int run(const options &chosen)
     }
     log_line("ready");
     sd_notify(0, "READY=1");
-    the_loop().run();
+    {
+        const watchdog alive(the_loop());
+        the_loop().run();
+    }
     sd_notify(0, "STOPPING=1");
     take_down(served, true);
     return EXIT_SUCCESS;

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-2.0
 """kelmd as a program: it starts, explains why it cannot, ends, and leaves nothing behind."""
 
+import contextlib
 import ctypes
 import os
 import re
@@ -8,6 +9,7 @@ import resource
 import signal
 import socket
 import subprocess
+import time
 
 import pytest
 
@@ -21,6 +23,7 @@ from lib.topology import Namespaces
 
 CAP_IPC_LOCK, CAP_SYS_NICE, PR_CAPBSET_DROP = 14, 23, 24
 SYS_PIDFD_GETFD = 438
+PTRACE_SEIZE, PTRACE_INTERRUPT, PTRACE_DETACH, WALL = 0x4206, 0x4207, 17, 0x40000000
 
 pytestmark = pytest.mark.kelmd
 
@@ -195,6 +198,46 @@ def test_systemd_is_told(tmp_path):
         assert b"READY=1" in manager.recv(4096)
         host.stop()
         assert b"STOPPING=1" in manager.recv(4096)
+
+
+@contextlib.contextmanager
+def held_up(thread):
+    """One thread does not run."""
+    ptrace = ctypes.CDLL(None, use_errno=True).ptrace
+    ptrace.argtypes = [ctypes.c_long] * 4
+    assert ptrace(PTRACE_SEIZE, thread, 0, 0) == 0, os.strerror(ctypes.get_errno())
+    assert ptrace(PTRACE_INTERRUPT, thread, 0, 0) == 0
+    os.waitpid(thread, WALL)
+    yield
+    assert ptrace(PTRACE_DETACH, thread, 0, 0) == 0
+
+
+def test_the_watchdog_is_fed_while_both_threads_run(tmp_path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(tmp_path / "notify"))
+        manager.setblocking(False)
+        host = Kelmd(env={**os.environ, "NOTIFY_SOCKET": str(tmp_path / "notify"),
+                          "WATCHDOG_USEC": "60000"})
+
+        def fed():
+            """How often by now."""
+            count = 0
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    count += b"WATCHDOG=1" in manager.recv(4096)
+            return count
+
+        task = f"/proc/{host.process.pid}/task"
+        (softirq,) = [int(thread) for thread in os.listdir(task)
+                      if open(f"{task}/{thread}/comm").read() == "kelmd-softirq\n"]
+        for thread in (host.process.pid, softirq):
+            wait_until(fed, "a sign of life")
+            with held_up(thread):
+                fed()
+                time.sleep(0.5)
+                assert fed() <= 1, "more than the sign that was under way"
+        wait_until(fed, "a sign of life again")
+        host.stop()
 
 
 def test_a_log_that_nobody_reads_stops_nothing(namespaces):
