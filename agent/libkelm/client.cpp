@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/client.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <poll.h>
 #include <random>
+#include <utility>
 
 #include "libkelm/error.h"
+#include "libkelm/message.h"
+#include "libkelm/transport.h"
 
 namespace kelm
 {
@@ -12,113 +17,157 @@ namespace kelm
 namespace
 {
 
-using std::chrono::steady_clock;
-
-constexpr int dump_attempts = 5;
 constexpr std::size_t max_queued_events = 1 << 14;
 
-milliseconds until(steady_clock::time_point deadline)
-{
-    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-    return std::max(left, milliseconds(0));
-}
+// progress() leaves what is more for its next call.
+constexpr int datagrams_per_call = 64;
 
-bool clears_counters(const request &req)
+// As much as any socket holds unread.
+constexpr std::size_t unread_limit = 8 << 20;
+
+error closed()
 {
-    const auto body = read_as<kelm_msg_get_stats>(req.body);
-    return req.type == KELM_MSG_GET_STATS && body && (body->flags & KELM_STATS_CLEAR) != 0;
+    return {ECANCELED, "the connection to kelm has been closed"};
 }
 
 } // namespace
 
+client::client(const std::string &netns) : client(transport::open(netns)) {}
+
 // Sequence numbers start at random, so that no message of another agent's making, which kelm
 // would multicast as it is, passes for an answer.
-client::client(transport socket) : socket_(std::move(socket)), sequence_(std::random_device{}()) {}
-
-std::vector<report> client::execute(const request &req)
+client::client(std::unique_ptr<channel> to_kelm)
+    : channel_(std::move(to_kelm)), queue_(std::random_device{}())
 {
-    return converse(req, NLM_F_ACK).reports;
 }
 
-std::vector<report> client::dump(const request &req)
+client::~client()
 {
-    for (int attempt = 0; attempt < dump_attempts; ++attempt) {
-        answer got = converse(req, 0);
-        if (!got.lost && !got.interrupted)
-            return std::move(got.reports);
-        if (got.lost && clears_counters(req))
-            throw error(ENOBUFS, "notifications came in faster than they were read, and statistics "
-                                 "that are now cleared may be lost");
+    is_closing_ = true;
+    queue_.abandon(closed());
+    while (auto ended = queue_.next_ended()) {
+        try {
+            ended->done(std::move(ended->how));
+        } catch (...) {
+        }
     }
-    throw error(ENOBUFS, "the dump did not come through in " + std::to_string(dump_attempts) +
-                             " attempts: notifications come in faster than they are read");
 }
 
-std::vector<report> client::statistics(std::uint32_t discriminator, std::uint32_t flags)
+// Requests
+
+void client::submit(request req, completion done)
 {
-    const request req = get_stats(discriminator, flags);
-    return starts_dump(req) ? dump(req) : execute(req);
+    if (is_closing_)
+        throw closed();
+    queue_.submit(std::move(req), std::move(done), channel_->now());
 }
 
-// Sends the request and reads until its acknowledgement or the end of its dump. Events, however
-// many, are no sign that the answer is under way.
-client::answer client::converse(const request &req, std::uint16_t flags)
+void client::progress()
 {
-    ++sequence_;
-    socket_.send(encode(req, flags, sequence_, socket_.port_id()));
+    try {
+        exchange();
+    } catch (const error &problem) {
+        queue_.abandon(problem);
+        complete();
+        throw;
+    }
+    complete();
+}
 
-    answer got;
-    bytes datagram;
-    auto deadline = steady_clock::now() + answer_timeout_;
-    for (;;) {
-        switch (socket_.receive(datagram, until(deadline))) {
-        case transport::outcome::timed_out:
-            throw error(ETIMEDOUT, got.lost ? "kelm's answer is among the datagrams that were lost "
-                                              "because notifications came in too fast"
-                                            : "kelm does not answer");
-        case transport::outcome::overrun:
-            got.lost = true;
+void client::exchange()
+{
+    const bool has_read_all = receive_some();
+    if (is_time_up(has_read_all))
+        queue_.expire(channel_->now(), answer_timeout_);
+    queue_.flush(*channel_);
+}
+
+// False if there may be more to read.
+bool client::receive_some()
+{
+    for (int i = 0; i < datagrams_per_call; ++i) {
+        switch (channel_->receive(datagram_)) {
+        case channel::outcome::nothing:
+            if (channel_->is_kernel())
+                queue_.end_lost();
+            return true;
+        case channel::outcome::overrun:
+            queue_.overrun();
             queue_event(overrun{});
-            continue;
-        case transport::outcome::datagram:
+            break;
+        case channel::outcome::datagram:
+            overdue_bytes_ += datagram_.size();
+            take(datagram_);
             break;
         }
-        const std::size_t before = got.reports.size();
-        message_reader reader(datagram);
-        while (auto msg = reader.next())
-            take_answer(*msg, got);
-        if (got.result.value_or(0) < 0)
-            throw refused(req.type, req.discriminator, static_cast<int>(-*got.result));
-        if (got.result)
-            return got;
-        if (got.reports.size() > before)
-            deadline = steady_clock::now() + answer_timeout_;
-        else if (steady_clock::now() >= deadline)
-            throw error(ETIMEDOUT, "kelm answers nothing but notifications");
     }
+    return false;
 }
 
-// Sorts one message: to the answer, or to the events.
-void client::take_answer(const message &msg, answer &into)
+// Sorts messages: to the answers, or to the events.
+void client::take(byte_view datagram)
 {
-    const std::uint16_t type = msg.header.nlmsg_type;
-    if (type == NLMSG_OVERRUN)
-        into.lost = true;
-    if (msg.header.nlmsg_seq != sequence_ || msg.header.nlmsg_pid != socket_.port_id()) {
-        queue_event(parse_report(msg));
-        return;
+    message_reader reader(datagram);
+    while (auto msg = reader.next()) {
+        if (msg->header.nlmsg_type == NLMSG_OVERRUN)
+            queue_.overrun();
+        else if (queue_.take(*msg, channel_->port_id(), channel_->now()))
+            continue;
+        queue_event(parse_report(*msg));
     }
-    if ((msg.header.nlmsg_flags & NLM_F_DUMP_INTR) != 0)
-        into.interrupted = true;
-    if (type == NLMSG_ERROR || type == NLMSG_DONE) {
-        // Both begin with 0 or a negative error number; a done message may come without.
-        into.result = read_as<std::int32_t>(msg.body).value_or(0);
-        return;
-    }
-    into.reports.push_back(parse_report(msg));
 }
 
-// A late answer to a request that was given up is nothing that anybody waits for.
+// What had arrived by the deadline is read before a request is given up: it may be the agent that
+// has been slow, and not kelm.
+bool client::is_time_up(bool has_read_all)
+{
+    const auto due = queue_.deadline(answer_timeout_);
+    if (!due || *due > channel_->now()) {
+        overdue_bytes_ = 0;
+        return false;
+    }
+    return has_read_all || overdue_bytes_ > unread_limit;
+}
+
+void client::complete()
+{
+    while (auto ended = queue_.next_ended())
+        ended->done(std::move(ended->how));
+}
+
+short client::poll_events() const
+{
+    return queue_.can_send() ? POLLIN | POLLOUT : POLLIN;
+}
+
+std::optional<time_point> client::deadline() const
+{
+    return queue_.has_ended() ? time_point() : queue_.deadline(answer_timeout_);
+}
+
+void client::wait(time_point until)
+{
+    channel_->wait(poll_events(), std::min(until, deadline().value_or(until)));
+}
+
+// Shared, because a completion that throws ends the wait and leaves ours behind.
+std::vector<report> client::execute(const request &req)
+{
+    const auto ended = std::make_shared<std::optional<answer>>();
+    submit(req, [ended](answer how) { *ended = std::move(how); });
+    for (progress(); !*ended; progress())
+        wait(time_point::max());
+    const answer &how = **ended;
+    if (how.is_refused)
+        throw refused(req.type, req.discriminator, how.error_number);
+    if (how.error_number != 0)
+        throw error(how.error_number, how.text);
+    return std::move((*ended)->reports);
+}
+
+// Events
+
+// Netlink's own messages are nothing for the caller.
 void client::queue_event(report event)
 {
     const auto *unknown = std::get_if<unknown_message>(&event);
@@ -132,29 +181,17 @@ void client::queue_event(report event)
     events_.push_back(std::move(event));
 }
 
-void client::receive_events(const bytes &datagram)
-{
-    message_reader reader(datagram);
-    while (auto msg = reader.next())
-        queue_event(parse_report(*msg));
-}
-
 std::optional<report> client::next_event(milliseconds timeout)
 {
-    const auto deadline = steady_clock::now() + timeout;
-    bytes datagram;
-    while (events_.empty()) {
-        switch (socket_.receive(datagram, until(deadline))) {
-        case transport::outcome::timed_out:
-            return std::nullopt;
-        case transport::outcome::overrun:
-            queue_event(overrun{});
-            break;
-        case transport::outcome::datagram:
-            receive_events(datagram);
-            break;
-        }
+    const time_point until = channel_->now() + timeout;
+    if (events_.empty())
+        progress();
+    while (events_.empty() && channel_->now() < until) {
+        wait(until);
+        progress();
     }
+    if (events_.empty())
+        return std::nullopt;
     report first = std::move(events_.front());
     events_.pop_front();
     return first;

@@ -30,6 +30,8 @@ struct encoded_report {
 } // namespace
 
 struct kelm_client {
+    explicit kelm_client(const char *netns) : client(netns) {}
+
     kelm::client client;
     encoded_report event = {}; // what the caller looks at
 };
@@ -133,13 +135,69 @@ struct report_encoder {
     encoded_report operator()(const kelm::overrun &) const { return {KELM_REPORT_LOST, {}}; }
 };
 
+kelm_dump encode_all(const std::vector<kelm::report> &reports)
+{
+    kelm_dump made;
+    for (const auto &report : reports)
+        made.reports.push_back(std::visit(report_encoder{}, report));
+    return made;
+}
+
 int make_dump(const std::vector<kelm::report> &reports, kelm_dump **dump)
 {
-    auto made = std::make_unique<kelm_dump>();
-    for (const auto &report : reports)
-        made->reports.push_back(std::visit(report_encoder{}, report));
-    *dump = made.release();
+    *dump = new kelm_dump(encode_all(reports));
     return 0;
+}
+
+template<typename Body>
+const Body &as(const void *body)
+{
+    return *static_cast<const Body *>(body);
+}
+
+// Without bytes of its own, the failure message is libkelm's.
+kelm::request session_request(const kelm_msg_rx_set_session &settings, kelm::byte_view failure)
+{
+    const kelm::bytes usual = kelm::failure_message(settings.header.discriminator);
+    return kelm::set_session(settings,
+                             failure.data() == nullptr ? kelm::byte_view(usual) : failure);
+}
+
+kelm::request request_of(std::uint16_t type, const void *body, kelm::byte_view rest)
+{
+    switch (type) {
+    case KELM_MSG_TX_SET_PACKET:
+        return kelm::set_packet(as<kelm_msg_tx_set_packet>(body), rest);
+    case KELM_MSG_TX_DELETE_PACKET:
+        return kelm::delete_packet(as<kelm_msg_tx_delete_packet>(body).header.discriminator);
+    case KELM_MSG_RX_SET_SESSION:
+        return session_request(as<kelm_msg_rx_set_session>(body), rest);
+    case KELM_MSG_RX_DELETE_SESSION:
+        return kelm::delete_session(as<kelm_msg_rx_delete_session>(body).header.discriminator);
+    case KELM_MSG_GET_STATS: {
+        const auto &stats = as<kelm_msg_get_stats>(body);
+        return kelm::get_stats(stats.header.discriminator, stats.flags);
+    }
+    case KELM_MSG_SYNC:
+        return kelm::sync(as<kelm_msg_sync>(body).flags);
+    case KELM_MSG_SET_DEBUG_LEVEL: {
+        const auto &debug = as<kelm_msg_set_debug_level>(body);
+        return kelm::set_debug_level(debug.header.discriminator, debug.debug_level, debug.flags);
+    }
+    case KELM_MSG_TX_PATH_READY:
+        return kelm::tx_path_ready();
+    case KELM_MSG_SET_SESSION_STATS_INTERVAL:
+        return kelm::set_stats_interval(as<kelm_msg_set_session_stats_interval>(body).interval);
+    default:
+        throw kelm::error(EINVAL, "there is no request of type " + std::to_string(type));
+    }
+}
+
+void complete(const kelm::answer &how, kelm_completion *done, void *context)
+{
+    const int result = how.error_number == 0 ? 0 : fail(how.error_number, how.text.c_str());
+    kelm_dump replies = encode_all(how.reports);
+    done(context, result, &replies);
 }
 
 kelm::ip_address parse_address(const char *what, const char *text)
@@ -252,7 +310,7 @@ const char *kelm_error_text()
 int kelm_client_open(const char *netns, kelm_client **client)
 {
     return guarded([=] {
-        *client = new kelm_client{.client = kelm::client(netns == nullptr ? "" : netns)};
+        *client = new kelm_client(netns == nullptr ? "" : netns);
         return 0;
     });
 }
@@ -292,12 +350,8 @@ int kelm_client_delete_packet(kelm_client *client, std::uint32_t discriminator)
 int kelm_client_set_session(kelm_client *client, const struct kelm_msg_rx_set_session *settings,
                             const void *failure, std::size_t failure_len)
 {
-    return guarded([=] {
-        const kelm::bytes own = kelm::failure_message(settings->header.discriminator);
-        return execute(client, kelm::set_session(*settings, failure == nullptr
-                                                                ? kelm::byte_view(own)
-                                                                : view(failure, failure_len)));
-    });
+    return guarded(
+        [=] { return execute(client, session_request(*settings, view(failure, failure_len))); });
 }
 
 int kelm_client_delete_session(kelm_client *client, std::uint32_t discriminator)
@@ -330,6 +384,40 @@ int kelm_client_set_debug_level(kelm_client *client, std::uint32_t discriminator
 int kelm_client_set_stats_interval(kelm_client *client, std::uint16_t seconds)
 {
     return guarded([=] { return execute(client, kelm::set_stats_interval(seconds)); });
+}
+
+int kelm_client_submit(kelm_client *client, std::uint16_t type, const void *body, const void *rest,
+                       std::size_t rest_length, kelm_completion *done, void *context)
+{
+    return guarded([=] {
+        client->client.submit(
+            request_of(type, body, view(rest, rest_length)),
+            [done, context](const kelm::answer &how) { complete(how, done, context); });
+        return 0;
+    });
+}
+
+int kelm_client_progress(kelm_client *client)
+{
+    return guarded([=] {
+        client->client.progress();
+        return 0;
+    });
+}
+
+short kelm_client_poll_events(const kelm_client *client)
+{
+    return client->client.poll_events();
+}
+
+int kelm_client_timeout(const kelm_client *client)
+{
+    return kelm::poll_timeout(client->client.deadline(), client->client.socket().now());
+}
+
+std::size_t kelm_client_outstanding(const kelm_client *client)
+{
+    return client->client.outstanding();
 }
 
 int kelm_client_subscribe(kelm_client *client, std::uint32_t mask)

@@ -47,7 +47,10 @@ typedef struct kelm_client kelm_client;
  */
 int kelm_client_open(const char *netns, kelm_client **client);
 
-/* Null is allowed. Sessions and packets stay: kelm does not notice that an agent is gone. */
+/*
+ * Completes submitted requests with -ECANCELED. Sessions and packets stay: kelm does not notice
+ * that an agent is gone. Null is allowed.
+ */
 void kelm_client_close(kelm_client *client);
 
 /*
@@ -60,7 +63,10 @@ int kelm_client_fd(const kelm_client *client);
 /* Whether kelm is the kernel module (1) or kelmd (0). */
 int kelm_client_is_kernel(const kelm_client *client);
 
-/* How long kelm may be silent about a request before it fails with -ETIMEDOUT. 10 s at first. */
+/*
+ * How long kelm may be silent about a request before it fails with -ETIMEDOUT: 10 s at first.
+ * Answers to earlier requests are no silence.
+ */
 void kelm_client_set_answer_timeout(kelm_client *client, unsigned int milliseconds);
 
 /*
@@ -107,6 +113,69 @@ int kelm_client_set_debug_level(kelm_client *client, uint32_t discriminator, uin
 int kelm_client_set_stats_interval(kelm_client *client, uint16_t seconds);
 
 /*
+ * Many requests at once
+ *
+ * kelm_client_submit() queues a request and returns; kelm_client_progress() sends what may be sent,
+ * receives what has arrived, and calls the completions. Up to 64 requests are under way at a time,
+ * in the order in which they were submitted; a dump waits for the end of the one before it, and
+ * others overtake it. In an event loop:
+ *
+ *     struct pollfd waiting = {kelm_client_fd(client), kelm_client_poll_events(client), 0};
+ *     poll(&waiting, 1, kelm_client_timeout(client));
+ *     kelm_client_progress(client);
+ *
+ * Functions that wait for an answer or an event call completions, too.
+ */
+
+/* What kelm answered with: reports in their order. */
+typedef struct kelm_dump kelm_dump;
+
+/*
+ * Called exactly once for each request that was submitted. `result` is 0 or a negative error
+ * number, of which kelm_error_text() has the text; after one of kelm's, the request has done what
+ * kelm.h says, and after others it is not known whether it was carried out:
+ *
+ *   -ETIMEDOUT  kelm has been silent for too long
+ *   -ENOBUFS    the answer was lost, because events arrive faster than they are read
+ *   -ECANCELED  the client was closed
+ *   others      the connection failed
+ *
+ * `replies` are what kelm answered with, as from kelm_client_statistics() or
+ * kelm_client_sync_dump(); they are freed afterwards. A completion may submit requests, and must
+ * not close the client.
+ */
+typedef void kelm_completion(void *context, int result, kelm_dump *replies);
+
+/*
+ * Queues a request of type KELM_MSG_*. `body` is its structure of kelm.h. For
+ * KELM_MSG_TX_SET_PACKET and KELM_MSG_RX_SET_SESSION, `rest` is the packet or the failure message
+ * and replaces the length in the body, as in kelm_client_set_packet() and
+ * kelm_client_set_session(); for others it is null. Everything is copied. `context` is passed to
+ * `done`, which is never called from within this function.
+ *
+ *   -EINVAL     not a request's type
+ *   -ENOBUFS    requests of more than 32 MiB are waiting
+ *   -ECANCELED  the client is being closed
+ */
+int kelm_client_submit(kelm_client *client, uint16_t type, const void *body, const void *rest,
+                       size_t rest_length, kelm_completion *done, void *context);
+
+/*
+ * Moves requests on, without waiting. Fails when the connection does, with all requests completed:
+ * close the client.
+ */
+int kelm_client_progress(kelm_client *client);
+
+/* What to poll the descriptor for: POLLIN, and POLLOUT while there is something to send. */
+short kelm_client_poll_events(const kelm_client *client);
+
+/* Milliseconds until kelm_client_progress() is due even without events; -1: no limit. */
+int kelm_client_timeout(const kelm_client *client);
+
+/* The number of requests that are not completed. */
+size_t kelm_client_outstanding(const kelm_client *client);
+
+/*
  * What kelm tells
  */
 
@@ -144,9 +213,6 @@ int kelm_client_subscribe(kelm_client *client, uint32_t mask);
  */
 int kelm_client_next_event(kelm_client *client, unsigned int timeout_milliseconds,
                            struct kelm_report *event);
-
-/* What kelm answered with: reports in their order. */
-typedef struct kelm_dump kelm_dump;
 
 /*
  * KELM_MSG_SYNC without flags: the state of all sessions and packets of the namespace. *dump is to

@@ -61,41 +61,30 @@ unique_fd connect_to_daemon()
     throw_errno(errno, "cannot connect to kelmd");
 }
 
-milliseconds remaining(std::chrono::steady_clock::time_point deadline)
-{
-    const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
-    return std::max(left, milliseconds(0));
-}
-
 } // namespace
 
-transport::transport(unique_fd fd, bool is_kernel) : fd_(std::move(fd)), is_kernel_(is_kernel)
+transport::transport(unique_fd fd, bool is_kernel)
+    : fd_(std::move(fd)), is_kernel_(is_kernel), room_(receive_size)
 {
     enlarge_buffer(fd_.get(), SO_SNDBUFFORCE, SO_SNDBUF);
     enlarge_buffer(fd_.get(), SO_RCVBUFFORCE, SO_RCVBUF);
 }
 
-transport transport::open(const std::string &netns)
+std::unique_ptr<transport> transport::open(const std::string &netns)
 {
-    std::optional<transport> opened;
+    std::unique_ptr<transport> opened;
     in_netns(netns, [&] {
         unique_fd kernel(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, KELM_NETLINK_UNIT));
         if (kernel) {
-            opened = transport(std::move(kernel), true);
+            opened.reset(new transport(std::move(kernel), true));
             opened->bind_kernel();
         } else {
-            opened = adopt(connect_to_daemon());
+            opened.reset(new transport(connect_to_daemon(), false));
+            opened->verify_daemon();
+            opened->bind_daemon(0);
         }
     });
-    return *std::move(opened);
-}
-
-transport transport::adopt(unique_fd connected)
-{
-    transport adopted(std::move(connected), false);
-    adopted.verify_daemon();
-    adopted.bind_daemon(0);
-    return adopted;
+    return opened;
 }
 
 // Anybody may take kelmd's abstract name where kelmd does not run; what is sent here holds keys.
@@ -115,6 +104,9 @@ void transport::bind_kernel()
 {
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
+    // Refusals need not repeat the request.
+    const int on = 1;
+    (void)setsockopt(fd_.get(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on);
     if (bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         throw_errno(errno, "cannot bind the netlink socket");
     socklen_t length = sizeof address;
@@ -130,13 +122,20 @@ void transport::bind_daemon(std::uint32_t mask)
     wanted.nl_family = AF_NETLINK;
     wanted.nl_pid = port_id_;
     wanted.nl_groups = mask;
-    send({reinterpret_cast<const std::uint8_t *>(&wanted), sizeof wanted});
-
-    const auto deadline = std::chrono::steady_clock::now() + answer_timeout;
+    const time_point deadline = now() + answer_timeout;
+    while (!send({reinterpret_cast<const std::uint8_t *>(&wanted), sizeof wanted})) {
+        if (now() >= deadline)
+            throw error(ETIMEDOUT, "kelmd does not read what it is sent");
+        wait_for_socket(POLLOUT, deadline);
+    }
     for (;;) {
         bytes datagram;
-        if (receive_raw(datagram, remaining(deadline)) == outcome::timed_out)
-            throw error(ETIMEDOUT, "kelmd does not answer the bind packet");
+        if (receive_raw(datagram) == outcome::nothing) {
+            if (now() >= deadline)
+                throw error(ETIMEDOUT, "kelmd does not answer the bind packet");
+            wait_for_socket(POLLIN, deadline);
+            continue;
+        }
         if (datagram.size() != sizeof wanted) {
             early_.push_back(std::move(datagram));
             continue;
@@ -152,7 +151,7 @@ void transport::bind_daemon(std::uint32_t mask)
 
 void transport::set_kernel_groups(std::uint32_t mask)
 {
-    for (int group = 1; group < KELM_NLG_NUM; ++group) {
+    for (int group = 1; group < KELM_NLG_NUM; group++) {
         const std::uint32_t bit = 1U << (group - 1);
         const int option = (mask & bit) != 0 ? NETLINK_ADD_MEMBERSHIP : NETLINK_DROP_MEMBERSHIP;
         if (((mask ^ groups_) & bit) == 0)
@@ -174,7 +173,7 @@ void transport::set_groups(std::uint32_t mask)
                            "(CAP_NET_ADMIN): run as root, or give the program that capability");
 }
 
-void transport::send(byte_view datagram)
+bool transport::send(byte_view datagram)
 {
     sockaddr_nl kernel = {};
     kernel.nl_family = AF_NETLINK;
@@ -183,13 +182,13 @@ void transport::send(byte_view datagram)
 
     ssize_t sent;
     do {
-        sent = sendto(fd_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL, address,
-                      address_length);
+        sent = sendto(fd_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                      address, address_length);
     } while (sent < 0 && errno == EINTR);
     if (sent >= 0)
-        return;
+        return true;
     if (errno == EAGAIN)
-        throw error(ETIMEDOUT, "kelmd does not read what it is sent");
+        return false;
     if (errno == EPIPE || errno == ECONNRESET)
         throw error(errno, "kelmd has closed the connection");
     if (errno == ECONNREFUSED)
@@ -197,42 +196,33 @@ void transport::send(byte_view datagram)
     throw_errno(errno, "cannot send to kelm");
 }
 
-transport::outcome transport::receive(bytes &into, milliseconds timeout)
+transport::outcome transport::receive(bytes &into)
 {
-    if (!early_.empty()) {
-        into = std::move(early_.front());
-        early_.pop_front();
-        return outcome::datagram;
-    }
-    return receive_raw(into, timeout);
+    if (early_.empty())
+        return receive_raw(into);
+    into = std::move(early_.front());
+    early_.pop_front();
+    return outcome::datagram;
 }
 
 // Datagrams whose sender is not the kernel are passed over: any process may send to a netlink
 // port.
-transport::outcome transport::receive_raw(bytes &into, milliseconds timeout)
+transport::outcome transport::receive_raw(bytes &into)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        pollfd waiting = {.fd = fd_.get(), .events = POLLIN, .revents = 0};
-        const int ready = poll(&waiting, 1, static_cast<int>(remaining(deadline).count()));
-        if (ready == 0)
-            return outcome::timed_out;
-        if (ready < 0 && errno != EINTR)
-            throw_errno(errno, "cannot wait for kelm");
-        if (ready < 0)
-            continue;
-
         sockaddr_nl sender = {};
         socklen_t sender_length = sizeof sender;
         ssize_t received = recv(fd_.get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
         if (received > 0) {
-            into.resize(std::max(receive_size, static_cast<std::size_t>(received)));
-            received = recvfrom(fd_.get(), into.data(), into.size(), MSG_DONTWAIT,
+            room_.resize(std::max(room_.size(), static_cast<std::size_t>(received)));
+            received = recvfrom(fd_.get(), room_.data(), room_.size(), MSG_DONTWAIT,
                                 reinterpret_cast<sockaddr *>(&sender), &sender_length);
         }
         if (received < 0 && errno == ENOBUFS)
             return outcome::overrun;
-        if (received < 0 && (errno == EAGAIN || errno == EINTR))
+        if (received < 0 && errno == EAGAIN)
+            return outcome::nothing;
+        if (received < 0 && errno == EINTR)
             continue;
         if (received < 0 && errno != ECONNRESET)
             throw_errno(errno, "cannot receive from kelm");
@@ -240,9 +230,22 @@ transport::outcome transport::receive_raw(bytes &into, milliseconds timeout)
             throw error(ECONNRESET, "kelmd has closed the connection");
         if (is_kernel_ && (sender_length < sizeof sender || sender.nl_pid != 0))
             continue;
-        into.resize(static_cast<std::size_t>(received));
+        into.assign(room_.begin(), room_.begin() + received);
         return outcome::datagram;
     }
+}
+
+void transport::wait(short events, time_point deadline)
+{
+    if (early_.empty())
+        wait_for_socket(events, deadline);
+}
+
+void transport::wait_for_socket(short events, time_point deadline) const
+{
+    pollfd waiting = {.fd = fd_.get(), .events = events, .revents = 0};
+    if (poll(&waiting, 1, poll_timeout(deadline, now())) < 0 && errno != EINTR)
+        throw_errno(errno, "cannot wait for kelm");
 }
 
 } // namespace kelm

@@ -3,49 +3,34 @@
 // A datagram socket to kelm: the kernel's netlink unit, or kelmd's socket that stands in for it.
 #pragma once
 
-#include <chrono>
+#include <cstdint>
 #include <deque>
-#include <optional>
+#include <memory>
 #include <string>
 
 #include "libkelm/bytes.h"
+#include "libkelm/channel.h"
 #include "libkelm/fd.h"
 
 namespace kelm
 {
 
-using milliseconds = std::chrono::milliseconds;
-
-// How long kelm may take to answer. It answers at once; this only tells a dead kelmd from a slow
-// machine.
-constexpr milliseconds answer_timeout{10'000};
-
-class transport
+class transport final : public channel
 {
   public:
     // Opens the kernel's unit where the kernel has one, else connects to kelmd, in the network
     // namespace `netns` (see in_netns). Throws error when neither is there, or when what is there
     // runs neither as root nor as the caller.
-    static transport open(const std::string &netns = {});
+    static std::unique_ptr<transport> open(const std::string &netns = {});
 
-    // Takes a connected SOCK_SEQPACKET socket with kelmd's protocol on its other end.
-    static transport adopt(unique_fd connected);
-
-    int fd() const { return fd_.get(); }               // stays the transport's
-    std::uint32_t port_id() const { return port_id_; } // that kelm addresses its answers to
-    bool is_kernel() const { return is_kernel_; }      // the kernel's unit, not kelmd
-
-    // Receives the multicast groups of `mask` from now on (bit 0 is group 1), and no others.
-    void set_groups(std::uint32_t mask);
-
-    // Sends one datagram of whole messages. Throws error when the connection fails.
-    void send(byte_view datagram);
-
-    enum class outcome { datagram, overrun, timed_out };
-
-    // Waits for the next datagram from kelm and puts it into `into`. `overrun`: the kernel has
-    // dropped multicasts (kelmd says so in a message instead).
-    outcome receive(bytes &into, milliseconds timeout);
+    int fd() const override { return fd_.get(); }
+    std::uint32_t port_id() const override { return port_id_; }
+    bool is_kernel() const override { return is_kernel_; }
+    void set_groups(std::uint32_t mask) override;
+    bool send(byte_view datagram) override;
+    outcome receive(bytes &into) override;
+    void wait(short events, time_point deadline) override;
+    time_point now() const override { return std::chrono::steady_clock::now(); }
 
   private:
     transport(unique_fd fd, bool is_kernel);
@@ -54,12 +39,14 @@ class transport
     void bind_kernel();
     void bind_daemon(std::uint32_t mask);
     void set_kernel_groups(std::uint32_t mask);
-    outcome receive_raw(bytes &into, milliseconds timeout);
+    outcome receive_raw(bytes &into);
+    void wait_for_socket(short events, time_point deadline) const;
 
     unique_fd fd_;
     bool is_kernel_;
     std::uint32_t port_id_ = 0;
     std::uint32_t groups_ = 0;
+    bytes room_;              // what is received goes here first
     std::deque<bytes> early_; // arrived while a bind packet was being answered
 };
 

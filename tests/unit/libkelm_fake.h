@@ -6,10 +6,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <mutex>
+#include <optional>
+#include <poll.h>
 #include <sched.h>
 #include <stdexcept>
 #include <string>
@@ -19,6 +22,8 @@
 #include <vector>
 
 #include "libkelm/bytes.h"
+#include "libkelm/channel.h"
+#include "libkelm/error.h"
 #include "libkelm/fd.h"
 #include "libkelm/message.h"
 
@@ -188,6 +193,94 @@ class fake_daemon
     kelm::unique_fd listener_{socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
     kelm::unique_fd socket_; // the thread's
     std::thread thread_;
+};
+
+// A kelm without sockets and threads, on a clock that moves when the client waits or the test
+// says so. The client owns it; the test keeps a pointer.
+class fake_channel final : public kelm::channel
+{
+  public:
+    using milliseconds = kelm::milliseconds;
+
+    // How requests are answered, as soon as they are sent, and what the test does to that.
+    std::function<answers(const seen &)> handle = agree;
+    milliseconds latency{0}; // before an answer can be read; 0 where it is the kernel's
+    bool kernel = false;
+    std::size_t room = SIZE_MAX;        // datagrams that can still be sent
+    std::optional<kelm::error> failure; // of the connection, from now on
+    std::vector<seen> requests;         // that were sent
+    std::size_t datagrams = 0;          // that they came in
+
+    // An event, or what `handle` has kept back.
+    void tell(const kelm::bytes &datagram) { add(outcome::datagram, datagram); }
+    // The loss of datagrams, as kernel or kelmd tell it.
+    void lose()
+    {
+        add(kernel ? outcome::overrun : outcome::datagram, message(NLMSG_OVERRUN, 0, 0, {}));
+    }
+    void advance(milliseconds by) { now_ += by; }
+    bool has_unread() const { return !unread_.empty(); }
+
+    int fd() const override { return -1; }
+    std::uint32_t port_id() const override { return libkelm_fake::port_id; }
+    bool is_kernel() const override { return kernel; }
+    void set_groups(std::uint32_t /*mask*/) override {}
+    kelm::time_point now() const override { return now_; }
+
+    bool send(kelm::byte_view datagram) override
+    {
+        if (failure)
+            throw *failure;
+        if (room == 0)
+            return false;
+        --room;
+        ++datagrams;
+        kelm::message_reader reader(datagram);
+        while (auto msg = reader.next()) {
+            requests.push_back({msg->header, {msg->body.begin(), msg->body.end()}});
+            for (const auto &answer : handle(requests.back()))
+                tell(answer);
+        }
+        return true;
+    }
+
+    outcome receive(kelm::bytes &into) override
+    {
+        if (unread_.empty() && failure)
+            throw *failure;
+        if (unread_.empty() || unread_.front().at > now_)
+            return outcome::nothing;
+        const arrival next = std::move(unread_.front());
+        unread_.pop_front();
+        into = next.datagram;
+        return next.what;
+    }
+
+    void wait(short events, kelm::time_point deadline) override
+    {
+        if ((events & POLLOUT) != 0 && room > 0)
+            return;
+        const kelm::time_point until =
+            unread_.empty() ? deadline : std::min(deadline, unread_.front().at);
+        if (until == kelm::time_point::max())
+            throw std::logic_error("waits for ever");
+        now_ = std::max(now_, until);
+    }
+
+  private:
+    struct arrival {
+        kelm::time_point at;
+        outcome what;
+        kelm::bytes datagram;
+    };
+
+    void add(outcome what, const kelm::bytes &datagram)
+    {
+        unread_.push_back({now_ + latency, what, datagram});
+    }
+
+    kelm::time_point now_{std::chrono::hours(1)};
+    std::deque<arrival> unread_;
 };
 
 // Every test gets a network namespace of its own, where kelmd's name is free. Needs root.

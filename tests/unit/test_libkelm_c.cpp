@@ -81,6 +81,71 @@ TEST_F(c_interface_and_kelmd, requests_are_those_of_kelm_h)
     }
 }
 
+// What submit() is given is the body of kelm.h, which the blocking functions are made of, too.
+TEST_F(c_interface_and_kelmd, submitted_requests_are_completed)
+{
+    fake_daemon fake({.handle = [](const seen &request) {
+        const nlmsghdr &to = request.header;
+        if (to.nlmsg_type == KELM_MSG_SYNC)
+            return answers{reply(to, KELM_MSG_TX_SYNC, bytes_of(5U)), done(to)};
+        return answers{ack(to, to.nlmsg_type == KELM_MSG_SET_DEBUG_LEVEL ? -ENOSR : 0)};
+    }});
+    auto client = open_client();
+    struct outcome {
+        int result = 1;
+        int replies = 0;
+        std::string text;
+    };
+    const auto complete = [](void *context, int result, kelm_dump *replies) {
+        auto &out = *static_cast<outcome *>(context);
+        out.result = result;
+        out.text = kelm_error_text();
+        kelm_report report;
+        while (kelm_dump_next(replies, &report) == 1)
+            ++out.replies;
+    };
+    kelm_msg_rx_set_session session = {};
+    session.header.discriminator = 6;
+    session.failure_packet_len = 99; // not looked at
+    const kelm_msg_sync sync = {};
+    const kelm_msg_set_debug_level debug = {
+        .header = {7}, .flags = 1, .debug_level = 3, .padding = {}};
+    const kelm_msg_set_session_stats_interval interval = {
+        .header = {0}, .interval = 10, .padding = {}};
+    struct {
+        kelm::request request;
+        const void *body;
+        int result;
+        int replies;
+        outcome out = {};
+    } cases[] = {
+        {kelm::set_session(session, kelm::failure_message(6)), &session, 0, 0},
+        {kelm::sync(0), &sync, 0, 1},
+        {kelm::set_debug_level(7, 3, 1), &debug, -ENOSR, 0},
+        {kelm::set_stats_interval(10), &interval, 0, 0},
+    };
+    for (auto &c : cases)
+        EXPECT_EQ(
+            kelm_client_submit(client.get(), c.request.type, c.body, nullptr, 0, complete, &c.out),
+            0);
+    EXPECT_EQ(
+        kelm_client_submit(client.get(), KELM_MSG_RX_SYNC, &sync, nullptr, 0, complete, nullptr),
+        -EINVAL);
+    EXPECT_EQ(kelm_client_outstanding(client.get()), std::size(cases));
+    while (kelm_client_outstanding(client.get()) > 0) {
+        pollfd waiting = {kelm_client_fd(client.get()), kelm_client_poll_events(client.get()), 0};
+        EXPECT_GT(poll(&waiting, 1, kelm_client_timeout(client.get())), 0);
+        EXPECT_EQ(kelm_client_progress(client.get()), 0);
+    }
+    EXPECT_EQ(kelm_client_timeout(client.get()), -1);
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        EXPECT_EQ(cases[i].out.result, cases[i].result) << i;
+        EXPECT_EQ(cases[i].out.replies, cases[i].replies) << i;
+        EXPECT_EQ(fake.requests().at(i).body, cases[i].request.body) << i;
+    }
+    EXPECT_NE(cases[2].out.text.find("clear some"), std::string::npos);
+}
+
 TEST_F(c_interface_and_kelmd, failures_are_numbers_with_a_text)
 {
     kelm_client *client = nullptr;
