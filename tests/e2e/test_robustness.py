@@ -191,7 +191,7 @@ def test_a_flood_of_datagrams_delays_no_detection(link, witness):
     with Agent(link.near_ns, groups=[p.NOTIFICATION]) as agent:
         for disc in (5, 6):
             agent.request(p.RX_SET_SESSION, p.rx_set_session(
-                disc, flags=p.TIMER_ACTIVE, multiplier=20, period=100_000,
+                disc, flags=p.TIMER_ACTIVE, multiplier=100 if disc == 5 else 10, period=100_000,
                 failure=p.failure_message(disc)))
         junk = b"\x20" * 24
 
