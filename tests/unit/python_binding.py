@@ -84,6 +84,20 @@ class binding(unittest.TestCase):
             self.assertEqual(self.sha1(data), hashlib.sha1(data).digest(), length)
             self.assertEqual(self.sha1(data[:cut], data[cut:]), hashlib.sha1(data).digest(), length)
 
+    def test_md5_goes_on_from_given_chaining_values(self):
+        after_64_times_a = (ctypes.c_uint32 * 4)(0x89d4ff56, 0x125cd962, 0x69cade33, 0x0033e325)
+        digest = ctypes.create_string_buffer(16)
+        library.kelm_md5_cksum(b"b" * 36, 36, 100, digest, after_64_times_a)
+        self.assertEqual(digest.raw, self.md5(b"a" * 64 + b"b" * 36))
+
+    def test_md5_may_be_written_into_the_data(self):
+        message = bytes(range(100))
+        for at in range(len(message) - 16):
+            data = ctypes.create_string_buffer(message, len(message))
+            digest = ctypes.cast(ctypes.addressof(data) + at, ctypes.c_char_p)
+            library.kelm_md5_cksum(data, len(message), len(message), digest, None)
+            self.assertEqual(data.raw[at:at + 16], hashlib.md5(message).digest(), at)
+
 
 if __name__ == "__main__":
     if len(sys.argv) != 2:
