@@ -48,7 +48,7 @@ int set_packet(agent &a, std::uint32_t discriminator, kelm_msg_tx_set_packet fix
         fixed.latch_period = 1'000'000;
     const control_packet content{.my_discriminator = discriminator, .your_discriminator = 77};
     return ask(a, KELM_MSG_TX_SET_PACKET,
-               tx_set_packet(discriminator, ipv4_datagram(content.encode()), fixed));
+               tx_set_packet(discriminator, outgoing{.payload = content.encode()}.encode(), fixed));
 }
 
 int set_session(agent &a, std::uint32_t discriminator, const kelm_msg_rx_set_session &fixed)

@@ -89,23 +89,31 @@ struct control_packet {
     }
 };
 
-// An IPv4 datagram from 10.0.0.1 to 10.0.0.2, port 3784.
-inline bytes ipv4_datagram(const bytes &payload)
-{
-    const hosted::udp_arrival way{.source = address("10.0.0.1"),
-                                  .destination = address("10.0.0.2"),
-                                  .source_port = 49152,
-                                  .destination_port = 3784,
-                                  .ttl = 255,
-                                  .tos = 0xc0,
-                                  .iif = 0,
-                                  .member_ifindex = 0};
-    bytes frame(hosted::udp_header_room(way, 0));
-    append(frame, payload);
-    hosted::write_udp_headers(
-        {frame.end() - static_cast<std::ptrdiff_t>(payload.size()), frame.end()}, way, 0);
-    return frame;
-}
+// A packet to transmit: an IP datagram, or with a link header a whole frame.
+struct outgoing {
+    bytes payload = control_packet{.my_discriminator = 5, .your_discriminator = 77}.encode();
+    in6_addr source = address("10.0.0.1");
+    in6_addr destination = address("10.0.0.2");
+    std::size_t link_len = 0;
+
+    [[nodiscard]] bytes encode() const
+    {
+        const hosted::udp_arrival way{.source = source,
+                                      .destination = destination,
+                                      .source_port = 49152,
+                                      .destination_port = 3784,
+                                      .ttl = 255,
+                                      .tos = 0xc0,
+                                      .iif = 0,
+                                      .member_ifindex = 0};
+        bytes result(hosted::udp_header_room(way, link_len));
+        append(result, payload);
+        hosted::write_udp_headers(std::span(result).last(payload.size()), way, link_len);
+        for (std::size_t i = 0; i < std::min<std::size_t>(link_len, 6); ++i)
+            result[i] = static_cast<std::uint8_t>(0x20 + i); // Ethernet destination
+        return result;
+    }
+};
 
 // The body of KELM_MSG_TX_SET_PACKET: fixed part as the test likes, lengths and offsets filled.
 inline bytes tx_set_packet(std::uint32_t discriminator, const bytes &datagram,

@@ -114,26 +114,23 @@ const scenario scenarios[] = {
      },
      send_and_receive, 1000},
     {"packet set before the path is ready", [](stage &s) { set_packet(s.ours, 2); }, furnish},
-    {"packet set", [](stage &s) { set_packet(s.ours, 2); }, send_and_receive, 1000},
-    {"packet replaced",
+    {"packets set, replaced, sent out of band and deleted",
      [](stage &s) {
-         const bytes section = auth_section(BFD_AUTH_METICULOUS_SHA1);
-         set(s.ours, 1, {.payload = with_section({}, section)}, tx{.latch_period = 1'000'000});
+         set_packet(s.ours, 2);
+         set(s.ours, 1, authenticated(BFD_AUTH_METICULOUS_SHA1), tx{.latch_period = 1'000'000});
+         set_packet(s.theirs, 7, tx{.flags = KELM_TX_SEND_OOB});
+         delete_packet(s.ours, 33);
      },
      send_and_receive, 1000},
-    {"packet sent out of band",
-     [](stage &s) { set_packet(s.ours, 1, tx{.flags = KELM_TX_SEND_OOB}); }, send_and_receive,
-     1000},
-    {"packet deleted", [](stage &s) { delete_packet(s.ours, 1); }, send_and_receive, 1000},
     {"path ready", [](stage &s) { path_ready(s.ours); }, furnish, 500},
-    {"session set", [](stage &s) { set_session(s.ours, 6, watched_session); }, furnish},
-    {"session reconfigured",
+    {"sessions set, reconfigured and deleted",
      [](stage &s) {
+         set_session(s.ours, 6, watched_session);
          set_session(s.ours, 5, rx{.latch = {1, 7, 99}}); // 99 does not exist
          set_session(s.ours, 5, rx{.latch = {1, 7, 33}});
+         delete_session(s.theirs, 5);
      },
      send_and_receive},
-    {"session deleted", [](stage &s) { delete_session(s.ours, 5); }, send_and_receive},
     {"frames passed up",
      [](stage &s) {
          for (const buffer_form form :
@@ -288,8 +285,8 @@ TEST_P(fault_sweep, leaves_an_engine_as_good_as_new)
 INSTANTIATE_TEST_SUITE_P(all, fault_sweep, testing::ValuesIn(scenarios),
                          [](const testing::TestParamInfo<scenario> &param) {
                              std::string name = param.param.name;
-                             for (char &c : name)
-                                 c = c == ' ' || c == '-' ? '_' : c;
+                             std::ranges::replace_if(
+                                 name, [](char c) { return std::isalnum(c) == 0; }, '_');
                              return name;
                          });
 

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Statistics of sessions and packets: what is recorded, and what restarts it. That a new period
-// does is tested with the configuration of either.
-#include <array>
+// Statistics of sessions and packets against a model that keeps every interval: what is recorded,
+// and what restarts it.
+#include <algorithm>
+#include <numeric>
+#include <optional>
 
 #include "kelm/clocks.h"
+#include "platform/sim/random.h"
 #include "wire_fixture.h"
 
 namespace
@@ -12,244 +15,202 @@ namespace
 
 using namespace sim;
 
-constexpr std::int64_t USEC = 1000; // nanoseconds
+using numbers = std::vector<std::uint64_t>;
 
-// Minimum, average and maximum, for the lifetime and since the last broadcast (snapshot).
-using values = std::array<std::uint32_t, 3>;
-using both_values = std::pair<values, values>;
+// Minimum, average and maximum.
+numbers extremes(const numbers &samples, std::uint64_t divisor)
+{
+    if (samples.empty())
+        return {0, 0, 0};
+    const auto [min, max] = std::ranges::minmax(samples);
+    return {min, std::accumulate(samples.begin(), samples.end(), std::uint64_t{0}) / divisor, max};
+}
 
-// Transmissions within one, two, three periods, and after; likewise.
-using buckets = std::array<std::uint64_t, 4>;
-using both_buckets = std::pair<buckets, buckets>;
+// What has been recorded since it was restarted.
+struct record {
+    std::uint64_t packets = 0;
+    numbers intervals = {};            // microseconds
+    numbers round_trips = {};          // units of 16 ns
+    numbers by_periods = {0, 0, 0, 0}; // within one, two, three periods, and after
 
-constexpr values NO_VALUES = {};
-constexpr buckets NO_BUCKETS = {};
-
-struct stats : engine_test {
-    stats()
+    // As messages have it. Intervals that were left out count for the average all the same.
+    [[nodiscard]] numbers received() const
     {
-        EXPECT_EQ(path_ready(a), 0);
-        w.take_frames();
+        numbers result = periods();
+        for (const std::uint64_t units : extremes(round_trips, packets != 0 ? packets : 1))
+            result.push_back(units * 16 / 1000);
+        return result;
+    }
+    [[nodiscard]] numbers sent() const
+    {
+        numbers result = periods();
+        std::ranges::copy(by_periods, std::back_inserter(result));
+        return result;
     }
 
-    kelm_msg_rx_stats rx() { return rx_stats(a, SESSION).value_or(kelm_msg_rx_stats{}); }
-    kelm_msg_tx_stats tx() { return tx_stats(a, SESSION).value_or(kelm_msg_tx_stats{}); }
-
-    both_values periods()
+  private:
+    [[nodiscard]] numbers periods() const
     {
-        const auto s = rx();
-        return {{s.min_period, s.avg_period, s.max_period},
-                {s.snapshot_min_period, s.snapshot_avg_period, s.snapshot_max_period}};
-    }
-    both_values round_trips()
-    {
-        const auto s = rx();
-        return {{s.min_rtt, s.avg_rtt, s.max_rtt},
-                {s.snapshot_min_rtt, s.snapshot_avg_rtt, s.snapshot_max_rtt}};
-    }
-    both_values latenesses()
-    {
-        const auto s = tx();
-        return {{s.min_lateness, s.avg_lateness, s.max_lateness},
-                {s.snapshot_min_lateness, s.snapshot_avg_lateness, s.snapshot_max_lateness}};
-    }
-    both_buckets by_periods()
-    {
-        const auto s = tx();
-        return {{s.sent_within_1p, s.sent_within_2p, s.sent_within_3p, s.sent_after_3p},
-                {s.snapshot_sent_within_1p, s.snapshot_sent_within_2p, s.snapshot_sent_within_3p,
-                 s.snapshot_sent_after_3p}};
-    }
-
-    // All times as nanoseconds.
-    static std::int64_t ns(kelm_time time) { return ns(time.sec, time.nsec); }
-    static std::int64_t ns(std::uint64_t sec, std::uint64_t nsec)
-    {
-        return static_cast<std::int64_t>(sec * 1'000'000'000 + nsec);
-    }
-
-    // The session's next packet arrives after so many microseconds by the wall clock.
-    void arrives_after(std::int64_t usecs)
-    {
-        w.step_wall_clock(usecs * USEC);
-        ASSERT_TRUE(receive(w, SESSION));
-    }
-
-    // And here after a round trip of so many units of 16 ns.
-    void returns_after(std::uint32_t units)
-    {
-        ASSERT_TRUE(
-            w.deliver(w.initial(), arriving({.my_discriminator = htonl(rtt_clock() - units)})));
-    }
-
-    // The next transmission of a packet that is due in each tick.
-    void sent_after(std::int64_t usecs)
-    {
-        w.step_wall_clock(usecs * USEC - 1000 * USEC);
-        w.advance(1);
-    }
-
-    // A periodic broadcast, which restarts the snapshots.
-    void broadcast()
-    {
-        ASSERT_EQ(set_interval(a, 1), 0);
-        ASSERT_EQ(set_interval(a, 0), 0);
+        numbers result = extremes(intervals, packets > 1 ? packets - 1 : 1);
+        result.insert(result.begin(), packets);
+        return result;
     }
 };
 
-TEST_F(stats, rx_intervals)
+struct model {
+    record lifetime, snapshot;
+    std::optional<std::int64_t> last; // packet, nanoseconds on the wall clock
+
+    void packet(std::int64_t now, std::uint64_t period, std::uint32_t round_trip)
+    {
+        for (record *each : {&lifetime, &snapshot}) {
+            ++each->packets;
+            if (round_trip != 0)
+                each->round_trips.push_back(round_trip);
+            if (each->packets == 1 || !last)
+                continue;
+            // The clock may have been set back.
+            const auto interval =
+                static_cast<std::uint64_t>(std::max<std::int64_t>(now / 1000 - *last / 1000, 0));
+            each->intervals.push_back(interval);
+            const std::uint64_t bucket = interval == 0 ? 0 : (interval - 1) / period;
+            ++each->by_periods[std::min<std::uint64_t>(bucket, 3)];
+        }
+        last = now;
+    }
+};
+
+struct stats : engine_test {
+    stats() { EXPECT_EQ(path_ready(a), 0); }
+
+    // A packet goes out and one comes in, so long after those before. That it is sent in each tick
+    // takes a period below one.
+    void exchange(std::int64_t ns, std::uint32_t round_trip)
+    {
+        w.step_wall_clock(ns - 1'000'000);
+        w.advance(1);
+        ASSERT_TRUE(w.deliver(w.initial(),
+                              arriving({.my_discriminator = htonl(rtt_clock() - round_trip)})));
+        expected.packet(w.wall_ns(), period, round_trip);
+    }
+
+    void set_period(kelm_microsecs usecs)
+    {
+        period = usecs;
+        ASSERT_EQ(set_packet(a, SESSION, tx{.period = usecs}), 0);
+        ASSERT_EQ(set_session(a, SESSION, rx{.flags = KELM_RX_MYDISC_RTT, .period = usecs}), 0);
+    }
+
+    void compare()
+    {
+        const kelm_msg_rx_stats r = *rx_stats(a, SESSION);
+        const kelm_msg_tx_stats t = *tx_stats(a, SESSION);
+        const auto &[lifetime, snapshot, last] = expected;
+        EXPECT_EQ((numbers{r.num_received, r.min_period, r.avg_period, r.max_period, r.min_rtt,
+                           r.avg_rtt, r.max_rtt}),
+                  lifetime.received());
+        EXPECT_EQ((numbers{r.snapshot_num_received, r.snapshot_min_period, r.snapshot_avg_period,
+                           r.snapshot_max_period, r.snapshot_min_rtt, r.snapshot_avg_rtt,
+                           r.snapshot_max_rtt}),
+                  snapshot.received());
+        EXPECT_EQ((numbers{t.num_sent, t.min_lateness, t.avg_lateness, t.max_lateness,
+                           t.sent_within_1p, t.sent_within_2p, t.sent_within_3p, t.sent_after_3p}),
+                  lifetime.sent());
+        EXPECT_EQ(
+            (numbers{t.snapshot_num_sent, t.snapshot_min_lateness, t.snapshot_avg_lateness,
+                     t.snapshot_max_lateness, t.snapshot_sent_within_1p, t.snapshot_sent_within_2p,
+                     t.snapshot_sent_within_3p, t.snapshot_sent_after_3p}),
+            snapshot.sent());
+        EXPECT_EQ(r.last_rtt,
+                  lifetime.round_trips.empty() ? 0 : lifetime.round_trips.back() * 16 / 1000);
+        for (const kelm_time &time : {r.last_rx_time, t.last_tx_time})
+            EXPECT_EQ(time.sec * 1'000'000'000LL + time.nsec, last.value_or(0));
+        EXPECT_EQ(r.timestamp_secs * 1'000'000'000 + r.timestamp_nsecs,
+                  static_cast<std::uint64_t>(w.wall_ns()));
+        EXPECT_EQ(t.timestamp_nsecs, r.timestamp_nsecs);
+    }
+
+    std::uint64_t period = 0;
+    model expected;
+};
+
+TEST_F(stats, are_those_of_the_packets_since_they_were_restarted)
 {
-    ASSERT_EQ(set_session(a, SESSION), 0);
-    EXPECT_EQ(rx().num_received, 0U);
-    EXPECT_EQ(ns(rx().last_rx_time), 0);
-    EXPECT_EQ(ns(rx().last_state_change), w.wall_ns());
-    arrives_after(1000);
-    EXPECT_EQ(periods(), (both_values{NO_VALUES, NO_VALUES}));
-    arrives_after(100);
-    arrives_after(300);
-    EXPECT_EQ(periods(), (both_values{{100, 200, 300}, {100, 200, 300}}));
-    broadcast();
-    w.step_wall_clock(50 * USEC);
-    const kelm_msg_rx_stats now = rx();
-    EXPECT_EQ(now.num_received, 3U);
-    EXPECT_EQ(now.snapshot_num_received, 0U);
-    EXPECT_EQ(now.num_passup, 1U);
-    EXPECT_EQ(ns(now.last_rx_time), w.wall_ns() - 50 * USEC);
-    EXPECT_EQ(ns(now.timestamp_secs, now.timestamp_nsecs), w.wall_ns());
-    EXPECT_EQ(now.unsolicited, 0U);
-
-    // A maximum that does not fit into 32 bits is cut, but is no minimum.
-    arrives_after((std::int64_t{1} << 32) + 20);
-    // It is from before the snapshot's first packet, and not in it.
-    EXPECT_EQ(periods(), (both_values{{100, 1'431'655'922, 70}, NO_VALUES}));
-    arrives_after(-5000); // set back: an interval of 0
-    EXPECT_EQ(periods(), (both_values{{0, 1'073'741'941, 70}, NO_VALUES}));
-    arrives_after(50);
-    EXPECT_EQ(periods().second, (values{0, 25, 50}));
-    // Microseconds are what differs, not nanoseconds.
-    ASSERT_EQ(get_stats(a, SESSION, KELM_STATS_CLEAR).error, 0);
-    w.step_wall_clock(USEC - w.wall_ns() % USEC);
-    arrives_after(0);
-    w.step_wall_clock(1999);
-    arrives_after(0);
-    EXPECT_EQ(periods().first, (values{1, 1, 1}));
-}
-
-TEST_F(stats, rx_round_trips)
-{
-    ASSERT_EQ(set_session(a, SESSION), 0);
-    returns_after(625); // without the flag the field is the peer's own
-    EXPECT_EQ(round_trips(), (both_values{NO_VALUES, NO_VALUES}));
-    ASSERT_EQ(delete_session(a, SESSION), 0);
-
-    ASSERT_EQ(set_session(a, SESSION, sim::rx{.flags = KELM_RX_MYDISC_RTT}), 0);
-    EXPECT_EQ(round_trips(), (both_values{NO_VALUES, NO_VALUES}));
-    returns_after(625);
-    EXPECT_EQ(round_trips(), (both_values{{10, 10, 10}, {10, 10, 10}}));
-    returns_after(1250);
-    returns_after(0); // no sample, but a packet to divide by
-    EXPECT_EQ(round_trips().first, (values{10, 10, 20}));
-    EXPECT_EQ(rx().last_rtt, 20U);
-    broadcast();
-    returns_after(63); // of 1008 ns
-    EXPECT_EQ(round_trips(), (both_values{{1, 7, 20}, {1, 1, 1}}));
-    returns_after(0x80000000); // units are cut to 32 bits, their microseconds are not
-    EXPECT_EQ(rx().max_rtt, 34'359'738U);
-}
-
-TEST_F(stats, rx_clear_leaves_the_snapshot)
-{
-    for (const std::uint32_t flags : {0U, std::uint32_t{KELM_STATS_NO_REPORT}}) {
-        ASSERT_EQ(set_session(a, SESSION, sim::rx{}), 0);
-        broadcast();
-        arrives_after(0);
-        arrives_after(100);
-        w.advance(DETECTION);
-        EXPECT_EQ(get_stats(a, SESSION, KELM_STATS_NO_REPORT).messages.size(), 0U);
-        EXPECT_EQ(rx().num_timeout, 1U);
-        ASSERT_EQ(get_stats(a, SESSION, KELM_STATS_CLEAR | flags).messages.size(),
-                  flags == 0 ? 1U : 0U);
-        const kelm_msg_rx_stats cleared = rx();
-        EXPECT_EQ(cleared.num_received + cleared.num_passup + cleared.num_timeout, 0U);
-        EXPECT_EQ(ns(cleared.last_rx_time) + ns(cleared.last_state_change), 0);
-        EXPECT_EQ(cleared.snapshot_num_received, 2U);
-        EXPECT_EQ(periods(), (both_values{NO_VALUES, {100, 100, 100}}));
-
-        // There is nothing to measure the next interval from, in neither block.
-        arrives_after(200);
-        EXPECT_EQ(rx().num_received, 1U);
-        EXPECT_EQ(periods(), (both_values{NO_VALUES, {100, 50, 100}}));
-        arrives_after(300);
-        EXPECT_EQ(periods(), (both_values{{300, 300, 300}, {100, 133, 300}}));
+    constexpr std::uint32_t clearing[] = {KELM_STATS_CLEAR,
+                                          KELM_STATS_CLEAR | KELM_STATS_NO_REPORT};
+    random_source random(1);
+    set_period(100);
+    for (int step = 0; step < 2000 && !HasFailure(); ++step) {
+        SCOPED_TRACE(step);
+        switch (random.below(20)) {
+        case 0: // CLEAR leaves the snapshots, but nothing to measure the next interval from
+            get_stats(a, SESSION, clearing[random.below(2)]);
+            expected.lifetime = {};
+            expected.last.reset();
+            break;
+        case 1: // a periodic broadcast restarts the snapshots
+            ASSERT_EQ(set_interval(a, 1), 0);
+            ASSERT_EQ(set_interval(a, 0), 0);
+            expected.snapshot = {};
+            break;
+        case 2:
+            set_period(static_cast<kelm_microsecs>(100 + period % 300));
+            expected.lifetime = expected.snapshot = {};
+            break;
+        case 3: // neither reads nor clears
+            get_stats(a, SESSION, KELM_STATS_NO_REPORT);
+            set_period(static_cast<kelm_microsecs>(period));
+            break;
+        default: {
+            const std::uint64_t usecs = random.below(5) * period + random.below(3) - 1;
+            constexpr std::uint32_t round_trips[] = {0, 62, 63, 625, 1250, 0x80000000};
+            exchange(static_cast<std::int64_t>(usecs * 1000 + random.below(1000)),
+                     round_trips[random.below(std::size(round_trips))]);
+        }
+        }
+        compare();
     }
 }
 
-TEST_F(stats, tx_latenesses)
+TEST_F(stats, counters_of_events_are_cleared_on_request_alone)
 {
-    ASSERT_EQ(set_packet(a, SESSION, sim::tx{.period = 100}), 0); // due in each tick
-    EXPECT_EQ(ns(tx().last_tx_time), 0);
-    sent_after(0);
-    EXPECT_EQ(tx().num_sent, 1U);
-    EXPECT_EQ(latenesses(), (both_values{NO_VALUES, NO_VALUES}));
-    EXPECT_EQ(by_periods(), (both_buckets{NO_BUCKETS, NO_BUCKETS}));
-    for (const std::int64_t interval : {100, 150, 200, 250, 300, 301})
-        sent_after(interval);
-    EXPECT_EQ(latenesses(), (both_values{{100, 1301 / 6, 301}, {100, 1301 / 6, 301}}));
-    EXPECT_EQ(by_periods(), (both_buckets{{1, 2, 2, 1}, {1, 2, 2, 1}}));
-    const kelm_msg_tx_stats now = tx();
-    EXPECT_EQ(now.num_sent, 7U);
-    EXPECT_EQ(ns(now.last_tx_time), w.wall_ns());
-    EXPECT_EQ(ns(now.timestamp_secs, now.timestamp_nsecs), w.wall_ns());
-
-    broadcast();
-    sent_after(-7000); // set back: an interval of 0, and the first of the new snapshot
-    EXPECT_EQ(by_periods(), (both_buckets{{2, 2, 2, 1}, NO_BUCKETS}));
-    EXPECT_EQ(latenesses(), (both_values{{0, 1301 / 7, 301}, NO_VALUES}));
-    EXPECT_EQ(tx().snapshot_num_sent, 1U);
-    sent_after(150);
-    EXPECT_EQ(latenesses().second, (values{150, 150, 150}));
-    EXPECT_EQ(by_periods().second, (buckets{0, 1, 0, 0}));
+    ASSERT_EQ(set_packet(a, SESSION), 0);
+    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    ASSERT_TRUE(receive(w, SESSION));
+    w.fail(service::send, -ENOBUFS);
+    w.advance(DETECTION);
+    ASSERT_EQ(set_session(a, SESSION, rx{.period = 1}), 0);
+    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 1}), 0);
+    const auto events = [this] {
+        const kelm_msg_rx_stats r = *rx_stats(a, SESSION);
+        return numbers{r.num_passup, r.num_timeout, tx_stats(a, SESSION)->num_tx_errors,
+                       r.last_state_change.sec != 0};
+    };
+    EXPECT_EQ(events(), numbers(4, 1));
+    ASSERT_EQ(get_stats(a, SESSION, KELM_STATS_CLEAR).error, 0);
+    EXPECT_EQ(events(), numbers(4, 0));
 }
 
-TEST_F(stats, tx_multiples_of_the_period_are_of_32_bits)
+// What does not fit into 32 bits: a maximum is cut, and is no minimum; so are multiples of a
+// period.
+TEST_F(stats, fields_and_multiples_of_the_period_are_of_32_bits)
 {
-    constexpr std::uint32_t PERIOD = 0x80000001; // twice that is 2, three times 0x80000003
-    ASSERT_EQ(set_packet(a, SESSION, sim::tx{.period = PERIOD}), 0);
-    for (const std::uint32_t usecs : {0U, PERIOD, PERIOD + 2, PERIOD + 3}) {
-        w.step_wall_clock(-w.wall_ns() % USEC);
+    constexpr std::uint32_t above_half = 0x80000001; // twice that is 2, three times 0x80000003
+    constexpr std::int64_t long_ago = (std::int64_t{1} << 32) + 70;
+    ASSERT_EQ(set_packet(a, SESSION, tx{.period = above_half}), 0);
+    for (const std::int64_t usecs :
+         {std::int64_t{0}, std::int64_t{above_half}, above_half + std::int64_t{2},
+          above_half + std::int64_t{3}, long_ago}) {
+        w.step_wall_clock(-w.wall_ns() % 1000);
         const std::int64_t start = w.wall_ns();
-        w.pass(PERIOD / 1000 + 1);
-        w.step_wall_clock(start + usecs * USEC - w.wall_ns());
+        w.pass(above_half / 1000 + 1);
+        w.step_wall_clock(start + usecs * 1000 - w.wall_ns());
         w.run_timers();
     }
-    EXPECT_EQ(tx().num_sent, 4U);
-    EXPECT_EQ(by_periods().first, (buckets{1, 0, 1, 1}));
-}
-
-TEST_F(stats, tx_clear_leaves_the_snapshot)
-{
-    ASSERT_EQ(set_packet(a, SESSION, sim::tx{.period = 100}), 0);
-    w.fail(service::send, -EAGAIN, 1);
-    sent_after(0);
-    sent_after(150);
-    EXPECT_EQ(get_stats(a, SESSION, KELM_STATS_NO_REPORT).messages.size(), 0U);
-    EXPECT_EQ(tx().num_sent, 2U);
-    ASSERT_EQ(get_stats(a, SESSION, KELM_STATS_CLEAR).messages.size(), 1U);
-    const kelm_msg_tx_stats cleared = tx();
-    EXPECT_EQ(cleared.num_sent + cleared.num_tx_errors, 0U);
-    EXPECT_EQ(ns(cleared.last_tx_time), 0);
-    EXPECT_EQ(cleared.snapshot_num_sent, 2U);
-    EXPECT_EQ(latenesses(), (both_values{NO_VALUES, {150, 150, 150}}));
-    EXPECT_EQ(by_periods(), (both_buckets{NO_BUCKETS, {0, 1, 0, 0}}));
-
-    // There is nothing to measure the next interval from, in neither block.
-    sent_after(90);
-    EXPECT_EQ(tx().num_sent, 1U);
-    EXPECT_EQ(latenesses(), (both_values{NO_VALUES, {150, 75, 150}}));
-    EXPECT_EQ(by_periods().second, (buckets{0, 1, 0, 0}));
-    sent_after(80);
-    EXPECT_EQ(latenesses(), (both_values{{80, 80, 80}, {80, 76, 150}}));
-    EXPECT_EQ(by_periods().second, (buckets{1, 1, 0, 0}));
+    const kelm_msg_tx_stats now = *tx_stats(a, SESSION);
+    EXPECT_EQ((numbers{now.sent_within_1p, now.sent_within_2p, now.sent_within_3p,
+                       now.sent_after_3p, now.min_lateness, now.max_lateness}),
+              (numbers{1, 0, 1, 2, above_half, 70}));
 }
 
 } // namespace

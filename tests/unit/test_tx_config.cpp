@@ -96,21 +96,6 @@ TEST_F(tx_config, refusals_come_in_order_and_change_nothing)
     EXPECT_EQ(w.logged("kelm Tx (5): Returning 0"), 1U);
 }
 
-TEST_F(tx_config, a_message_cut_short_anywhere_is_refused)
-{
-    const bytes body = good_parts().body();
-    for (std::size_t len = 0; len < body.size(); ++len)
-        EXPECT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, std::span(body).first(len)), -EINVAL) << len;
-    for (const std::uint32_t announced : {81U, 0x7fffffffU, 0xfffffff0U, 0xffffffffU}) {
-        parts p = good_parts();
-        p.fixed.packet_len = announced;
-        EXPECT_EQ(set_body(p.body()), -EINVAL) << announced;
-    }
-    EXPECT_EQ(w.logged("Processing TX_SET_PACKET"), 0U);
-    for (std::size_t len = 0; len < sizeof(kelm_msg_tx_delete_packet); ++len)
-        EXPECT_EQ(ask(a, KELM_MSG_TX_DELETE_PACKET, std::span(body).first(len)), -EINVAL) << len;
-}
-
 TEST_F(tx_config, the_packet_ends_where_its_authentication_section_does)
 {
     for (const std::uint8_t type : bytes{0, 1, 2, 3, 4, 5, 6, 254, 255}) {
@@ -276,25 +261,6 @@ TEST_F(tx_config, new_offsets_beside_old_bytes_are_harmless)
             for (const bool v6 : {false, true})
                 for (const bool latch : {false, true})
                     expect_harmless(link_len, auth_type, v6, latch);
-}
-
-TEST_F(tx_config, replacing_keeps_statistics_unless_the_period_changes)
-{
-    ASSERT_EQ(path_ready(a), 0);
-    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 100'000}), 0);
-    w.advance(350);
-    ASSERT_EQ(tx_stats(a, SESSION)->num_sent, 3U);
-    w.fail(service::send, -ENOBUFS);
-    w.advance(100);
-    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 100'000, .latch_state = 1}), 0);
-    EXPECT_EQ(tx_stats(a, SESSION)->num_sent, 4U);
-    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 100'001}), 0);
-    const auto stats = *tx_stats(a, SESSION);
-    EXPECT_EQ(stats.num_sent, 0U);
-    EXPECT_EQ(stats.snapshot_num_sent, 0U);
-    EXPECT_EQ(stats.max_lateness, 0U);
-    EXPECT_EQ(stats.num_tx_errors, 1U);
-    EXPECT_NE(stats.last_tx_time.sec, 0U);
 }
 
 TEST_F(tx_config, delete_removes_one_packet_of_its_own_vrf)

@@ -62,32 +62,6 @@ inline bytes with_section(control_packet packet, const bytes &section)
     return result;
 }
 
-// A packet to transmit: an IP datagram, or with a link header a whole frame.
-struct outgoing {
-    bytes payload = control_packet{.my_discriminator = 5, .your_discriminator = 77}.encode();
-    in6_addr source = address("10.0.0.1");
-    in6_addr destination = address("10.0.0.2");
-    std::size_t link_len = 0;
-
-    [[nodiscard]] bytes encode() const
-    {
-        const hosted::udp_arrival way{.source = source,
-                                      .destination = destination,
-                                      .source_port = 49152,
-                                      .destination_port = 3784,
-                                      .ttl = 255,
-                                      .tos = 0xc0,
-                                      .iif = 0,
-                                      .member_ifindex = 0};
-        bytes result(hosted::udp_header_room(way, link_len));
-        append(result, payload);
-        hosted::write_udp_headers(std::span(result).last(payload.size()), way, link_len);
-        for (std::size_t i = 0; i < std::min<std::size_t>(link_len, 6); ++i)
-            result[i] = static_cast<std::uint8_t>(0x20 + i); // Ethernet destination
-        return result;
-    }
-};
-
 // With an authentication section of this type, or none.
 inline outgoing authenticated(std::uint8_t type)
 {
