@@ -63,13 +63,8 @@ void agent::on_packet(vrf &home, const kelm::packet_change &change)
                                    : find_by_address(home, change, *frame);
     if (managed == nullptr || !managed->addresses)
         return;
-    // kelm vouches for the packets of a session that it has. One that is being made anew it may not
-    // have, or not know the sequence number of; such a one is never Up, nor an echo.
-    const bool is_vouched_for =
-        fields.your_discriminator != 0 &&
-        (managed->bfd.is_up() || managed->bfd.config().kind == session_kind::echo);
-    if (!is_vouched_for &&
-        !is_authentic(managed->bfd.config(), *managed->addresses, change, managed->last_sequence))
+    if (!is_authentic(managed->bfd.config(), *managed->addresses, change, managed->bfd.is_up(),
+                      managed->last_sequence))
         return;
     handle(
         *managed, [&](session &s) { return s.packet(fields, std::chrono::steady_clock::now()); },

@@ -88,7 +88,7 @@ void agent::resume(managed_session &managed, const inventory &all)
     // A packet that is older than the last one heard is none of the peer's.
     if (left.frame && managed.addresses)
         (void)is_authentic(managed.bfd.config(), *managed.addresses, *left.frame,
-                           managed.last_sequence);
+                           managed.bfd.is_up(), managed.last_sequence);
     carry_out(managed, wanted);
     set_alarm(managed);
     fail_guarded(managed, before);

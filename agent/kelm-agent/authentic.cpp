@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/authentic.h"
 
+#include "kelm-agent/matching.h"
 #include "kelm/kelm_bfd_common_utils.h"
 #include "libkelm/frame.h"
 
@@ -13,41 +14,58 @@ namespace
 void no_trace(kelm_trace_type, std::uint32_t, const char *) {}
 
 // RFC 5880 sections 6.7.3 and 6.7.4, without an upper bound: we do not see every packet. Meticulous
-// numbers are circular.
-bool is_newer(std::uint8_t auth_type, std::uint32_t sequence, std::uint32_t last)
+// numbers are circular. Keyed numbers may be used again, and kelm itself does so for a second.
+bool is_newer(std::uint8_t auth_type, std::uint32_t sequence, std::uint32_t last, bool may_repeat)
 {
     if (kelm_auth_is_keyed(auth_type))
-        return sequence >= last;
+        return sequence > last || (may_repeat && sequence == last);
     return static_cast<std::int32_t>(sequence - last) > 0;
+}
+
+// kelm clears My Discriminator in an echo packet, which held a time stamp, after it has checked the
+// packet. One that arrives without is not passed up.
+bool is_checked_echo(const session_config &config, const kelm::bfd_packet &packet)
+{
+    return config.kind == session_kind::echo && packet.fields.my_discriminator == 0;
+}
+
+bool is_valid(const session_config &config, const addressing &addresses,
+              const kelm::packet_change &change)
+{
+    kelm::bytes frame = change.frame; // the check writes into it
+    const std::size_t available = frame.size() - change.bfd_offset;
+    auto *const control = reinterpret_cast<bfd_ctrl *>(frame.data() + change.bfd_offset);
+    if (!kelm_packet_valid(control, available))
+        return false;
+    const kelm_msg_rx_set_session expected = receive_settings(config, addresses);
+    std::uint32_t any_sequence = 0;
+    std::uint64_t too_short = 0;
+    std::uint64_t other_type = 0;
+    return kelm_auth_valid(&expected.auth, expected.auth_key, &any_sequence, &too_short,
+                           &other_type, 0, control, frame.data() + change.l3_offset,
+                           static_cast<std::int32_t>(change.ifindex),
+                           static_cast<std::int32_t>(available - BFD_CTRL_LEN), no_trace);
 }
 
 } // namespace
 
 bool is_authentic(const session_config &config, const addressing &addresses,
-                  const kelm::packet_change &change, std::optional<std::uint32_t> &last_sequence)
+                  const kelm::packet_change &change, bool is_up,
+                  std::optional<std::uint32_t> &last_sequence)
 {
-    kelm::bytes frame = change.frame; // the check writes into it
-    const std::size_t available =
-        frame.size() - std::min<std::size_t>(change.bfd_offset, frame.size());
-    auto *const control = reinterpret_cast<bfd_ctrl *>(frame.data() + change.bfd_offset);
-    if (available < BFD_CTRL_LEN || !kelm_packet_valid(control, available))
+    const auto frame = kelm::decode_frame(change);
+    if (!frame || !is_from_peer(config, addresses, change, *frame))
         return false;
-
-    const kelm_msg_rx_set_session expected = receive_settings(config, addresses);
-    std::uint32_t any_sequence = 0;
-    std::uint64_t too_short = 0;
-    std::uint64_t other_type = 0;
-    if (!kelm_auth_valid(&expected.auth, expected.auth_key, &any_sequence, &too_short, &other_type,
-                         0, control, frame.data() + change.l3_offset,
-                         static_cast<std::int32_t>(change.ifindex),
-                         static_cast<std::int32_t>(available - BFD_CTRL_LEN), no_trace))
+    const kelm::bfd_packet &packet = frame->bfd;
+    if (!is_checked_echo(config, packet) && !is_valid(config, addresses, change))
         return false;
-
-    const auto decoded = kelm::decode_bfd({frame.data() + change.bfd_offset, available});
-    if (!decoded || !decoded->auth_present || !decoded->auth || !decoded->auth->sequence)
+    if (!packet.auth_present || !packet.auth || !packet.auth->sequence)
         return true;
-    const std::uint32_t sequence = *decoded->auth->sequence;
-    if (last_sequence && !is_newer(decoded->auth->type, sequence, *last_sequence))
+    // Nobody has checked a packet without our discriminator. One by which the peer has lost us
+    // while we are Up is none of those by which the session came up a moment before.
+    const bool may_repeat = !is_up || packet.fields.your_discriminator != 0;
+    const std::uint32_t sequence = *packet.auth->sequence;
+    if (last_sequence && !is_newer(packet.auth->type, sequence, *last_sequence, may_repeat))
         return false;
     last_sequence = sequence;
     return true;

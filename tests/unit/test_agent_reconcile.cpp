@@ -105,28 +105,53 @@ TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
     }
 }
 
-TEST(agent_reconcile, packets_without_discriminator_are_checked)
+bool believes(const session_config &config, const kelm::packet_change &change,
+              const addressing &addresses = {})
+{
+    std::optional<std::uint32_t> any;
+    return is_authentic(config, addresses, change, true, any);
+}
+
+TEST(agent_reconcile, packets_are_checked_whoever_they_are_for)
 {
     const auto config = config_of("10.0.0.1", "10.0.0.2");
-    std::optional<std::uint32_t> sequence;
     auto change = frame_from_peer(config, 0);
-    EXPECT_TRUE(is_authentic(config, {}, change, sequence));
-    EXPECT_FALSE(is_authentic(config, addresses_at(5), change, sequence));
-    EXPECT_FALSE(
-        is_authentic(config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_KEYED_MD5), {}, change, sequence));
+    EXPECT_TRUE(believes(config, change));
+    EXPECT_TRUE(believes(config, frame_from_peer(config, discriminator)));
+    EXPECT_FALSE(believes(config, change, addresses_at(5)));
+    EXPECT_FALSE(believes(config_of("10.0.0.1", "10.0.0.3"), change));
+    EXPECT_FALSE(believes(config_of("10.0.0.3", "10.0.0.2"), change));
+    EXPECT_FALSE(believes(config, frame_from_peer(config, discriminator, kelm::port_multihop)));
+    EXPECT_FALSE(believes(config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_KEYED_MD5), change));
+    auto on_member_link = config;
+    on_member_link.kind = session_kind::lag;
+    for (const std::uint32_t member : {0U, ifindex, ifindex + 1}) {
+        auto frame = frame_from_peer(config, discriminator, kelm::port_lag);
+        frame.member_ifindex = member;
+        EXPECT_EQ(believes(on_member_link, frame, addresses_at(ifindex)), member != ifindex + 1);
+    }
+    // kelm has checked an echo and cleared its time stamp.
+    auto echo = config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_KEYED_MD5);
+    echo.kind = session_kind::echo;
+    echo.source = echo.peer;
+    auto reflected = frame_from_peer(echo, discriminator, kelm::port_echo);
+    EXPECT_FALSE(believes(echo, reflected));
+    std::fill_n(reflected.frame.begin() + reflected.bfd_offset + 4, 4, 0);
+    EXPECT_TRUE(believes(echo, reflected));
+
     change.frame[14 + 8] = 254; // TTL
-    EXPECT_FALSE(is_authentic(config, {}, change, sequence));
+    EXPECT_FALSE(believes(config, change));
     for (std::size_t length = 0; length < change.frame.size(); ++length) {
         auto cut = change;
         cut.frame.resize(length);
         cut.bfd_offset =
             std::min<std::uint32_t>(cut.bfd_offset, static_cast<std::uint32_t>(length));
         cut.l3_offset = std::min<std::uint32_t>(cut.l3_offset, static_cast<std::uint32_t>(length));
-        EXPECT_FALSE(is_authentic(config, {}, cut, sequence));
+        EXPECT_FALSE(believes(config, cut));
     }
 }
 
-// Signs as kelm does it.
+// Signs as kelm does it, but with a number of our choice for the keyed types as well.
 void sign(kelm::packet_change &change, const session_config &config, std::uint32_t sequence)
 {
     const kelm::auth_settings auth = {config.auth.type, 1, config.auth.keys[0].secret};
@@ -136,26 +161,43 @@ void sign(kelm::packet_change &change, const session_config &config, std::uint32
     packet.auth = auth;
     const auto built = kelm::build_packet(packet);
     kelm_auth_process(change.frame.data(), change.frame.size(), change.bfd_offset,
-                      KELM_TX_SESSION_L2, auth.type, &sequence, &built.auth_hdr,
+                      KELM_TX_SESSION_L2, auth.type | 1, &sequence, &built.auth_hdr,
                       [](kelm_trace_type, std::uint32_t, const char *) {});
 }
 
 TEST(agent_reconcile, an_old_packet_is_not_taken_twice)
 {
-    const auto config = config_of("10.0.0.1", "10.0.0.2", BFD_AUTH_METICULOUS_SHA1);
-    std::optional<std::uint32_t> last;
+    constexpr std::uint8_t meticulous = BFD_AUTH_METICULOUS_SHA1;
+    constexpr std::uint8_t keyed = BFD_AUTH_KEYED_MD5;
     const struct {
+        std::uint8_t auth_type;
+        std::uint32_t your_discriminator;
+        bool is_up;
         std::uint32_t sequence;
         bool accepted;
-    } cases[] = {{0xfffffff0, true}, {0xfffffff0, false}, {0xffffffef, false},
-                 {0xffffffff, true}, {5, true},           {0xffffffff, false}};
+    } cases[] = {
+        {meticulous, 0, false, 0xfffffff0, true},
+        {meticulous, 0, false, 0xfffffff0, false},
+        {meticulous, discriminator, true, 0xfffffff0, false},
+        {meticulous, discriminator, true, 0xffffffef, false},
+        {meticulous, discriminator, true, 0xffffffff, true},
+        {meticulous, 0, true, 5, true},
+        {meticulous, 0, true, 0xffffffff, false},
+        {keyed, 0, false, 5, true},
+        {keyed, discriminator, true, 5, true},
+        {keyed, 0, true, 5, false},
+        {keyed, discriminator, true, 4, false},
+        {keyed, 0, true, 6, true},
+    };
+    std::optional<std::uint32_t> last;
     for (const auto &c : cases) {
-        auto change = frame_from_peer(config, 0);
+        const auto config = config_of("10.0.0.1", "10.0.0.2", c.auth_type);
+        auto change = frame_from_peer(config, c.your_discriminator);
         sign(change, config, c.sequence);
-        EXPECT_EQ(is_authentic(config, {}, change, last), c.accepted) << c.sequence;
+        EXPECT_EQ(is_authentic(config, {}, change, c.is_up, last), c.accepted) << c.sequence;
         change.frame.back() ^= 1;
         std::optional<std::uint32_t> none;
-        EXPECT_FALSE(is_authentic(config, {}, change, none));
+        EXPECT_FALSE(is_authentic(config, {}, change, c.is_up, none));
         EXPECT_FALSE(none) << "a forged packet leaves no trace";
     }
 }
