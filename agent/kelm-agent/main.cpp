@@ -119,6 +119,31 @@ void make_directory_of(const std::string &file)
         std::filesystem::create_directory(directory);
 }
 
+// Tells systemd that the loop is alive, where it wants to know (WatchdogSec=).
+class watchdog
+{
+  public:
+    explicit watchdog(event_loop &loop) : loop_(loop)
+    {
+        std::uint64_t microseconds = 0;
+        if (sd_watchdog_enabled(0, &microseconds) <= 0)
+            return;
+        interval_ = std::chrono::microseconds(microseconds / 2);
+        notify();
+    }
+
+  private:
+    void notify()
+    {
+        sd_notify(0, "WATCHDOG=1");
+        next_ = loop_.after(interval_, [this] { notify(); });
+    }
+
+    event_loop &loop_;
+    std::chrono::microseconds interval_{};
+    event_loop::handle next_;
+};
+
 int run(const options &chosen, const logger &log)
 {
     event_loop loop;
@@ -141,6 +166,7 @@ int run(const options &chosen, const logger &log)
     const auto on_term = loop.on_signal(SIGTERM, stop);
     const auto on_interrupt = loop.on_signal(SIGINT, stop);
     const auto on_hangup = loop.on_signal(SIGHUP, [&] { reload(running, metrics, chosen, log); });
+    const watchdog alive(loop);
     log.info("ready: " + count_of_sessions(config));
     sd_notify(0, "READY=1");
     loop.run();

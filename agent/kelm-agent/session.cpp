@@ -202,7 +202,7 @@ void session::become(condition next)
 
 void session::forget_peer()
 {
-    is_heard_ = false;
+    is_heard_ = has_heard_peer_ = false;
     forget_due_.reset();
     remote_discriminator_ = 0;
     remote_demand_ = false;
@@ -211,7 +211,7 @@ void session::forget_peer()
 
 void session::hear(const kelm::bfd_fields &heard)
 {
-    is_heard_ = true;
+    is_heard_ = has_heard_peer_ = true;
     forget_due_.reset();
     remote_ = {heard.state, heard.diag};
     if (config_.kind == session_kind::echo)
@@ -274,8 +274,11 @@ transmission session::wanted_transmission() const
         .period = transmits_periodically() ? timing_.transmit_interval() : idle_period,
         .jitter = static_cast<std::uint16_t>(timing_.multiplier() == 1 ? BFD_TX_JITTER_75_90
                                                                        : BFD_TX_JITTER_75),
-        .latch_period = std::max(
-            {slow_interval, config_.timing.desired_min_tx, timing_.peer().required_min_rx}),
+        // What kelm sends after a failure until we get to it is periodic, too.
+        .latch_period = timing_.peer_listens()
+                            ? std::max({slow_interval, config_.timing.desired_min_tx,
+                                        timing_.peer().required_min_rx})
+                            : idle_period,
         .is_silent = !may_speak(),
     };
 }

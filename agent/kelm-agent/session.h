@@ -96,6 +96,8 @@ class session
     bool is_up() const { return condition_.state == BFD_STATE_UP; }
     bool is_admin_down() const { return condition_.state == BFD_STATE_ADMIN_DOWN; }
     std::uint32_t remote_discriminator() const { return remote_discriminator_; }
+    // Whether what follows is known from a packet of the peer.
+    bool has_heard_peer() const { return has_heard_peer_; }
     // The peer's state and reason as its last packet told them.
     const condition &remote() const { return remote_; }
     bool remote_demand() const { return remote_demand_; }
@@ -129,6 +131,7 @@ class session
     bool has_spoken_ = false; // to the peer, so that kelm has a packet with a sequence number
     bool is_idle_;            // a guard with nothing to guard: kelm has nothing of it
     std::uint32_t guarded_discriminator_ = 0;
+    bool has_heard_peer_ = false;
     bool is_heard_ = false;                 // the detection timer runs
     bool polling_ = false;                  // a Poll Sequence is under way
     std::optional<steady_time> poll_due_;   // our Poll bit rests until then

@@ -42,6 +42,8 @@ json report_past(const history &past)
 
 json report_peer(const session &bfd)
 {
+    if (!bfd.has_heard_peer())
+        return {{"state", "not heard"}};
     const peer_timing &peer = bfd.timing().peer();
     return {{"state", state_name(bfd.remote().state)},
             {"diagnostic", diag_words(bfd.remote().diag)},
@@ -55,13 +57,16 @@ json report_peer(const session &bfd)
 json report_timing(const session &bfd)
 {
     const negotiation &timing = bfd.timing();
-    return {{"min_tx", bfd.config().timing.desired_min_tx},
-            {"min_rx", bfd.config().timing.required_min_rx},
-            {"multiplier", bfd.config().multiplier},
-            {"transmit_interval", timing.transmit_interval()},
-            {"receive_interval", timing.receive_interval()},
-            {"detection_time", timing.detection_time()},
-            {"polling", bfd.polling()}};
+    json out = {{"min_tx", bfd.config().timing.desired_min_tx},
+                {"min_rx", bfd.config().timing.required_min_rx},
+                {"multiplier", bfd.config().multiplier},
+                {"transmit_interval", timing.transmit_interval()}};
+    if (bfd.has_heard_peer()) {
+        out["receive_interval"] = timing.receive_interval();
+        out["detection_time"] = timing.detection_time();
+    }
+    out["polling"] = bfd.polling();
+    return out;
 }
 
 json report_auth(const authentication &auth)

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-2.0
 """kelm-agent's surroundings: kelm, namespaces and interfaces that come and go; other agents."""
 
+import os
 import pathlib
 import re
 import socket
@@ -177,6 +178,17 @@ def test_a_mistake_in_the_defaults_is_told_with_its_line():
         result = subprocess.run([KELM_AGENT, "--check", "--config", config], capture_output=True,
                                 text=True)
     assert result.returncode == 1 and "agent.toml:3: 'min-rx' must be" in result.stderr
+
+
+def test_systemd_is_told(tmp_path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(tmp_path / "notify"))
+        manager.settimeout(PATIENCE)
+        agent = KelmAgent([], env={**os.environ, "NOTIFY_SOCKET": str(tmp_path / "notify"),
+                                   "WATCHDOG_USEC": "200000"})
+        told = [manager.recv(4096) for _ in range(4)]
+        agent.close()
+    assert told.count(b"READY=1") == 1 and told.count(b"WATCHDOG=1") >= 3
 
 
 def test_completion_knows_the_sessions(start):

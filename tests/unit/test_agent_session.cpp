@@ -234,6 +234,7 @@ TEST_F(agent_session, a_peer_in_demand_mode_or_not_listening_is_left_alone)
 
     subject.packet(says(BFD_STATE_DOWN, 1000 * ms, 0), now);
     EXPECT_EQ(sent().period, idle_period);
+    EXPECT_EQ(sent().latch_period, idle_period) << "nor after a failure";
 }
 
 TEST_F(agent_session, jitter_and_detection_time_by_multiplier)

@@ -36,12 +36,13 @@ def configuration(sessions, agent=None, defaults=None):
 class KelmAgent:
     """One kelm-agent with a directory of its own, in which it can be stopped and started again."""
 
-    def __init__(self, sessions, *arguments, directory=None, agent=None, **defaults):
+    def __init__(self, sessions, *arguments, directory=None, agent=None, env=None, **defaults):
         self._directory = tempfile.TemporaryDirectory()
         self.directory = pathlib.Path(directory or self._directory.name)
         self.config_file = self.directory / "agent.toml"
         self.socket = self.directory / "control.sock"
         self.agent_table, self.defaults, self.arguments = agent, defaults, arguments
+        self.env = env
         self.logs = []
         self.configure(sessions)
         self.start()
@@ -58,7 +59,7 @@ class KelmAgent:
         self.process = subprocess.Popen(
             [KELM_AGENT, "--config", self.config_file, "--state", self.directory / "state.json",
              "--socket", self.socket, "--log", "json", *self.arguments],
-            stdin=subprocess.DEVNULL, stderr=self.log_file)
+            stdin=subprocess.DEVNULL, stderr=self.log_file, env=self.env)
 
     def reload(self, sessions=None):
         """Takes a new configuration; returns the line that tells how it went."""
