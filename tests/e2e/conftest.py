@@ -8,12 +8,15 @@ from lib import protocol
 from lib.agent import KERNEL, Agent
 from lib.host import Host
 from lib.kernel import KernelLog
+from lib.stall import Stall
 from lib.topology import Namespaces
 
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "kelmd: about kelmd itself; left out on another host")
     config.addinivalue_line("markers", "kernel: about the kernel as host; left out on another")
+    config.addinivalue_line("markers", "stalls_below(seconds): says nothing on a machine that "
+                                       "stood still for longer")
 
 
 def pytest_collection_modifyitems(config, items):
@@ -76,6 +79,27 @@ def agent(link):
     with Agent(link.near_ns, groups=(protocol.CONTROL, protocol.NOTIFICATION)) as agent:
         agent.request(protocol.TX_PATH_READY, protocol.tx_path_ready())
         yield agent
+
+
+@pytest.fixture(autouse=True)
+def stall(request):
+    """Of a test that a machine which stands still lets fail."""
+    if not request.node.get_closest_marker("stalls_below"):
+        yield
+        return
+    with Stall() as request.node.stall:
+        yield
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    report = (yield).get_result()
+    limit = item.get_closest_marker("stalls_below")
+    if limit and report.failed and (longest := item.stall.longest) > limit.args[0]:
+        print(report.longreprtext)
+        report.outcome = "skipped"
+        report.longrepr = (item.location[0], item.location[1] + 1,
+                           f"failed, but this machine stood still for {longest:.1f} s")
 
 
 @pytest.fixture(autouse=True)

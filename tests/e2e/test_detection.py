@@ -6,6 +6,8 @@ import os
 import struct
 import time
 
+import pytest
+
 from lib import bfd, wait_until
 from lib import protocol as p
 from lib.agent import Agent
@@ -58,6 +60,7 @@ def test_packets_keep_a_session_alive(agent, link):
     wait_until(outlives_its_detection_time, "machine that does not stand still for 2 s")
 
 
+@pytest.mark.stalls_below(1.0)
 def test_both_ends_on_kelm(agent, link, host):
     """A session between two namespaces; packets are lost in one direction only."""
     host.wait_for_vrf(link.far_ns)
@@ -81,6 +84,7 @@ def test_both_ends_on_kelm(agent, link, host):
         assert (told.state, told.diag, told.your_disc) == (bfd.DOWN, bfd.DIAG_CTRL_TIMEOUT, 0)
 
 
+@pytest.mark.stalls_below(4.0)
 def test_a_session_survives_a_loaded_machine(agent, link, host):
     hogs = []
     try:

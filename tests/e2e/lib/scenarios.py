@@ -43,6 +43,7 @@ def busy():
             loop.wait()
 
 
+@pytest.mark.stalls_below(DETECTION / 2)
 class Scenarios:
     """For a class of tests, beside a fixture `bed`."""
 
