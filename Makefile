@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0
 #
-# A thin front: everything is done by the scripts and the CMake build that it calls.
+# A thin front: the scripts and the CMake build that it calls do all the work.
 
 BUILD  ?= build
 JOBS   ?= $(shell nproc)
@@ -30,12 +30,12 @@ help:
 	@echo '  make vm-test       only those of kelm.ko, on KERNELS ($(KERNELS)) in virtual machines'
 	@echo '  make vm-test-debug the same on a kernel for debugging, which is built first'
 	@echo "  make debian-test   build, and run the unit tests, in a root file system of Debian DEBIAN ($(DEBIAN))"
-	@echo '  make bench         measure; prints, judges nothing'
+	@echo '  make bench         benchmarks: measure and print'
 	@echo '  make install       install into PREFIX ($(PREFIX)), below DESTDIR'
-	@echo "  make install-module  install kelm.ko by DKMS for KERNEL, to be loaded at boot"
+	@echo "  make install-module  install kelm.ko by DKMS for KERNEL and load it at boot"
 	@echo '  make deb           build the Debian packages into $(BUILD)/deb/'
 	@echo '  make tidy          clang-tidy over all sources'
-	@echo '  make format        reformat the sources; make format-check only looks'
+	@echo '  make format        reformat the sources; make format-check only checks'
 	@echo '  make clean         remove $(BUILD)/'
 
 all:
@@ -101,7 +101,7 @@ install-module: all
 	@if dkms status kelm/$(version) | grep -q .; then dkms remove kelm/$(version) --all; fi
 	@cmake --install $(BUILD) --component dkms --prefix /usr
 	@dkms install kelm/$(version) -k $(KERNEL)
-	@echo 'Loaded at boot from now on; at once: modprobe kelm. See kelm(4).'
+	@echo 'It is loaded at boot; to load it now: modprobe kelm. See kelm(4).'
 
 deb:
 	$(call say,packages for building packages)

@@ -9,8 +9,7 @@
     +-----------------------+                +-----------------------+
          one kelm below both agents: it sends, and it watches the time
 
-Everything a person would type is shown as it is run. Fails, and says how, if kelm does not do what
-the text says.
+Shows every command that it runs. If kelm does not do what the text says, it fails and says why.
 """
 
 import json
@@ -186,8 +185,8 @@ multiplier = {MULTIPLIER}
 
 
 def bring_up(agents):
-    say("3. An agent for each end. It owns the state machine and negotiates; what it has decided it\n"
-        "   hands to kelm: the packet to send, and the time after which silence is a failure")
+    say("3. An agent for each end. It runs the state machine and negotiates, and tells kelm the\n"
+        "   outcome: which packet to send, and how long a silence is a failure")
     show(pathlib.Path("left.toml").read_text())
     for agent in agents:
         agent.start()
@@ -198,7 +197,7 @@ def bring_up(agents):
         agent.show_log()
     for agent in agents:
         wait_until(agent.has_negotiated, "negotiated rate", PATIENCE)
-    time.sleep(2 * INTERVAL / 1000)  # the packets that have settled it are out of the rhythm
+    time.sleep(2 * INTERVAL / 1000)  # the packets that settled it are sent out of schedule
     sh("kelmctl agent show socket left.sock")
 
 
@@ -209,7 +208,7 @@ def from_left(frame):
 def watch_transmission():
     say("4. What arrives at the right end: the time between packets is 75 to 100 % of the interval,\n"
         "   drawn anew each time" +
-        (", and the eighth by which the kernel's timers may be late" if KERNEL else ""))
+        (", plus the eighth by which the kernel's timers may be late" if KERNEL else ""))
     wire = Wire("right", "eth0")
     frames = wire.collect(11, from_left, PATIENCE)
     wire.close()
@@ -221,8 +220,8 @@ def watch_transmission():
 
 def freeze(left, right):
     pause = 10 * DETECTION / 1000
-    say(f"5. The agent on the left is stopped for {pause:.0f} seconds, ten detection times. Were the\n"
-        "   packets its business, the right end would declare a healthy path dead")
+    say(f"5. The agent on the left is stopped for {pause:.0f} seconds, ten detection times. If it sent\n"
+        "   the packets itself, the right end would declare a healthy path down")
     wire = Wire("right", "eth0")
     left.signal("STOP")
     time.sleep(pause)
@@ -255,7 +254,7 @@ def cut_link(agents):
 
 
 def repair(agents):
-    say("7. The link is repaired, and the session comes up again. What happened can be asked later")
+    say("7. The link is repaired, and the session comes up again. The agent keeps a history")
     sh("ip -n left link set eth0 up")
     for agent in agents:
         agent.wait_for("up")
@@ -264,7 +263,7 @@ def repair(agents):
 
 
 def end(agents, host):
-    say("8. The agent on the left is ended. It tells its peer that this is no failure")
+    say("8. The agent on the left is ended. It tells its peer that this is not a failure")
     left, right = agents
     left.end()
     right.wait_to_log("admin-down")

@@ -177,8 +177,8 @@ void netlink_end_dumps(void)
         orphan(open->cb);
     spin_unlock(&open_dumps_lock);
 
-    /* Whoever had fetched the old functions has entered them after the first and left after the
-     * second. */
+    /* A task that had fetched the old functions has entered them after the first call, and left
+     * them after the second. */
     synchronize_rcu_tasks();
     synchronize_srcu(&agents_inside);
 

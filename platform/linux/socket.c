@@ -76,7 +76,7 @@ static void set_up(struct sock *sk)
     /* IPv4 datagrams too, whatever net.ipv6.bindv6only says. */
     if (sk->sk_family == AF_INET6)
         sk->sk_ipv6only = 0;
-    /* What matches a raw socket's protocol is nobody's business: no room to queue it. */
+    /* Nobody reads what matches a raw socket's protocol: no room to queue it. */
     if (sk->sk_type == SOCK_RAW)
         WRITE_ONCE(sk->sk_rcvbuf, 0);
 #ifdef CONFIG_NET_RX_BUSY_POLL
