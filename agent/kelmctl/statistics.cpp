@@ -66,6 +66,37 @@ constexpr command commands[] = {
      run_interval},
 };
 
+constexpr std::uint64_t kelm_msg_rx_stats::*rx_counters[] = {
+    &kelm_msg_rx_stats::num_received,      &kelm_msg_rx_stats::num_auth_fail,
+    &kelm_msg_rx_stats::num_passup,        &kelm_msg_rx_stats::num_auth_type_mismatch,
+    &kelm_msg_rx_stats::packet_alloc_fail, &kelm_msg_rx_stats::pskb_expand_fail,
+    &kelm_msg_rx_stats::num_timeout,
+};
+
+constexpr std::uint64_t kelm_msg_tx_stats::*tx_counters[] = {
+    &kelm_msg_tx_stats::num_sent,          &kelm_msg_tx_stats::num_tx_errors,
+    &kelm_msg_tx_stats::num_empty_packets, &kelm_msg_tx_stats::num_short_packets,
+    &kelm_msg_tx_stats::num_latch_errors,  &kelm_msg_tx_stats::num_latches,
+    &kelm_msg_tx_stats::sent_within_1p,    &kelm_msg_tx_stats::sent_within_2p,
+    &kelm_msg_tx_stats::sent_within_3p,    &kelm_msg_tx_stats::sent_after_3p,
+};
+
+// A dump that starts over repeats records. The later copy is the newer one; but where the first
+// was cleared as it was read, the later one has only what was counted since: counters add up, and
+// the rest is the first one's.
+template<typename Message>
+void add_record(std::map<statistics_key, Message> &to, const statistics_key &key,
+                const Message &message, bool is_cleared,
+                std::span<std::uint64_t Message::*const> counters)
+{
+    const auto [position, is_first] = to.try_emplace(key, message);
+    if (!is_first && !is_cleared)
+        position->second = message;
+    else if (!is_first)
+        for (const auto counter : counters)
+            position->second.*counter += message.*counter;
+}
+
 template<typename Entries, typename Make>
 std::vector<record> make_records(const Entries &entries, Make make)
 {
@@ -79,12 +110,12 @@ std::vector<record> make_records(const Entries &entries, Make make)
 
 constinit const std::span<const command> statistics_commands = commands;
 
-// A message does not say which vrf it belongs to, but the module's counters end each vrf's. A
-// dump that began over repeats records: the later ones count.
+// A message does not say which vrf it belongs to, but the module's counters end each vrf's.
 statistics read_statistics(context &ctx, std::uint32_t discriminator, std::uint32_t flags)
 {
     const bool all_vrfs = ctx.opts().all_vrfs;
-    if (discriminator != 0 && all_vrfs && (flags & KELM_STATS_CLEAR) != 0)
+    const bool clears = (flags & KELM_STATS_CLEAR) != 0;
+    if (discriminator != 0 && all_vrfs && clears)
         throw usage_error("-A does not go with clearing a single discriminator: it would clear "
                           "the module's counters too");
     if (discriminator == 0 || all_vrfs)
@@ -96,9 +127,11 @@ statistics read_statistics(context &ctx, std::uint32_t discriminator, std::uint3
     vrf_number vrf = all_vrfs ? 1 : 0;
     for (const auto &report : ctx.client().statistics(discriminator, flags)) {
         if (const auto *rx = std::get_if<kelm_msg_rx_stats>(&report))
-            stats.sessions.insert_or_assign({vrf, rx->header.discriminator}, *rx);
+            add_record<kelm_msg_rx_stats>(stats.sessions, {vrf, rx->header.discriminator}, *rx,
+                                          clears, rx_counters);
         else if (const auto *tx = std::get_if<kelm_msg_tx_stats>(&report))
-            stats.packets.insert_or_assign({vrf, tx->header.discriminator}, *tx);
+            add_record<kelm_msg_tx_stats>(stats.packets, {vrf, tx->header.discriminator}, *tx,
+                                          clears, tx_counters);
         else if (const auto *module = std::get_if<kelm_msg_module_stats>(&report))
             stats.modules.insert_or_assign(all_vrfs ? vrf++ : vrf, *module);
     }

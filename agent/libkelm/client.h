@@ -69,7 +69,9 @@ class client
 
     // Makes a request and waits until kelm has acknowledged it or has dumped all of its answer.
     // Returns what kelm replied; only statistics and the sync dump have replies. A record may occur
-    // twice in a dump, the later one being newer. Throws refused when kelm says no.
+    // twice in a dump, the later one being newer; but with KELM_STATS_CLEAR the first one was
+    // cleared as it was read, so that counters have to be added up and the rest is to be taken
+    // from the first. Throws refused when kelm says no.
     std::vector<report> execute(const request &);
 
     // The same, where the request is one that kelm answers with a dump.

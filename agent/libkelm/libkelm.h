@@ -224,7 +224,9 @@ int kelm_client_sync_dump(kelm_client *client, kelm_dump **dump);
 
 /*
  * KELM_MSG_GET_STATS: the statistics of one discriminator, or of all with 0; KELM_STATS_* in
- * `flags`. *dump is to be freed; with KELM_STATS_NO_REPORT it is empty.
+ * `flags`. *dump is to be freed; with KELM_STATS_NO_REPORT it is empty. A session or packet may
+ * occur twice, the later time being newer; but with KELM_STATS_CLEAR the first one was cleared as
+ * it was read: add up the counters, and take the minima, averages, maxima and times from the first.
  *
  *   -ENOBUFS  as above; with KELM_STATS_CLEAR, what was cleared may be lost
  */

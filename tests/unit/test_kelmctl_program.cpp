@@ -161,27 +161,38 @@ TEST_F(kelmctl_and_kelmd, refusal_is_explained)
               "the program that capability\n");
 }
 
-// A dump that began over repeats a record; of two vrfs, each ends with its module's counters.
+// A dump that starts over repeats a record, which may have been cleared when it was read; of two
+// vrfs, each ends with its module's counters.
 TEST_F(kelmctl_and_kelmd, statistics_are_told_once_each_and_by_vrf)
 {
-    fake_daemon fake({.handle = [](const seen &request) {
+    const behaviour tells = {.handle = [](const seen &request) {
         const nlmsghdr &to = request.header;
-        const auto rx = [&](std::uint32_t discriminator, std::uint64_t received) {
+        const auto rx = [&](std::uint32_t discriminator, std::uint64_t received,
+                            kelm_microsecs longest) {
             kelm_msg_rx_stats stats = {};
             stats.header.discriminator = discriminator;
             stats.num_received = received;
+            stats.max_period = longest;
             return reply(to, KELM_MSG_RX_STATS, bytes_of(stats));
         };
         const kelm::bytes module =
             reply(to, KELM_MSG_MODULE_STATS, bytes_of(kelm_msg_module_stats{}));
-        return answers{rx(7, 1) + rx(5, 2) + rx(7, 3) + module, rx(5, 4) + module, done(to)};
-    }});
-    EXPECT_EQ(run_line("-A session show").out,
-              "SESSION  VRF  RECEIVED   LAST  INTERVAL  LONGEST  TIMEOUTS  AUTH FAILED\n"
-              "      5    1         2  never         0        0         0            0\n"
-              "      7    1         3  never         0        0         0            0\n"
-              "      5    2         4  never         0        0         0            0\n");
-    EXPECT_EQ(fake.requests().at(0).body, from_hex("00000000 0c000000"));
+        return answers{rx(7, 10, 5) + rx(5, 2, 0) + rx(7, 11, 6) + module, rx(5, 4, 0) + module,
+                       done(to)};
+    }};
+    {
+        fake_daemon fake(tells);
+        EXPECT_EQ(run_line("-A session show").out,
+                  "SESSION  VRF  RECEIVED   LAST  INTERVAL  LONGEST  TIMEOUTS  AUTH FAILED\n"
+                  "      5    1         2  never         0        0         0            0\n"
+                  "      7    1        11  never         0      6us         0            0\n"
+                  "      5    2         4  never         0        0         0            0\n");
+        EXPECT_EQ(fake.requests().at(0).body, from_hex("00000000 0c000000"));
+    }
+    fake_daemon fake(tells);
+    const std::string cleared = run_line("-A statistics show clear").out;
+    EXPECT_NE(cleared.find("      7    1        21  never         0      5us "), std::string::npos)
+        << cleared;
 }
 
 // Session 5, whose packets come every 300 ms, and the frame that it has received last.
