@@ -16,11 +16,11 @@ namespace
 constexpr int dump_attempts = 5;
 constexpr std::int32_t max_errno = 4095; // the kernel's
 
-bool clears_what_it_reports(const request &req)
+// KELM_STATS_*; none of another request.
+std::uint32_t statistics_flags(const request &req)
 {
     const auto body = read_as<kelm_msg_get_stats>(req.body);
-    return req.type == KELM_MSG_GET_STATS && body &&
-           (body->flags & (KELM_STATS_CLEAR | KELM_STATS_NO_REPORT)) == KELM_STATS_CLEAR;
+    return req.type == KELM_MSG_GET_STATS && body ? body->flags : 0;
 }
 
 // What only answers consist of, besides netlink's own messages.
@@ -181,8 +181,11 @@ void request_queue::take_for_dump(const message &msg, time_point now)
 void request_queue::end_dump(int result, time_point now)
 {
     entry dump = take_dump(now);
-    const bool clears = clears_what_it_reports(dump.what);
-    if (result < 0 || !(dump.has_lost || (dump.is_interrupted && !clears))) {
+    const std::uint32_t flags = statistics_flags(dump.what);
+    const bool clears = (flags & KELM_STATS_CLEAR) != 0;
+    const bool is_spoilt =
+        (dump.has_lost && (flags & KELM_STATS_NO_REPORT) == 0) || (dump.is_interrupted && !clears);
+    if (result < 0 || !is_spoilt) {
         end_with_result(std::move(dump), result);
     } else if (clears) {
         end(std::move(dump),

@@ -115,6 +115,9 @@ TEST_F(client_and_kelmd, dump_is_collected_made_again_or_given_up)
     const attempt lost = [](const nlmsghdr &to) {
         return answers{overrun, tx_sync(4, to) + done(to)};
     };
+    const attempt whole_after_loss = [](const nlmsghdr &to) {
+        return answers{overrun, tx_sync(1, to) + tx_sync(2, to) + tx_sync(3, to) + done(to)};
+    };
     const attempt changed_under_it = [](const nlmsghdr &to) {
         return answers{tx_sync(4, to) + done(to, NLM_F_DUMP_INTR)};
     };
@@ -133,6 +136,12 @@ TEST_F(client_and_kelmd, dump_is_collected_made_again_or_given_up)
         {"spoilt", kelm::sync(0), {lost, changed_under_it, whole}, 0, 3, 2},
         {"failed", kelm::sync(0), {failed}, ENOMEM, 1, 0},
         {"cleared", kelm::get_stats(0, KELM_STATS_CLEAR), {lost, whole}, ENOBUFS, 1, 1},
+        {"cleared unread",
+         kelm::get_stats(0, KELM_STATS_CLEAR | KELM_STATS_NO_REPORT),
+         {whole_after_loss},
+         0,
+         1,
+         1},
         {"flood", kelm::sync(0), {lost}, ENOBUFS, 5, 5},
     };
     for (const auto &c : cases) {
