@@ -139,6 +139,9 @@ TEST(agent_reconcile, packets_are_checked_whoever_they_are_for)
     std::fill_n(reflected.frame.begin() + reflected.bfd_offset + 4, 4, 0);
     EXPECT_TRUE(believes(echo, reflected));
 
+    auto headless = change;
+    headless.l3_offset = static_cast<std::uint32_t>(change.frame.size());
+    EXPECT_FALSE(believes(config, headless));
     change.frame[14 + 8] = 254; // TTL
     EXPECT_FALSE(believes(config, change));
     for (std::size_t length = 0; length < change.frame.size(); ++length) {
