@@ -19,7 +19,7 @@ static bool requests_closed;
 static void (*engine_input)(struct sk_buff *skb); /* the same for every socket */
 
 /* The requests that are being handled, each in its sender's task. */
-struct request {
+struct handled_request {
     struct list_head list;
     const struct task_struct *sender;
     const struct sk_buff *skb;
@@ -30,7 +30,7 @@ static DEFINE_SPINLOCK(requests_lock);
 
 static void handle(struct sk_buff *skb)
 {
-    struct request request = {.sender = current, .skb = skb};
+    struct handled_request request = {.sender = current, .skb = skb};
 
     spin_lock(&requests_lock);
     list_add(&request.list, &requests);
@@ -54,7 +54,7 @@ static void input(struct sk_buff *skb)
 static const struct sk_buff *current_request(void)
 {
     const struct sk_buff *skb = NULL;
-    const struct request *request;
+    const struct handled_request *request;
 
     spin_lock(&requests_lock);
     list_for_each_entry(request, &requests, list)

@@ -101,7 +101,7 @@ def settle_in(namespace):
 def test_namespaces_come_and_go_by_the_hundred(nothing_left, link):
     """While sessions run and dumps of all namespaces are under way, one of them a slow one."""
     start_session(link)
-    names = [f"kelm-e2e-churn-{number}" for number in range(200)]
+    names = [f"kelm-e2e-churn-{number}" for number in range(120)]
     alive = 10
     commands = []
     for number, name in enumerate(names):
