@@ -13,8 +13,9 @@ namespace
 
 void no_trace(kelm_trace_type, std::uint32_t, const char *) {}
 
-// RFC 5880 sections 6.7.3 and 6.7.4, without an upper bound: we do not see every packet. Meticulous
-// numbers are circular. Keyed numbers may be used again, and kelm itself does so for a second.
+// RFC 5880 sections 6.7.3 and 6.7.4, without an upper bound, because kelm does not pass up every
+// packet. Meticulous numbers are circular. Keyed numbers may repeat; kelm repeats them for a
+// second.
 bool is_newer(std::uint8_t auth_type, std::uint32_t sequence, std::uint32_t last, bool may_repeat)
 {
     if (kelm_auth_is_keyed(auth_type))
@@ -22,8 +23,8 @@ bool is_newer(std::uint8_t auth_type, std::uint32_t sequence, std::uint32_t last
     return static_cast<std::int32_t>(sequence - last) > 0;
 }
 
-// kelm clears My Discriminator in an echo packet, which held a time stamp, after it has checked the
-// packet. One that arrives without is not passed up.
+// In an echo packet My Discriminator is a time stamp, which kelm clears after it has checked the
+// packet. A packet that arrives without one is never passed up.
 bool is_checked_echo(const session_config &config, const kelm::bfd_packet &packet)
 {
     return config.kind == session_kind::echo && packet.fields.my_discriminator == 0;
@@ -61,8 +62,8 @@ bool is_authentic(const session_config &config, const addressing &addresses,
         return false;
     if (!packet.auth_present || !packet.auth || !packet.auth->sequence)
         return true;
-    // Nobody has checked a packet without our discriminator. One by which the peer has lost us
-    // while we are Up is none of those by which the session came up a moment before.
+    // kelm checks no packet without our discriminator. While we are Up, a repeated number there is
+    // a replay of a packet from before the session came up.
     const bool may_repeat = !is_up || packet.fields.your_discriminator != 0;
     const std::uint32_t sequence = *packet.auth->sequence;
     if (last_sequence && !is_newer(packet.auth->type, sequence, *last_sequence, may_repeat))

@@ -19,13 +19,13 @@ namespace
 
 constexpr std::int64_t most_32_bits = 0xffffffff;
 
-// What [defaults] may hold: what several sessions have in common.
+// Keys allowed in [defaults].
 constexpr std::string_view default_keys[] = {
     "namespace",  "interface", "local",        "min-tx", "min-rx",
     "multiplier", "role",      "ttl-security", "auth",   "type",
 };
 
-// What can stand in a log line and a metric as it is.
+// Needs no quoting in a log line or a metric.
 bool is_word(const std::string &text)
 {
     return !text.empty() && std::ranges::none_of(text, [](char c) {
@@ -94,10 +94,10 @@ class reader
 
     std::string file_;
     std::vector<std::string> &warnings_;
-    const toml::table *defaults_ = nullptr; // not a copy, which would not know its lines
+    const toml::table *defaults_ = nullptr; // not a copy: copies lose their line numbers
     std::set<std::string> names_;
-    std::map<std::string, std::string> identities_; // names by them
-    // The names of sessions with an interface, by what their identity were without it.
+    std::map<std::string, std::string> identities_; // session names, by identity
+    // Names of sessions with an interface, by their identity without it.
     std::map<std::string, std::string> bound_;
 };
 
@@ -122,12 +122,12 @@ void reader::read_agent(const toml::table &table, agent_config &config)
     config.metrics_file = section.text("metrics-file", "");
     if (const auto *file = section.find("metrics-file");
         file != nullptr && !config.metrics_file.ends_with(".prom"))
-        section.fail(*file, "'metrics-file' must end in .prom: the node exporter reads no others");
+        section.fail(*file, "'metrics-file' must end in .prom, or the node exporter ignores it");
     config.metrics_listen = read_endpoint(section, "metrics-listen");
     section.expect_no_more();
 }
 
-// A default that no session uses must be right as well.
+// A default must be valid even if no session uses it.
 void reader::check_defaults(const toml::table &table)
 {
     config_section section(table, file_);
@@ -188,7 +188,7 @@ void reader::read_place(config_section &section, session_config &session)
     session.netns = section.text("namespace", "");
     session.interface = section.text("interface", "");
     if (!session.interface.empty() && !is_interface_name(session.interface))
-        section.fail(section.require("interface"), "'interface' must be the name of an interface");
+        section.fail(section.require("interface"), "'interface' must be an interface name");
 }
 
 void reader::read_addresses(config_section &section, session_config &session)
@@ -205,7 +205,7 @@ void reader::read_addresses(config_section &section, session_config &session)
     const bool is_link_local =
         session.peer.family == AF_INET6 && octets[0] == 0xfe && (octets[1] & 0xc0) == 0x80;
     if (is_link_local && session.interface.empty())
-        section.fail(peer, "a link-local peer needs an 'interface'");
+        section.fail(peer, "a link-local 'peer' requires an 'interface'");
 }
 
 void reader::read_timing(config_section &section, session_config &session)
@@ -250,7 +250,7 @@ void reader::read_kind(config_section &section, session_config &session)
     const bool wants_interface =
         session.kind == session_kind::echo || session.kind == session_kind::lag;
     if (wants_interface && session.interface.empty())
-        section.fail("'interface' is missing, which this type of session needs");
+        section.fail("this type of session requires an 'interface'");
     if (is_alone(session.kind) && session.passive)
         section.fail(section.require("role"), "this type of session cannot be passive");
     read_echo(section, session);
@@ -267,7 +267,8 @@ void reader::read_echo(config_section &section, session_config &session)
         if (const auto source = section.address("source"))
             session.source = *source;
         if (session.source.family != 0 && session.source.family != session.local.family)
-            section.fail(section.require("source"), "'source' and 'local' must be of one version");
+            section.fail(section.require("source"),
+                         "'source' and 'local' must both be IPv4 or both be IPv6 addresses");
         read_peer_mac(section, session);
     }
 }
@@ -282,14 +283,14 @@ void reader::read_peer_mac(config_section &section, session_config &session)
         section.fail(*mac, "'peer-mac' must be an Ethernet address, as in \"02:00:00:12:34:56\"");
 }
 
-// The echo function is a session of its own, which runs while the one that it guards is Up.
+// The echo function is a session of its own, which runs while the guarded one is Up.
 void reader::add_guard(config_section &section, agent_config &config, const session_config &guarded)
 {
     const toml::node *node = section.find_own("echo");
     if (node == nullptr)
         return;
     if (guarded.kind != session_kind::single_hop || guarded.interface.empty())
-        section.fail(*node, "'echo' needs a single-hop session with an 'interface'");
+        section.fail(*node, "'echo' requires a single-hop session with an 'interface'");
     config_section own(section.as_table(*node, "echo"), file_);
     session_config guard;
     guard.name = guard_name(guarded.name);
@@ -319,15 +320,15 @@ std::vector<std::string> reader::read_members(config_section &section,
     for (const auto &each : section.as_array(node, "members")) {
         members.push_back(section.as_text(each, "members"));
         if (!is_interface_name(members.back()) || members.back() == session.interface)
-            section.fail(each, "'members' must be the names of links of the aggregate");
+            section.fail(each, "'members' must be names of member interfaces");
     }
     if (members.empty())
-        section.fail(node, "'members' must name at least one link of the aggregate");
+        section.fail(node, "'members' must name at least one interface");
     return members;
 }
 
-// RFC 5881 section 3: between two addresses there is one session on an interface. One that accepts
-// packets from any interface would take, or lose, those of the others.
+// RFC 5881 section 3: one session per pair of addresses and interface. A session without interface
+// would compete with the others for their packets.
 void reader::expect_one_session_per_pair(config_section &section, const session_config &session)
 {
     session_config anywhere = session;
@@ -336,7 +337,7 @@ void reader::expect_one_session_per_pair(config_section &section, const session_
     const auto &others = session.interface.empty() ? bound_ : identities_;
     if (const auto other = others.find(pair); other != others.end())
         section.fail("sessions '" + other->second + "' and '" + session.name +
-                     "' have the same addresses, and only one of them has an 'interface'");
+                     "' have the same addresses, but only one has an 'interface'");
     if (!session.interface.empty())
         bound_.emplace(pair, session.name);
 }
@@ -344,11 +345,11 @@ void reader::expect_one_session_per_pair(config_section &section, const session_
 void reader::add(config_section &section, agent_config &config, session_config session)
 {
     if (!names_.insert(session.name).second)
-        section.fail("there is a session '" + session.name + "' already");
+        section.fail("duplicate session name '" + session.name + "'");
     const auto [same, is_new] = identities_.emplace(identity_text(session), session.name);
     if (!is_new)
-        section.fail("session '" + session.name + "' is the same as '" + same->second +
-                     "': type, namespace, addresses and interface are");
+        section.fail("session '" + session.name + "' duplicates '" + same->second +
+                     "': same type, namespace, addresses and interface");
     expect_one_session_per_pair(section, session);
     config.sessions.push_back(std::move(session));
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The configuration file: TOML in, a complete and checked model out.
+// The configuration file: from TOML to a complete, validated model.
 #pragma once
 
 #include <stdexcept>
@@ -10,7 +10,7 @@
 namespace kelm_agent
 {
 
-// Says file and line, what is wrong there, and what would be right.
+// The text names file and line, what is wrong, and what would be valid.
 class config_error : public std::runtime_error
 {
   public:
@@ -20,12 +20,12 @@ class config_error : public std::runtime_error
     }
 };
 
-// `warnings` gets what does not keep the configuration from being used. Key files are read; names
-// that are not absolute start from the directory of `file`. Throws config_error, or kelm::error if
-// the file itself cannot be read.
+// Adds to `warnings` what does not make the configuration invalid. Reads key files; relative paths
+// are relative to the directory of `file`. Throws config_error, or kelm::error if the file itself
+// cannot be read.
 agent_config load_config(const std::string &file, std::vector<std::string> &warnings);
 
-// The same for text that is at hand; `file` is what errors call it.
+// The same for a text; errors name `file`.
 agent_config parse_config(const std::string &text, const std::string &file,
                           std::vector<std::string> &warnings);
 

@@ -23,7 +23,8 @@ kelm::bytes read_secret(config_section &section, std::vector<std::string> &warni
     try {
         bool is_exposed = false;
         kelm::bytes secret = kelm::read_key_file(path, is_exposed);
-        const std::string warning = "key file " + path + " is open to other users (chmod 600)";
+        const std::string warning =
+            "key file " + path + " is accessible to other users (chmod 600)";
         if (is_exposed && std::ranges::find(warnings, warning) == warnings.end())
             warnings.push_back(warning);
         return secret;
@@ -82,7 +83,7 @@ authentication read_authentication(const toml::table &table, const std::string &
     const bool wants_keys = auth.type != BFD_AUTH_NONE && auth.type != BFD_AUTH_DEBUG_SEQNUM;
     if (wants_keys != (keys != nullptr))
         section.fail(wants_keys ? "'keys' is missing: one or two of { id = 1, file = \"...\" }"
-                                : "this type of authentication has no 'keys'");
+                                : "this type of authentication takes no 'keys'");
     if (keys != nullptr) {
         const toml::array &list = section.as_array(*keys, "keys");
         if (list.empty() || list.size() > KELM_NUM_AUTH_KEYS)
@@ -91,7 +92,7 @@ authentication read_authentication(const toml::table &table, const std::string &
             auth.keys.push_back(
                 read_key(section.as_table(each, "keys"), auth.type, file, warnings));
         if (auth.keys.size() == 2 && auth.keys[0].id == auth.keys[1].id)
-            section.fail(list, "the two keys must have different ids");
+            section.fail(list, "the keys must have different ids");
     }
     auth.sending = read_sending(section, auth.keys);
     section.expect_no_more();

@@ -66,7 +66,7 @@ std::string config_section::as_text(const toml::node &node, std::string_view key
 {
     const auto *value = node.as_string();
     if (value == nullptr)
-        fail(node, quoted(key) + " must be text in quotes");
+        fail(node, quoted(key) + " must be a string in quotes");
     return value->get();
 }
 
@@ -120,7 +120,7 @@ std::int64_t config_section::number(std::string_view key, std::int64_t least, st
     return found == nullptr ? otherwise : as_number(*found, key, least, most);
 }
 
-// Below a millisecond kelm's clock does not reach.
+// kelm's clock ticks once a millisecond.
 kelm_microsecs config_section::duration(std::string_view key, kelm_microsecs otherwise)
 {
     constexpr kelm_microsecs least = 1000;
@@ -144,8 +144,7 @@ std::optional<kelm::ip_address> config_section::address(std::string_view key)
     if (!address)
         fail(*found, quoted(key) + " must be an IPv4 or IPv6 address, as in \"192.0.2.1\"");
     if (!is_unicast(*address))
-        fail(*found, quoted(key) + " must be the address of one host, not an unspecified, "
-                                   "multicast or broadcast address");
+        fail(*found, quoted(key) + " must be a unicast address");
     if (is_ipv4_in_ipv6(*address))
         fail(*found, quoted(key) + " must be written as an IPv4 address");
     return address;
@@ -160,7 +159,7 @@ void config_section::expect_no_more() const
         for (const auto &known : known_)
             keys += (keys.empty() ? "" : ", ") + known;
         throw config_error(file_, key.source().begin.line,
-                           "there is no key " + quoted(key.str()) + " here; the keys are: " + keys);
+                           "unknown key " + quoted(key.str()) + "; known here: " + keys);
     }
 }
 

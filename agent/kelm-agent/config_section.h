@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // One table of the configuration file, read key by key. Each accessor checks type and range, and
-// throws config_error with the place of what is wrong.
+// throws config_error with the line of the mistake.
 #pragma once
 
 #include <functional>
@@ -16,14 +16,14 @@ namespace kelm_agent
 class config_section
 {
   public:
-    // `defaults`, which outlives the section, has the values of keys that the table lacks.
+    // `defaults`, which outlives the section, provides values for missing keys.
     config_section(const toml::table &table, std::string file,
                    const toml::table *defaults = nullptr)
         : table_(table), file_(std::move(file)), defaults_(defaults)
     {
     }
 
-    // Null if there is no such key. What is asked for is known to exist.
+    // Null if the key is missing. Registers the key as a known one.
     const toml::node *find(std::string_view key);
     // The same without the defaults.
     const toml::node *find_own(std::string_view key);
@@ -34,17 +34,17 @@ class config_section
     std::int64_t number(std::string_view key, std::int64_t least, std::int64_t most,
                         std::int64_t otherwise);
     kelm_microsecs duration(std::string_view key, kelm_microsecs otherwise);
-    // Of one host: no unspecified, multicast or broadcast address.
+    // A unicast address.
     std::optional<kelm::ip_address> address(std::string_view key);
 
-    // Of a value that has been found.
+    // Conversions of a value that was found.
     std::string as_text(const toml::node &, std::string_view key) const;
     std::int64_t as_number(const toml::node &, std::string_view key, std::int64_t least,
                            std::int64_t most) const;
     const toml::table &as_table(const toml::node &, std::string_view key) const;
     const toml::array &as_array(const toml::node &, std::string_view key) const;
 
-    // Complains about the first key that nobody has asked for.
+    // Fails on the first key that was never looked up.
     void expect_no_more() const;
 
     [[noreturn]] void fail(const toml::node &at, const std::string &text) const;

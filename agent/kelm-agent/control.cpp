@@ -24,7 +24,7 @@ std::vector<std::string> names_in(const agent &running, const json &request)
     std::vector<std::string> names = request.value("sessions", std::vector<std::string>());
     for (const auto &name : names)
         if (!running.sessions().contains(name))
-            throw std::out_of_range("there is no session '" + name + "'");
+            throw std::out_of_range("no session '" + name + "'");
     if (names.empty())
         for (const auto &[name, managed] : running.sessions())
             names.push_back(name);
@@ -63,12 +63,12 @@ json answer(agent &running, const json &request)
         return show_history(running, names);
     if (command == "down" || command == "up") {
         if (!request.contains("sessions") || request.at("sessions").empty())
-            throw std::out_of_range("name the sessions");
+            throw std::out_of_range("no sessions given");
         for (const auto &name : names)
             running.set_admin_down(name, command == "down");
         return {{"ok", true}};
     }
-    throw std::out_of_range("there is no command '" + command + "'");
+    throw std::out_of_range("unknown command '" + command + "'");
 }
 
 sockaddr_un address_of(const std::string &path)
@@ -76,7 +76,7 @@ sockaddr_un address_of(const std::string &path)
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path)
-        throw kelm::error(ENAMETOOLONG, path + " is too long for a socket's name");
+        throw kelm::error(ENAMETOOLONG, path + " is too long for a socket address");
     std::ranges::copy(path, address.sun_path);
     return address;
 }
@@ -85,22 +85,22 @@ kelm::unique_fd make_socket()
 {
     kelm::unique_fd made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!made)
-        kelm::throw_errno(errno, "cannot make a socket");
+        kelm::throw_errno(errno, "cannot create a socket");
     return made;
 }
 
-// What a killed agent has left is removed, but not what a running one serves.
+// Removes a killed agent's socket, but not a running agent's.
 void make_way(const std::string &path, const sockaddr_un &address)
 {
     const kelm::unique_fd probe = make_socket();
     if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
         errno == EAGAIN)
-        throw kelm::error(EADDRINUSE, "another kelm-agent serves " + path +
-                                          "; stop it, or choose other files for this one with "
+        throw kelm::error(EADDRINUSE, "another kelm-agent is using " + path +
+                                          "; stop it, or give this one its own with "
                                           "--socket and --state");
     if (errno == EACCES)
-        kelm::throw_errno(errno, "cannot tell whether another kelm-agent serves " + path);
-    if (errno == ECONNREFUSED && std::filesystem::is_socket(path)) // it is the same for other files
+        kelm::throw_errno(errno, "cannot tell whether another kelm-agent is using " + path);
+    if (errno == ECONNREFUSED && std::filesystem::is_socket(path)) // other files refuse as well
         (void)unlink(path.c_str());
 }
 
@@ -114,7 +114,7 @@ kelm::unique_fd listen_at(const std::string &path)
         bind(listening.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
     umask(mask);
     if (bound != 0 || listen(listening.get(), SOMAXCONN) != 0)
-        kelm::throw_errno(errno, "cannot listen at " + path);
+        kelm::throw_errno(errno, "cannot listen on " + path);
     return listening;
 }
 
@@ -128,7 +128,7 @@ std::string answer_control_request(agent &running, const std::string &request)
     } catch (const std::out_of_range &problem) {
         reply = {{"ok", false}, {"error", problem.what()}};
     } catch (const json::exception &) {
-        reply = {{"ok", false}, {"error", "the request makes no sense"}};
+        reply = {{"ok", false}, {"error", "malformed request"}};
     }
     return reply.dump(-1, ' ', false, json::error_handler_t::replace);
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// What `kelmctl agent` talks to: a local socket, on which a request is one line of JSON and its
-// answer another one. The socket belongs to whoever runs the agent, and to root.
+// The socket for `kelmctl agent`: a request is one line of JSON, its answer another one. Accessible
+// to the user who runs the agent and to root.
 //
 //   {"command": "show", "sessions": ["name", ...]}        all sessions if none is named
 //   {"command": "history", "sessions": ["name", ...]}

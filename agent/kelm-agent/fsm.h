@@ -17,17 +17,17 @@ struct condition {
     bool operator==(const condition &) const = default;
 };
 
-// After a packet in which the peer says to be in state `received`.
+// After a packet with state `received`.
 condition after_packet(condition now, std::uint8_t received);
 
-// After a reply of an S-BFD reflector.
+// After a reply from an S-BFD reflector.
 condition after_reflection(condition now, std::uint8_t received);
 
-// After a detection time of silence.
+// After the detection time has expired.
 condition after_timeout(condition now, std::uint8_t diag);
 
 condition administratively_down();
-// When the administrator lets the session go again.
+// After the administrator has enabled the session again.
 condition administratively_enabled();
 
 } // namespace kelm_agent

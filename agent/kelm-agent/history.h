@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// What has become of a session over time.
+// A session's changes of state.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@ using wall_time = std::chrono::system_clock::time_point;
 
 struct change {
     wall_time when;
-    std::uint8_t from = BFD_STATE_DOWN; // bfd_states; the same as `to` where the state stays
+    std::uint8_t from = BFD_STATE_DOWN; // bfd_states; equal to `to` if the state did not change
     std::uint8_t to = BFD_STATE_DOWN;
     std::uint8_t diag = BFD_DIAG_NONE;
     std::string reason; // in words

@@ -35,7 +35,7 @@ const char *level_name(int priority)
     return priority == LOG_ERR ? "error" : priority == LOG_WARNING ? "warning" : "info";
 }
 
-// In one piece: lines of several writers do not mix. A reader that is gone is no reason to end.
+// In one write, so that lines of several writers do not mix. Errors are ignored.
 void write_line(std::string line)
 {
     line += '\n';
@@ -77,8 +77,7 @@ void write_journal(int priority, const std::string &text, const std::vector<log_
 
 } // namespace
 
-// systemd says which stream it has connected to the journal; standard error may have been
-// redirected since.
+// systemd names the stream that it has connected to the journal; standard error may be redirected.
 log_form default_log_form()
 {
     const char *stream = std::getenv("JOURNAL_STREAM");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The agent's log: one line an event, for people, for programs, or for the journal with its fields.
+// The agent's log: one line per event, as text, as JSON, or as fields for the journal.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@ namespace kelm_agent
 
 enum class log_form { text, json, journal };
 
-// The journal where standard error leads there, else text.
+// The journal if standard error is connected to it, else text.
 log_form default_log_form();
 
 struct log_field {

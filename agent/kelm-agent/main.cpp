@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// kelm-agent: a BFD agent over kelm. Here are its start, its reload and its end.
+// kelm-agent, a BFD agent over kelm: start, reload and exit.
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <filesystem>
@@ -27,36 +27,35 @@ struct options {
     std::optional<log_form> log;
 };
 
-// The exit status, or -1 to go on.
+// The exit status, or -1 to continue.
 int parse_command_line(int argc, char **argv, options &chosen)
 {
-    CLI::App app("A BFD agent: runs the sessions of its configuration over kelm.", "kelm-agent");
+    CLI::App app("BFD agent: runs the sessions of its configuration file over kelm.", "kelm-agent");
     app.failure_message([](const CLI::App *failed, const CLI::Error &error) {
         return "kelm-agent: " + CLI::FailureMessage::simple(failed, error);
     });
     app.set_version_flag("-V,--version", "kelm-agent " KELM_VERSION);
-    app.add_option("-c,--config", chosen.config_file, "The configuration")
+    app.add_option("-c,--config", chosen.config_file, "Configuration file")
         ->type_name("FILE")
         ->capture_default_str();
-    app.add_option("--state", chosen.state_file,
-                   "What a restarted agent needs to know of its sessions is kept here")
+    app.add_option("--state", chosen.state_file, "Where to record the sessions for the next run")
         ->type_name("FILE")
         ->capture_default_str();
-    app.add_option("--socket", chosen.control_socket, "Where 'kelmctl agent' finds the agent")
+    app.add_option("--socket", chosen.control_socket, "Control socket, used by 'kelmctl agent'")
         ->type_name("FILE")
         ->capture_default_str();
     app.add_flag("--keep", chosen.keep,
-                 "When stopped, leave the sessions to kelm, for the next start to take over; "
-                 "without it, peers are told AdminDown");
+                 "On exit, leave all sessions running in kelm, for the next run to take over "
+                 "(default: tell peers AdminDown and delete the sessions)");
     app.add_flag("--sole-agent", chosen.sole_agent,
-                 "At start, delete all sessions in kelm that are not in the configuration, also "
-                 "those of other agents and in other namespaces");
-    app.add_flag("--check", chosen.check, "Check the configuration and end");
+                 "On start, delete all sessions in kelm that are not in the configuration, "
+                 "including those of other agents and in other namespaces");
+    app.add_flag("--check", chosen.check, "Check the configuration and exit");
     std::string log_name;
     app.add_option("--log", log_name,
-                   "How to log to standard error (default: journal where standard error leads "
-                   "there, else text)")
-        ->type_name("FORM")
+                   "Log format (default: journal if standard error is connected to it, "
+                   "else text)")
+        ->type_name("FORMAT")
         ->check(CLI::IsMember({"text", "json", "journal"}));
     try {
         app.parse(argc, argv);
@@ -96,7 +95,7 @@ int check_config(const options &chosen)
     return EXIT_SUCCESS;
 }
 
-// A configuration that cannot be used leaves everything as it is.
+// An invalid configuration changes nothing.
 void reload(agent &running, metrics_exporter &metrics, const options &chosen, const logger &log)
 {
     sd_notify(0, "RELOADING=1");
@@ -104,14 +103,14 @@ void reload(agent &running, metrics_exporter &metrics, const options &chosen, co
         const agent_config config = load(chosen.config_file, log);
         running.reconfigure(config);
         metrics.configure(config);
-        log.info("configuration loaded again");
+        log.info("configuration reloaded");
     } catch (const std::exception &problem) {
         log.error(std::string("configuration not changed: ") + problem.what());
     }
     sd_notify(0, "READY=1");
 }
 
-// Directories of /run are gone after a boot.
+// A reboot empties /run.
 void make_directory_of(const std::string &file)
 {
     const auto directory = std::filesystem::path(file).parent_path();
@@ -119,7 +118,7 @@ void make_directory_of(const std::string &file)
         std::filesystem::create_directory(directory);
 }
 
-// Tells systemd that the loop is alive, where it wants to know (WatchdogSec=).
+// Tells systemd that the event loop is alive, if WatchdogSec= is set.
 class watchdog
 {
   public:
@@ -150,7 +149,7 @@ int run(const options &chosen, const logger &log)
     const agent_config config = load(chosen.config_file, log);
     make_directory_of(chosen.control_socket);
     make_directory_of(chosen.state_file);
-    control_socket control(loop, chosen.control_socket); // first: there must be no other agent
+    control_socket control(loop, chosen.control_socket); // first: fails if another agent is running
     agent running(loop, log, {chosen.state_file, chosen.sole_agent}, config);
     control.serve(running);
     metrics_exporter metrics(loop, log, running);

@@ -35,7 +35,7 @@ std::string escaped(const std::string &text)
     return out;
 }
 
-// Enough digits for a time of day in microseconds.
+// Enough digits for a wall-clock time in microseconds.
 std::string number(double value)
 {
     if (std::isnan(value))
@@ -69,11 +69,11 @@ struct sample {
 };
 
 struct metric {
-    const char *name; // without the common beginning
+    const char *name; // without the common prefix
     const char *type;
     const char *help;
     double (*value)(const sample &);
-    bool (*applies)(const sample &) = nullptr; // to all, where null
+    bool (*applies)(const sample &) = nullptr; // null: to all
 };
 
 template<auto Field>
@@ -102,33 +102,35 @@ double round_trip(const sample &s)
 constexpr metric table[] = {
     {"up", "gauge", "Whether the session is Up.",
      [](const sample &s) { return s.bfd().is_up() ? 1.0 : 0.0; }},
-    {"diagnostic", "gauge", "Why the state changed last, a number of RFC 5880 section 4.1.",
+    {"diagnostic", "gauge", "Why the state last changed: a diagnostic of RFC 5880 section 4.1.",
      [](const sample &s) { return double{static_cast<double>(s.bfd().state().diag)}; }},
-    {"state_timestamp_seconds", "gauge", "When the state changed last.",
+    {"state_timestamp_seconds", "gauge", "When the state last changed.",
      [](const sample &s) { return seconds(s.managed.past.since); }},
-    {"up_transitions_total", "counter", "How often the session has come Up.",
+    {"up_transitions_total", "counter", "How often the session has entered Up.",
      [](const sample &s) { return static_cast<double>(s.managed.past.up_count); }},
     {"down_transitions_total", "counter", "How often the session has left Up.",
      [](const sample &s) { return static_cast<double>(s.managed.past.down_count); }},
-    {"transmit_interval_seconds", "gauge", "Negotiated time between our packets, before jitter.",
+    {"transmit_interval_seconds", "gauge",
+     "Negotiated interval between our packets, before jitter.",
      [](const sample &s) { return seconds(s.bfd().timing().transmit_interval()); }},
-    {"detection_time_seconds", "gauge", "How long a silence is a failure.",
+    {"detection_time_seconds", "gauge", "Negotiated detection time.",
      [](const sample &s) { return seconds(s.bfd().timing().detection_time()); }},
     {"last_received_timestamp_seconds", "gauge", "When the last packet was accepted.",
      last_received},
     {"received_packets_total", "counter", "Packets accepted.",
      received<&kelm_msg_rx_stats::num_received>},
     {"rejected_packets_total", "counter",
-     "Packets that failed the checks of authentication, TTL or interface.",
+     "Packets that failed the authentication, TTL or interface check.",
      received<&kelm_msg_rx_stats::num_auth_fail>},
     {"timeouts_total", "counter", "Expiries of the detection timer.",
      received<&kelm_msg_rx_stats::num_timeout>},
-    {"sent_packets_total", "counter", "Packets sent in their rhythm.",
+    {"sent_packets_total", "counter", "Packets sent on schedule.",
      sent<&kelm_msg_tx_stats::num_sent>},
     {"send_errors_total", "counter", "Packets that could not be sent.",
      sent<&kelm_msg_tx_stats::num_tx_errors>},
-    {"round_trip_seconds", "gauge", "Time that the last echo took, NaN before the first.",
-     round_trip, [](const sample &s) { return s.measures_round_trips(); }},
+    {"round_trip_seconds", "gauge",
+     "Round-trip time of the last echo packet, NaN before the first.", round_trip,
+     [](const sample &s) { return s.measures_round_trips(); }},
 };
 
 std::string labels_of(const session_config &config)
@@ -156,7 +158,7 @@ void add_metric(std::string &out, const metric &what, const std::vector<sample> 
 void add_states(std::string &out, const std::vector<sample> &samples)
 {
     const std::string name = "kelm_agent_session_state";
-    add_head(out, name, "gauge", "1 for the state that the session is in, 0 for the others.");
+    add_head(out, name, "gauge", "1 for the session's current state, 0 for the others.");
     for (const auto &each : samples)
         for (const auto &state : kelm::state_names)
             out += name + "{" + labels_of(each.bfd().config()) + ",state=\"" +
@@ -194,7 +196,7 @@ kelm::unique_fd listen_at(const endpoint &at)
     if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) != 0 ||
         bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), length) != 0 ||
         listen(fd.get(), SOMAXCONN) != 0)
-        kelm::throw_errno(errno, "cannot offer metrics at " + at.address.text() + " port " +
+        kelm::throw_errno(errno, "cannot serve metrics on " + at.address.text() + " port " +
                                      std::to_string(at.port));
     return fd;
 }
@@ -227,7 +229,7 @@ std::optional<std::string> answer_http(agent &running, const std::string &receiv
     if (!received.starts_with("GET "))
         return http_response("405 Method Not Allowed", "only GET is served\n");
     if (!received.starts_with("GET /metrics ") && !received.starts_with("GET /metrics?"))
-        return http_response("404 Not Found", "the metrics are at /metrics\n");
+        return http_response("404 Not Found", "see /metrics\n");
     return http_response("200 OK", metrics_text(running));
 }
 

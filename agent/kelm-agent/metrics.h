@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The sessions as Prometheus sees them. Every session has all of its series in every state.
+// Metrics for Prometheus. Every session has all of its series in every state.
 #pragma once
 
 #include "kelm-agent/session_report.h"

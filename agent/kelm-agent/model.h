@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// What the configuration says, checked and complete.
+// The configuration, validated and complete.
 #pragma once
 
 #include <optional>
@@ -15,8 +15,8 @@ namespace kelm_agent
 
 enum class session_kind {
     single_hop, // RFC 5881
-    echo,       // our own packets, sent back by a neighbour: alone (RFC 9747), or as the guard of a
-                // single-hop session (RFC 5881 section 3, RFC 5880 section 6.4)
+    echo,       // our own packets, returned by a neighbour: on its own (RFC 9747), or as the
+                // guard of a single-hop session (RFC 5881 section 3, RFC 5880 section 6.4)
     lag,        // RFC 7130: one member link
     multihop,   // RFC 5883
     sbfd,       // RFC 7880: an initiator
@@ -30,38 +30,38 @@ struct auth_key {
 
 struct authentication {
     std::uint8_t type = BFD_AUTH_NONE;
-    std::vector<auth_key> keys; // one or two, but for the types without keys; all are accepted
-    std::size_t sending = 0;    // the one of them that our packets use
+    std::vector<auth_key> keys; // one or two, none for types without keys; each is accepted
+    std::size_t sending = 0;    // index of the key that our packets use
     bool operator==(const authentication &) const = default;
 };
 
 struct session_config {
     std::string name;
     session_kind kind = session_kind::single_hop;
-    std::string netns; // as in_netns takes it
+    std::string netns; // as in_netns() takes it
     kelm::ip_address local;
     kelm::ip_address peer;
     std::string interface;                     // empty: any
-    std::string member;                        // LAG: the link of the aggregate `interface`
-    std::optional<kelm::mac_address> peer_mac; // echo: the neighbour's, where it is given
+    std::string member;                        // LAG: member link of the aggregate `interface`
+    std::optional<kelm::mac_address> peer_mac; // echo: the neighbour's, if configured
     std::uint32_t remote_discriminator = 0;    // S-BFD: the reflector's
 
     intervals timing{300'000, 300'000};
     std::uint8_t multiplier = 3;
     bool passive = false;
     bool admin_down = false;
-    std::uint8_t ttl = 255;        // or hop limit, of what is sent
-    std::uint8_t required_ttl = 0; // KELM_AUTH_TTL_*, of what arrives
+    std::uint8_t ttl = 255;        // or hop limit, of packets sent
+    std::uint8_t required_ttl = 0; // KELM_AUTH_TTL_*, of packets received
     authentication auth;
-    kelm_microsecs min_echo_rx = 0; // how often we let the peer have its echo; 0: not at all
+    kelm_microsecs min_echo_rx = 0; // how often the peer may send echo packets; 0: never
 
-    kelm::ip_address source; // echo: what its packets come from, where it is not `local`
+    kelm::ip_address source; // echo: the packets' source address, if not `local`
     std::string guards;      // echo: the session that fails with it, RFC 5880 section 6.8.5
 
     bool operator==(const session_config &) const = default;
 };
 
-// Of a TCP service.
+// Address of a TCP service.
 struct endpoint {
     kelm::ip_address address;
     std::uint16_t port = 0;
@@ -75,7 +75,7 @@ struct agent_config {
     bool operator==(const agent_config &) const = default;
 };
 
-// What cannot change without the session becoming another one.
+// Everything that identifies a session: if it changes, the session is another one.
 std::string identity_text(const session_config &);
 
 // The echo session that guards a session of this name.
@@ -84,7 +84,7 @@ std::string guard_name(const std::string &session);
 std::string_view kind_name(session_kind);
 std::optional<session_kind> kind_named(std::string_view);
 
-// Whether the packets that come back are our own, or reflections of them.
+// Whether received packets are our own, or reflections of them.
 constexpr bool is_alone(session_kind kind)
 {
     return kind == session_kind::echo || kind == session_kind::sbfd;

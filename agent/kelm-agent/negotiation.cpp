@@ -10,7 +10,7 @@ namespace kelm_agent
 namespace
 {
 
-// The peer may count on packets as often as one of these says, and may itself send as rarely.
+// The peer may expect packets as often as either of these says, and may send as rarely.
 intervals more_cautious(intervals one, intervals other)
 {
     return {std::min(one.desired_min_tx, other.desired_min_tx),
@@ -41,7 +41,7 @@ void negotiation::agree(intervals with)
     is_unconfirmed_ = with != configured_;
 }
 
-// While the session was not Up, what was advertised applied at once.
+// While the session was not Up, advertised intervals took effect at once.
 void negotiation::set_up(bool up)
 {
     if (up && !up_)
@@ -60,8 +60,8 @@ void negotiation::poll_ends()
     agree(polled_);
 }
 
-// RFC 5880 section 6.8.3: until the peer has confirmed it, sending more slowly would look like a
-// failure to it, and it may itself still send more slowly than we now ask for.
+// RFC 5880 section 6.8.3: until the peer confirms the change, it would take slower packets for a
+// failure, and may itself still send at the old, slower rate.
 intervals negotiation::in_effect() const
 {
     const intervals ours = advertised();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// How often packets are sent and how long their absence is borne: RFC 5880 sections 6.8.2 to 6.8.4
+// Transmit intervals and detection times: RFC 5880 sections 6.8.2 to 6.8.4
 // and 6.8.7, and the Poll Sequences by which a peer learns of a change (6.5).
 #pragma once
 
@@ -11,7 +11,7 @@
 namespace kelm_agent
 {
 
-// Not sent faster than this while a session is not Up: a second.
+// The shortest interval while a session is not Up: one second.
 constexpr kelm_microsecs slow_interval = 1'000'000;
 
 struct intervals {
@@ -20,7 +20,7 @@ struct intervals {
     bool operator==(const intervals &) const = default;
 };
 
-// What a packet of the peer says about itself.
+// The peer's timing, from its packets.
 struct peer_timing {
     std::uint8_t detect_multiplier = 0;
     kelm_microsecs desired_min_tx = 0;
@@ -31,8 +31,8 @@ struct peer_timing {
 class negotiation
 {
   public:
-    // `alone`: the packets that come back are our own or reflections of them, so that their rate
-    // and multiplier are ours and there is nobody to poll.
+    // `alone`: received packets are our own or reflections of them, so that their rate and
+    // multiplier are ours and there is no peer to poll.
     negotiation(intervals configured, std::uint8_t multiplier, bool alone)
         : configured_(configured), multiplier_(multiplier), alone_(alone)
     {
@@ -41,26 +41,26 @@ class negotiation
     void configure(intervals, std::uint8_t multiplier);
     void set_up(bool up);
     void hear(const peer_timing &peer) { peer_ = peer; }
-    // Goes on from what an earlier run of the agent had agreed on with the peer.
+    // Continues with the intervals that an earlier run of the agent had agreed on with the peer.
     void resume(intervals agreed);
 
-    // What our packets say: Desired Min TX and Required Min RX Interval.
+    // In our packets: Desired Min TX and Required Min RX Interval.
     intervals advertised() const { return up_ ? configured_ : slowed(configured_); }
 
-    // What the peer may count on. Differs from `advertised` while a Poll Sequence is due or under
-    // way.
+    // What the peer may rely on. Differs from `advertised` while a Poll Sequence is due or in
+    // progress.
     intervals in_effect() const;
 
     bool needs_poll() const { return up_ && !alone_ && is_unconfirmed_; }
     void poll_begins() { polled_ = advertised(); }
     void poll_ends();
 
-    // Whether the peer wants packets at all.
+    // Whether the peer wants periodic packets at all.
     bool peer_listens() const { return peer_.required_min_rx != 0; }
     // Before jitter.
     kelm_microsecs transmit_interval() const;
-    // The peer's packets come at least this often; a number of them missing is a failure. The
-    // product of the two, the detection time, fits 32 bits.
+    // The peer's packets arrive at least this often; receive_multiplier() of them missing is a
+    // failure. The product, the detection time, fits 32 bits.
     kelm_microsecs receive_interval() const;
     std::uint8_t receive_multiplier() const
     {
@@ -76,9 +76,9 @@ class negotiation
     void agree(intervals);
 
     intervals configured_;
-    // Of meaning while Up; where the peer may go by one or the other, the more cautious:
-    intervals agreed_{}; // what it has confirmed, and all that it has been told since
-    intervals polled_{}; // what the Poll Sequence under way has told it
+    // Valid while Up. If the peer may go by either of two values, the more cautious one:
+    intervals agreed_{}; // confirmed by the peer, or told to it since
+    intervals polled_{}; // told by the Poll Sequence in progress
     bool is_unconfirmed_ = false;
     std::uint8_t multiplier_;
     bool alone_;

@@ -20,7 +20,7 @@ std::uint8_t timeout_diag(session_kind kind)
     return kind == session_kind::echo ? BFD_DIAG_ECHO_FAIL : BFD_DIAG_CTRL_TIMEOUT;
 }
 
-// Whether a packet that a peer in this state has sent can have met a session that was Up.
+// Whether we can have been Up when a peer in this state sent a packet.
 bool suggests_up(std::uint8_t peer_state)
 {
     return peer_state == BFD_STATE_UP || peer_state == BFD_STATE_INIT;
@@ -42,8 +42,8 @@ desired_state session::current() const
     return decide();
 }
 
-// The timer runs while the peer is heard, and what it said last is known. That it runs although we
-// were Down can only be told from our own record.
+// The timer is running if the peer is heard, and its last packet is known. Only our own record says
+// that we were Down nevertheless.
 desired_state session::adopt(const remains &left, steady_time now)
 {
     has_spoken_ = left.has_packet;
@@ -52,7 +52,7 @@ desired_state session::adopt(const remains &left, steady_time now)
     if (is_admin_down() || is_idle_)
         return decide();
     if (!left.heard) {
-        if (left.state == BFD_STATE_UP && !left.has_packet) // kelm has begun anew meanwhile
+        if (left.state == BFD_STATE_UP && !left.has_packet) // kelm was restarted meanwhile
             condition_.diag = BFD_DIAG_FORWARDING_RESET;
         return decide();
     }
@@ -60,7 +60,7 @@ desired_state session::adopt(const remains &left, steady_time now)
     const std::uint8_t recorded = left.state.value_or(BFD_STATE_UP);
     const bool was_down = recorded == BFD_STATE_DOWN || recorded == BFD_STATE_ADMIN_DOWN;
     kelm::bfd_fields heard = *left.heard;
-    heard.poll = heard.final = false; // the peer polls again if it still wants to know
+    heard.poll = heard.final = false; // the peer repeats an unanswered Poll
     if (!suggests_up(heard.state) && left.state == BFD_STATE_UP)
         condition_.diag = BFD_DIAG_NEIGH_DOWN;
     if (was_down || !suggests_up(heard.state))
@@ -87,7 +87,7 @@ desired_state session::packet(const kelm::bfd_fields &heard, steady_time now)
     if (heard.final && polling_) {
         polling_ = false;
         timing_.poll_ends();
-        // The next Poll Sequence must not take a late answer to this one for its own.
+        // A late answer to this Poll Sequence must not end the next one.
         poll_due_.reset();
         if (timing_.needs_poll())
             poll_due_ = now + std::chrono::microseconds(timing_.transmit_interval());
@@ -96,16 +96,16 @@ desired_state session::packet(const kelm::bfd_fields &heard, steady_time now)
     return decide({.transmit = {},
                    .receive = {},
                    .is_final = answering,
-                   // kelm has not seen that such a packet belongs to this session
+                   // kelm did not recognise the packet as this session's
                    .rearm = is_stranger,
-                   // What a peer that has lost us will say next may be what it said before it did:
-                   // only a receive session that does not know it yet passes that up.
+                   // The next packet of a peer that has lost us may equal the last one passed up:
+                   // only a new receive session passes it up.
                    .renew = is_stranger});
 }
 
-// A detection time without a packet fails the session. After another one the peer may have begun
-// anew, and with it its sequence numbers (RFC 5880 section 6.8.1, bfd.AuthSeqKnown). kelm's timer
-// cannot tell that one: packets that we do not believe restart it.
+// A detection time without a packet fails the session. After another one the peer's sequence
+// numbers may restart (RFC 5880 section 6.8.1, bfd.AuthSeqKnown). kelm's timer cannot measure that
+// one: it is restarted by packets that we reject.
 desired_state session::timeout(steady_time now)
 {
     if (!is_heard_)
@@ -115,11 +115,11 @@ desired_state session::timeout(steady_time now)
     remote_discriminator_ = 0;
     remote_demand_ = false;
     become(after_timeout(condition_, timeout_diag(config_.kind)));
-    // What the peer says when it comes back may also be what it said last.
+    // The peer's first packet after that may equal the last one passed up.
     return decide({.transmit = {}, .receive = {}, .renew = true});
 }
 
-// Nobody has listened to the peer meanwhile: it may have begun anew.
+// The peer may have restarted unnoticed.
 desired_state session::forgotten()
 {
     forget_peer();
@@ -132,8 +132,8 @@ desired_state session::set_admin_down(bool down)
 {
     if (down == is_admin_down())
         return decide();
-    // The peer is to recognise the packets that tell it, and to be found anew afterwards, when it
-    // may have begun anew too.
+    // The peer must recognise our AdminDown packets by their discriminator. Afterwards it must be
+    // discovered again, since it may have restarted.
     if (!down)
         forget_peer();
     is_heard_ = false;
@@ -215,7 +215,7 @@ void session::hear(const kelm::bfd_fields &heard)
     forget_due_.reset();
     remote_ = {heard.state, heard.diag};
     if (config_.kind == session_kind::echo)
-        return;         // our own words
+        return;         // our own packet
     has_spoken_ = true; // or is about to
     remote_discriminator_ = heard.my_discriminator;
     remote_min_echo_rx_ = heard.min_echo_rx_interval;
@@ -223,7 +223,7 @@ void session::hear(const kelm::bfd_fields &heard)
     timing_.hear({heard.detect_multiplier, heard.min_tx_interval, heard.min_rx_interval});
 }
 
-// A packet cannot both poll and answer a poll: our Poll bit rests while we answer.
+// A packet must not have both the Poll and the Final bit: our Poll waits while we answer.
 void session::manage_poll(bool answering, std::optional<steady_time> now)
 {
     if (!polling_ && !timing_.needs_poll())
@@ -247,9 +247,9 @@ desired_state session::decide(desired_state so_far) const
     return so_far;
 }
 
-// To our own packets there is nobody to tell that we are down, and echoes cease then (RFC 5880
-// section 6.8.16). A passive end that has lost its peer is silent, but goes on later with the
-// sequence numbers that the peer knows.
+// Without a peer there is no one to tell that we are down, and echo packets cease then (RFC 5880
+// section 6.8.16). A passive end that has lost its peer is silent, but keeps its packet, and with
+// it the sequence number that the peer expects.
 bool session::has_packet() const
 {
     return is_alone(config_.kind) ? !is_admin_down() : may_speak() || has_spoken_;
@@ -274,7 +274,7 @@ transmission session::wanted_transmission() const
         .period = transmits_periodically() ? timing_.transmit_interval() : idle_period,
         .jitter = static_cast<std::uint16_t>(timing_.multiplier() == 1 ? BFD_TX_JITTER_75_90
                                                                        : BFD_TX_JITTER_75),
-        // What kelm sends after a failure until we get to it is periodic, too.
+        // Packets that kelm sends after a failure until we react are periodic, too.
         .latch_period = timing_.peer_listens()
                             ? std::max({slow_interval, config_.timing.desired_min_tx,
                                         timing_.peer().required_min_rx})
@@ -316,7 +316,7 @@ kelm::bfd_fields session::control_packet() const
     }
     if (config_.kind == session_kind::echo) {
         packet.your_discriminator = discriminator_;
-        // RFC 9747 section 2: these mean nothing here, and are to be set all the same.
+        // RFC 9747 section 2: unused here, but must be set.
         packet.min_tx_interval = packet.min_rx_interval = slow_interval;
         packet.min_echo_rx_interval = 0;
     }

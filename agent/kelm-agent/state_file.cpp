@@ -22,7 +22,7 @@ std::int64_t to_us(wall_time time)
     return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
 }
 
-// The library converts any number to any type, whether it fits or not.
+// The library converts without checking the range.
 template<typename T>
 T number_at(const json &from, const char *key, T largest = std::numeric_limits<T>::max())
 {
@@ -79,7 +79,7 @@ saved_session session_from(const json &from)
 saved_state state_from(const json &from)
 {
     if (from.at("version") != format_version)
-        throw std::runtime_error("it was written by another version of kelm-agent");
+        throw std::runtime_error("written by another version of kelm-agent");
     saved_state state;
     for (const auto &[name, saved] : from.at("sessions").items())
         state.sessions.emplace(name, session_from(saved));

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// What an agent leaves to its successor: which discriminators are its own, and what the dump of
-// kelm does not tell. Without the file a restart still finds its sessions by their packets'
+// What the agent's next run needs to know: which discriminators are its own, and what kelm's dump
+// does not contain. Without the file, a restarted agent recognises sessions by their packets'
 // addresses.
 #pragma once
 
@@ -26,7 +26,7 @@ struct saved_session {
     history past; // without the changes
 };
 
-// Sessions in kelm that nobody wants any more.
+// A session of ours in kelm that is no longer configured.
 struct orphan {
     std::string netns;
     std::uint32_t discriminator = 0;
@@ -38,12 +38,11 @@ struct saved_state {
     std::vector<orphan> orphans;
 };
 
-// An empty state if there is no file. Throws std::runtime_error if it cannot be read, or makes no
-// sense.
+// An empty state if there is no file. Throws std::runtime_error if it cannot be read or is
+// damaged.
 saved_state load_state(const std::string &path);
 
-// In one step: a reader, or a successor, sees the old file or the new one. Throws
-// std::runtime_error.
+// Replaces the file atomically. Throws std::runtime_error.
 void save_state(const std::string &path, const saved_state &);
 
 } // namespace kelm_agent

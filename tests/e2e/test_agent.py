@@ -175,7 +175,7 @@ def test_reload_changes_what_has_changed(link, start):
     both_up(near, far)
     before = near.show("other")
     slow = {**left, "min_tx": "200ms", "min_rx": "300ms", "multiplier": 10}
-    assert "loaded again" in near.reload([slow, other])["message"]
+    assert "reloaded" in near.reload([slow, other])["message"]
     wait_until(lambda: far.show()["remote"]["min_tx"] == 200_000, "the new interval at the peer")
     wait_until(lambda: near.show()["timing"]["transmit_interval"] == 200_000 and
                near.show()["timing"]["detection_time"] == 7_200_000 and
@@ -201,5 +201,5 @@ def test_a_bad_configuration_changes_nothing(link, pair):
 
 def test_only_one_agent(link, pair, start):
     near, _ = pair
-    with pytest.raises(AssertionError, match="another kelm-agent serves"):
+    with pytest.raises(AssertionError, match="another kelm-agent is using"):
         start([], directory=near.directory)

@@ -129,16 +129,18 @@ def test_the_examples_of_the_manual():
     with tempfile.TemporaryDirectory() as directory:
         config = pathlib.Path(directory, "agent.toml")
         config.write_text(example)
+        explained = set(re.findall(r"^\.BR ([a-z-]+) \" =", manual.replace("\\-", "-"), re.M))
+        assert len(explained) > 20 and all(f"{key} = " in example for key in explained)
         check = [KELM_AGENT, "--check", "--config", config]
         result = subprocess.run(check, capture_output=True, text=True)
         assert result.returncode == 1
         assert re.search(r"agent.toml:\d+: cannot open key file .*keys/2025", result.stderr)
-        for key in re.findall(r'file = "(.*?)"', example):
+        for key in re.findall(r'(?<!-)file = "(.*?)"', example):
             (config.parent / key).parent.mkdir(exist_ok=True)
             (config.parent / key).write_text("secret")
         result = subprocess.run(check, capture_output=True, text=True)
         assert result.returncode == 0, result.stderr
-        assert "open to other users" in result.stderr
+        assert "accessible to other users" in result.stderr
         assert f"{example.count('[[session]]') + 2} sessions" in result.stdout
 
 
