@@ -8,6 +8,8 @@ import time
 
 import pytest
 
+import pytest
+
 from lib import bfd, wait_until
 from lib import protocol as p
 from lib.agent import Agent
@@ -41,26 +43,15 @@ def test_a_silent_session_fails_once_and_not_early(agent):
     assert agent.stats(5)[0].num_timeout == 1
 
 
-def test_packets_keep_a_session_alive(agent, link):
-    detection = 2.0
-
-    def outlives_its_detection_time():
-        """Or the peer, which is this test, could not send for so long."""
-        set_session(agent, multiplier=20, period=100_000)
-        started = last = time.monotonic()
-        while last < started + detection + 1:
-            link.send(Bfd(your_disc=5))
-            failure = agent.event(p.SESSION_FAILURE, timeout=0.1)
-            silence, last = time.monotonic() - last, time.monotonic()
-            if failure:
-                assert silence > detection - TICK
-                return False
-        return True
-
-    wait_until(outlives_its_detection_time, "machine that does not stand still for 2 s")
-
-
 @pytest.mark.stalls_below(1.0)
+def test_packets_keep_a_session_alive(agent, link):
+    set_session(agent, multiplier=20, period=100_000)
+    end = time.monotonic() + 3.0
+    while time.monotonic() < end:
+        link.send(Bfd(your_disc=5))
+        assert agent.event(p.SESSION_FAILURE, timeout=0.1) is None
+
+
 def test_both_ends_on_kelm(agent, link, host):
     """A session between two namespaces; packets are lost in one direction only."""
     host.wait_for_vrf(link.far_ns)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-2.0
-"""kelmctl top and monitor as people watch them: piped, on a terminal, and how they leave it."""
+"""kelmctl top on a terminal, and how it leaves it; and what a shell completes."""
 
 import contextlib
 import fcntl
@@ -11,14 +11,12 @@ import signal
 import struct
 import subprocess
 import termios
-import time
 
 import pytest
 
 from lib import PATIENCE, wait_until
 from lib.bfd import UP, Bfd
 from lib.host import KELMCTL
-from lib.program import Program
 
 ENTER, LEAVE = b"\x1b[?1049h", b"\x1b[?1049l"
 
@@ -91,22 +89,6 @@ def sessions(agent, link):
     return link.near_ns
 
 
-def test_plain_text_where_there_is_no_terminal(sessions, link):
-    environment = {**os.environ, "COLUMNS": "80"}
-    with Program(KELMCTL, "-n", sessions, "top", "count", 2, "interval", "1s",
-                 env=environment) as top:
-        assert top.process.wait(PATIENCE) == 0
-        while top.read():
-            pass
-    assert max(map(len, top.lines)) <= 80
-    first, second = top.lines[:6], top.lines[7:]
-    assert "2 sessions, 1 failed  1 packet," in first[0]
-    early, late = (dict(zip(lines[3].split(), lines[5].split())) for lines in (first, second))
-    assert [line.split()[0] for line in second[4:]] == ["6", "5"]
-    assert (late["SESSION"], late["PEER"], late["STATE"]) == ("5", link.far4, "up")
-    assert early["TX/S"] == "-" and float(late["TX/S"]) > 0
-
-
 def test_json_is_an_array_for_each_refresh(sessions):
     output = subprocess.run([KELMCTL, "top", "-j", "-n", sessions, "count", "2", "interval",
                              "1s"], capture_output=True, text=True, check=True).stdout
@@ -153,30 +135,6 @@ def test_the_terminal_is_given_back_while_stopped(sessions, terminal):
     screen.expect(b"failed", after)
     screen.type(b"q")
     screen.expect_end(0)
-
-
-def test_errors_are_told_on_the_usual_screen(terminal):
-    screen = terminal("-n", "kelm-no-such-name", "top")
-    screen.expect(b"there is no network namespace")
-    assert ENTER not in screen.output
-    assert screen.process.wait(PATIENCE) == 1
-
-
-def test_monitor_of_one_session(link, agent):
-    with Program(KELMCTL, "-t", "-n", link.near_ns, "monitor", 5, "count", 1) as monitor:
-        deadline = time.monotonic() + PATIENCE
-        while monitor.process.poll() is None and time.monotonic() < deadline:
-            link.send(Bfd(my_disc=3, your_disc=4, state=UP))
-            link.send(Bfd(my_disc=3, your_disc=5, state=UP))
-            monitor.read(0.05)
-        assert monitor.process.wait(PATIENCE) == 0
-        while monitor.read():
-            pass
-    (line,) = monitor.lines
-    stamp, told = line.split("  ", 1)
-    assert time.strptime(stamp.split(".")[0], "%Y-%m-%dT%H:%M:%S")
-    assert told.startswith(f"received for session 5  dev {link.name}  from {link.far4}")
-    assert "state up" in told and "my 3  your 5" in told
 
 
 COMPLETION = os.path.join(os.path.dirname(__file__), "../../agent/kelmctl/kelmctl.bash")
