@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Ports, requests and delivery. A port's and a kernel socket's count of running requests keeps
-// either alive until the engine has returned; whoever closes one waits for that. Dumps are in
+// either alive until the engine has returned; closing one waits for that. Dumps are in
 // netlink_dump.cpp.
 #include "platform/hosted/netlink.h"
 
@@ -26,18 +26,6 @@ struct netlink_sock : sock {
     int inputs_running = 0;
 };
 
-namespace
-{
-
-thread_local netlink_port *current_sender = nullptr;
-
-} // namespace
-
-netlink_port *exchange_current_sender(netlink_port *sender)
-{
-    return std::exchange(current_sender, sender);
-}
-
 netlink_port::netlink_port() = default;
 netlink_port::~netlink_port() = default;
 
@@ -47,18 +35,18 @@ bool netlink_table::bind(netlink_port &port, std::uint32_t wanted, std::uint32_t
 {
     if (groups != 0 && !port.sender_capable(CAP_NET_ADMIN))
         groups = 0;
-    const guard held(lock);
+    const guard held(lock_);
     const std::uint32_t id = wanted != 0 ? wanted : free_port_id();
     try {
-        if (!ports.emplace(id, &port).second)
+        if (!ports_.emplace(id, &port).second)
             return false;
     } catch (const std::bad_alloc &) {
         return false;
     }
-    port.table = this;
-    port.port_id = id;
-    port.group_mask = groups;
-    port.closing = false;
+    port.table_ = this;
+    port.port_id_ = id;
+    port.group_mask_ = groups;
+    port.closing_ = false;
     return true;
 }
 
@@ -66,32 +54,33 @@ void netlink_table::set_groups(netlink_port &port, std::uint32_t groups)
 {
     if (groups != 0 && !port.sender_capable(CAP_NET_ADMIN))
         groups = 0;
-    const guard held(lock);
-    port.group_mask = groups;
+    const guard held(lock_);
+    port.group_mask_ = groups;
 }
 
 std::uint32_t netlink_table::free_port_id()
 {
-    while (next_port_id == 0 || ports.contains(next_port_id))
-        --next_port_id;
-    return next_port_id--;
+    while (next_port_id_ == 0 || ports_.contains(next_port_id_))
+        --next_port_id_;
+    return next_port_id_--;
 }
 
 void netlink_table::close(netlink_port &port)
 {
-    guard held(lock);
-    if (port.table != this)
+    guard held(lock_);
+    if (port.table_ != this)
         return;
-    port.closing = true;
-    ports.erase(port.port_id);
-    idle.wait(held,
-              [&port] { return port.requests_running == 0 && !(port.dump && port.dump->running); });
-    if (port.dump)
+    port.closing_ = true;
+    ports_.erase(port.port_id_);
+    idle_.wait(held, [&port] {
+        return port.requests_running_ == 0 && !(port.dump_ && port.dump_->running);
+    });
+    if (port.dump_)
         end_dump(port, held);
-    port.table = nullptr;
-    port.port_id = 0;
-    port.group_mask = 0;
-    port.overrun = false;
+    port.table_ = nullptr;
+    port.port_id_ = 0;
+    port.group_mask_ = 0;
+    port.overrun_ = false;
 }
 
 // Requests
@@ -101,19 +90,19 @@ int netlink_table::receive(netlink_port &port, std::span<const std::uint8_t> dat
     sk_buff *skb = skb_copy_bytes(datagram, 0, GFP_KERNEL);
     if (skb == nullptr)
         return -ENOBUFS;
-    guard held(lock);
-    netlink_sock *sk = kernel_sock;
-    if (sk == nullptr || port.closing) {
+    guard held(lock_);
+    netlink_sock *sk = kernel_sock_;
+    if (sk == nullptr || port.closing_) {
         held.unlock();
         kfree_skb(skb);
         return -ECONNREFUSED;
     }
     ++sk->inputs_running;
-    ++port.requests_running;
+    ++port.requests_running_;
     held.unlock();
 
     skb->sk = sk;
-    skb->portid = port.port_id;
+    skb->portid = port.port_id_;
     netlink_port *outer = exchange_current_sender(&port);
     sk->input(skb);
     exchange_current_sender(outer);
@@ -121,8 +110,8 @@ int netlink_table::receive(netlink_port &port, std::span<const std::uint8_t> dat
 
     held.lock();
     --sk->inputs_running;
-    --port.requests_running;
-    idle.wake_all();
+    --port.requests_running_;
+    idle_.wake_all();
     return 0;
 }
 
@@ -131,24 +120,24 @@ sock *netlink_table::open_kernel_sock(net *ns, const netlink_kernel_cfg &cfg)
     void *memory = kmalloc(sizeof(netlink_sock), GFP_KERNEL);
     if (memory == nullptr)
         return nullptr;
-    const guard held(lock);
-    if (kernel_sock != nullptr) {
+    const guard held(lock_);
+    if (kernel_sock_ != nullptr) {
         kfree(memory);
         return nullptr;
     }
-    kernel_sock = new (memory) netlink_sock(ns, cfg);
-    return kernel_sock;
+    kernel_sock_ = new (memory) netlink_sock(ns, cfg);
+    return kernel_sock_;
 }
 
 void netlink_table::close_kernel_sock(sock *sk)
 {
     netlink_sock *closed;
     {
-        guard held(lock);
-        closed = std::exchange(kernel_sock, nullptr);
+        guard held(lock_);
+        closed = std::exchange(kernel_sock_, nullptr);
         if (closed == nullptr || closed != sk)
             std::terminate();
-        idle.wait(held, [closed] { return closed->inputs_running == 0; });
+        idle_.wait(held, [closed] { return closed->inputs_running == 0; });
     }
     closed->~netlink_sock();
     kfree(closed);
@@ -168,18 +157,18 @@ void netlink_kernel_close(sock *sk)
 
 int netlink_table::deliver(netlink_port &port, std::span<const std::uint8_t> datagram)
 {
-    if (port.overrun && !tell_overrun(port))
+    if (port.overrun_ && !tell_overrun(port))
         return -EAGAIN;
     const int result = port.deliver(datagram);
     if (result == -EAGAIN)
-        port.overrun = true;
+        port.overrun_ = true;
     return result;
 }
 
 // Returns whether the agent knows all that it lost.
 bool netlink_table::tell_overrun(netlink_port &port)
 {
-    if (!port.overrun)
+    if (!port.overrun_)
         return true;
     const nlmsghdr notice{.nlmsg_len = NLMSG_HDRLEN,
                           .nlmsg_type = NLMSG_OVERRUN,
@@ -188,17 +177,17 @@ bool netlink_table::tell_overrun(netlink_port &port)
                           .nlmsg_pid = 0};
     std::uint8_t datagram[NLMSG_HDRLEN];
     std::memcpy(datagram, &notice, sizeof datagram);
-    port.overrun = port.deliver(datagram) == -EAGAIN;
-    return !port.overrun;
+    port.overrun_ = port.deliver(datagram) == -EAGAIN;
+    return !port.overrun_;
 }
 
 void netlink_table::note_overrun(std::uint32_t port_id)
 {
-    const guard held(lock);
-    const auto found = ports.find(port_id);
-    if (found == ports.end())
+    const guard held(lock_);
+    const auto found = ports_.find(port_id);
+    if (found == ports_.end())
         return;
-    found->second->overrun = true;
+    found->second->overrun_ = true;
     tell_overrun(*found->second);
 }
 
@@ -208,9 +197,9 @@ int netlink_table::broadcast(sk_buff *skb, std::uint32_t except, std::uint32_t g
     bool delivered = false;
     bool full = false;
     int result = -ESRCH;
-    const guard held(lock);
-    for (const auto &[id, port] : ports) {
-        if ((port->group_mask & mask) == 0 || id == except)
+    const guard held(lock_);
+    for (const auto &[id, port] : ports_) {
+        if ((port->group_mask_ & mask) == 0 || id == except)
             continue;
         switch (deliver(*port, skb_bytes(skb))) {
         case 0:
@@ -231,9 +220,9 @@ int netlink_table::broadcast(sk_buff *skb, std::uint32_t except, std::uint32_t g
 
 int netlink_table::unicast(sk_buff *skb, std::uint32_t port_id)
 {
-    const guard held(lock);
-    const auto found = ports.find(port_id);
-    if (found == ports.end())
+    const guard held(lock_);
+    const auto found = ports_.find(port_id);
+    if (found == ports_.end())
         return -ECONNREFUSED;
     const int result = deliver(*found->second, skb_bytes(skb));
     return result == 0 ? static_cast<int>(skb_len(skb)) : result;
@@ -267,11 +256,6 @@ void acknowledge(sk_buff *request, const nlmsghdr *nlh, int error)
 } // namespace hosted
 
 // Services
-
-bool capable(int capability)
-{
-    return hosted::current_sender != nullptr && hosted::current_sender->sender_capable(capability);
-}
 
 int netlink_rcv_skb(sk_buff *skb, netlink_step step)
 {

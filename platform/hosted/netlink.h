@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Netlink as the hosts offer it: one unit, and in each namespace one kernel socket at most and
-// any number of agent ports. Here is everything that is not transport: port ids, groups, the
+// any number of agent ports. This is everything except transport: port ids, groups, the
 // request loop, acknowledgements, dumps, overruns. The agent's end is a netlink_port that the
 // host derives: kelmd's over AF_UNIX, the simulation's over a queue.
 //
@@ -37,8 +37,8 @@ class netlink_port
     netlink_port(const netlink_port &) = delete;
     netlink_port &operator=(const netlink_port &) = delete;
 
-    [[nodiscard]] std::uint32_t id() const { return port_id; }        // 0 while not bound
-    [[nodiscard]] std::uint32_t groups() const { return group_mask; } // bit 0 is group 1
+    [[nodiscard]] std::uint32_t id() const { return port_id_; }        // 0 while not bound
+    [[nodiscard]] std::uint32_t groups() const { return group_mask_; } // bit 0 is group 1
 
   protected:
     // Queues one datagram for the agent without waiting. 0; -EAGAIN without room for it now;
@@ -48,21 +48,21 @@ class netlink_port
     // Whether the agent has read all that was delivered.
     [[nodiscard]] virtual bool drained() = 0;
 
-    // Whether the agent holds the capability: it who sent the request, or asked for the groups,
-    // that is being handled. No lock is held.
+    // Whether the agent whose request or bind is being handled holds the capability. No lock is
+    // held.
     [[nodiscard]] virtual bool sender_capable(int capability) = 0;
 
   private:
     friend class netlink_table;
     friend bool ::capable(int capability);
 
-    netlink_table *table = nullptr;
-    std::uint32_t port_id = 0;
-    std::uint32_t group_mask = 0;
-    bool overrun = false; // the agent lost something and has not been told
-    bool closing = false;
-    int requests_running = 0; // receive calls
-    std::unique_ptr<netlink_dump> dump;
+    netlink_table *table_ = nullptr;
+    std::uint32_t port_id_ = 0;
+    std::uint32_t group_mask_ = 0;
+    bool overrun_ = false; // the agent lost something and does not know it yet
+    bool closing_ = false;
+    int requests_running_ = 0; // receive calls
+    std::unique_ptr<netlink_dump> dump_;
 };
 
 // Netlink in one namespace. Every host's struct net has one.
@@ -85,7 +85,8 @@ class netlink_table
     // returns. 0, -ECONNREFUSED without a kernel socket, or -ENOBUFS.
     int receive(netlink_port &port, std::span<const std::uint8_t> datagram);
 
-    // To be called each time the agent has read: tells it of an overrun, continues its dump.
+    // To be called each time the agent has read: sends a pending overrun notice, continues its
+    // dump.
     void readable_again(netlink_port &port);
 
     // Takes the port out. Waits until its requests and dump calls have returned, and ends its
@@ -112,11 +113,11 @@ class netlink_table
     void end_dump(netlink_port &port, guard &held);
     [[nodiscard]] std::uint32_t free_port_id();
 
-    mutex lock;
-    wait_queue idle; // a request or dump call has returned
-    netlink_sock *kernel_sock = nullptr;
-    std::map<std::uint32_t, netlink_port *> ports;
-    std::uint32_t next_port_id = 0xffffefff; // downwards, where no process id is
+    mutex lock_;
+    wait_queue idle_; // a request or dump call has returned
+    netlink_sock *kernel_sock_ = nullptr;
+    std::map<std::uint32_t, netlink_port *> ports_;
+    std::uint32_t next_port_id_ = 0xffffefff; // downwards, where no process id is
 };
 
 // What the service functions netlink_kernel_create and netlink_kernel_release of a host do,

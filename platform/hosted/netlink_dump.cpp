@@ -3,7 +3,7 @@
 // Dumps. A port has one at most, from netlink_dump_start to done. Its datagrams are made one at a
 // time, the first at the start, each other one when the agent has read all that there was; a
 // datagram that finds no room waits in `unsent`. While the engine's code runs, `running` keeps
-// everybody else off the dump, and whoever sets it back continues where others could not.
+// other threads off the dump, and the thread that resets it continues where others could not.
 #include "platform/hosted/netlink_dump.h"
 
 #include <algorithm>
@@ -62,19 +62,19 @@ int fill(netlink_dump &dump)
 int netlink_table::start_dump(sk_buff *request, const nlmsghdr *nlh,
                               const netlink_dump_control &control)
 {
-    guard held(lock);
-    const auto found = ports.find(netlink_skb_portid(request));
-    if (found == ports.end())
+    guard held(lock_);
+    const auto found = ports_.find(netlink_skb_portid(request));
+    if (found == ports_.end())
         return -ECONNREFUSED;
     netlink_port &port = *found->second;
     // One whose last datagram is out is no longer in progress as far as the agent can tell.
-    idle.wait(held, [&port] { return !(port.dump && port.dump->ending); });
-    if (port.dump)
+    idle_.wait(held, [&port] { return !(port.dump_ && port.dump_->ending); });
+    if (port.dump_)
         return -EBUSY;
-    port.dump.reset(new (std::nothrow) netlink_dump{});
-    if (!port.dump)
+    port.dump_.reset(new (std::nothrow) netlink_dump{});
+    if (!port.dump_)
         return -ENOMEM;
-    netlink_dump &dump = *port.dump;
+    netlink_dump &dump = *port.dump_;
     dump.fill = control.dump;
     dump.finish = control.done;
     dump.min_room = control.min_dump_alloc;
@@ -92,18 +92,18 @@ int netlink_table::start_dump(sk_buff *request, const nlmsghdr *nlh,
     dump.running = false;
     if (!started) {
         consume_skb(dump.callback.skb);
-        port.dump.reset();
+        port.dump_.reset();
     } else if (result == 0) {
         continue_dump(port, held);
     } // else it goes on when the agent has read the acknowledgement
-    idle.wake_all();
+    idle_.wake_all();
     return result == 0 ? -EINTR : result;
 }
 
 void netlink_table::readable_again(netlink_port &port)
 {
-    guard held(lock);
-    if (port.table != this || port.closing)
+    guard held(lock_);
+    if (port.table_ != this || port.closing_)
         return;
     tell_overrun(port);
     continue_dump(port, held);
@@ -113,8 +113,8 @@ void netlink_table::readable_again(netlink_port &port)
 // that reads as fast as this writes must not keep the others waiting.
 void netlink_table::continue_dump(netlink_port &port, guard &held)
 {
-    while (port.dump && !port.dump->running && !port.closing) {
-        netlink_dump &dump = *port.dump;
+    while (port.dump_ && !port.dump_->running && !port.closing_) {
+        netlink_dump &dump = *port.dump_;
         if (dump.unsent != nullptr) {
             if (!send_datagram(port))
                 return;
@@ -124,7 +124,7 @@ void netlink_table::continue_dump(netlink_port &port, guard &held)
             return;
         } else if (fill_datagram(port, held) != 0) {
             // The agent's next read, that of the notice, tries again.
-            port.overrun = true;
+            port.overrun_ = true;
             tell_overrun(port);
             return;
         }
@@ -133,20 +133,20 @@ void netlink_table::continue_dump(netlink_port &port, guard &held)
 
 int netlink_table::fill_datagram(netlink_port &port, guard &held)
 {
-    netlink_dump &dump = *port.dump;
+    netlink_dump &dump = *port.dump_;
     dump.running = true;
     held.unlock();
     const int result = fill(dump);
     held.lock();
     dump.running = false;
-    idle.wake_all();
+    idle_.wake_all();
     return result;
 }
 
 // False if the agent has to read before the dump goes on: to make room, or for the next datagram.
 bool netlink_table::send_datagram(netlink_port &port)
 {
-    netlink_dump &dump = *port.dump;
+    netlink_dump &dump = *port.dump_;
     const int result = tell_overrun(port) ? port.deliver(skb_bytes(dump.unsent)) : -EAGAIN;
     if (result == -EAGAIN || result == -ECONNREFUSED) // or wait for the agent's end to be noticed
         return false;
@@ -157,7 +157,7 @@ bool netlink_table::send_datagram(netlink_port &port)
 
 void netlink_table::end_dump(netlink_port &port, guard &held)
 {
-    netlink_dump &dump = *port.dump;
+    netlink_dump &dump = *port.dump_;
     dump.running = true;
     dump.ending = true;
     held.unlock();
@@ -166,8 +166,8 @@ void netlink_table::end_dump(netlink_port &port, guard &held)
     consume_skb(dump.unsent);
     consume_skb(dump.callback.skb);
     held.lock();
-    port.dump.reset();
-    idle.wake_all();
+    port.dump_.reset();
+    idle_.wake_all();
 }
 
 } // namespace hosted

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// What the two files share that netlink consists of, the state of a dump above all.
+// What netlink.cpp and netlink_dump.cpp share, above all the state of a dump.
 #pragma once
 
 #include <cstdint>
@@ -21,11 +21,11 @@ struct netlink_dump {
     int (*fill)(sk_buff *skb, netlink_callback *cb);
     int (*finish)(netlink_callback *cb);
     std::uint32_t min_room;
-    int fill_result = 1;        // positive: there is more to come; else what NLMSG_DONE tells
+    int fill_result = 1;        // positive: there is more; else what NLMSG_DONE reports
     bool done_appended = false; // what is or was in unsent ends with NLMSG_DONE
     bool running = true;        // the engine's code is being called
     bool ending = false;        // and it is `finish`
-    sk_buff *unsent = nullptr;  // filled, and not delivered for want of room
+    sk_buff *unsent = nullptr;  // filled, and waits for room
 };
 
 } // namespace hosted

@@ -46,20 +46,20 @@ wheel_timer &timer_of(wheel_link &link)
 
 } // namespace
 
-timer_wheel::timer_wheel(std::uint64_t now) : position(now)
+timer_wheel::timer_wheel(std::uint64_t now) : position_(now)
 {
-    for (wheel_link &head : buckets)
+    for (wheel_link &head : buckets_)
         make_empty(head);
-    make_empty(due_list);
+    make_empty(due_list_);
 }
 
 bool timer_wheel::arm(wheel_timer &timer, std::uint64_t expires, std::uint64_t now)
 {
     const bool was_pending = cancel(timer);
     timer.expires = expires;
-    timer.due = std::max({expires, now + 1, position + 1});
+    timer.due = std::max({expires, now + 1, position_ + 1});
     file(timer);
-    ++count;
+    ++count_;
     return was_pending;
 }
 
@@ -73,18 +73,18 @@ bool timer_wheel::cancel(wheel_timer &timer)
 
 wheel_timer *timer_wheel::pop_due(std::uint64_t up_to, std::uint64_t choice)
 {
-    while (is_empty(due_list)) {
+    while (is_empty(due_list_)) {
         const std::uint64_t tick = next_event();
-        if (tick > up_to || tick == NEVER) {
-            position = std::max(position, up_to);
+        if (tick > up_to || tick == never) {
+            position_ = std::max(position_, up_to);
             return nullptr;
         }
         move_down(tick);
     }
-    wheel_link *chosen = due_list.next;
+    wheel_link *chosen = due_list_.next;
     if (choice != 0) {
         std::uint64_t due = 0;
-        for (const wheel_link *link = due_list.next; link != &due_list; link = link->next)
+        for (const wheel_link *link = due_list_.next; link != &due_list_; link = link->next)
             ++due;
         for (std::uint64_t skip = choice % due; skip > 0; --skip)
             chosen = chosen->next;
@@ -95,43 +95,43 @@ wheel_timer *timer_wheel::pop_due(std::uint64_t up_to, std::uint64_t choice)
 
 std::uint64_t timer_wheel::next_event() const
 {
-    if (!is_empty(due_list))
-        return position;
-    for (unsigned int level = 0; level < LEVELS; ++level) {
-        if (occupied[level] == 0)
+    if (!is_empty(due_list_))
+        return position_;
+    for (unsigned int level = 0; level < level_count; ++level) {
+        if (occupied_[level] == 0)
             continue;
-        const unsigned int shift = level * DIGIT_BITS;
+        const unsigned int shift = level * digit_bits;
         const std::uint64_t lower_digits =
-            shift + DIGIT_BITS < 64 ? (std::uint64_t{1} << (shift + DIGIT_BITS)) - 1 : NEVER;
-        const auto digit = static_cast<std::uint64_t>(std::countr_zero(occupied[level]));
-        return (position & ~lower_digits) | digit << shift;
+            shift + digit_bits < 64 ? (std::uint64_t{1} << (shift + digit_bits)) - 1 : never;
+        const auto digit = static_cast<std::uint64_t>(std::countr_zero(occupied_[level]));
+        return (position_ & ~lower_digits) | digit << shift;
     }
-    return NEVER;
+    return never;
 }
 
 void timer_wheel::file(wheel_timer &timer)
 {
-    if (timer.due <= position) {
-        append(due_list, timer);
+    if (timer.due <= position_) {
+        append(due_list_, timer);
         return;
     }
-    const auto highest_bit = static_cast<unsigned int>(std::bit_width(timer.due ^ position)) - 1;
-    const unsigned int level = highest_bit / DIGIT_BITS;
-    const unsigned int digit = (timer.due >> (level * DIGIT_BITS)) % BUCKETS;
-    append(buckets[level * BUCKETS + digit], timer);
-    occupied[level] |= std::uint64_t{1} << digit;
+    const auto highest_bit = static_cast<unsigned int>(std::bit_width(timer.due ^ position_)) - 1;
+    const unsigned int level = highest_bit / digit_bits;
+    const unsigned int digit = (timer.due >> (level * digit_bits)) % bucket_count;
+    append(buckets_[level * bucket_count + digit], timer);
+    occupied_[level] |= std::uint64_t{1} << digit;
 }
 
 void timer_wheel::take_out(wheel_timer &timer)
 {
     const wheel_link *head = timer.next == timer.prev ? timer.next : nullptr;
     unlink(timer);
-    --count;
-    if (head == nullptr || head == &due_list)
+    --count_;
+    if (head == nullptr || head == &due_list_)
         return;
     // It was alone between its bucket's head and itself.
-    const auto index = static_cast<std::size_t>(head - buckets.data());
-    occupied[index / BUCKETS] &= ~(std::uint64_t{1} << (index % BUCKETS));
+    const auto index = static_cast<std::size_t>(head - buckets_.data());
+    occupied_[index / bucket_count] &= ~(std::uint64_t{1} << (index % bucket_count));
 }
 
 // Moves the position to a tick that next_event gave, and that event's bucket down with it. All
@@ -139,12 +139,12 @@ void timer_wheel::take_out(wheel_timer &timer)
 void timer_wheel::move_down(std::uint64_t tick)
 {
     unsigned int level = 0;
-    while (occupied[level] == 0)
+    while (occupied_[level] == 0)
         ++level;
-    const auto digit = static_cast<unsigned int>(std::countr_zero(occupied[level]));
-    wheel_link &head = buckets[level * BUCKETS + digit];
-    occupied[level] &= occupied[level] - 1;
-    position = tick;
+    const auto digit = static_cast<unsigned int>(std::countr_zero(occupied_[level]));
+    wheel_link &head = buckets_[level * bucket_count + digit];
+    occupied_[level] &= occupied_[level] - 1;
+    position_ = tick;
     while (!is_empty(head)) {
         wheel_timer &timer = timer_of(*head.next);
         unlink(timer);

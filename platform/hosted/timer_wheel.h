@@ -38,7 +38,7 @@ struct wheel_timer : wheel_link {
 class timer_wheel
 {
   public:
-    static constexpr std::uint64_t NEVER = std::numeric_limits<std::uint64_t>::max();
+    static constexpr std::uint64_t never = std::numeric_limits<std::uint64_t>::max();
 
     // Everything up to and including tick now counts as past.
     explicit timer_wheel(std::uint64_t now);
@@ -59,25 +59,25 @@ class timer_wheel
     wheel_timer *pop_due(std::uint64_t up_to, std::uint64_t choice = 0);
 
     // No timer is due before this tick: sleep until then and ask again. Close timers give their
-    // own tick, distant ones a tick at which they move down. NEVER without timers.
+    // own tick, distant ones a tick at which they move down. never without timers.
     [[nodiscard]] std::uint64_t next_event() const;
 
-    [[nodiscard]] std::size_t size() const { return count; }
+    [[nodiscard]] std::size_t size() const { return count_; }
 
   private:
-    static constexpr unsigned int DIGIT_BITS = 6;
-    static constexpr unsigned int BUCKETS = 1U << DIGIT_BITS;
-    static constexpr unsigned int LEVELS = (64 + DIGIT_BITS - 1) / DIGIT_BITS;
+    static constexpr unsigned int digit_bits = 6;
+    static constexpr unsigned int bucket_count = 1U << digit_bits;
+    static constexpr unsigned int level_count = (64 + digit_bits - 1) / digit_bits;
 
     void file(wheel_timer &timer);
     void take_out(wheel_timer &timer);
     void move_down(std::uint64_t tick);
 
-    std::uint64_t position; // every timer due up to here is in the due list
-    std::size_t count = 0;
-    std::array<std::uint64_t, LEVELS> occupied{}; // per level, one bit for each bucket in use
-    std::array<wheel_link, std::size_t{LEVELS} * BUCKETS> buckets;
-    wheel_link due_list;
+    std::uint64_t position_; // every timer due up to here is in the due list
+    std::size_t count_ = 0;
+    std::array<std::uint64_t, level_count> occupied_{}; // per level, one bit for each bucket in use
+    std::array<wheel_link, std::size_t{level_count} * bucket_count> buckets_;
+    wheel_link due_list_;
 };
 
 } // namespace hosted

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The headers below UDP's payload, written back in front of it: what a UDP socket has stripped
-// off, as far as ancillary data tells it.
+// off, as far as it is known from ancillary data.
 #pragma once
 
 #include <cstddef>

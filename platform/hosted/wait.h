@@ -23,7 +23,7 @@ class wait_queue
     void wake_all();
 
   private:
-    condition changed;
+    condition changed_;
 };
 
 } // namespace hosted

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/agent_connection.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <linux/netlink.h>
@@ -9,7 +10,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <vector>
+#include <utility>
 
 #include "platform/hosted/skbuff.h"
 #include "platform/user/buffer.h"
@@ -20,12 +21,12 @@ namespace kelmd
 namespace
 {
 
-// A request as long as this is handled, a longer one refused. The longest that makes sense
-// carries a packet of 64 KiB.
+// A request up to this length is handled, a longer one refused. The longest useful one carries a
+// packet of 64 KiB.
 constexpr std::size_t request_room = 68 * 1024;
 
 // How much of one agent is handled before the others have their turn, and what a datagram counts
-// besides its bytes.
+// in addition to its bytes.
 constexpr std::size_t turn_bytes = 64 * 1024;
 constexpr std::size_t datagram_overhead = 256;
 
@@ -34,27 +35,42 @@ constexpr std::size_t datagram_overhead = 256;
 constexpr int queue_bytes = 1024 * 1024;
 constexpr int subscriber_queue_bytes = 8 * 1024 * 1024;
 
-// The buffer for requests: one for all connections, of which one at a time is served.
-std::vector<std::uint8_t> &request_buffer()
-{
-    static std::vector<std::uint8_t> buffer(request_room);
-    return buffer;
-}
-
 } // namespace
 
-agent_connection::agent_connection(net &ns, unique_fd socket, const peer_process &opener,
-                                   connection_quota::place place)
-    : net_(ns), socket_(std::move(socket)), opener_(opener), place_(std::move(place))
+agent_connection::agent_connection(event_loop &loop, net &ns, unique_fd socket,
+                                   const peer_process &opener, connection_quota::place place,
+                                   std::function<void()> closed)
+    : loop_(loop), net_(ns), socket_(std::move(socket)), opener_(opener), place_(std::move(place)),
+      closed_(std::move(closed))
 {
     set_buffer(socket_.get(), SO_SNDBUF, queue_bytes);
+    loop_.watch(socket_.get(), EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET,
+                [this](std::uint32_t events) { serve(events); });
     get_net(net_);
 }
 
 agent_connection::~agent_connection()
 {
+    loop_.unwatch(socket_.get());
     net_.netlink.close(*this);
     put_net(net_);
+}
+
+// Handles edge-triggered readiness.
+void agent_connection::serve(std::uint32_t events)
+{
+    switch (on_ready(events)) {
+    case outcome::wait:
+        break;
+    case outcome::again:
+        loop_.rearm(socket_.get());
+        break;
+    case outcome::closed: {
+        const auto closed = std::move(closed_); // outlives the connection
+        closed();
+        break;
+    }
+    }
 }
 
 agent_connection::outcome agent_connection::on_ready(std::uint32_t events)
@@ -64,12 +80,12 @@ agent_connection::outcome agent_connection::on_ready(std::uint32_t events)
             answer_bind();
         net_.netlink.readable_again(*this);
     }
-    return (events & ~EPOLLOUT) != 0 ? read_some() : outcome::WAIT;
+    return (events & ~EPOLLOUT) != 0 ? read_some() : outcome::wait;
 }
 
 agent_connection::outcome agent_connection::read_some()
 {
-    std::vector<std::uint8_t> &buffer = request_buffer();
+    std::array<std::uint8_t, request_room> buffer;
     for (std::size_t used = 0; used < turn_bytes;) {
         iovec room{buffer.data(), buffer.size()};
         alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(ucred))];
@@ -84,20 +100,20 @@ agent_connection::outcome agent_connection::read_some()
             // The agent closed with something unread; what it had sent before is still here.
             if (errno == ECONNRESET || errno == EINTR)
                 continue;
-            return errno == EAGAIN ? outcome::WAIT : outcome::CLOSED;
+            return errno == EAGAIN ? outcome::wait : outcome::closed;
         }
         const cmsghdr *const header = CMSG_FIRSTHDR(&message);
         if (header == nullptr || header->cmsg_type != SCM_CREDENTIALS)
-            return outcome::CLOSED; // the end: a datagram, empty too, has credentials
+            return outcome::closed; // the end: a datagram, empty too, has credentials
         std::memcpy(&sender_, CMSG_DATA(header), sizeof sender_);
         capabilities_.reset();
 
         const auto len = static_cast<std::size_t>(received);
-        if (handle(buffer, len) == outcome::CLOSED)
-            return outcome::CLOSED;
+        if (handle(buffer, len) == outcome::closed)
+            return outcome::closed;
         used += datagram_overhead + len;
     }
-    return outcome::AGAIN;
+    return outcome::again;
 }
 
 // Handles a datagram of len bytes, as much of it as there was room for at the start of buffer.
@@ -111,15 +127,15 @@ agent_connection::outcome agent_connection::handle(std::span<const std::uint8_t>
     }
     // As on netlink, an agent that sends without having bound gets a port of its own.
     if (id() == 0 && !net_.netlink.bind(*this, 0, 0))
-        return outcome::CLOSED;
+        return outcome::closed;
     const int result = len > buffer.size() ? refuse_overlong(buffer)
                                            : net_.netlink.receive(*this, buffer.first(len));
     if (result == -ECONNREFUSED)
-        return outcome::CLOSED; // the namespace's vrf is gone, and nothing will ever answer
+        return outcome::closed; // the namespace's vrf is gone, and nothing will ever answer
     // Without memory: the agent must not wait for an answer that does not come.
     if (result == -ENOBUFS)
         net_.netlink.note_overrun(id());
-    return outcome::WAIT;
+    return outcome::wait;
 }
 
 agent_connection::outcome agent_connection::handle_bind(const sockaddr_nl &wanted)
@@ -135,7 +151,7 @@ agent_connection::outcome agent_connection::handle_bind(const sockaddr_nl &wante
     if (!bound)
         net_.netlink.close(*this); // so that the answer says 0
     answer_bind();
-    return bound ? outcome::WAIT : outcome::CLOSED;
+    return bound ? outcome::wait : outcome::closed;
 }
 
 void agent_connection::answer_bind()

@@ -70,22 +70,27 @@ void event_loop::stop()
 
 void event_loop::run()
 {
-    while (!stopped_) {
-        std::array<epoll_event, 64> ready;
-        const int count =
-            epoll_wait(epoll_.get(), ready.data(), static_cast<int>(ready.size()), -1);
-        for (int i = 0; i < count && !stopped_; ++i) {
-            // An earlier handler of this round may have unwatched it, and even watched a new
-            // descriptor of the same number: handlers must stand a call without need.
-            const auto found = watched_.find(ready[static_cast<std::size_t>(i)].data.fd);
-            if (found == watched_.end())
-                continue;
-            const std::shared_ptr<handler> on_ready = found->second.on_ready;
-            try {
-                (*on_ready)(ready[static_cast<std::size_t>(i)].events);
-            } catch (const std::exception &error) {
-                log_line("%s", error.what()); // out of descriptors or memory: others go on
-            }
+    while (!stopped_)
+        run_once(-1);
+}
+
+// The timeout is epoll_wait's.
+void event_loop::run_once(int timeout)
+{
+    std::array<epoll_event, 64> ready;
+    const int count =
+        epoll_wait(epoll_.get(), ready.data(), static_cast<int>(ready.size()), timeout);
+    for (int i = 0; i < count && !stopped_; ++i) {
+        // An earlier handler of this round may have unwatched it, and even watched a new
+        // descriptor of the same number: handlers must tolerate spurious calls.
+        const auto found = watched_.find(ready[static_cast<std::size_t>(i)].data.fd);
+        if (found == watched_.end())
+            continue;
+        const std::shared_ptr<handler> on_ready = found->second.on_ready;
+        try {
+            (*on_ready)(ready[static_cast<std::size_t>(i)].events);
+        } catch (const std::exception &error) {
+            log_line("%s", error.what()); // out of descriptors or memory: others go on
         }
     }
 }

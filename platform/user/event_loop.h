@@ -45,12 +45,16 @@ class event_loop
     void run();
     void stop();
 
+    // Calls the handlers of what is ready now, without waiting.
+    void run_ready() { run_once(0); }
+
   private:
     struct watched {
         std::uint32_t events;
         std::shared_ptr<handler> on_ready;
     };
 
+    void run_once(int timeout);
     void run_posted();
 
     const std::thread::id owner_ = std::this_thread::get_id();

@@ -11,9 +11,9 @@
 
 #include "platform/clock.h"
 #include "platform/hosted/mutex.h"
+#include "platform/user/clock.h"
 #include "platform/user/context.h"
 #include "platform/user/thread.h"
-#include "platform/user/tick.h"
 
 struct task_struct {
     int (*body)(void *argument) = nullptr;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/user/host.h"
 #include "platform/user/thread.h"
 
 namespace kelmd
@@ -111,8 +112,8 @@ void log_ring::run()
     ended_.set_value();
 }
 
-// Takes the oldest line out of the ring; behind the last, one that tells of those that were
-// dropped. False if there is none.
+// Takes the oldest line out of the ring; after the last, a line with the number of dropped ones.
+// False if there is none.
 bool log_ring::take_line(line &oldest)
 {
     std::uint64_t dropped = 0;
@@ -129,8 +130,8 @@ bool log_ring::take_line(line &oldest)
     if (dropped == 0)
         return false;
     clock_gettime(CLOCK_REALTIME, &oldest.time);
-    const std::string text = "kelmd: " + std::to_string(dropped) +
-                             " log lines were dropped here: whoever reads the log is too slow";
+    const std::string text =
+        "kelmd: " + std::to_string(dropped) + " log lines dropped here (reader too slow)";
     oldest.len = text.copy(oldest.text.data(), oldest.text.size());
     return true;
 }
@@ -153,19 +154,13 @@ void log_ring::write_out(std::string_view out)
         const ssize_t written = ::write(fd_, out.data(), out.size());
         if (written >= 0) {
             out.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno == EAGAIN) { // somebody else made it non-blocking
+        } else if (errno == EAGAIN) { // another process made it non-blocking
             pollfd ready{.fd = fd_, .events = POLLOUT, .revents = 0};
             ::poll(&ready, 1, 100);
         } else if (errno != EINTR) {
-            return; // nobody is there to read it
+            return; // it has no reader
         }
     }
-}
-
-log_ring &process_log()
-{
-    static log_ring log(STDERR_FILENO, 4096);
-    return log;
 }
 
 void log_line(const char *fmt, ...)
@@ -175,7 +170,7 @@ void log_line(const char *fmt, ...)
     va_start(arguments, fmt);
     std::vsnprintf(text.data(), text.size(), fmt, arguments);
     va_end(arguments);
-    process_log().append(std::string("kelmd: ") + text.data());
+    the_host().log.append(std::string("kelmd: ") + text.data());
 }
 
 } // namespace kelmd

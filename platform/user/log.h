@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The log: lines go into a bounded ring, a thread writes them to a file descriptor with a time
-// stamp in front. Nobody who logs ever waits for whoever reads the other end; lines that find
-// the ring full are counted, and the count is told as soon as there is room again.
+// The log: lines go into a bounded ring, and a thread writes them to a file descriptor with a time
+// stamp in front. No thread that logs ever waits for the reader at the other end; lines that find
+// the ring full are counted, and the count is logged as soon as there is room again.
 #pragma once
 
 #include <array>
@@ -37,8 +37,8 @@ class log_ring
 
     void start();
 
-    // Writes what is in the ring and ends the thread, if it runs. A reader that takes nothing
-    // for that long is given up, and the rest of the lines with it.
+    // Writes what is in the ring and ends the thread, if it runs. When the reader takes nothing
+    // for that long, the rest of the lines is dropped.
     void stop(std::chrono::milliseconds patience);
 
     // Appends one line. Any thread.
@@ -70,10 +70,7 @@ class log_ring
     std::thread thread_;
 };
 
-// The log of the process, on standard error.
-[[nodiscard]] log_ring &process_log();
-
-// A line of kelmd's own: "kelmd: " and the text. Any thread.
+// A line of kelmd's own in the host's log: "kelmd: " and the text. Any thread.
 [[gnu::format(printf, 1, 2)]] void log_line(const char *fmt, ...);
 
 } // namespace kelmd

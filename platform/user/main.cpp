@@ -1,31 +1,25 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// kelmd: the engine as a daemon, on real sockets and without a kernel module. Here are its start
-// and its end, in order. The main thread is the control thread.
+// kelmd: the engine as a daemon, on real sockets and without a kernel module. Here are its command
+// line, its start and its end, in order. The main thread is the control thread.
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <linux/capability.h>
+#include <string>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
+#include <vector>
 
-#include "platform/capability.h"
 #include "platform/module.h"
-#include "platform/user/event_loop.h"
-#include "platform/user/log.h"
-#include "platform/user/namespaces.h"
+#include "platform/user/host.h"
 #include "platform/user/process.h"
-#include "platform/user/softirq.h"
-#include "platform/user/system_call.h"
 #include "platform/user/watchdog.h"
-
-// There is no module to unload.
-void module_get_self() {}
 
 namespace
 {
@@ -39,33 +33,37 @@ struct options {
 
 constexpr std::array end_signals{SIGTERM, SIGINT};
 
-// Made at its first use, gone at the process's end: a signal may come at any time between.
-event_loop &the_loop()
-{
-    static event_loop loop;
-    return loop;
-}
-
 // The first signal asks for an orderly end, a second one is not caught any more.
 void on_end_signal(int /*signal*/)
 {
     const int saved_errno = errno;
     for (const int each : end_signals)
         std::signal(each, SIG_DFL);
-    the_loop().stop();
+    the_host().loop.stop();
     errno = saved_errno;
 }
 
-void end_on_signals()
+// While it lives, the end signals stop the host's loop.
+class end_on_signals
 {
-    (void)the_loop(); // made here rather than in a signal handler
-    struct sigaction action {
-    };
-    action.sa_handler = on_end_signal;
-    action.sa_flags = SA_RESTART;
-    for (const int each : end_signals)
-        sigaction(each, &action, nullptr);
-}
+  public:
+    end_on_signals()
+    {
+        struct sigaction action {
+        };
+        action.sa_handler = on_end_signal;
+        action.sa_flags = SA_RESTART;
+        for (const int each : end_signals)
+            sigaction(each, &action, nullptr);
+    }
+    ~end_on_signals()
+    {
+        for (const int each : end_signals)
+            std::signal(each, SIG_DFL);
+    }
+    end_on_signals(const end_on_signals &) = delete;
+    end_on_signals &operator=(const end_on_signals &) = delete;
+};
 
 // Every namespace takes ten descriptors, every agent one.
 void raise_descriptor_limit()
@@ -80,9 +78,9 @@ void raise_descriptor_limit()
 void lock_memory()
 {
     if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0)
-        log_line("memory cannot be locked, for which --realtime needs CAP_IPC_LOCK or a higher "
-                 "limit of locked memory (ulimit -l, LimitMEMLOCK=): where memory is short, "
-                 "packets may go out late");
+        log_line("cannot lock memory: --realtime needs CAP_IPC_LOCK or a higher limit of locked "
+                 "memory (ulimit -l, LimitMEMLOCK=); when memory is short, packets may be sent "
+                 "late");
 }
 
 bool check_privilege(const options &chosen)
@@ -104,64 +102,78 @@ bool check_privilege(const options &chosen)
     return true;
 }
 
-// Takes down what kelm_init and the agents have made, in the order that kelm_release asks for.
-void take_down(namespace_set &served, bool started)
+// Starts the engine. Whether it serves the initial namespace.
+bool start(host &kelmd, bool realtime)
 {
-    served.close_agents();
+    kelmd.softirq.start(realtime);
+    if (realtime)
+        lock_memory();
+    const int error = kelm_init();
+    if (error == 0)
+        return true;
+    const std::string reason = kelmd.namespaces.initial_obstacle(-error);
+    log_line("cannot serve the initial network namespace: %s", reason.c_str());
+    return false;
+}
+
+// Serves until a signal comes.
+void serve(host &kelmd)
+{
+    log_line("ready");
+    sd_notify(0, "READY=1");
+    const watchdog alive(kelmd.loop);
+    kelmd.loop.run();
+    sd_notify(0, "STOPPING=1");
+}
+
+// Takes down what kelm_init and the agents have made, in the order that kelm_release asks for.
+void stop(host &kelmd, bool started)
+{
+    kelmd.namespaces.close_agents();
     if (started)
         kelm_exit();
     kelm_release();
-    stop_softirq();
+    kelmd.softirq.stop();
 }
 
+// The exit status.
 int run(const options &chosen)
 {
+    host kelmd(chosen.namespaces);
+    kelmd.log.start();
     if (!check_privilege(chosen))
         return EXIT_FAILURE;
     raise_descriptor_limit();
-    end_on_signals();
-    namespace_set served(the_loop(), chosen.namespaces);
-    start_softirq(chosen.realtime);
-    if (chosen.realtime)
-        lock_memory();
-    if (const int error = kelm_init(); error != 0) {
-        const std::string reason = served.initial_obstacle(-error);
-        log_line("cannot serve the initial network namespace: %s", reason.c_str());
-        take_down(served, false);
-        return EXIT_FAILURE;
-    }
-    log_line("ready");
-    sd_notify(0, "READY=1");
-    {
-        const watchdog alive(the_loop());
-        the_loop().run();
-    }
-    sd_notify(0, "STOPPING=1");
-    take_down(served, true);
-    return EXIT_SUCCESS;
+    const end_on_signals ending;
+    const bool started = start(kelmd, chosen.realtime);
+    if (started)
+        serve(kelmd);
+    stop(kelmd, started);
+    return started ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 // The exit status, or -1 to go on.
 int parse_command_line(int argc, char **argv, options &chosen)
 {
-    CLI::App app("kelm as a daemon: keeps the periodic transmission and the detection timers of "
-                 "BFD\nsessions for an agent. Stays in the foreground, logs to standard error.",
-                 "kelmd");
+    CLI::App app(
+        "kelm as a daemon: runs the periodic transmission and the detection timers of BFD\n"
+        "sessions for an agent. Stays in the foreground and logs to standard error.",
+        "kelmd");
     app.failure_message([](const CLI::App *failed, const CLI::Error &error) {
         return "kelmd: " + CLI::FailureMessage::simple(failed, error);
     });
     std::vector<std::string> names;
     app.set_version_flag("-V,--version", "kelmd " KELM_VERSION);
     app.add_flag("--realtime", chosen.realtime,
-                 "Receive and run timers under the real-time scheduler, with memory locked");
+                 "Receive packets and run timers under a real-time scheduler, with memory locked");
     auto *const netns =
         app.add_option("--netns", names,
-                       "Serve this named network namespace (repeatable) besides the one that "
-                       "kelmd is started in; without the option, all that are in /run/netns")
+                       "Serve this named network namespace in addition to the one that kelmd is "
+                       "started in (repeatable); without the option, all in /run/netns")
             ->type_name("NAME")
             ->allow_extra_args(false);
     app.add_flag("--no-netns", chosen.namespaces.initial_only,
-                 "Serve the network namespace that kelmd is started in alone")
+                 "Serve only the network namespace that kelmd is started in")
         ->excludes(netns);
     try {
         app.parse(argc, argv);
@@ -180,15 +192,11 @@ int main(int argc, char **argv)
     options chosen;
     if (const int status = parse_command_line(argc, argv, chosen); status >= 0)
         return status;
-    std::signal(SIGPIPE, SIG_IGN); // of whoever read the log
-    process_log().start();
-    int status = EXIT_FAILURE;
+    std::signal(SIGPIPE, SIG_IGN); // the log's reader may go away
     try {
-        status = run(chosen);
+        return run(chosen);
     } catch (const std::exception &error) {
-        log_line("cannot start: %s", error.what());
-        stop_softirq();
+        std::fprintf(stderr, "kelmd: cannot start: %s\n", error.what());
+        return EXIT_FAILURE;
     }
-    process_log().stop(std::chrono::seconds(1));
-    return status;
 }

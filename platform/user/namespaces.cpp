@@ -1,9 +1,4 @@
 // SPDX-License-Identifier: GPL-2.0
-//
-// Life of a namespace here: found by name; announced, upon which the engine makes its vrf; if it
-// could not, tried again from time to time; held by us while it has a name, then while it has
-// processes; let go, upon which the engine's cleanup thread sees that only its own sockets are
-// left and lets go too; and when the last of those is released, reported gone and forgotten.
 #include "platform/user/namespaces.h"
 
 #include <algorithm>
@@ -13,9 +8,9 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/user/agent_socket.h"
+#include "platform/user/agent_listener.h"
 #include "platform/user/log.h"
-#include "platform/user/port_owner.h"
+#include "platform/user/obstacle.h"
 #include "platform/user/process.h"
 
 namespace kelmd
@@ -33,37 +28,45 @@ constexpr auto process_check_interval = 1s;
 constexpr auto first_mount_wait = 5ms;
 constexpr auto longest_mount_wait = 1000ms;
 
-namespace_set *the_namespaces = nullptr;
+constexpr long long retry_seconds = retry_interval.count();
 
 } // namespace
 
-namespace_set &namespaces()
-{
-    return *the_namespaces;
-}
+// A namespace as it is served. The first is the initial one, which has no names and is never let
+// go.
+struct namespace_set::served {
+    served(netns_key the_key, unique_fd handle) : key(the_key), view(std::move(handle)) {}
+
+    [[nodiscard]] bool is_initial() const { return !view.handle; }
+    [[nodiscard]] bool has_vrf() const { return view.agents != nullptr; }
+
+    const netns_key key;
+    net view;                    // what the engine sees
+    std::set<std::string> names; // in /run/netns
+    std::string label;           // for people
+    bool held = false;           // names and processes: one reference for all of them
+    obstacle reported;           // the obstacle that has been logged
+};
 
 namespace_set::namespace_set(event_loop &loop, namespace_options options)
     : loop_(loop), options_(std::move(options)), scan_again_(loop, [this] { scan(); }),
       retry_(loop, [this] { retry_unserved(); }),
       process_check_(loop, [this] { let_go_abandoned(); })
 {
-    the_namespaces = this;
 }
 
-namespace_set::~namespace_set()
-{
-    the_namespaces = nullptr;
-}
+namespace_set::~namespace_set() = default;
 
 int namespace_set::start(notifier_block *notifier)
 {
     notifier_ = notifier;
     netns_key key{};
-    unique_fd handle = open_netns("/proc/self/ns/net", key);
-    const net &initial = take_up(key, std::move(handle), true);
-    if (initial.agents == nullptr) {
+    (void)open_netns("/proc/self/ns/net", key);
+    served &initial = take_up(key, {});
+    announce(initial);
+    if (!initial.has_vrf()) {
         notifier_ = nullptr;
-        return -(initial.obstacle.error != 0 ? initial.obstacle.error : EIO);
+        return -(initial.view.obstacle.error != 0 ? initial.view.obstacle.error : EIO);
     }
     for (const std::string &name : options_.only) {
         netns_key ignored{};
@@ -86,21 +89,20 @@ void namespace_set::stop()
 
 void namespace_set::close_agents()
 {
-    for (const auto &ns : nets_)
-        ns->agents.reset();
+    for (const auto &ns : served_)
+        ns->view.agents.reset();
 }
 
 void namespace_set::close_agents_of(net &ns)
 {
-    // reap leaves a namespace alone whose agents are not closed, so it will still be there. Until
+    // reap leaves a namespace alone until its agents are closed, so it still exists then. Until
     // then their ports may outlive the kernel socket: what they send is refused.
     if (loop_.is_own_thread())
         ns.agents.reset();
     else
         loop_.post([this, &ns] {
             ns.agents.reset();
-            if (ns.held) // it was named again while its vrf was on its way out
-                retry_.arm(retry_interval);
+            retry_.arm(retry_interval); // it may have been named again while its vrf was going
         });
 }
 
@@ -111,51 +113,49 @@ void namespace_set::reap_soon()
 
 std::string namespace_set::initial_obstacle(int error) const
 {
-    if (nets_.empty())
+    if (served_.empty())
         return std::strerror(error);
-    const net &initial = *nets_.front();
-    if (initial.obstacle.what != obstacle::NONE)
+    const net &initial = served_.front()->view;
+    if (initial.obstacle.what != obstacle::none)
         return explain(initial, initial.obstacle);
     return explain(initial,
-                   {.what = obstacle::OTHER, .call = "starting the engine", .error = error});
+                   {.what = obstacle::other, .call = "starting the engine", .error = error});
 }
 
-net &namespace_set::take_up(netns_key key, unique_fd handle, bool initial)
+// Without a handle: the initial one.
+namespace_set::served &namespace_set::take_up(netns_key key, unique_fd handle)
 {
-    net &ns = *nets_.emplace_back(std::make_unique<net>(key, std::move(handle), initial));
-    ns.label = initial ? "the initial one" : "without a name";
+    served &ns = *served_.emplace_back(std::make_unique<served>(key, std::move(handle)));
+    ns.label = ns.is_initial() ? "the initial one" : "without a name";
     ns.held = true;
-    get_net(ns);
-    if (initial)
-        announce(ns);
+    get_net(ns.view);
     return ns;
 }
 
 // Lets the engine make a vrf.
-void namespace_set::announce(net &ns)
+void namespace_set::announce(served &ns)
 {
-    ns.obstacle = {};
-    notifier_->notifier_call(notifier_, NETDEV_REGISTER, &ns.lo);
-    if (ns.agents == nullptr && ns.obstacle.what == obstacle::NONE)
-        ns.obstacle = {.what = obstacle::OTHER, .call = "making its vrf", .error = ENOMEM};
-    if (!ns.initial)
+    ns.view.obstacle = {};
+    notifier_->notifier_call(notifier_, NETDEV_REGISTER, &ns.view.lo);
+    if (!ns.has_vrf() && ns.view.obstacle.what == obstacle::none)
+        ns.view.obstacle = {.what = obstacle::other, .call = "making its vrf", .error = ENOMEM};
+    if (!ns.is_initial())
         report(ns);
 }
 
-// Tells of a namespace that cannot be served, once for every reason; and when it is after all.
-void namespace_set::report(net &ns)
+// Logs that a namespace cannot be served, once for every reason; and when it is after all.
+void namespace_set::report(served &ns)
 {
-    if (ns.agents != nullptr) {
-        if (ns.reported.what != obstacle::NONE)
-            log_line("network namespace %s: served now", ns.label.c_str());
+    if (ns.has_vrf()) {
+        if (ns.reported.what != obstacle::none)
+            log_line("network namespace %s: now served", ns.label.c_str());
         ns.reported = {};
         return;
     }
-    if (ns.obstacle != ns.reported)
-        log_line("network namespace %s is not served: %s; trying again every %lld s",
-                 ns.label.c_str(), explain(ns, ns.obstacle).c_str(),
-                 static_cast<long long>(retry_interval.count()));
-    ns.reported = ns.obstacle;
+    if (ns.view.obstacle != ns.reported)
+        log_line("network namespace %s is not served: %s; retrying every %lld s", ns.label.c_str(),
+                 explain(ns.view, ns.view.obstacle).c_str(), retry_seconds);
+    ns.reported = ns.view.obstacle;
     retry_.arm(retry_interval);
 }
 
@@ -167,12 +167,12 @@ void namespace_set::watch_names()
             scan();
         });
     } catch (const std::system_error &error) {
-        log_line("cannot watch %s (%s): looking there every %lld s instead", names_directory,
-                 error.what(), static_cast<long long>(retry_interval.count()));
+        log_line("cannot watch %s (%s): reading it every %lld s instead", names_directory,
+                 error.what(), retry_seconds);
     }
 }
 
-// Brings nets_ in line with the names that there are.
+// Brings served_ in line with the names that there are.
 void namespace_set::scan()
 {
     if (notifier_ == nullptr)
@@ -182,9 +182,9 @@ void namespace_set::scan()
     netns_listing listing;
     try {
         listing = list_netns(names_directory);
-    } catch (const std::system_error &error) { // which says nothing about what is there
-        log_line("cannot look for network namespaces (%s): trying again in %lld s", error.what(),
-                 static_cast<long long>(retry_interval.count()));
+    } catch (const std::system_error &error) { // not a sign that names are gone
+        log_line("cannot look for network namespaces (%s): retrying in %lld s", error.what(),
+                 retry_seconds);
         scan_again_.arm(retry_interval);
         return;
     }
@@ -196,13 +196,13 @@ void namespace_set::scan()
         names[entry.key].insert(entry.name);
         handles.try_emplace(entry.key, std::move(entry.handle));
     }
-    for (const auto &ns : nets_) {
+    for (const auto &ns : served_) {
         const auto found = names.extract(ns->key);
-        if (!ns->initial)
+        if (!ns->is_initial())
             update_names(*ns, found.empty() ? std::set<std::string>{} : found.mapped());
     }
     for (auto &[key, new_names] : names) {
-        net &ns = take_up(key, std::move(handles.at(key)), false);
+        served &ns = take_up(key, std::move(handles.at(key)));
         update_names(ns, std::move(new_names));
         announce(ns);
     }
@@ -213,11 +213,11 @@ void namespace_set::scan()
     let_go_abandoned();
 }
 
-void namespace_set::update_names(net &ns, std::set<std::string> names)
+void namespace_set::update_names(served &ns, std::set<std::string> names)
 {
-    if (!names.empty() && !ns.held) { // it had been let go, and somebody named it once more
+    if (!names.empty() && !ns.held) { // it had been let go, and has a name again
         ns.held = true;
-        get_net(ns);
+        get_net(ns.view);
         retry_.arm(retry_interval); // its vrf may be gone by now; see close_agents_of if not
     }
     ns.names = std::move(names);
@@ -229,11 +229,11 @@ void namespace_set::retry_unserved()
 {
     if (notifier_ == nullptr)
         return;
-    for (const auto &ns : nets_) {
-        if (ns->agents != nullptr || !ns->held)
+    for (const auto &ns : served_) {
+        if (ns->has_vrf() || !ns->held)
             continue;
         retry_.arm(retry_interval);
-        if (is_cleared(*ns, ns->obstacle))
+        if (is_cleared(ns->view))
             announce(*ns);
     }
 }
@@ -241,20 +241,20 @@ void namespace_set::retry_unserved()
 // Gives up the hold on namespaces that have neither a name nor a process any more.
 void namespace_set::let_go_abandoned()
 {
-    const auto is_nameless = [](const std::unique_ptr<net> &ns) {
-        return !ns->initial && ns->held && ns->names.empty();
+    const auto is_nameless = [](const std::unique_ptr<served> &ns) {
+        return !ns->is_initial() && ns->held && ns->names.empty();
     };
-    if (std::ranges::none_of(nets_, is_nameless))
+    if (std::ranges::none_of(served_, is_nameless))
         return;
     const auto inhabited = inhabited_namespaces();
-    for (const auto &ns : nets_) {
+    for (const auto &ns : served_) {
         if (!is_nameless(ns))
             continue;
         if (!inhabited || inhabited->contains(ns->key)) {
             process_check_.arm(process_check_interval);
         } else {
             ns->held = false;
-            put_net(*ns);
+            put_net(ns->view);
         }
     }
 }
@@ -262,16 +262,16 @@ void namespace_set::let_go_abandoned()
 // Reports those gone that nothing refers to any more, and forgets them.
 void namespace_set::reap()
 {
-    const auto unused = [](const std::unique_ptr<net> &ns) {
-        return ns->references == 0 && ns->agents == nullptr;
+    const auto is_unused = [](const std::unique_ptr<served> &ns) {
+        return ns->view.references == 0 && !ns->has_vrf();
     };
     if (notifier_ == nullptr)
         return;
-    for (const auto &ns : nets_) {
-        if (unused(ns))
-            notifier_->notifier_call(notifier_, NETDEV_UNREGISTER, &ns->lo);
+    for (const auto &ns : served_) {
+        if (is_unused(ns))
+            notifier_->notifier_call(notifier_, NETDEV_UNREGISTER, &ns->view.lo);
     }
-    std::erase_if(nets_, unused);
+    std::erase_if(served_, is_unused);
 }
 
 } // namespace kelmd

@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: GPL-2.0
-//
-// Namespaces as the engine sees them, and the way in and out.
 #include "platform/user/net.h"
 
 #include <cerrno>
@@ -9,29 +7,18 @@
 #include <new>
 #include <sched.h>
 #include <system_error>
+#include <utility>
 
-#include "platform/user/agent_socket.h"
+#include "platform/user/agent_listener.h"
 #include "platform/user/context.h"
-#include "platform/user/log.h"
-#include "platform/user/namespaces.h"
-#include "platform/user/system_call.h"
+#include "platform/user/host.h"
 
-net::net(kelmd::netns_key the_key, kelmd::unique_fd the_handle, bool is_initial)
-    : key(the_key), handle(std::move(the_handle)), initial(is_initial)
-{
-}
+net::net(kelmd::unique_fd the_handle) : handle(std::move(the_handle)) {}
 
 net::~net() = default;
 
 namespace kelmd
 {
-
-int initial_namespace_fd()
-{
-    static const unique_fd initial(
-        checked("/proc/self/ns/net", open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)));
-    return initial.get();
-}
 
 void get_net(net &ns)
 {
@@ -41,33 +28,30 @@ void get_net(net &ns)
 void put_net(net &ns)
 {
     if (ns.references.fetch_sub(1, std::memory_order_acq_rel) == 1)
-        namespaces().reap_soon();
+        the_host().namespaces.reap_soon();
 }
 
 in_namespace::in_namespace(const net &ns)
 {
-    if (ns.initial)
+    if (!ns.handle)
         return;
-    try {
-        (void)initial_namespace_fd(); // opened before it is left for the first time
-    } catch (const std::system_error &error) {
-        error_ = error.code().value();
-        return;
-    }
-    if (setns(ns.handle.get(), CLONE_NEWNET) == 0)
-        entered_ = true;
+    unique_fd origin(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    if (origin && setns(ns.handle.get(), CLONE_NEWNET) == 0)
+        origin_ = std::move(origin);
     else
         error_ = errno;
 }
 
 in_namespace::~in_namespace()
 {
-    if (entered_ && setns(initial_namespace_fd(), CLONE_NEWNET) != 0)
+    if (origin_ && setns(origin_.get(), CLONE_NEWNET) != 0)
         context_violated("cannot return to the initial network namespace: %s",
                          std::strerror(errno));
 }
 
 } // namespace kelmd
+
+// Services
 
 net_device *netdev_notifier_info_to_dev(void *info)
 {
@@ -97,7 +81,7 @@ int net_refcount(const net *net)
 int register_netdevice_notifier(notifier_block *nb)
 {
     try {
-        return kelmd::namespaces().start(nb);
+        return kelmd::the_host().namespaces.start(nb);
     } catch (const std::system_error &error) { // engine code lies between here and main
         kelmd::log_line("%s", error.what());
         return -error.code().value();
@@ -108,7 +92,7 @@ int register_netdevice_notifier(notifier_block *nb)
 
 void unregister_netdevice_notifier(notifier_block * /*nb*/)
 {
-    kelmd::namespaces().stop();
+    kelmd::the_host().namespaces.stop();
 }
 
 hosted::netlink_table &hosted::netlink_table_of(net *ns)

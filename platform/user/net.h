@@ -1,87 +1,58 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// A network namespace that kelmd knows: what the engine sees of it, and what it takes to get
-// into it. Made, announced and destroyed by namespace_set, on the control thread.
+// A network namespace as the engine sees it, and the way into it. How it is found, served and given
+// up is namespaces.h.
 #pragma once
 
 #include <atomic>
-#include <compare>
-#include <cstdint>
 #include <memory>
-#include <set>
-#include <string>
-#include <sys/types.h>
 
 #include "platform/hosted/netlink.h"
 #include "platform/net.h"
 #include "platform/user/fd.h"
+#include "platform/user/obstacle.h"
 
 namespace kelmd
 {
 
 class agent_listener;
 
-// What makes two names the same namespace.
-struct netns_key {
-    dev_t device;
-    ino_t inode;
-
-    auto operator<=>(const netns_key &) const = default;
-};
-
-// Why a namespace could not be given a vrf: the last thing that the host refused the engine.
-struct obstacle {
-    enum kind { NONE, AGENT_SOCKET_TAKEN, PORT_TAKEN, OTHER };
-
-    kind what = NONE;
-    std::uint16_t port = 0; // of PORT_TAKEN
-    const char *call = "";  // of OTHER
-    int error = 0;          // errno
-
-    bool operator==(const obstacle &) const = default;
-};
-
 } // namespace kelmd
 
-// "lo", the one device of each namespace that is told of.
+// "lo", the only device of each namespace that is reported.
 struct net_device {
     net *owner;
 };
 
 struct net {
-    net(kelmd::netns_key the_key, kelmd::unique_fd the_handle, bool is_initial);
+    // Without a handle: the initial namespace, in which kelmd was started.
+    explicit net(kelmd::unique_fd the_handle);
     ~net();
     net(const net &) = delete;
     net &operator=(const net &) = delete;
 
-    const kelmd::netns_key key;
-    const kelmd::unique_fd handle; // an open descriptor keeps the namespace in being
-    const bool initial;
-
-    // The control thread's.
-    std::set<std::string> names; // in /run/netns
-    std::string label;           // for people
-    bool held = false;           // names and processes: one reference for all of them
-    kelmd::obstacle obstacle;    // NONE while served
-    kelmd::obstacle reported;    // the one that the log has told of
-    std::unique_ptr<kelmd::agent_listener> agents; // while it has a kernel netlink socket
+    const kelmd::unique_fd handle; // an open descriptor keeps the namespace alive
 
     // Any thread.
     hosted::netlink_table netlink;
     net_device lo{this};
     std::atomic<int> references = 0;
+
+    // The control thread's.
+    std::unique_ptr<kelmd::agent_listener> agents; // while it has a kernel netlink socket
+    kelmd::obstacle obstacle; // the last thing that was refused to the engine here
 };
 
 namespace kelmd
 {
 
-// References on the namespace as net_refcount counts them. Any thread. Whoever gives back the
+// References on the namespace as net_refcount counts them. Any thread. A caller that gives back the
 // last one must not touch the namespace any more.
 void get_net(net &ns);
 void put_net(net &ns);
 
-// Puts the calling thread into a namespace for the time of its life. A thread that cannot
-// return ends the process: it would act in a namespace that nobody meant.
+// Puts the calling thread into a namespace for the time of its life. A thread that cannot return
+// ends the process: it would act in the wrong namespace.
 class in_namespace
 {
   public:
@@ -95,10 +66,7 @@ class in_namespace
 
   private:
     int error_ = 0;
-    bool entered_ = false;
+    unique_fd origin_; // if the thread has entered another one
 };
-
-// The namespace that kelmd was started in, open for the life of the process.
-[[nodiscard]] int initial_namespace_fd();
 
 } // namespace kelmd

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Kernel netlink sockets: the hosts' common netlink, with the agents' socket in front of it.
+// Kernel netlink sockets: the hosts' common netlink, with a socket for agents in front of it.
 #include "platform/netlink.h"
 
 #include <cerrno>
@@ -8,31 +8,27 @@
 #include <system_error>
 
 #include "platform/hosted/netlink.h"
-#include "platform/user/agent_socket.h"
+#include "platform/user/agent_listener.h"
 #include "platform/user/context.h"
-#include "platform/user/namespaces.h"
+#include "platform/user/host.h"
 #include "platform/user/net.h"
 
-namespace
-{
+// Services
 
 using namespace kelmd;
-
-constexpr int kelm_unit = 31; // the one that agent_socket_name stands for
-
-} // namespace
 
 sock *netlink_kernel_create(net *net, int unit, const netlink_kernel_cfg *cfg)
 {
     assert_may_sleep(__func__);
-    if (unit != kelm_unit)
+    if (unit != agent_netlink_unit)
         return nullptr;
     try {
-        net->agents = std::make_unique<agent_listener>(namespaces().loop(), *net);
+        net->agents =
+            std::make_unique<agent_listener>(the_host().loop, the_host().connections, *net);
     } catch (const std::system_error &error) {
         const int code = error.code().value();
         net->obstacle = {.what =
-                             code == EADDRINUSE ? obstacle::AGENT_SOCKET_TAKEN : obstacle::OTHER,
+                             code == EADDRINUSE ? obstacle::agent_socket_taken : obstacle::other,
                          .call = "agent socket",
                          .error = code};
         return nullptr;
@@ -48,7 +44,6 @@ sock *netlink_kernel_create(net *net, int unit, const netlink_kernel_cfg *cfg)
 void netlink_kernel_release(sock *sk)
 {
     assert_may_sleep(__func__);
-    net *const ns = sock_net(sk);
-    namespaces().close_agents_of(*ns);
+    the_host().namespaces.close_agents_of(*sock_net(sk));
     hosted::netlink_kernel_close(sk);
 }

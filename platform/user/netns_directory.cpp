@@ -24,7 +24,7 @@ namespace kelmd
 namespace
 {
 
-// Whether opening failed because of what the file is, rather than for want of something.
+// Whether opening failed because of what the file is, not because resources are short.
 bool is_no_namespace(int error)
 {
     constexpr std::array reasons{ENOENT, ENOTDIR, ELOOP, EACCES, EPERM, ENXIO, ENODEV};
@@ -35,7 +35,7 @@ bool is_no_namespace(int error)
 
 unique_fd open_netns(const std::string &path, netns_key &key)
 {
-    // O_NONBLOCK: somebody may have put a FIFO there.
+    // O_NONBLOCK: it may be a FIFO.
     unique_fd handle(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!handle && is_no_namespace(errno))
         return {};
@@ -93,7 +93,7 @@ void netns_directory::watch_what_exists()
                               IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR);
         if (directory_watch_ >= 0 || parent_watch_ >= 0)
             break;
-        // Once more after this: it may have been made between the two.
+        // Then try again: it may have been made in between.
         parent_watch_ =
             checked(parent.c_str(), inotify_add_watch(inotify_.get(), parent.c_str(),
                                                       IN_CREATE | IN_MOVED_TO | IN_ONLYDIR));

@@ -10,7 +10,7 @@
 
 #include "platform/user/event_loop.h"
 #include "platform/user/fd.h"
-#include "platform/user/net.h"
+#include "platform/user/netns_key.h"
 
 namespace kelmd
 {
@@ -27,11 +27,11 @@ struct netns_listing {
 };
 
 // What is in the directory now; nothing if it does not exist. A name is made as a plain file
-// first, its namespace mounted over it then. Throws std::system_error if that cannot be known now,
-// for want of descriptors or memory.
+// first, then its namespace is mounted over it. Throws std::system_error if that cannot be known
+// now, because descriptors or memory are short.
 [[nodiscard]] netns_listing list_netns(const std::string &directory);
 
-// Opens a namespace's file; no descriptor if it is none. Throws as list_netns does.
+// Opens a namespace's file; no descriptor if it is not one. Throws as list_netns does.
 [[nodiscard]] unique_fd open_netns(const std::string &path, netns_key &key);
 
 class netns_directory

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The kernel log's lines, into the log of the process. They come out without their level.
+// The kernel log's lines go into kelmd's log, without their level.
 #include "platform/printk.h"
 
 #include <array>
@@ -10,7 +10,7 @@
 #include <execinfo.h>
 #include <string_view>
 
-#include "platform/user/log.h"
+#include "platform/user/host.h"
 
 namespace
 {
@@ -34,7 +34,7 @@ void log_backtrace()
     if (names == nullptr)
         return;
     for (int i = 1; i < depth; ++i)
-        kelmd::process_log().append(std::string("  ") + names[i]);
+        kelmd::the_host().log.append(std::string("  ") + names[i]);
     std::free(static_cast<void *>(names));
 }
 
@@ -47,7 +47,7 @@ void printk(const char *fmt, ...)
     va_start(arguments, fmt);
     std::vsnprintf(text.data(), text.size(), fmt, arguments);
     va_end(arguments);
-    kelmd::process_log().append(without_level_and_newline(text.data()));
+    kelmd::the_host().log.append(without_level_and_newline(text.data()));
 }
 
 void WARN(const char *fmt, ...)
@@ -57,7 +57,7 @@ void WARN(const char *fmt, ...)
     va_start(arguments, fmt);
     std::vsnprintf(text.data(), text.size(), fmt, arguments);
     va_end(arguments);
-    kelmd::process_log().append(std::string("WARNING: ") +
-                                std::string(without_level_and_newline(text.data())));
+    kelmd::the_host().log.append(std::string("WARNING: ") +
+                                 std::string(without_level_and_newline(text.data())));
     log_backtrace();
 }

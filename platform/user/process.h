@@ -10,13 +10,13 @@
 #include <string_view>
 #include <sys/types.h>
 
-#include "platform/user/net.h"
+#include "platform/user/netns_key.h"
 
 namespace kelmd
 {
 
-// A process that stands behind something that happened on a socket. Process numbers are used
-// again; the start time and the user tell another process of the same number.
+// The process behind something that happened on a socket. Process numbers are reused; start time
+// and user tell apart processes with the same number.
 struct peer_process {
     pid_t pid = 0;                // 0: one that cannot be seen from here
     uid_t uid = 0;                // as the socket gave it
@@ -25,7 +25,7 @@ struct peer_process {
     bool operator==(const peer_process &) const = default;
 };
 
-// What matters of /proc/PID/status.
+// What kelmd needs of /proc/PID/status.
 struct process_status {
     uid_t effective_uid;
     std::uint64_t effective_capabilities; // one bit each
@@ -36,16 +36,17 @@ struct process_status {
 // The start time from /proc/PID/stat.
 [[nodiscard]] std::optional<std::uint64_t> parse_start_time(std::string_view text);
 
-// Whether the kernel started the program with more privilege than whoever asked for it had
-// (AT_SECURE), from /proc/PID/auxv. What cannot be read counts as such.
+// Whether the kernel started the program with more privilege than its caller had (AT_SECURE), from
+// /proc/PID/auxv. True if it cannot be read.
 [[nodiscard]] bool parse_secure(std::string_view auxv);
 
-// Notes a process down by its number while it is known to be the right one.
+// Records a process by its number while that is known to be the right one.
 [[nodiscard]] peer_process identify(pid_t pid, uid_t uid);
 
 // The effective capabilities of that process in our own user namespace, one bit each. None if it
-// is not that process any more, or not with the privilege of that user: between what it did on the
-// socket and now it may have become a program, su for one, that lends it nothing but a number.
+// is no longer that process, or no longer has that user's privilege: since it used the socket it
+// may have become a program with more privilege (su, for example), which does not count for the
+// request.
 [[nodiscard]] std::uint64_t capabilities_of(const peer_process &peer);
 
 // Whether kelmd itself holds a capability.

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The engine's sockets: making them in their namespace, binding, options, sending. Reception is
-// in udp_socket.cpp.
+// The engine's sockets: making them in their namespace, binding, options, sending.
 #include "platform/user/socket.h"
 
 #include <array>
@@ -15,6 +14,7 @@
 #include "platform/user/buffer.h"
 #include "platform/user/context.h"
 #include "platform/user/net.h"
+#include "platform/user/udp_socket.h"
 
 namespace kelmd
 {
@@ -46,7 +46,7 @@ ssize_t host_sock::send(const msghdr &message, int flags)
 namespace
 {
 
-// Refusals are for want of CAP_NET_ADMIN, which kelmd tells at its start.
+// A refusal means that CAP_NET_ADMIN is missing, which kelmd has logged at its start.
 void set_fd_option(int fd, int option, int value)
 {
     if (option == SO_SNDBUF)
@@ -95,25 +95,13 @@ unique_fd open_socket(int family, int type, int protocol)
     return unique_fd(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
 }
 
-// What protocol 255 receives is nobody's business; the least of buffers keeps it out.
+// Packets of protocol 255 that arrive are not wanted; the smallest of buffers keeps them out.
 unique_fd open_raw_socket(int family)
 {
     unique_fd fd = open_socket(family, SOCK_RAW, IPPROTO_RAW);
     if (fd)
         set_buffer(fd.get(), SO_RCVBUF, 0);
     return fd;
-}
-
-std::unique_ptr<host_sock> make_udp(net *ns, bool counted)
-{
-    unique_fd fd = open_socket(AF_INET6, SOCK_DGRAM, 0);
-    if (!fd)
-        return nullptr;
-    if (const int error = prepare_udp_socket(fd.get()); error != 0) {
-        errno = error;
-        return nullptr;
-    }
-    return std::make_unique<udp_sock>(ns, std::move(fd), counted);
 }
 
 std::unique_ptr<host_sock> make_raw(net *ns, bool counted)
@@ -143,7 +131,7 @@ struct socket_kind {
 };
 
 constexpr std::array<socket_kind, 3> kinds{{
-    {AF_INET6, SOCK_DGRAM, make_udp, "opening a UDP socket"},
+    {AF_INET6, SOCK_DGRAM, make_udp_sock, "opening a UDP socket"},
     {AF_INET6, SOCK_RAW, make_raw, "opening raw sockets"},
     {AF_PACKET, SOCK_RAW, make_packet, "opening a packet socket"},
 }};
@@ -165,7 +153,7 @@ int make_socket(const socket_kind &kind, net *ns, bool counted, sock **res)
     }
 }
 
-host_sock &host(sock *sk)
+host_sock &native(sock *sk)
 {
     return static_cast<host_sock &>(*sk);
 }
@@ -173,6 +161,8 @@ host_sock &host(sock *sk)
 } // namespace
 
 } // namespace kelmd
+
+// Services
 
 using namespace kelmd;
 
@@ -184,7 +174,7 @@ int __sock_create(net *net, int family, int type, int /*protocol*/, sock **res, 
             continue;
         const int error = make_socket(kind, net, kern == 0, res);
         if (error != 0)
-            net->obstacle = {.what = obstacle::OTHER, .call = kind.name, .error = error};
+            net->obstacle = {.what = obstacle::other, .call = kind.name, .error = error};
         return -error;
     }
     return -EAFNOSUPPORT;
@@ -193,13 +183,13 @@ int __sock_create(net *net, int family, int type, int /*protocol*/, sock **res, 
 int kernel_bind(sock *sk, const void *addr, int addrlen)
 {
     assert_may_sleep(__func__);
-    const int result = host(sk).bind(addr, addrlen);
+    const int result = native(sk).bind(addr, addrlen);
     if (result == -EADDRINUSE)
-        sk->netns->obstacle = {.what = obstacle::PORT_TAKEN,
+        sk->netns->obstacle = {.what = obstacle::port_taken,
                                .port = ntohs(static_cast<const sockaddr_in6 *>(addr)->sin6_port),
                                .error = -result};
     else if (result != 0)
-        sk->netns->obstacle = {.what = obstacle::OTHER, .call = "bind", .error = -result};
+        sk->netns->obstacle = {.what = obstacle::other, .call = "bind", .error = -result};
     return result;
 }
 
@@ -211,8 +201,8 @@ void sock_release(sock *sk)
 
 void sock_set_data_ready(sock *sk, sock_data_ready callback, void *user_data)
 {
-    host(sk).data_ready = callback;
-    host(sk).user_data = user_data;
+    native(sk).data_ready = callback;
+    native(sk).user_data = user_data;
 }
 
 void *sock_user_data(const sock *sk)
@@ -225,17 +215,12 @@ void sock_set_allocation(sock * /*sk*/, gfp_t /*gfp*/) {}
 
 void sock_set_priority(sock *sk, std::uint32_t priority)
 {
-    host(sk).set_option(SO_PRIORITY, static_cast<int>(priority));
+    native(sk).set_option(SO_PRIORITY, static_cast<int>(priority));
 }
 
 void sock_set_sndbuf(sock *sk, int bytes)
 {
-    host(sk).set_option(SO_SNDBUF, bytes);
-}
-
-sk_buff *__skb_recv_udp(sock *sk)
-{
-    return host(sk).take();
+    native(sk).set_option(SO_SNDBUF, bytes);
 }
 
 static_assert(sizeof(kvec) == sizeof(iovec) && offsetof(kvec, iov_len) == offsetof(iovec, iov_len));
@@ -251,6 +236,6 @@ int kernel_sendmsg(sock *sk, const kernel_msghdr *msg, const kvec *vec, std::siz
     message.msg_control = const_cast<void *>(msg->msg_control);
     message.msg_controllen = msg->msg_controllen;
     const auto flags = static_cast<int>(msg->msg_flags) | MSG_NOSIGNAL;
-    const ssize_t sent = host(sk).send(message, flags);
+    const ssize_t sent = native(sk).send(message, flags);
     return sent >= 0 ? static_cast<int>(sent) : -errno;
 }

@@ -1,12 +1,29 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The softirq thread: receives, and runs timers.
+//
+// One round of the thread takes the time, sees which sockets have something, empties those, and
+// only then runs the timers that were due at the time it took. So however long the thread was kept
+// from running: a datagram that arrived before a timer was due is handled before that timer runs. A
+// detection timer never fires over the proof that the peer was alive.
 #pragma once
 
-#include <cstddef>
+#include <atomic>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "platform/hosted/mutex.h"
+#include "platform/hosted/wait.h"
+#include "platform/user/fd.h"
+
+struct epoll_event;
 
 namespace kelmd
 {
+
+class timer_base;
 
 // Something that the softirq thread receives from.
 class receiver
@@ -20,18 +37,46 @@ class receiver
     virtual void drain() = 0;
 };
 
-// Starts the thread; realtime puts it under SCHED_FIFO, or says in the log that it
-// may not. Throws std::system_error.
-void start_softirq(bool realtime);
+class softirq_thread
+{
+  public:
+    // Does not start it. Throws std::system_error.
+    explicit softirq_thread(timer_base &timers);
+    ~softirq_thread() { stop(); }
+    softirq_thread(const softirq_thread &) = delete;
+    softirq_thread &operator=(const softirq_thread &) = delete;
 
-// Ends the thread. Nothing is received and no timer runs afterwards.
-void stop_softirq();
+    // realtime puts the thread under SCHED_FIFO, or says in the log that this is not allowed.
+    // Throws std::system_error.
+    void start(bool realtime);
 
-// Begins to receive. Any task. 0 or a negative error number.
-[[nodiscard]] int add_receiver(receiver &source);
+    // Nothing is received and no timer runs afterwards. Harmless if it does not run.
+    void stop();
 
-// Returns once the receiver is not draining and will not drain again. Any task. Harmless if it
-// was never added.
-void remove_receiver(receiver &source);
+    // Begins to receive. Any task. 0 or a negative error number.
+    [[nodiscard]] int add(receiver &source);
+
+    // Returns once the receiver is not draining and will not drain again. Any task. Harmless if it
+    // was never added.
+    void remove(receiver &source);
+
+  private:
+    using guard = std::unique_lock<hosted::mutex>;
+
+    void run();
+    void drain(const epoll_event &event);
+    void make_room(std::vector<epoll_event> &events);
+
+    timer_base &timers_;
+    const unique_fd epoll_;
+    std::atomic<bool> stopping_ = false;
+    std::thread thread_;
+
+    hosted::mutex lock_; // guards what follows
+    std::set<receiver *> receivers_;
+    receiver *draining_ = nullptr;
+    int waiters_ = 0; // threads that wait for draining_ to change
+    hosted::wait_queue drained_;
+};
 
 } // namespace kelmd

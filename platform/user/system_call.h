@@ -7,7 +7,7 @@
 namespace kelmd
 {
 
-// The result of a system call that has no business failing; throws std::system_error if it did.
+// The result of a system call that should not fail; throws std::system_error if it did.
 inline int checked(const char *call, int result)
 {
     if (result < 0)

@@ -17,10 +17,10 @@ std::thread kelmd::start_thread(const char *name, std::function<void()> body)
 
 void hosted::wait_queue::wait(std::unique_lock<mutex> &lock, const std::function<bool()> &done)
 {
-    changed.wait(lock, done);
+    changed_.wait(lock, done);
 }
 
 void hosted::wait_queue::wake_all()
 {
-    changed.wake_all();
+    changed_.wake_all();
 }

@@ -1,19 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
-//
-// Reception: batched reads on the softirq thread. A UDP socket hands out the payload alone; the
-// headers in front of it are written anew from what the ancillary data tells.
-#include <array>
+#include "platform/user/udp_socket.h"
+
 #include <cerrno>
 #include <cstring>
-#include <memory>
-#include <netinet/in.h>
-#include <sys/uio.h>
 #include <utility>
 
 #include "platform/hosted/skbuff.h"
 #include "platform/hosted/udp_frame.h"
 #include "platform/user/buffer.h"
-#include "platform/user/socket.h"
+#include "platform/user/host.h"
 
 namespace kelmd
 {
@@ -28,53 +23,9 @@ namespace
 constexpr int receive_buffer_bytes = 8 * 1024 * 1024;
 
 // No more datagrams than this fit the buffer (512 bytes is less than any of them counts). So when
-// that many have been read in one go, all that was there at its beginning has been, somebody
-// floods the socket, and the timers, some tens of milliseconds late by now, come first.
+// that many have been read in one go, everything that was there at the beginning has been read,
+// the socket is being flooded, and the timers, some tens of milliseconds late by now, come first.
 constexpr std::size_t drain_limit = std::size_t{receive_buffer_bytes} / 512;
-
-constexpr std::size_t batch_size = 32;
-constexpr std::size_t longest_payload = 65535;
-constexpr std::size_t control_room = 256; // addresses, hop limit and class of both families
-
-// What one recvmmsg fills. One for all sockets: the softirq thread reads them one by one.
-struct receive_batch {
-    receive_batch()
-    {
-        for (std::size_t i = 0; i < batch_size; ++i)
-            vectors[i] = {.iov_base = payloads[i].data(), .iov_len = longest_payload};
-    }
-
-    // Undoes what a receive call writes into its arguments.
-    void reset()
-    {
-        for (std::size_t i = 0; i < batch_size; ++i) {
-            msghdr &header = messages[i].msg_hdr;
-            header = {};
-            header.msg_name = &sources[i];
-            header.msg_namelen = sizeof sources[i];
-            header.msg_iov = &vectors[i];
-            header.msg_iovlen = 1;
-            header.msg_control = controls[i].bytes.data();
-            header.msg_controllen = control_room;
-        }
-    }
-
-    struct control {
-        alignas(cmsghdr) std::array<std::uint8_t, control_room> bytes;
-    };
-
-    std::array<mmsghdr, batch_size> messages;
-    std::array<iovec, batch_size> vectors;
-    std::array<sockaddr_in6, batch_size> sources;
-    std::array<control, batch_size> controls;
-    std::array<std::array<std::uint8_t, longest_payload>, batch_size> payloads;
-};
-
-receive_batch &batch()
-{
-    static const auto buffers = std::make_unique<receive_batch>();
-    return *buffers;
-}
 
 template<typename Value>
 Value control_value(const cmsghdr &header)
@@ -104,13 +55,23 @@ void read_control(const cmsghdr &header, hosted::udp_arrival &arrival)
     }
 }
 
-} // namespace
-
-int prepare_udp_socket(int fd)
+hosted::udp_arrival read_arrival(const msghdr &message, std::uint16_t port)
 {
-    // A failure here means smaller buffers than we would like, and is no reason to give up.
-    set_buffer(fd, SO_RCVBUF, receive_buffer_bytes);
+    const auto &source = *static_cast<const sockaddr_in6 *>(message.msg_name);
+    hosted::udp_arrival arrival{};
+    arrival.source = source.sin6_addr;
+    arrival.source_port = ntohs(source.sin6_port);
+    arrival.destination_port = port;
+    auto *const readable = const_cast<msghdr *>(&message); // as CMSG_NXTHDR wants it
+    for (cmsghdr *header = CMSG_FIRSTHDR(readable); header != nullptr;
+         header = CMSG_NXTHDR(readable, header))
+        read_control(*header, arrival);
+    return arrival;
+}
 
+// Asks for all that write_udp_headers needs to know. 0 or errno.
+int set_needed_options(int fd)
+{
     struct option {
         int level;
         int name;
@@ -131,15 +92,45 @@ int prepare_udp_socket(int fd)
     return 0;
 }
 
-udp_sock::udp_sock(net *ns, unique_fd socket, bool is_counted)
-    : host_sock(ns, std::move(socket), is_counted)
+} // namespace
+
+receive_batch::receive_batch()
 {
-    (void)batch(); // made here, where a want of memory can be told
+    for (std::size_t i = 0; i < size; ++i)
+        vectors_[i] = {.iov_base = payloads_[i].data(), .iov_len = longest_payload};
+}
+
+std::size_t receive_batch::receive(int fd)
+{
+    reset();
+    const int count = recvmmsg(fd, messages_.data(), size, MSG_DONTWAIT, nullptr);
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+// Undoes what a receive call writes into its arguments.
+void receive_batch::reset()
+{
+    for (std::size_t i = 0; i < size; ++i) {
+        msghdr &header = messages_[i].msg_hdr;
+        header = {};
+        header.msg_name = &sources_[i];
+        header.msg_namelen = sizeof sources_[i];
+        header.msg_iov = &vectors_[i];
+        header.msg_iovlen = 1;
+        header.msg_control = controls_[i].bytes.data();
+        header.msg_controllen = control_room;
+    }
+}
+
+udp_sock::udp_sock(net *ns, unique_fd socket, bool is_counted, softirq_thread &softirq,
+                   receive_batch &batch)
+    : host_sock(ns, std::move(socket), is_counted), softirq_(softirq), batch_(batch)
+{
 }
 
 udp_sock::~udp_sock()
 {
-    remove_receiver(*this);
+    softirq_.remove(*this);
 }
 
 int udp_sock::bind(const void *addr, int addrlen)
@@ -147,49 +138,54 @@ int udp_sock::bind(const void *addr, int addrlen)
     const int result = host_sock::bind(addr, addrlen);
     if (result != 0)
         return result;
-    port = ntohs(static_cast<const sockaddr_in6 *>(addr)->sin6_port);
-    return add_receiver(*this);
+    port_ = ntohs(static_cast<const sockaddr_in6 *>(addr)->sin6_port);
+    return softirq_.add(*this);
 }
 
 sk_buff *udp_sock::take()
 {
-    return std::exchange(received, nullptr);
+    return std::exchange(received_, nullptr);
 }
 
 void udp_sock::drain()
 {
-    receive_batch &into = batch();
-    for (std::size_t total = 0; total < drain_limit; total += batch_size) {
-        into.reset();
-        const int count =
-            recvmmsg(fd.get(), into.messages.data(), batch_size, MSG_DONTWAIT, nullptr);
-        for (int i = 0; i < count; ++i) {
-            const auto index = static_cast<std::size_t>(i);
-            const mmsghdr &message = into.messages[index];
-            receive(message.msg_hdr, std::span(into.payloads[index]).first(message.msg_len));
-        }
-        if (count < static_cast<int>(batch_size))
-            return;
+    std::size_t count = receive_batch::size;
+    for (std::size_t total = 0; total < drain_limit && count == receive_batch::size;
+         total += count) {
+        count = batch_.receive(fd.get());
+        for (std::size_t i = 0; i < count; ++i)
+            receive(batch_.message(i), batch_.payload(i));
     }
 }
 
 void udp_sock::receive(const msghdr &message, std::span<const std::uint8_t> payload)
 {
-    const auto &source = *static_cast<const sockaddr_in6 *>(message.msg_name);
-    hosted::udp_arrival arrival{};
-    arrival.source = source.sin6_addr;
-    arrival.source_port = ntohs(source.sin6_port);
-    arrival.destination_port = port;
-    auto *const readable = const_cast<msghdr *>(&message); // as CMSG_NXTHDR wants it
-    for (cmsghdr *header = CMSG_FIRSTHDR(readable); header != nullptr;
-         header = CMSG_NXTHDR(readable, header))
-        read_control(*header, arrival);
-
     if (data_ready == nullptr)
         return;
-    received = hosted::udp_frame_skb(payload, arrival);
+    received_ = hosted::udp_frame_skb(payload, read_arrival(message, port_));
     data_ready(this); // also without memory for the datagram: the engine counts it
     kfree_skb(take());
 }
 
+std::unique_ptr<host_sock> make_udp_sock(net *ns, bool counted)
+{
+    unique_fd fd(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd)
+        return nullptr;
+    if (const int error = set_needed_options(fd.get()); error != 0) {
+        errno = error;
+        return nullptr;
+    }
+    set_buffer(fd.get(), SO_RCVBUF, receive_buffer_bytes);
+    host &kelmd = the_host();
+    return std::make_unique<udp_sock>(ns, std::move(fd), counted, kelmd.softirq, *kelmd.batch);
+}
+
 } // namespace kelmd
+
+// Services
+
+sk_buff *__skb_recv_udp(sock *sk)
+{
+    return static_cast<kelmd::udp_sock *>(sk)->take();
+}

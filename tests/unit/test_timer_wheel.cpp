@@ -35,7 +35,7 @@ struct model {
 
     [[nodiscard]] std::uint64_t first_tick() const
     {
-        return pending.empty() ? timer_wheel::NEVER : pending.begin()->first;
+        return pending.empty() ? timer_wheel::never : pending.begin()->first;
     }
 
     wheel_timer *pop_due(std::uint64_t up_to)
@@ -62,14 +62,14 @@ void compare_with_a_sorted_list(unsigned int seed)
             const std::uint64_t distance = random() >> below(64);
             const std::uint64_t expires =
                 below(8) == 0 ? now - std::min(now, distance)
-                              : now + std::min(distance, timer_wheel::NEVER - 1 - now);
+                              : now + std::min(distance, timer_wheel::never - 1 - now);
             ASSERT_EQ(wheel.arm(*timer, expires, now), expected.arm(timer, expires, now));
             ASSERT_EQ(timer->expires, expires);
         } else if (kind < 8) {
             ASSERT_EQ(wheel.cancel(*timer), expected.cancel(timer));
         } else {
             const std::uint64_t jump = random() >> (24 + below(40));
-            now = std::min(now + jump, timer_wheel::NEVER / 2);
+            now = std::min(now + jump, timer_wheel::never / 2);
             for (;;) {
                 ASSERT_LE(wheel.next_event(), expected.first_tick());
                 wheel_timer *due = wheel.pop_due(now);

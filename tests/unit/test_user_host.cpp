@@ -20,7 +20,7 @@ namespace
 using namespace kelmd;
 using namespace std::chrono_literals;
 
-TEST(Log, KeepsTheOrderCutsLongLinesAndCountsWhatAFullRingDrops)
+TEST(log, keeps_the_order_cuts_long_lines_and_counts_what_a_full_ring_drops)
 {
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);
@@ -40,14 +40,14 @@ TEST(Log, KeepsTheOrderCutsLongLinesAndCountsWhatAFullRingDrops)
     std::string written(text.data(), static_cast<std::size_t>(len));
     for (const std::string &expected :
          {std::string("first\n"), std::string(log_ring::max_line, 'x') + "\n", std::string("\n"),
-          std::string("kelmd: 2 log lines were dropped here")}) {
+          std::string("kelmd: 2 log lines dropped here")}) {
         written.erase(0, written.find(' ') + 1); // the time
         EXPECT_TRUE(written.starts_with(expected)) << written;
         written.erase(0, expected.size());
     }
 }
 
-TEST(KernelThread, StopEndsALongSleepAndReturnsTheBodysResult)
+TEST(kernel_thread, stop_ends_a_long_sleep_and_returns_the_bodys_result)
 {
     int result = 42;
     task_struct *task = kthread_create_on_node(
@@ -63,7 +63,7 @@ TEST(KernelThread, StopEndsALongSleepAndReturnsTheBodysResult)
     EXPECT_EQ(kthread_stop(task), 42);
 }
 
-TEST(KernelThread, NeverStartedItsBodyNeverRuns)
+TEST(kernel_thread, never_runs_the_body_of_one_that_was_not_started)
 {
     task_struct *task = kthread_create_on_node([](void *) -> int { std::abort(); }, nullptr,
                                                NUMA_NO_NODE, "unborn");
@@ -72,7 +72,7 @@ TEST(KernelThread, NeverStartedItsBodyNeverRuns)
 
 #ifdef KELM_CHECK_CONTEXT // other builds do not check
 
-TEST(LockOrder, ABreachEndsTheProcess)
+TEST(lock_order, a_breach_ends_the_process)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     spinlock_t outer;

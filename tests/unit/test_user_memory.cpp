@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
-#include <sys/epoll.h>
+#include <optional>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -20,9 +20,10 @@
 #include "platform/memory.h"
 #include "platform/socket.h"
 #include "platform/user/agent_connection.h"
+#include "platform/user/host.h"
 #include "platform/user/net.h"
+#include "platform/user/process.h"
 #include "platform/user/socket.h"
-#include "platform/user/softirq.h"
 
 namespace
 {
@@ -41,14 +42,14 @@ namespace
 {
 
 using namespace kelmd;
-using outcome = agent_connection::outcome;
 
 class without_memory : public testing::Test
 {
   protected:
     without_memory() { get_net(ns); }
 
-    net ns{{}, {}, true};
+    host host_{{}};
+    net ns{{}};
 };
 
 void acknowledge(sk_buff *skb)
@@ -65,15 +66,16 @@ TEST_F(without_memory, an_agent_hears_that_its_request_was_lost)
     setsockopt(ends[0], SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
     const netlink_kernel_cfg cfg{.groups = 2, .input = acknowledge};
     sock *const kernel = hosted::netlink_kernel_open(&ns, &cfg);
-    connection_quota quota;
-    agent_connection connection(ns, unique_fd(ends[0]), identify(getpid(), geteuid()),
-                                std::move(*quota.take(0)));
+    std::optional<agent_connection> connection;
+    connection.emplace(host_.loop, ns, unique_fd(ends[0]), identify(getpid(), geteuid()),
+                       std::move(*host_.connections.take(0)), [&] { connection.reset(); });
 
     const nlmsghdr request{sizeof request, NLMSG_MIN_TYPE, NLM_F_REQUEST | NLM_F_ACK, 1, 0};
+    const auto serve = [&] { host_.loop.run_ready(); };
     const auto answer = [&](bool starved) {
         EXPECT_EQ(send(agent.get(), &request, sizeof request, 0), ssize_t{sizeof request});
         memory_is_short = starved;
-        EXPECT_EQ(connection.on_ready(EPOLLIN), outcome::WAIT);
+        serve();
         memory_is_short = false;
         std::array<nlmsghdr, 8> datagram{};
         return recv(agent.get(), datagram.data(), sizeof datagram, 0) > 0 ? datagram[0].nlmsg_type
@@ -85,7 +87,8 @@ TEST_F(without_memory, an_agent_hears_that_its_request_was_lost)
 
     hosted::netlink_kernel_close(kernel); // nobody is left to answer
     EXPECT_EQ(send(agent.get(), &request, sizeof request, 0), ssize_t{sizeof request});
-    EXPECT_EQ(connection.on_ready(EPOLLIN), outcome::CLOSED);
+    serve();
+    EXPECT_FALSE(connection);
 }
 
 struct reception {
@@ -103,7 +106,7 @@ void receive(sock *sk)
 
 TEST_F(without_memory, the_engine_hears_that_a_datagram_was_lost)
 {
-    start_softirq(false);
+    host_.softirq.start(false);
     sock *sk = nullptr;
     ASSERT_EQ(__sock_create(&ns, AF_INET6, SOCK_DGRAM, 0, &sk, 1), 0);
     reception seen;
@@ -129,7 +132,6 @@ TEST_F(without_memory, the_engine_hears_that_a_datagram_was_lost)
     EXPECT_EQ(seen.arrived, 2);
     EXPECT_EQ(seen.missing, 1);
     sock_release(sk);
-    stop_softirq();
 }
 
 TEST(connection_quota, limits_each_user_and_takes_back_every_place)

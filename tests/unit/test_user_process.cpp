@@ -25,7 +25,7 @@ namespace
 using namespace kelmd;
 namespace fs = std::filesystem;
 
-TEST(Process, StatusIsParsed)
+TEST(process, status_is_parsed)
 {
     const auto status = parse_status("Name:\tUid:\t7\nUid:\t1000\t0\t1000\t1000\n"
                                      "CapPrm:\t0000000000000001\nCapEff:\t00000000a80425fb\n");
@@ -37,7 +37,7 @@ TEST(Process, StatusIsParsed)
         EXPECT_FALSE(parse_status(broken)) << broken;
 }
 
-TEST(Process, StartTimeIsFoundBehindAnyName)
+TEST(process, start_time_is_found_behind_any_name)
 {
     const std::string fields = " S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 4711 20 21";
     for (const char *name : {"(agent)", "(a b)", "(()", "(x) S 1 2)", "(\n)", "()"})
@@ -46,7 +46,7 @@ TEST(Process, StartTimeIsFoundBehindAnyName)
         EXPECT_FALSE(parse_start_time(broken)) << broken;
 }
 
-TEST(Process, SecureExecutionIsSeenAndTheUnknownIsTakenForIt)
+TEST(process, secure_execution_is_seen_and_assumed_when_unknown)
 {
     const auto auxv = [](std::initializer_list<unsigned long> words) {
         return std::string(reinterpret_cast<const char *>(words.begin()),
@@ -59,7 +59,7 @@ TEST(Process, SecureExecutionIsSeenAndTheUnknownIsTakenForIt)
 }
 
 // A pid that has come to be another process's lends no privilege.
-TEST(Process, CapabilitiesNeedTheSameProcessAndUser)
+TEST(process, capabilities_need_the_same_process_and_user)
 {
     const peer_process self = identify(getpid(), geteuid());
     EXPECT_EQ((capabilities_of(self) >> CAP_NET_ADMIN & 1) != 0, have_capability(CAP_NET_ADMIN));
@@ -77,7 +77,7 @@ TEST(Process, CapabilitiesNeedTheSameProcessAndUser)
 }
 
 // A process that may not be looked at could be anywhere.
-TEST(Process, namespaces_are_not_empty_because_their_processes_cannot_be_seen)
+TEST(process, namespaces_are_not_empty_because_their_processes_cannot_be_seen)
 {
     const pid_t child = fork();
     if (child == 0) {
@@ -89,10 +89,10 @@ TEST(Process, namespaces_are_not_empty_because_their_processes_cannot_be_seen)
     EXPECT_EQ(status, 0);
 }
 
-class NetnsDirectory : public testing::Test
+class netns_names : public testing::Test
 {
   protected:
-    ~NetnsDirectory() override { fs::remove_all(parent); }
+    ~netns_names() override { fs::remove_all(parent); }
 
     // What ip netns does with a mount, without its privilege.
     void make_name(const char *name) const
@@ -105,7 +105,7 @@ class NetnsDirectory : public testing::Test
     const fs::path directory = parent / "netns";
 };
 
-TEST_F(NetnsDirectory, ListsNamespacesAndNothingElse)
+TEST_F(netns_names, are_those_of_namespaces_and_nothing_else)
 {
     EXPECT_TRUE(list_netns(directory).names.empty());
     fs::create_directory(directory);
@@ -122,19 +122,19 @@ TEST_F(NetnsDirectory, ListsNamespacesAndNothingElse)
 }
 
 // An error that says nothing about what is there must not read as "nothing is there".
-TEST_F(NetnsDirectory, WhatCannotBeLookedAtIsNotTakenForGone)
+TEST_F(netns_names, are_not_taken_for_gone_when_they_cannot_be_looked_at)
 {
     EXPECT_THROW((void)list_netns(parent / std::string(300, 'x')), std::system_error);
     fs::create_directory(directory);
     make_name("one");
     fs::create_symlink("gone", directory / "dangling");
     EXPECT_EQ(list_netns(directory).unusable.size(), 1U);
-    fs::create_symlink(std::string(300, 'x'), directory / "too-long"); // as if for want of memory
+    fs::create_symlink(std::string(300, 'x'), directory / "too-long"); // as if memory were short
     EXPECT_THROW((void)list_netns(directory), std::system_error);
 }
 
 // It does not exist at first, gets a name, goes with it, and comes again.
-TEST_F(NetnsDirectory, TellsOfEveryChange)
+TEST_F(netns_names, are_reported_at_every_change)
 {
     event_loop loop;
     std::vector<std::size_t> counts;

@@ -12,6 +12,7 @@
 #include "platform/clock.h"
 #include "platform/timer.h"
 #include "platform/user/fd.h"
+#include "platform/user/host.h"
 #include "platform/user/softirq.h"
 
 namespace
@@ -64,20 +65,21 @@ class test_receiver : public kelmd::receiver
     const std::function<void()> callback_;
 };
 
-// Started with the first test and never stopped before the end, as in kelmd.
-class Softirq : public testing::Test
+class softirq : public testing::Test
 {
   protected:
-    static void SetUpTestSuite() { kelmd::start_softirq(false); }
-    static void TearDownTestSuite() { kelmd::stop_softirq(); }
+    softirq() { host_.softirq.start(false); }
+
+    kelmd::host host_{{}};
+    kelmd::softirq_thread &thread = host_.softirq;
 };
 
-TEST_F(Softirq, WhatArrivedBeforeATimerWasDueIsHandledBeforeTheTimer)
+TEST_F(softirq, handles_what_arrived_before_a_timer_was_due_before_the_timer)
 {
     std::vector<std::string> order; // the softirq thread's until done
     std::atomic<bool> done = false;
     test_receiver peer([&] { order.push_back("datagram"); });
-    ASSERT_EQ(kelmd::add_receiver(peer), 0);
+    ASSERT_EQ(thread.add(peer), 0);
     test_timer detection([&] {
         order.push_back("timeout");
         done = true;
@@ -92,12 +94,12 @@ TEST_F(Softirq, WhatArrivedBeforeATimerWasDueIsHandledBeforeTheTimer)
     });
     mod_timer(&hold_up.timer, get_jiffies_64());
     spin_until([&] { return done.load(); });
-    kelmd::remove_receiver(peer);
+    thread.remove(peer);
     EXPECT_EQ(order, (std::vector<std::string>{"datagram", "timeout"}));
 }
 
 // Also while the thread sleeps for a later timer, and one is armed for now in its own callback.
-TEST_F(Softirq, ATimerFiresAndNeverBeforeItsTick)
+TEST_F(softirq, fires_a_timer_and_never_before_its_tick)
 {
     test_timer later([] { ADD_FAILURE() << "an hour is over"; });
     mod_timer(&later.timer, get_jiffies_64() + 3'600'000);
@@ -139,7 +141,7 @@ struct long_work {
     }
 };
 
-TEST_F(Softirq, RemovalWaitsForACallbackThatRuns)
+TEST_F(softirq, removal_waits_for_a_callback_that_runs)
 {
     long_work work;
     test_timer timer([&] { work(); });
@@ -151,14 +153,14 @@ TEST_F(Softirq, RemovalWaitsForACallbackThatRuns)
 
     long_work drain;
     test_receiver receiver([&] { drain(); });
-    ASSERT_EQ(kelmd::add_receiver(receiver), 0);
+    ASSERT_EQ(thread.add(receiver), 0);
     receiver.poke();
     spin_until([&] { return drain.entered.load(); });
     receiver.poke();
-    kelmd::remove_receiver(receiver);
+    thread.remove(receiver);
     drain.removed = true;
     EXPECT_FALSE(drain.running);
-    kelmd::remove_receiver(receiver);     // once more does no harm
+    thread.remove(receiver);              // once more does no harm
     std::atomic<bool> next_round = false; // in which what has been poked would be drained
     test_timer timer_of_next_round([&] { next_round = true; });
     mod_timer(&timer_of_next_round.timer, get_jiffies_64());

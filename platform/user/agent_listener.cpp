@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "platform/user/agent_socket.h"
+#include "platform/user/agent_listener.h"
 
 #include <array>
 #include <cerrno>
@@ -12,7 +12,8 @@
 #include <system_error>
 
 #include "platform/user/agent_connection.h"
-#include "platform/user/connection_quota.h"
+#include "platform/user/net.h"
+#include "platform/user/process.h"
 #include "platform/user/system_call.h"
 
 namespace kelmd
@@ -25,12 +26,6 @@ namespace
 constexpr int connections_per_turn = 16;
 
 constexpr auto accept_retry_interval = std::chrono::milliseconds(100);
-
-connection_quota &the_quota()
-{
-    static connection_quota connections;
-    return connections;
-}
 
 // No descriptor if there is none to be had; errno says why.
 unique_fd seqpacket_socket(const net &ns)
@@ -59,8 +54,8 @@ bool get_peer(int fd, ucred &peer)
 
 } // namespace
 
-agent_listener::agent_listener(event_loop &loop, net &ns)
-    : loop_(loop), net_(ns), socket_(seqpacket_socket(ns)),
+agent_listener::agent_listener(event_loop &loop, connection_quota &quota, net &ns)
+    : loop_(loop), quota_(quota), net_(ns), socket_(seqpacket_socket(ns)),
       accept_again_(loop, [this] { accept_some(); })
 {
     checked("agent socket", socket_.get());
@@ -78,8 +73,6 @@ agent_listener::agent_listener(event_loop &loop, net &ns)
 agent_listener::~agent_listener()
 {
     loop_.unwatch(socket_.get());
-    while (!connections_.empty())
-        close(connections_.begin()->first);
 }
 
 void agent_listener::accept_some()
@@ -91,7 +84,12 @@ void agent_listener::accept_some()
                 accept_again_.arm(accept_retry_interval);
             return;
         }
-        take(std::move(socket));
+        try {
+            take(std::move(socket));
+        } catch (...) { // this one is lost; those behind it are not
+            accept_again_.arm(accept_retry_interval);
+            throw;
+        }
     }
     loop_.rearm(socket_.get());
 }
@@ -101,39 +99,13 @@ void agent_listener::take(unique_fd socket)
     ucred peer{};
     if (!get_peer(socket.get(), peer))
         return;
-    auto place = the_quota().take(peer.uid);
+    auto place = quota_.take(peer.uid);
     if (!place)
         return;
     const int fd = socket.get();
     connections_[fd] = std::make_unique<agent_connection>(
-        net_, std::move(socket), identify(peer.pid, peer.uid), std::move(*place));
-    try {
-        loop_.watch(fd, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET,
-                    [this, fd](std::uint32_t events) { serve(fd, events); });
-    } catch (const std::system_error &) {
-        close(fd);
-        throw;
-    }
-}
-
-void agent_listener::serve(int fd, std::uint32_t events)
-{
-    switch (connections_.at(fd)->on_ready(events)) {
-    case agent_connection::outcome::WAIT:
-        break;
-    case agent_connection::outcome::AGAIN:
-        loop_.rearm(fd);
-        break;
-    case agent_connection::outcome::CLOSED:
-        close(fd);
-        break;
-    }
-}
-
-void agent_listener::close(int fd)
-{
-    loop_.unwatch(fd);
-    connections_.erase(fd);
+        loop_, net_, std::move(socket), identify(peer.pid, peer.uid), std::move(*place),
+        [this, fd] { connections_.erase(fd); });
 }
 
 std::optional<pid_t> agent_socket_owner(const net &ns)

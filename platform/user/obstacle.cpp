@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "platform/user/port_owner.h"
+#include "platform/user/obstacle.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +12,9 @@
 #include <sys/socket.h>
 #include <system_error>
 
-#include "platform/user/agent_socket.h"
+#include "platform/user/agent_listener.h"
+#include "platform/user/fd.h"
+#include "platform/user/net.h"
 #include "platform/user/process.h"
 
 namespace kelmd
@@ -107,8 +109,8 @@ std::string explain_other(const obstacle &met)
     switch (met.error) {
     case EPERM:
     case EACCES:
-        return what + "; run kelmd as root, or with the capabilities CAP_NET_RAW, CAP_NET_ADMIN, "
-                      "CAP_SYS_ADMIN and CAP_SYS_PTRACE";
+        return what + "; run kelmd as root, or with CAP_NET_RAW, CAP_NET_ADMIN, CAP_SYS_ADMIN and "
+                      "CAP_SYS_PTRACE";
     case EAFNOSUPPORT:
         return what + "; kelm needs IPv6 in the kernel, even for IPv4: do not boot with "
                       "ipv6.disable=1";
@@ -134,15 +136,16 @@ std::optional<ino_t> parse_udp_owner(std::string_view table, std::uint16_t port)
     return std::nullopt;
 }
 
-bool is_cleared(const net &ns, const obstacle &met)
+bool is_cleared(const net &ns)
 {
+    const obstacle &met = ns.obstacle;
     const in_namespace inside(ns);
     if (inside.error() != 0)
         return false;
     switch (met.what) {
-    case obstacle::AGENT_SOCKET_TAKEN:
+    case obstacle::agent_socket_taken:
         return !agent_socket_owner(ns).has_value();
-    case obstacle::PORT_TAKEN: {
+    case obstacle::port_taken: {
         const unique_fd probe(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         sockaddr_in6 address{};
         address.sin6_family = AF_INET6;
@@ -158,13 +161,13 @@ bool is_cleared(const net &ns, const obstacle &met)
 std::string explain(const net &ns, const obstacle &met)
 {
     switch (met.what) {
-    case obstacle::AGENT_SOCKET_TAKEN: {
+    case obstacle::agent_socket_taken: {
         const auto owner = agent_socket_owner(ns);
         return (owner.value_or(0) != 0 ? describe_process(*owner) : "another process") +
-               " serves agents there already (socket @" + std::string(agent_socket_name) +
+               " already serves agents there (socket @" + std::string(agent_socket_name) +
                "); stop it first";
     }
-    case obstacle::PORT_TAKEN:
+    case obstacle::port_taken:
         return "UDP port " + std::to_string(met.port) + " is taken by " +
                describe_port_owner(ns, met.port) +
                "; stop that program, or run one of the two in another network namespace";
