@@ -57,34 +57,12 @@ def both_up(*agents):
 
 
 @pytest.mark.parametrize("version", [4, 6])
-def test_up_and_down(link, start, version):
+def test_packets_on_the_wire(link, start, version):
     near, far = (start([end]) for end in ends(link, version))
     both_up(near, far)
     frame = link.wire.receive(lambda f: f.bfd.state == bfd.UP and not f.bfd.flags & bfd.POLL)
     assert (frame.ttl, frame.dport, frame.sport >= 49152) == (255, 3784, True)
     assert (frame.bfd.min_tx, frame.bfd.min_rx, frame.bfd.multiplier) == (50_000, 50_000, 24)
-    link.set("down", "far")
-    for agent in (near, far):
-        assert "detection time" in agent.wait_for_change("down")["reason"]
-    if version == 6:
-        return  # the far end's address has gone with the link
-    link.set("up", "far")
-    wait_until(lambda: near.changes()[-1][1] == far.changes()[-1][1] == "up", "return")
-
-
-def test_one_direction_is_lost(link, pair):
-    near, far = pair
-    link.lose()
-    assert "detection time" in far.wait_for_change("down")["reason"]
-    assert "control detection time expired" in near.wait_for_change("down")["reason"]
-
-
-def test_a_stopped_agent_is_not_missed(link, pair):
-    near, far = pair
-    near.process.send_signal(signal.SIGSTOP)
-    time.sleep(4 * DETECTION)
-    near.process.send_signal(signal.SIGCONT)
-    assert all(state != "down" for agent in pair for _, state in agent.changes())
 
 
 def test_peers_learn_of_a_failure_while_the_agent_sleeps(link, pair):
@@ -102,13 +80,12 @@ def test_peers_learn_of_a_failure_while_the_agent_sleeps(link, pair):
     assert "detection time" in near.wait_for_change("down")["reason"]
 
 
-@pytest.mark.parametrize("end", ["kill", "keep"])
-def test_restart_without_a_change(link, start, end):
+def test_restart_without_a_change(link, start):
     left, right = ends(link)
-    near, far = start([left], *["--keep"] * (end == "keep")), start([right])
+    near, far = start([left], "--keep"), start([right])
     both_up(near, far)
     before = far.changes()
-    near.kill() if end == "kill" else near.stop()
+    near.stop()
     time.sleep(1.5 * DETECTION)
     near.start()
     near.wait_for(lambda line: "goes on up" in line["message"], "'goes on up'")
@@ -174,15 +151,9 @@ def test_reload_changes_what_has_changed(link, start):
     near, far = start([left, other]), start([right])
     both_up(near, far)
     before = near.show("other")
-    slow = {**left, "min_tx": "200ms", "min_rx": "300ms", "multiplier": 10}
-    assert "reloaded" in near.reload([slow, other])["message"]
-    wait_until(lambda: far.show()["remote"]["min_tx"] == 200_000, "the new interval at the peer")
-    wait_until(lambda: near.show()["timing"]["transmit_interval"] == 200_000 and
-               near.show()["timing"]["detection_time"] == 7_200_000 and
-               far.show()["timing"]["detection_time"] == 2_000_000, "slower rates")
-    near.reload([left])
-    wait_until(lambda: near.show()["timing"]["detection_time"] == DETECTION * 1e6 and
-               far.show()["timing"]["detection_time"] == DETECTION * 1e6, "faster rates")
+    told = near.reload([{**left, "multiplier": 30}])
+    assert "reloaded" in told["message"]
+    wait_until(lambda: far.show()["remote"]["multiplier"] == 30, "the new multiplier at the peer")
     assert near.show()["changes"]["down_count"] == far.show()["changes"]["down_count"] == 0
     assert before["discriminator"] and "no session" in near.ctl("show other", status=1)
     with Agent(link.near_ns) as admin:
