@@ -7,26 +7,9 @@
 namespace kelm_agent
 {
 
-namespace
-{
-
-constexpr kelm::number_name words[] = {
-    {BFD_DIAG_NONE, "no diagnostic"},
-    {BFD_DIAG_CTRL_TIMEOUT, "control detection time expired"},
-    {BFD_DIAG_ECHO_FAIL, "echo function failed"},
-    {BFD_DIAG_NEIGH_DOWN, "neighbor signaled session down"},
-    {BFD_DIAG_FORWARDING_RESET, "forwarding plane reset"},
-    {BFD_DIAG_PATH_DOWN, "path down"},
-    {BFD_DIAG_CONCAT_PATH_DOWN, "concatenated path down"},
-    {BFD_DIAG_ADMIN_DOWN, "administratively down"},
-    {BFD_DIAG_REV_CONCAT_PATH_DOWN, "reverse concatenated path down"},
-};
-
-} // namespace
-
 std::string diag_words(std::uint8_t diag)
 {
-    return kelm::name_of(words, diag);
+    return kelm::text_of(kelm::diagnostic_names, diag);
 }
 
 std::string heard_reason(const session &about)

@@ -10,6 +10,7 @@
 #include "kelmctl/objects.h"
 #include "kelmctl/statistics.h"
 #include "libkelm/error.h"
+#include "libkelm/session_kind.h"
 
 namespace kelmctl
 {
@@ -38,7 +39,7 @@ constexpr parameter own_parameters[] = {
      "75-90% of itself (default 75, with multiplier 1 75-90)",
      &kelm::jitter_names},
     {"state", "STATE", "admin-down, down, init or up (default down)", &kelm::state_names},
-    {"diag", "DIAG", "diagnostic: none, time-expired, ... or see kelmctl(8) (default none)",
+    {"diag", "DIAG", "diagnostic in RFC 5880's words: no-diagnostic (default), path-down, ...",
      &kelm::diagnostic_names},
     {"multiplier", "N", "detect multiplier, 1 to 255 (default 3)"},
     {"my-discriminator", "N", "if not the packet's own"},
@@ -65,28 +66,6 @@ constexpr auto set_parameters = [] {
 }();
 
 constexpr kelm_microsecs default_latch_interval = 1'000'000;
-
-struct ports {
-    std::uint16_t destination;
-    std::uint16_t source; // 0: one of the session's own
-};
-
-// By kelm_rx_session_types: the packets of a session of that type.
-constexpr ports type_ports[KELM_RX_SESSION_MAX] = {
-    {kelm::port_single_hop, 0},
-    {kelm::port_echo, 0},
-    {kelm::port_lag, 0},
-    {kelm::port_multihop, 0},
-    {kelm::port_sbfd_reflector, kelm::port_sbfd_initiator},
-};
-
-// From the range of RFC 5881 section 4, the same for the session's life.
-std::uint16_t own_source_port(std::uint32_t discriminator)
-{
-    constexpr std::uint32_t first = 49152;
-    constexpr std::uint32_t count = 16384;
-    return static_cast<std::uint16_t>(first + discriminator % count);
-}
 
 bool is_link_local(const kelm::ip_address &address)
 {
@@ -136,19 +115,16 @@ std::optional<kelm::ethernet_settings> ethernet_arguments(context &ctx, const ar
 kelm::packet_settings packet_arguments(context &ctx, const arguments &args,
                                        std::uint32_t discriminator, kelm_microsecs interval)
 {
-    const std::uint32_t type =
-        args.choice("type", kelm::session_type_names).value_or(KELM_RX_SESSION_BFD);
-    const ports defaults = type_ports[type];
-    const std::uint16_t source_port =
-        defaults.source != 0 ? defaults.source : own_source_port(discriminator);
+    const auto kind = static_cast<kelm::session_kind>(
+        args.choice("type", kelm::session_type_names).value_or(KELM_RX_SESSION_BFD));
 
     kelm::packet_settings settings;
     settings.source = args.required("local", args.address("local"));
     settings.destination = args.required("peer", args.address("peer"));
-    settings.destination_port =
-        static_cast<std::uint16_t>(args.number("port", 1, 65535).value_or(defaults.destination));
-    settings.source_port =
-        static_cast<std::uint16_t>(args.number("source-port", 1, 65535).value_or(source_port));
+    settings.destination_port = static_cast<std::uint16_t>(
+        args.number("port", 1, 65535).value_or(kelm::destination_port(kind)));
+    settings.source_port = static_cast<std::uint16_t>(
+        args.number("source-port", 1, 65535).value_or(kelm::source_port(kind, discriminator)));
     settings.ttl = static_cast<std::uint8_t>(args.number("ttl", 1, 255).value_or(255));
     settings.ethernet = ethernet_arguments(ctx, args);
     settings.bfd = bfd_arguments(args, discriminator, interval);

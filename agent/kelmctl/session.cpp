@@ -27,7 +27,9 @@ constexpr parameter own_parameters[] = {
     {"dev", "IFNAME", "accept packets that arrive on this interface only"},
     {"require-ttl", "255|254", "accept packets with this TTL or hop limit only"},
     {"latch", "LIST", "transmit packets to latch on failure: up to 8 discriminators, 5,6,7"},
-    {"latch-diag", "DIAG", "the diagnostic they carry from then on (default time-expired)",
+    {"latch-diag", "DIAG",
+     "the diagnostic they carry from then on (default\n"
+     "control-detection-time-expired)",
      &kelm::diagnostic_names},
     {"rtt", "", "own packets come back: measure their round trips"},
 };

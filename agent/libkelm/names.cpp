@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/names.h"
 
+#include <algorithm>
+
 #include "kelm.h"
 
 namespace kelm
@@ -16,15 +18,16 @@ constexpr number_name states[] = {
     {BFD_STATE_UP, "up"},
 };
 
+// RFC 5880 section 4.1
 constexpr number_name diagnostics[] = {
-    {BFD_DIAG_NONE, "none"},
-    {BFD_DIAG_CTRL_TIMEOUT, "time-expired"},
-    {BFD_DIAG_ECHO_FAIL, "echo-failed"},
-    {BFD_DIAG_NEIGH_DOWN, "neighbor-down"},
-    {BFD_DIAG_FORWARDING_RESET, "forwarding-reset"},
+    {BFD_DIAG_NONE, "no-diagnostic"},
+    {BFD_DIAG_CTRL_TIMEOUT, "control-detection-time-expired"},
+    {BFD_DIAG_ECHO_FAIL, "echo-function-failed"},
+    {BFD_DIAG_NEIGH_DOWN, "neighbor-signaled-session-down"},
+    {BFD_DIAG_FORWARDING_RESET, "forwarding-plane-reset"},
     {BFD_DIAG_PATH_DOWN, "path-down"},
     {BFD_DIAG_CONCAT_PATH_DOWN, "concatenated-path-down"},
-    {BFD_DIAG_ADMIN_DOWN, "admin-down"},
+    {BFD_DIAG_ADMIN_DOWN, "administratively-down"},
     {BFD_DIAG_REV_CONCAT_PATH_DOWN, "reverse-concatenated-path-down"},
 };
 
@@ -66,6 +69,13 @@ std::string name_of(name_table table, std::uint32_t number)
         if (entry.number == number)
             return std::string(entry.name);
     return std::to_string(number);
+}
+
+std::string text_of(name_table table, std::uint32_t number)
+{
+    std::string text = name_of(table, number);
+    std::ranges::replace(text, '-', ' ');
+    return text;
 }
 
 std::optional<std::uint32_t> number_of(name_table table, std::string_view name)

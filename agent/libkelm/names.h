@@ -28,6 +28,8 @@ extern const name_table session_type_names; // kelm_rx_session_types
 
 // The number itself, in digits, where the table has no name for it.
 std::string name_of(name_table, std::uint32_t number);
+// The same for a sentence: words without hyphens.
+std::string text_of(name_table, std::uint32_t number);
 // Nothing where the table does not have the name.
 std::optional<std::uint32_t> number_of(name_table, std::string_view name);
 // "down, init, up"

@@ -31,8 +31,8 @@ def test_a_session_through_its_life(namespaces):
     with Program(os.path.join(EXAMPLES, "watch"), link.near_ns) as watch, \
             agent(link.far_ns, far, near, 6, 500) as peer:
         with agent(*near_agent) as first:
-            first.expect("up, diagnostic none")
-            peer.expect("up, diagnostic none")
+            first.expect("up, diagnostic no-diagnostic")
+            peer.expect("up, diagnostic no-diagnostic")
             watch.expect(f"session 5: {far} says up")
             with Agent(link.near_ns) as kelm:
                 wait_until(lambda: remembers_state(kelm, bfd.UP), "the peer's state in kelm")
@@ -41,21 +41,21 @@ def test_a_session_through_its_life(namespaces):
         heard = len(peer.lines)
         with Agent(link.near_ns) as kelm, agent(*near_agent) as second:
             second.expect("up")
-            assert second.lines == [f"{far}: up, diagnostic none"]
+            assert second.lines == [f"{far}: up, diagnostic no-diagnostic"]
             peer.read()
             assert len(peer.lines) == heard, "the peer noticed the restart"
             sent, received = kelm.stats(5)
             assert (sent.num_latches, received.num_timeout) == (0, 0)
 
             link.set("down", side="far")
-            lost = second.expect("down, diagnostic time-expired")
+            lost = second.expect("down, diagnostic control-detection-time-expired")
             watch.expect("session 5: failed")
             link.set("up", side="far")
             second.expect("up", after=lost)
             heard = peer.expect("up", after=heard)
 
             second.stop()
-            peer.expect("down, diagnostic neighbor-down", after=heard)
+            peer.expect("down, diagnostic neighbor-signaled-session-down", after=heard)
             wait_until(lambda: kelm.dump(p.SYNC, p.sync()) == [], "kelm without the session")
         peer.stop()
 
@@ -75,7 +75,7 @@ def test_a_peer_that_has_lost_us_comes_back_with_what_it_said_before(link):
     link.send(back)  # heard by kelm alone
     with agent(*near_agent) as second:
         wait_until(lambda: link.send(back) and second.read(0.1), "news of the peer")
-        second.expect("up, diagnostic none")
+        second.expect("up, diagnostic no-diagnostic")
         link.wire.drain()
         second.stop()
     link.wire.collect(2, lambda f: f.bfd.state == bfd.ADMIN_DOWN)  # one may get lost

@@ -80,8 +80,8 @@ def test_the_examples_build_and_run(build, directory, prefix, flags, library, na
     with Program(directory / "watch", link.near_ns, env=environment) as watch, \
             agent(link.near_ns, link.near6, link.far6, 5, 300) as near, \
             agent(link.far_ns, link.far6, link.near6, 6, 300) as far:
-        near.expect("up, diagnostic none")
-        far.expect("up, diagnostic none")
+        near.expect("up, diagnostic no-diagnostic")
+        far.expect("up, diagnostic no-diagnostic")
         watch.expect(f"session 5: {link.far6} says up")
         near.stop()
         far.stop()

@@ -29,7 +29,7 @@ def kelmctl(namespace, *words, status=0, **options):
 def test_a_packet_from_parameters(agent, link, version):
     near, far = link.addresses(version)
     kelmctl(link.near_ns, f"packet set 7 local {near} peer {far} interval 20ms type multihop ttl 77",
-            "source-port 50000 state init diag neighbor-down multiplier 5 your-discriminator 0x11",
+            "source-port 50000 state init diag neighbor-signaled-session-down multiplier 5 your-discriminator 0x11",
             "min-rx 30ms min-echo-rx 1ms poll demand cpi off auth meticulous-sha1 key-id 9",
             "key-file /dev/stdin", input=SECRET.decode())
     frames = link.collect(3, 7)

@@ -313,7 +313,7 @@ TEST(c_interface, packets_that_cannot_be_are_refused)
 
     kelm_bfd_auth_key slot = {};
     EXPECT_EQ(kelm_build_key(BFD_AUTH_PASSWORD, 1, "a key that is too long", 22, &slot), -EINVAL);
-    EXPECT_STREQ(kelm_diagnostic_name(BFD_DIAG_CTRL_TIMEOUT), "time-expired");
+    EXPECT_STREQ(kelm_diagnostic_name(BFD_DIAG_CTRL_TIMEOUT), "control-detection-time-expired");
     EXPECT_STREQ(kelm_state_name(4), "?");
 }
 
