@@ -71,7 +71,8 @@ TEST_F(kelmctl_and_kelmd, packets_are_exact)
          "00000000 00 00 0000" +
              zeros(28) + "34000000" + plain_packet},
         {"packet set 0x01020304 local fd00::1 peer fd00::2 dev lo interval 50ms type multihop "
-         "source-port 50000 ttl 254 jitter none state up diag neighbor-signaled-session-down multiplier 1 "
+         "source-port 50000 ttl 254 jitter none state up diag neighbor-signaled-session-down "
+         "multiplier 1 "
          "your-discriminator 0xa0b0c0d0 min-tx 4294.967295s min-rx 1us min-echo-rx 2us poll final "
          "demand cpi off oob rtt latch-state admin-down latch-interval 2s auth meticulous-md5 "
          "key-id 7 key-file " +
@@ -222,11 +223,12 @@ TEST_F(kelmctl_and_kelmd, session_listing_joins_statistics_and_state)
     }};
     {
         fake_daemon fake(tells);
-        EXPECT_EQ(run_line("session").out,
-                  "SESSION  TIMER    DEV  FROM      STATE  DIAG  RECEIVED      LAST  INTERVAL  "
-                  "LONGEST  TIMEOUTS  AUTH FAILED\n"
-                  "      5  running  lo   10.0.0.1  down   none        10  12ms ago     300ms  "
-                  "      0         0            0\n");
+        EXPECT_EQ(
+            run_line("session").out,
+            "SESSION  TIMER    DEV  FROM      STATE  DIAG           RECEIVED      LAST  INTERVAL  "
+            "LONGEST  TIMEOUTS  AUTH FAILED\n"
+            "      5  running  lo   10.0.0.1  down   no-diagnostic        10  12ms ago     300ms  "
+            "      0         0            0\n");
     }
     fake_daemon fake(tells);
     const std::string json = run_line("-j session").out;
@@ -245,7 +247,8 @@ TEST_F(kelmctl_and_kelmd, frame_is_decoded)
     }});
     EXPECT_EQ(run_line("-s sync").out,
               "received for session 5  dev lo  from fd00::1  to fd00::2  state up  "
-              "diag neighbor-signaled-session-down  ttl 254  port 4784  flags PFAD  my 16909060  your 2695938256  "
+              "diag neighbor-signaled-session-down  ttl 254  port 4784  flags PFAD  my 16909060  "
+              "your 2695938256  "
               "multiplier 1  min tx 1h 11min  min rx 1us  min echo rx 2us  auth meticulous-md5  "
               "key id 7  sequence 0\nsession 5  timer running\n");
 }

@@ -115,12 +115,14 @@ TEST_F(kelmctl_top, eighty_columns_hold_what_matters)
 TEST_F(kelmctl_top, two_hundred_columns_hold_everything)
 {
     const auto lines = texts(top_lines(now, &before, {.columns = 200, .rows = 24}));
-    EXPECT_EQ(lines.at(3), "SESSION  PEER                DEV   STATE   DIAG  TIMER    TX/S  LATE  "
-                           "TX AVG  TX MAX  ERRORS  LATCHES  RX/S  RX AVG  RX MAX      RTT  "
-                           "FAILED  AUTH FAILED       LAST");
-    EXPECT_EQ(lines.at(5), "      5  10.0.0.2            eth0  up      none  running   7.0     3  "
-                           " 262ms   612ms       0        0   3.5   290ms   301ms        -  "
-                           "     0            0  100ms ago");
+    EXPECT_EQ(lines.at(3),
+              "SESSION  PEER                DEV   STATE   DIAG           TIMER    TX/S  LATE  "
+              "TX AVG  TX MAX  ERRORS  LATCHES  RX/S  RX AVG  RX MAX      RTT  "
+              "FAILED  AUTH FAILED       LAST");
+    EXPECT_EQ(lines.at(5),
+              "      5  10.0.0.2            eth0  up      no-diagnostic  running   7.0     3  "
+              " 262ms   612ms       0        0   3.5   290ms   301ms        -  "
+              "     0            0  100ms ago");
     EXPECT_LE(std::ranges::max(lines, {}, &std::string::size).size(), 200U);
     const auto dated = texts(top_lines(now, &before, {.columns = 220, .timestamps = true}));
     EXPECT_TRUE(dated.at(5).ends_with("1970-01-12T13:46:41.900000")) << dated.at(5);
