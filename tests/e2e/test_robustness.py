@@ -135,22 +135,6 @@ def test_agents_that_never_read(link, witness):
             wait_until(lambda: other.module_stats().num_invalid_sessions > 0, "a datagram")
 
 
-def test_agents_die_at_every_moment(link, witness):
-    with Agent(link.near_ns) as agent:
-        for disc in range(1, 300):
-            agent.request(p.RX_SET_SESSION, p.rx_set_session(disc))
-    for number in range(200):
-        with Agent(link.near_ns, groups=[p.CONTROL]) as agent:
-            if number % 2:
-                agent.start_dump(p.GET_STATS, p.get_stats(flags=p.STATS_ALL_VRFS))
-            if number % 3:
-                agent.receive() if number % 2 else None
-            if number % 5:
-                agent.send(p.message(p.SYNC, p.sync()))
-    with Agent(link.near_ns) as agent:
-        assert len(agent.dump(p.SYNC, p.sync())) == 299
-
-
 @pytest.mark.kelmd
 def test_connections_that_break_the_rules(host, link, witness):
     """No bind packet first, one of a wrong size, of another family, nothing at all."""

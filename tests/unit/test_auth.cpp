@@ -99,23 +99,6 @@ struct receiver {
     bool admits(const bytes &packet) { return check(packet).front() == "admitted"; }
 };
 
-TEST(auth, length_of_a_section_is_that_of_its_type_or_password)
-{
-    const auto length_by = [](std::uint8_t type, const bytes &section) {
-        return kelm_auth_header_len_hdr(
-            type, reinterpret_cast<const bfd_auth_hdr *>(exact_copy(section).data()));
-    };
-    for (unsigned len = 0; len < 256; ++len) {
-        bytes section(28, 'x'); // behind the password, bytes that are not its
-        section[1] = static_cast<std::uint8_t>(len);
-        EXPECT_EQ(length_by(BFD_AUTH_PASSWORD, section), len >= 4 && len <= 19 ? len : 0) << len;
-        EXPECT_EQ(length_by(BFD_AUTH_KEYED_SHA1, section), 28u) << len;
-        EXPECT_EQ(length_by(BFD_AUTH_INHERIT, section), 0u) << len;
-    }
-    EXPECT_EQ(length_by(BFD_AUTH_PASSWORD, {1, 10, 5, 'a', 'b', 0, 'c', 'd', 'e', 'f'}), 5u);
-    EXPECT_EQ(length_by(BFD_AUTH_PASSWORD, {1, 10, 5, 0, 'b', 0, 'c', 'd', 'e', 'f'}), 3u);
-}
-
 TEST(auth, packet_without_section_is_for_sessions_without_or_debug)
 {
     for (unsigned type = 0; type < 256; ++type)

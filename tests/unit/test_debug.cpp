@@ -84,18 +84,6 @@ TEST_F(debug, session_level_only_adds_to_the_global_one)
     EXPECT_TRUE(should_log(7, 255));
 }
 
-TEST_F(debug, session_level_brings_the_lines_about_that_session)
-{
-    ASSERT_EQ(set_debug_level(a, 2, 7), 0);
-    ASSERT_EQ(set_session(a, 8), 0);
-    EXPECT_EQ(lines(), strings{});
-    ASSERT_EQ(set_session(a, 7), 0);
-    const strings logged = lines();
-    EXPECT_FALSE(logged.empty());
-    for (const std::string &line : logged)
-        EXPECT_EQ(line.find("kelm Rx (7): "), 0U) << line;
-}
-
 TEST_F(debug, privilege_is_for_the_global_level_alone)
 {
     EXPECT_EQ(set_debug_level(unprivileged, 3), -EPERM);

@@ -161,49 +161,10 @@ TEST(get_stats, counts_a_reply_that_cannot_be_delivered)
     EXPECT_EQ(vrf->stats.netlink_stats_fail, 0);
 }
 
-// Dumps of more than one datagram.
-struct long_dump : testing::Test {
-    long_dump()
-    {
-        for (std::uint32_t discriminator = 1; discriminator <= NUMBER; ++discriminator)
-            EXPECT_EQ(set_packet(a, discriminator), 0);
-    }
-
-    void start(agent &of, std::uint32_t flags = 0)
-    {
-        ASSERT_EQ(
-            of.send(make_message(KELM_MSG_GET_STATS, NLM_F_REQUEST, 1, stats_request(0, flags))),
-            0);
-        ASSERT_EQ(of.queued(), 1U);
-    }
-
-    static constexpr std::uint32_t NUMBER = 300;
-
+TEST(get_stats, ends_at_a_message_that_fits_into_no_datagram)
+{
     world w;
-    agent &a = w.open_agent(w.initial());
-    agent &other = w.open_agent(w.initial());
-};
-
-TEST_F(long_dump, reports_everything_once)
-{
-    for (const std::uint32_t flags : {0U, ALL_VRFS}) {
-        start(a, flags);
-        start(other, flags); // each socket has one of its own
-        EXPECT_EQ(ask(a, KELM_MSG_GET_STATS, stats_request(0, CLEAR)), -EBUSY);
-        EXPECT_EQ(ask(a, KELM_MSG_SYNC, kelm_msg_sync{}), -EBUSY);
-        for (agent *of : {&a, &other}) {
-            strings found;
-            while (of->queued() != 0)
-                std::ranges::copy(names(of->read_messages()), std::back_inserter(found));
-            EXPECT_EQ(found.size(), NUMBER + 1);
-            EXPECT_EQ(found.back(), "done 0");
-            EXPECT_EQ(std::set<std::string>(found.begin(), found.end()).size(), NUMBER + 1);
-        }
-    }
-}
-
-TEST_F(long_dump, ends_at_a_message_that_fits_into_no_datagram)
-{
+    ASSERT_EQ(set_packet(w.open_agent(w.initial()), 1), 0);
     const vrf_ref vrf = find_vrf(&w.initial());
     dump_data data = {vrf_ref(vrf.get()), 0, 0};
     netlink_callback dump = {};

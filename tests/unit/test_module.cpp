@@ -35,25 +35,6 @@ void start_dump(agent &a)
     EXPECT_EQ(a.send(make_message(KELM_MSG_GET_STATS, NLM_F_REQUEST, 7, request)), 0);
 }
 
-TEST(start, fails_as_a_whole_when_notifier_or_thread_fails)
-{
-    const std::pair<service, const char *> cases[] = {
-        {service::notifier, "kelm Netlink: Error registering netdev notifier"},
-        {service::thread, "kelm Netlink: Error starting kelm_vrf_cleanup task"},
-    };
-    for (const auto &[failing, line] : cases) {
-        SCOPED_TRACE(line);
-        world w({.namespaces = {"red"}, .start = false});
-        w.fail(failing, -EAGAIN);
-        EXPECT_EQ(w.start(), -EAGAIN);
-        EXPECT_EQ(lines(w), strings{line});
-        w.create_namespace("blue"); // nobody is told
-        EXPECT_EQ(w.memory_in_use(), 0U);
-        ASSERT_EQ(w.start(), 0);
-        EXPECT_TRUE(has_vrf(w.open_agent(w.find("blue"))));
-    }
-}
-
 TEST(vrf, comes_with_lo_and_no_other_device)
 {
     world w;

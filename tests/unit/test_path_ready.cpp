@@ -49,21 +49,6 @@ TEST(path_ready, starts_every_packet_of_every_vrf_once)
     EXPECT_EQ(w.logged("kelm Tx: Setting kelm_tx_path_ready"), 2U);
 }
 
-TEST(path_ready, comes_with_the_first_datagram_valid_or_not)
-{
-    for (const int port : {3784, 3785, 6784, 4784, 47657}) {
-        for (const std::size_t len : {24U, 3U}) {
-            world w({.namespaces = {"other"}});
-            ASSERT_EQ(set_packet(w.open_agent(w.initial()), 1), 0);
-            datagram first = arriving({});
-            first.port = static_cast<std::uint16_t>(port);
-            first.payload.resize(len);
-            EXPECT_TRUE(w.deliver(w.find("other"), first));
-            EXPECT_EQ(sent(w), std::multiset<std::string>{"initial 1"}) << port;
-        }
-    }
-}
-
 // At each lock point of the walk: a namespace comes and gets a packet, a packet is set and one is
 // deleted in a vrf, a vrf is swept, the path is declared ready once more.
 TEST(path_ready, whatever_is_set_during_the_walk_is_sent)

@@ -3,7 +3,6 @@
 // Periodic statistics: when they come, what they hold, who gets them, and what stops them.
 #include <algorithm>
 #include <cerrno>
-#include <set>
 
 #include "engine_fixture.h"
 
@@ -110,52 +109,6 @@ TEST_F(periodic, fills_as_many_datagrams_as_it_takes)
     EXPECT_EQ(all.size(), 30U);
     std::ranges::sort(all);
     EXPECT_EQ(std::ranges::unique(all).size(), 1U); // but for the two of the vrfs
-}
-
-TEST_F(periodic, run_without_a_buffer_is_cut_short_and_the_next_one_comes)
-{
-    set_packets(25);
-    ASSERT_EQ(set_debug_level(a, 2), 0);
-    ASSERT_EQ(set_interval(a, 1), 0);
-    std::set<std::size_t> delivered;
-    for (std::uint64_t nth = 1;; ++nth) {
-        observer.read_messages();
-        const std::uint64_t failed = w.failed(service::allocation);
-        w.fail(service::allocation, -1, nth);
-        w.advance(1000);
-        if (w.failed(service::allocation) == failed)
-            break;
-        EXPECT_EQ(module_stats(a).session_stats_no_skb_fail, nth);
-        EXPECT_EQ(w.logged("kelm Netlink: Error sending session statistics, no skb"), nth);
-        delivered.insert(observer.queued());
-    }
-    EXPECT_EQ(delivered, (std::set<std::size_t>{0, 1, 2})); // and the whole run has three
-    EXPECT_EQ(received().size(), 27U);
-}
-
-TEST_F(periodic, runs_may_overlap)
-{
-    set_packets(25);
-    ASSERT_EQ(set_session(w.open_agent(red), 8), 0);
-    ASSERT_EQ(set_interval(a, 1), 0);
-    observer.read_messages();
-    std::uint64_t next = 3; // the number of the next module message
-    for (std::uint64_t k = 1;; ++k) {
-        SCOPED_TRACE(testing::Message() << "timer expires at lock point " << k);
-        w.pass(1000);
-        w.at_lock_point(k, [this] { w.run_timers(); });
-        ASSERT_EQ(set_interval(a, 1), 0);
-        if (w.actions_left() != 0)
-            break;
-        const std::vector<message> messages = observer.read_messages();
-        auto modules = bodies<kelm_msg_module_stats>(messages, KELM_MSG_MODULE_STATS);
-        // Two runs, or one that began before the timer expired and armed it anew.
-        ASSERT_TRUE(modules.size() == 2 || modules.size() == 4);
-        ASSERT_EQ(messages.size(), modules.size() / 2 * 28);
-        std::ranges::sort(modules, {}, &kelm_msg_module_stats::seq_num);
-        for (const kelm_msg_module_stats &each : modules)
-            EXPECT_EQ(each.seq_num, next++);
-    }
 }
 
 // The only vrf goes between a run's first look at the list and its second.

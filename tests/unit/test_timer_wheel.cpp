@@ -96,21 +96,6 @@ TEST(timer_wheel, does_what_a_sorted_list_does)
     }
 }
 
-TEST(timer_wheel, a_timer_armed_for_now_in_a_pass_waits_for_the_next_tick)
-{
-    timer_wheel wheel(100);
-    wheel_timer first;
-    wheel_timer second;
-    wheel.arm(first, 105, 100);
-    wheel.arm(second, 106, 100);
-    ASSERT_EQ(wheel.pop_due(110), &first); // a late pass: it is 110 already
-    wheel.arm(first, 110, 110);
-    EXPECT_EQ(wheel.pop_due(110), &second);
-    EXPECT_EQ(wheel.pop_due(110), nullptr);
-    EXPECT_EQ(wheel.next_event(), 111U);
-    EXPECT_EQ(wheel.pop_due(111), &first);
-}
-
 TEST(timer_wheel, choice_reaches_each_timer_of_a_tick_and_none_of_another)
 {
     for (std::uint64_t choice = 0; choice < 6; ++choice) {
