@@ -40,6 +40,15 @@
     return static_cast<std::uint32_t>(to_nsecs(now) >> 4);
 }
 
+// Stamps a message of statistics with the wall clock.
+template<typename Message>
+void set_timestamp(Message &msg)
+{
+    const timespec64 now = wall_clock();
+    msg.timestamp_secs = static_cast<std::uint64_t>(now.tv_sec);
+    msg.timestamp_nsecs = static_cast<std::uint64_t>(now.tv_nsec);
+}
+
 // As messages carry it.
 [[nodiscard]] inline kelm_time to_kelm_time(const timespec64 &time)
 {

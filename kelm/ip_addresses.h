@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <cstring>
 
-inline constexpr std::size_t IPV4_ADDR_LEN = 4;
-inline constexpr std::size_t IPV6_ADDR_LEN = 16;
+inline constexpr std::size_t ipv4_addr_len = 4;
+inline constexpr std::size_t ipv6_addr_len = 16;
 
 // Pointers into the header, which is whole; anything that is not version 4 is taken for version 6.
 struct ip_addresses {
@@ -20,10 +20,10 @@ struct ip_addresses {
         : v4(ip[0] >> 4 == 4), source(ip + (v4 ? 12 : 8)), destination(ip + (v4 ? 16 : 24))
     {
     }
-    [[nodiscard]] std::size_t addr_len() const { return v4 ? IPV4_ADDR_LEN : IPV6_ADDR_LEN; }
+    [[nodiscard]] std::size_t addr_len() const { return v4 ? ipv4_addr_len : ipv6_addr_len; }
     [[nodiscard]] bool source_unspecified() const
     {
-        static constexpr std::uint8_t unspecified[IPV6_ADDR_LEN] = {};
+        static constexpr std::uint8_t unspecified[ipv6_addr_len] = {};
         return std::memcmp(source, unspecified, addr_len()) == 0;
     }
 };

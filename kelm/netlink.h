@@ -1,73 +1,24 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// What the control channel offers to the other components: vrfs and notifications.
+// The netlink socket of a vrf: requests come in, notifications and replies go out.
 #pragma once
 
 #include <cstdint>
-#include <utility>
 
-#include "kelm/kelm_internal.h"
+#include "platform/netlink.h"
 
-struct net;
-struct sk_buff;
+struct kelm_vrf;
 
-// Guards kelm_vrf_list and, during a sweep, the vrfs' marks. Held for list walks and short field
-// updates only: no allocation, no socket operation, no reference drop.
-extern spinlock_t kelm_vrf_lock;
+// Request handlers, called in the task of the sending agent with no lock held and with a
+// reference on the vrf. Return 0 or a negative error number, which goes into the acknowledgement.
+using handler_fn = int (*)(kelm_vrf *vrf, sk_buff *skb, const nlmsghdr *hdr);
 
-struct by_vrfs {
-    static constexpr list_link kelm_vrf::*member() { return &kelm_vrf::vrfs; }
-};
-
-// Every live vrf, newest first. A vrf that has left it is linked to itself.
-extern intrusive_list<kelm_vrf, by_vrfs> kelm_vrf_list;
-
-// References on a vrf. Dropping one is safe in any context and never sleeps, kelm_vrf_lock not
-// held: a vrf without references is destroyed by the cleanup thread.
-void kelm_netlink_get_vrf(kelm_vrf *vrf);
-void kelm_netlink_put_vrf(kelm_vrf *vrf);
-
-// The one owner of a reference on a vrf, or of none.
-class vrf_ref
-{
-  public:
-    vrf_ref() = default;
-    // Takes a reference of its own.
-    explicit vrf_ref(kelm_vrf *vrf) : vrf_(vrf)
-    {
-        if (vrf_ != nullptr)
-            kelm_netlink_get_vrf(vrf_);
-    }
-    ~vrf_ref() { reset(); }
-    vrf_ref(vrf_ref &&other) noexcept : vrf_(std::exchange(other.vrf_, nullptr)) {}
-    vrf_ref &operator=(vrf_ref &&other) noexcept
-    {
-        std::swap(vrf_, other.vrf_);
-        other.reset();
-        return *this;
-    }
-    vrf_ref(const vrf_ref &) = delete;
-    vrf_ref &operator=(const vrf_ref &) = delete;
-
-    void reset()
-    {
-        if (vrf_ != nullptr)
-            kelm_netlink_put_vrf(std::exchange(vrf_, nullptr));
-    }
-    [[nodiscard]] kelm_vrf *get() const { return vrf_; }
-    kelm_vrf *operator->() const { return vrf_; }
-    explicit operator bool() const { return vrf_ != nullptr; }
-
-  private:
-    kelm_vrf *vrf_ = nullptr;
-};
-
-// The vrf of a namespace, or none.
-[[nodiscard]] vrf_ref find_vrf(net *net);
+// The input of every vrf's netlink socket: one datagram from an agent.
+void receive_netlink(sk_buff *skb);
 
 // Hand a finished message to the agents of a vrf. The buffer is taken over whatever happens; what
-// cannot be delivered is counted in the vrf's statistics. The caller holds a reference on the vrf
-// or knows otherwise that its socket stands.
+// cannot be delivered is counted in the vrf's statistics and logged, never sent again. The caller
+// holds a reference on the vrf or knows otherwise that its socket is not released meanwhile.
 //
 // Multicasts, any context: a frame that the agent must see, a session's failure message.
 void kelm_netlink_send_packet_change(kelm_vrf *vrf, sk_buff *skb);

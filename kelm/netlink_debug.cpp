@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Debug levels: one for the module, and up to 100 for single sessions, which can only add to it.
+#include "kelm/netlink_debug.h"
+
 #include "kelm/guard.h"
+#include "kelm/kelm_internal.h"
+#include "kelm/log.h"
 #include "kelm/message.h"
-#include "kelm/netlink_internal.h"
 #include "platform/capability.h"
 #include "platform/err.h"
 
@@ -87,7 +90,7 @@ int set_session_level(std::uint32_t discriminator, std::uint16_t level)
 void debug_init()
 {
     kelm_debugs.global_level = 1;
-    spin_lock_init(&kelm_debugs.lock, LOCK_DEBUG, "kelm_debugs");
+    spin_lock_init(&kelm_debugs.lock, rank_debug, "kelm_debugs");
     clear_session_levels();
 }
 

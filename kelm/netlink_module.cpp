@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The module's start and stop, in order and in reverse.
-#include "kelm/netlink_internal.h"
-#include "kelm/rx.h"
-#include "kelm/tx.h"
+#include "kelm/log.h"
+#include "kelm/netlink_module_stats.h"
+#include "kelm/netlink_stats.h"
+#include "kelm/netlink_sync.h"
+#include "kelm/netlink_vrf.h"
+#include "kelm/rx_packet.h"
+#include "kelm/rx_table.h"
+#include "kelm/tx_schedule.h"
+#include "kelm/tx_table.h"
+#include "kelm/tx_transmit.h"
 #include "platform/kthread.h"
 #include "platform/module.h"
-#include "platform/net.h"
 
 namespace
 {
@@ -18,12 +24,15 @@ void init_components()
 {
     debug_init();
     vrf_list_init();
-    kelm_rx_module_init();
-    kelm_tx_module_init();
-    dump_init();
+    rx_table_init();
+    rx_packet_init();
+    tx_table_init();
+    tx_path_init();
+    tx_trigger_init();
+    module_stats_init();
     sync_init();
     // The notifier brings the first vrfs, and with them requests that may arm the timer.
-    session_stats_init();
+    stats_requests_init();
 }
 
 int start_cleanup_thread()

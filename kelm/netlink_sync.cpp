@@ -2,32 +2,36 @@
 //
 // Synchronisation with a restarted agent: the dump of everything a vrf holds, and mark and sweep,
 // which empties the vrfs that no agent has claimed since the mark.
+#include "kelm/netlink_sync.h"
+
+#include "kelm/dump.h"
 #include "kelm/guard.h"
+#include "kelm/log.h"
 #include "kelm/message.h"
-#include "kelm/netlink_internal.h"
-#include "kelm/rx.h"
-#include "kelm/tx.h"
+#include "kelm/netlink_vrf.h"
+#include "kelm/rx_table.h"
+#include "kelm/tx_table.h"
 #include "platform/err.h"
 
 constinit relaxed<std::int32_t> vrf_mark(0);
 
 namespace
 {
-constexpr int SWEEP_BATCH = 16;
+constexpr int sweep_batch_size = 16;
 
-constexpr dump_phases sync_phases = {kelm_rx_sync, kelm_tx_sync, nullptr, "sync"};
+constexpr dump_kind sync_kind = {"sync", {kelm_rx_sync, kelm_tx_sync, nullptr}};
 
 int do_sync(sk_buff *skb, netlink_callback *dump)
 {
-    return dump_rxtx(skb, dump, sync_phases, false);
+    return dump_rxtx(skb, dump, sync_kind, false);
 }
 
 // Collects the next unmarked vrfs, in list order, and marks them; returns how many.
-int collect_unmarked(vrf_ref (&toclear)[SWEEP_BATCH])
+int collect_unmarked(vrf_ref (&toclear)[sweep_batch_size])
 {
     int found = 0;
     bh_guard lock(kelm_vrf_lock);
-    for (kelm_vrf *vrf = kelm_vrf_list.front(); vrf != nullptr && found < SWEEP_BATCH;
+    for (kelm_vrf *vrf = kelm_vrf_list.front(); vrf != nullptr && found < sweep_batch_size;
          vrf = kelm_vrf_list.next(*vrf)) {
         if (vrf->mark != 0)
             continue;
@@ -40,7 +44,7 @@ int collect_unmarked(vrf_ref (&toclear)[SWEEP_BATCH])
 // Clears one batch; returns how many vrfs it held.
 int sweep_batch()
 {
-    vrf_ref toclear[SWEEP_BATCH];
+    vrf_ref toclear[sweep_batch_size];
     const int found = collect_unmarked(toclear);
     for (int i = 0; i < found; ++i) {
         netlink_log(3, "Clearing unmarked vrf %p", static_cast<void *>(toclear[i].get()));
@@ -55,7 +59,7 @@ void sweep()
 {
     netlink_log(2, "handle_sync sweeping");
     vrf_mark = 0;
-    while (sweep_batch() == SWEEP_BATCH) {
+    while (sweep_batch() == sweep_batch_size) {
     }
     bh_guard lock(kelm_vrf_lock);
     kelm_vrf_list.for_each([](kelm_vrf &vrf) { vrf.mark = 0; });

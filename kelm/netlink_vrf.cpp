@@ -3,21 +3,24 @@
 // Vrfs, one per network namespace: created when the namespace's "lo" is registered, found by
 // namespace, reference counted, unlinked by the cleanup thread once nothing but our own transmit
 // sockets keeps the namespace alive, and destroyed by that thread at their last reference.
+#include "kelm/netlink_vrf.h"
+
 #include "kelm/guard.h"
-#include "kelm/netlink_internal.h"
+#include "kelm/log.h"
+#include "kelm/netlink.h"
 #include "kelm/record.h"
-#include "kelm/rx.h"
-#include "kelm/tx.h"
+#include "kelm/rx_table.h"
+#include "kelm/sockets.h"
+#include "kelm/tx_table.h"
 #include "platform/err.h"
 #include "platform/kthread.h"
-#include "platform/net.h"
 
 constinit spinlock_t kelm_vrf_lock = {};
 constinit intrusive_list<kelm_vrf, by_vrfs> kelm_vrf_list;
 
 namespace
 {
-constexpr long CLEANUP_PERIOD_TICKS = 25;
+constexpr long cleanup_period_ticks = 25;
 
 struct by_leaving {
     static constexpr list_link kelm_vrf::*member() { return &kelm_vrf::leaving; }
@@ -35,12 +38,12 @@ int create_sockets(kelm_vrf *vrf)
         netlink_log(1, "Failed to register netlink protocol");
         return -ENOMEM;
     }
-    int err = kelm_rx_init(vrf);
+    int err = create_rx_sockets(vrf);
     if (err == 0) {
-        err = kelm_tx_init(vrf);
+        err = create_tx_sockets(vrf);
         if (err == 0)
             return 0;
-        kelm_rx_free(vrf);
+        release_rx_sockets(vrf);
     }
     netlink_kernel_release(vrf->netlink_sock);
     return err;
@@ -79,13 +82,20 @@ void vrf_init(net *net)
     netlink_log(2, "Created vrf %p", static_cast<void *>(vrf));
 }
 
+void stop_reception(kelm_vrf *vrf)
+{
+    kelm_rx_clear(vrf);
+    release_rx_sockets(vrf);
+}
+
 void destroy_vrf(kelm_vrf *vrf)
 {
     // Reception first: its callbacks multicast on the netlink socket. Transmission last: its
     // sockets are what keeps the namespace alive.
-    kelm_rx_free(vrf);
+    stop_reception(vrf);
     netlink_kernel_release(vrf->netlink_sock);
-    kelm_tx_free(vrf);
+    kelm_tx_clear(vrf);
+    release_tx_sockets(vrf);
     delete_record(vrf);
     netlink_log(2, "Destroyed vrf %p", static_cast<void *>(vrf));
 }
@@ -137,7 +147,7 @@ int retire_vrfs(Pick should_go, void (*empty)(kelm_vrf *vrf))
 
 void vrf_list_init()
 {
-    spin_lock_init(&kelm_vrf_lock, LOCK_VRF_LIST, "kelm_vrf_lock");
+    spin_lock_init(&kelm_vrf_lock, rank_vrf_list, "kelm_vrf_lock");
 }
 
 int netdev_callback(notifier_block *, unsigned long event, void *info)
@@ -205,12 +215,12 @@ vrf_ref next_vrf(kelm_vrf *vrf)
 int kelm_vrf_cleanup(void *)
 {
     while (!kthread_should_stop()) {
-        // Nobody adds a session to a vrf that has been emptied: an agent's socket that could ask
+        // No session can be added to a vrf that has been emptied: the socket of an agent that asked
         // for one would hold the namespace.
         const int retired = retire_vrfs(netns_pinned_by_kelm, kelm_rx_clear);
         const int destroyed = destroy_unreferenced_vrfs();
         if (retired + destroyed == 0)
-            schedule_timeout_interruptible(CLEANUP_PERIOD_TICKS);
+            schedule_timeout_interruptible(cleanup_period_ticks);
     }
     return 0;
 }
@@ -218,6 +228,6 @@ int kelm_vrf_cleanup(void *)
 void release_all_vrfs()
 {
     // Without receive sockets no softirq is left that could hold a vrf.
-    retire_vrfs([](const kelm_vrf &) { return true; }, kelm_rx_free);
+    retire_vrfs([](const kelm_vrf &) { return true; }, stop_reception);
     destroy_unreferenced_vrfs();
 }

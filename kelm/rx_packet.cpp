@@ -6,21 +6,26 @@
 //
 // Softirq context, on several processors at once. The session's lock is held from the lookup to
 // the end, the send included.
+#include "kelm/rx_packet.h"
+
+#include <cstring>
+
 #include "kelm/byte_order.h"
 #include "kelm/guard.h"
 #include "kelm/kelm_bfd_common_utils.h"
-#include "kelm/message.h"
+#include "kelm/log.h"
 #include "kelm/netlink.h"
-#include "kelm/rx_internal.h"
+#include "kelm/rx_detection.h"
+#include "kelm/rx_table.h"
 #include "kelm/skb_ptr.h"
-#include "kelm/tx.h"
+#include "kelm/tx_schedule.h"
 #include "platform/socket.h"
 
 namespace
 {
 constinit relaxed<bool> first_packet(true);
 
-constexpr unsigned PACKET_CHANGE_HEADROOM = NLMSG_HDRLEN + sizeof(kelm_msg_rx_packet_change);
+constexpr unsigned packet_change_headroom = NLMSG_HDRLEN + sizeof(kelm_msg_rx_packet_change);
 
 // A received datagram as part of its frame. Pointers into a buffer are good until it is expanded.
 struct received_frame {
@@ -66,16 +71,6 @@ bool auth_valid(rx_session *session, const received_frame &frame)
                            session->multiplier, frame.header(), frame.ip_header(),
                            frame.info.ifindex,
                            static_cast<std::int32_t>(frame.bfd_len) - BFD_CTRL_LEN, r_trace);
-}
-
-void restart_detection(rx_session *session)
-{
-    if (!session->timer_active)
-        return;
-    const unsigned long now = get_jiffies_64();
-    const unsigned long expiry = start_timer(session, now);
-    rx_log(session->discriminator, 3, "Reset timer for session %u to %lu now %lu",
-           session->discriminator, expiry, now);
 }
 
 bool content_changed(const rx_session *session, const received_frame &frame)
@@ -154,7 +149,7 @@ void push_headers(sk_buff *skb, std::uint32_t disc)
            msg.bfd_offset, frame.len(), frame.info.member_ifindex);
 
     nlmsghdr hdr = {};
-    hdr.nlmsg_len = PACKET_CHANGE_HEADROOM + msg.packet_len;
+    hdr.nlmsg_len = packet_change_headroom + msg.packet_len;
     hdr.nlmsg_type = KELM_MSG_RX_PACKET_CHANGE;
     std::memcpy(skb_push(skb, sizeof(hdr)), &hdr, sizeof(hdr));
 }
@@ -166,7 +161,7 @@ void pass_up_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const rece
     rx_log(disc, 2, "Passing packet for session %u to SSM vrf %p", disc, static_cast<void *>(vrf));
     if (session != nullptr && !store_frame(session, frame))
         return;
-    const int err = pskb_expand_head(skb.get(), PACKET_CHANGE_HEADROOM, 0, GFP_ATOMIC);
+    const int err = pskb_expand_head(skb.get(), packet_change_headroom, 0, GFP_ATOMIC);
     if (err != 0) {
         KELM_LOG("Rx", 2, "failed to expand skb %d", err);
         if (session != nullptr)
@@ -188,8 +183,8 @@ void session_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const rece
         ++session->stats.num_auth_fail;
         return;
     }
-    record_stats(session,
-                 load_host<std::uint32_t>(frame.bfd + offsetof(bfd_ctrl, my_discriminator)));
+    record_reception(session,
+                     load_host<std::uint32_t>(frame.bfd + offsetof(bfd_ctrl, my_discriminator)));
     restart_detection(session);
     if (must_pass_up(session, frame))
         pass_up_packet(vrf, session, skb, frame);
@@ -206,7 +201,7 @@ void valid_packet(kelm_vrf *vrf, skb_ptr &skb, const received_frame &frame)
         return;
     }
     softirq_guard table(rx_lock);
-    if (rx_session *session = __get_session(vrf, disc)) {
+    if (rx_session *session = vrf->sessions.find(disc)) {
         softirq_guard lock(session->lock);
         table.unlock();
         session_packet(vrf, session, skb, frame);

@@ -25,7 +25,7 @@ struct sockaddr_inet6 {
     std::uint16_t family;
     std::uint16_t port; // network order
     std::uint32_t flowinfo;
-    std::uint8_t addr[IPV6_ADDR_LEN];
+    std::uint8_t addr[ipv6_addr_len];
     std::uint32_t scope_id;
 };
 static_assert(sizeof(sockaddr_inet6) == 28);
@@ -50,17 +50,17 @@ struct control_header {
 struct ipv4_pktinfo {
     control_header header;
     std::uint32_t ifindex;
-    std::uint8_t spec_dst[IPV4_ADDR_LEN]; // local source
-    std::uint8_t addr[IPV4_ADDR_LEN];
+    std::uint8_t spec_dst[ipv4_addr_len]; // local source
+    std::uint8_t addr[ipv4_addr_len];
 };
-inline constexpr std::size_t IPV4_PKTINFO_LEN = sizeof(control_header) + 12;
-static_assert(offsetof(ipv4_pktinfo, addr) + IPV4_ADDR_LEN == IPV4_PKTINFO_LEN);
+inline constexpr std::size_t ipv4_pktinfo_len = sizeof(control_header) + 12;
+static_assert(offsetof(ipv4_pktinfo, addr) + ipv4_addr_len == ipv4_pktinfo_len);
 
 struct ipv6_pktinfo {
     control_header header;
-    std::uint8_t addr[IPV6_ADDR_LEN]; // local source
+    std::uint8_t addr[ipv6_addr_len]; // local source
     std::uint32_t ifindex;
 };
-inline constexpr std::size_t IPV6_PKTINFO_LEN = sizeof(control_header) + 20;
-static_assert(offsetof(ipv6_pktinfo, ifindex) + 4 == IPV6_PKTINFO_LEN);
+inline constexpr std::size_t ipv6_pktinfo_len = sizeof(control_header) + 20;
+static_assert(offsetof(ipv6_pktinfo, ifindex) + 4 == ipv6_pktinfo_len);
 static_assert(sizeof(ipv6_pktinfo) == 40);

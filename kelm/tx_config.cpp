@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Configuration of transmit packets: the set and delete requests. A replaced packet keeps its
-// record, timer, references, sequence number, pending latch and, unless the period changes, its
-// statistics; only the settings and the bytes change.
+// A replaced packet keeps its record, timer, references, sequence number, pending latch and, unless
+// the period changes, its statistics; only the settings and the bytes change.
+#include "kelm/tx_config.h"
+
+#include <cstring>
+
 #include "kelm/guard.h"
 #include "kelm/kelm_bfd_common_utils.h"
+#include "kelm/log.h"
 #include "kelm/message.h"
-#include "kelm/record.h"
-#include "kelm/tx_internal.h"
+#include "kelm/tx_schedule.h"
+#include "kelm/tx_table.h"
+#include "kelm/tx_transmit.h"
 #include "platform/err.h"
 
 namespace
@@ -74,7 +79,6 @@ void copy_settings(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
                msg.auth.type);
     packet->auth = msg.auth;
     packet->auth_hdr = msg.auth_hdr;
-    packet->auth_hdr_offset = packet->latch_offset + BFD_CTRL_LEN;
 }
 
 int change_type(tx_packet *packet, std::uint32_t type)
@@ -83,7 +87,7 @@ int change_type(tx_packet *packet, std::uint32_t type)
         return 0;
     tx_log(packet->discriminator, 2, "Changing type from %d to %d", static_cast<int>(packet->type),
            static_cast<int>(type));
-    packet->sk = tx_socket_get(packet->vrf, type);
+    packet->sk = packet->vrf->tx_sockets[type];
     packet->type = type;
     return packet->sk != nullptr ? 0 : -ESHUTDOWN;
 }
@@ -112,10 +116,8 @@ int configure(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
     int err = change_type(packet, msg.type);
     if (err != 0)
         return err;
-    if (packet->period != old_period) {
-        clear_packet_stats(&packet->stats.lifetime_stats);
-        clear_packet_stats(&packet->stats.snapshot_stats);
-    }
+    if (packet->period != old_period)
+        packet->stats.restart();
     err = copy_packet(packet, msg);
     if (err != 0)
         return err;
@@ -130,7 +132,7 @@ int set_packet(kelm_vrf *vrf, const kelm_msg_tx_set_packet &msg)
     const std::uint32_t disc = msg.header.discriminator;
     bh_guard table(tx_lock);
     tx_log(disc, 2, "Got packets lock");
-    tx_packet *packet = __get_packet(vrf, disc);
+    tx_packet *packet = vrf->packets.find(disc);
     if (packet == nullptr) {
         tx_log(disc, 2, "Allocating new packet");
         packet = __create_packet(vrf, disc);
@@ -170,7 +172,7 @@ int kelm_tx_delete_packet(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
     if (disc == 0)
         return -EINVAL;
     bh_guard table(tx_lock);
-    tx_packet *packet = __get_packet(vrf, disc);
+    tx_packet *packet = vrf->packets.find(disc);
     if (packet == nullptr)
         return -ENOENT;
     {
@@ -178,8 +180,7 @@ int kelm_tx_delete_packet(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
         packet->dead = true;
     }
     tx_log(disc, 3, "Unlinking tx %u on delete", disc);
-    packet->list.unlink();
-    ++vrf->packets_seq;
+    vrf->packets.remove(*packet);
     __put_packet(packet, false);
     return 0;
 }

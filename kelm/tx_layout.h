@@ -10,7 +10,7 @@
 
 #include "kelm/kelm.h"
 
-inline constexpr std::uint32_t UDP_HEADER_LEN = 8;
+inline constexpr std::uint32_t udp_header_len = 8;
 
 struct packet_layout {
     const std::uint8_t *packet;
@@ -26,7 +26,7 @@ struct packet_layout {
     // Whether the UDP header and the IP header that its checksum covers are there.
     [[nodiscard]] bool udp_headers_fit() const
     {
-        return bfd_header_fits() && latch_offset > UDP_HEADER_LEN && ip_header_fits(ip_hdr_offset);
+        return bfd_header_fits() && latch_offset > udp_header_len && ip_header_fits(ip_hdr_offset);
     }
 
     // All of that, and for an IP packet the IP header at its start, which the send reads.
@@ -39,7 +39,7 @@ struct packet_layout {
     // Whether a whole IP header lies at offset, in front of the UDP header.
     [[nodiscard]] bool ip_header_fits(std::uint32_t offset) const
     {
-        const std::uint32_t udp_offset = latch_offset - UDP_HEADER_LEN;
+        const std::uint32_t udp_offset = latch_offset - udp_header_len;
         if (offset >= udp_offset)
             return false;
         const std::uint32_t ip_header_len = packet[offset] >> 4 == 4 ? 20 : 40;

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The packet tables and the references on packets. A deleted packet leaves its table at once and
-// is dead; it is freed when its last reference goes, a pending timer's or a receive session's.
+// A deleted packet leaves its table at once and is dead; it is freed when its last reference goes,
+// a pending timer's or a receive session's.
+#include "kelm/tx_table.h"
+
 #include "kelm/guard.h"
-#include "kelm/netlink.h"
+#include "kelm/log.h"
+#include "kelm/netlink_vrf.h"
 #include "kelm/record.h"
-#include "kelm/tx_internal.h"
+#include "kelm/tx_transmit.h"
 
 constinit spinlock_t tx_lock = {};
 
@@ -32,24 +35,17 @@ void warn_broken_invariants(tx_packet *packet)
 // A packet of any vrf, the given one first. The caller holds kelm_vrf_lock and tx_lock.
 tx_packet *find_in_all_vrfs(kelm_vrf *vrf, std::uint32_t discriminator)
 {
-    tx_packet *packet = __get_packet(vrf, discriminator);
+    tx_packet *packet = vrf->packets.find(discriminator);
     for (kelm_vrf *other = kelm_vrf_list.front(); packet == nullptr && other != nullptr;
          other = kelm_vrf_list.next(*other))
-        packet = __get_packet(other, discriminator);
+        packet = other->packets.find(discriminator);
     return packet;
 }
 } // namespace
 
-void kelm_tx_module_init()
+void tx_table_init()
 {
-    spin_lock_init(&tx_lock, LOCK_TX_TABLE, "tx_lock");
-    tx_path_init();
-    tx_trigger_init();
-}
-
-tx_packet *__get_packet(kelm_vrf *vrf, std::uint32_t discriminator)
-{
-    return find_in_chain(vrf->packets[disc_hash(discriminator)], discriminator);
+    spin_lock_init(&tx_lock, rank_tx_table, "tx_lock");
 }
 
 tx_packet *__create_packet(kelm_vrf *vrf, std::uint32_t discriminator)
@@ -58,14 +54,12 @@ tx_packet *__create_packet(kelm_vrf *vrf, std::uint32_t discriminator)
     if (packet == nullptr)
         return nullptr;
     packet->discriminator = discriminator;
-    spin_lock_init(&packet->lock, LOCK_TX_PACKET, "tx_packet");
+    spin_lock_init(&packet->lock, rank_tx_packet, "tx_packet");
     packet->refcount = 1;
     timer_setup(&packet->timer, tx_trigger_callback);
     packet->vrf = vrf;
     packet->type = KELM_TX_SESSION_MAX;
-    clear_packet_stats(&packet->stats.lifetime_stats);
-    clear_packet_stats(&packet->stats.snapshot_stats);
-    vrf->packets[disc_hash(discriminator)].push_back(*packet);
+    vrf->packets.append(*packet);
     alive_packets.push_back(*packet);
     return packet;
 }
@@ -105,25 +99,13 @@ void kelm_tx_put_packet(tx_packet *packet)
     __put_packet(packet, false);
 }
 
-void kelm_tx_latch(tx_packet *packet, std::uint8_t diagnostic)
-{
-    tx_log(packet->discriminator, 2, "Latching packet %u with diag %u", packet->discriminator,
-           diagnostic);
-    packet->latch_diag = diagnostic;
-}
-
-std::uint32_t kelm_tx_get_discr(const tx_packet *packet)
-{
-    return packet->discriminator;
-}
-
 void kelm_tx_clear(kelm_vrf *vrf)
 {
-    for (packet_chain &chain : vrf->packets) {
+    for (std::uint32_t number = 0; number < chain_count; ++number) {
         packet_chain removed;
         {
             bh_guard table(tx_lock);
-            removed.take(chain);
+            vrf->packets.empty_chain(number, removed);
         }
         while (tx_packet *packet = removed.pop_front()) {
             bh_guard table(tx_lock);

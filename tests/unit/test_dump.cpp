@@ -8,10 +8,8 @@
 
 #include "engine_fixture.h"
 #include "kelm/dump.h"
-#include "kelm/netlink_internal.h"
-#include "kelm/rx.h"
+#include "kelm/netlink_stats.h"
 #include "kelm/skb_ptr.h"
-#include "kelm/tx.h"
 #include "platform/hosted/skbuff.h"
 #include "platform/sim/random.h"
 

@@ -1,38 +1,25 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The session tables, and the requests that create, reconfigure and delete sessions. The handlers
-// work under rx_lock, which holds up reception in every vrf: they allocate without sleeping and
-// wait for nothing. What waits for a running timer callback, free_session, holds no lock.
+// The handlers work under rx_lock, which holds up reception in every vrf: they allocate without
+// sleeping and wait for nothing. What waits for a running timer callback, free_session, holds no
+// lock.
+#include "kelm/rx_table.h"
+
+#include <cstring>
+
+#include "kelm/clocks.h"
 #include "kelm/guard.h"
+#include "kelm/log.h"
 #include "kelm/message.h"
-#include "kelm/netlink.h"
+#include "kelm/netlink_vrf.h"
 #include "kelm/record.h"
-#include "kelm/rx_internal.h"
-#include "kelm/tx.h"
+#include "kelm/rx_detection.h"
 #include "platform/err.h"
 
 constinit spinlock_t rx_lock = {};
 
 namespace
 {
-using session_chain = intrusive_list<rx_session>;
-
-void clear_interval_stats(rx_session *session)
-{
-    clear_session_stats(&session->stats.lifetime_stats);
-    clear_session_stats(&session->stats.snapshot_stats);
-}
-
-void init_session(rx_session *session, kelm_vrf *vrf)
-{
-    spin_lock_init(&session->lock, LOCK_RX_SESSION, "rx_session");
-    timer_setup(&session->timer, rx_timeout);
-    session->type = KELM_RX_SESSION_MAX;
-    kelm_netlink_get_vrf(vrf);
-    session->vrf = vrf;
-    clear_interval_stats(session);
-}
-
 // A new session in the vrf's table, or null. The caller holds rx_lock.
 rx_session *__create_session(kelm_vrf *vrf, std::uint32_t discriminator)
 {
@@ -40,9 +27,13 @@ rx_session *__create_session(kelm_vrf *vrf, std::uint32_t discriminator)
     auto *session = new_record<rx_session>(GFP_ATOMIC);
     if (session == nullptr)
         return nullptr;
-    init_session(session, vrf);
-    vrf->sessions[disc_hash(discriminator)].push_back(*session);
+    spin_lock_init(&session->lock, rank_rx_session, "rx_session");
+    init_detection(session);
     session->discriminator = discriminator;
+    session->type = KELM_RX_SESSION_MAX;
+    kelm_netlink_get_vrf(vrf);
+    session->vrf = vrf;
+    vrf->sessions.append(*session);
     return session;
 }
 
@@ -50,29 +41,9 @@ rx_session *__create_session(kelm_vrf *vrf, std::uint32_t discriminator)
 // knows the session.
 void __discard_session(rx_session *session)
 {
-    session->list.unlink();
+    session->vrf->sessions.take_back(*session);
     kelm_netlink_put_vrf(session->vrf);
     delete_record(session);
-}
-
-void __release_tx_packets(rx_session *session)
-{
-    for (tx_packet *&packet : session->latch_tx_packets) {
-        if (packet != nullptr)
-            kelm_tx_put_packet(packet);
-        packet = nullptr;
-    }
-}
-
-// Links the packets to latch, up to the first that does not exist.
-int link_tx_packets(rx_session *session, kelm_vrf *vrf, const kelm_msg_rx_set_session &msg)
-{
-    for (std::size_t i = 0; i < KELM_NUM_LATCH_TX_PACKETS && msg.latch_tx_packets[i] != 0; ++i) {
-        session->latch_tx_packets[i] = kelm_tx_get_packet(vrf, msg.latch_tx_packets[i]);
-        if (session->latch_tx_packets[i] == nullptr)
-            return -ENXIO;
-    }
-    return 0;
 }
 
 void replace_failure_message(rx_session *session, sk_buff *fail_skb,
@@ -108,16 +79,7 @@ int change_type(rx_session *session, kelm_vrf *vrf, std::uint32_t type)
     rx_log(session->discriminator, 2, "Changing type from %d to %d",
            static_cast<int>(session->type), static_cast<int>(type));
     session->type = type;
-    return rx_socket_get(vrf, type) != nullptr ? 0 : -ESHUTDOWN;
-}
-
-void restart_timer(rx_session *session)
-{
-    if (del_timer(&session->timer) == 0)
-        rx_log(session->discriminator, 2, "Rx Timer wasn't active");
-    session->timer_armed = false;
-    if (session->timer_active)
-        start_timer(session, get_jiffies_64());
+    return vrf->rx_sockets[type] != nullptr ? 0 : -ESHUTDOWN;
 }
 
 // What fails here leaves what was set before it in place, and the timer and its report as they
@@ -132,13 +94,12 @@ int configure(rx_session *session, kelm_vrf *vrf, sk_buff *fail_skb,
     if (err != 0)
         return err;
     if (session->period != old_period)
-        clear_interval_stats(session);
+        session->stats.restart();
     session->latch_diagnostic = msg.latch_diagnostic;
-    __release_tx_packets(session);
     err = link_tx_packets(session, vrf, msg);
     if (err != 0)
         return err;
-    restart_timer(session);
+    configure_detection(session);
     session->stats.last_state_change = wall_clock();
     return 0;
 }
@@ -148,7 +109,7 @@ int set_session(kelm_vrf *vrf, const kelm_msg_rx_set_session &msg)
     const std::uint32_t disc = msg.header.discriminator;
     bh_guard table(rx_lock);
     rx_log(disc, 2, "Got sessions lock");
-    rx_session *session = __get_session(vrf, disc);
+    rx_session *session = vrf->sessions.find(disc);
     if (session == nullptr) {
         session = __create_session(vrf, disc);
         if (session == nullptr)
@@ -172,11 +133,10 @@ int set_session(kelm_vrf *vrf, const kelm_msg_rx_set_session &msg)
 void free_session(rx_session *session)
 {
     const std::uint32_t disc = session->discriminator;
-    // Nobody can find the session any more. Whoever did before has its lock, or a timer callback
-    // is on its way to it.
+    // Nobody can find the session any more, but somebody who found it before may hold its lock, or
+    // a timer callback may be about to take it.
     bh_guard(session->lock).unlock();
-    del_timer_sync(&session->timer);
-    __release_tx_packets(session);
+    end_detection(session);
     if (session->fail_skb != nullptr) {
         rx_log(disc, 2, "Consumed fail_skb for %u", disc);
         consume_skb(session->fail_skb);
@@ -187,15 +147,9 @@ void free_session(rx_session *session)
 }
 } // namespace
 
-void kelm_rx_module_init()
+void rx_table_init()
 {
-    spin_lock_init(&rx_lock, LOCK_RX_TABLE, "rx_lock");
-    rx_packet_init();
-}
-
-rx_session *__get_session(kelm_vrf *vrf, std::uint32_t discriminator)
-{
-    return find_in_chain(vrf->sessions[disc_hash(discriminator)], discriminator);
+    spin_lock_init(&rx_lock, rank_rx_table, "rx_lock");
 }
 
 int kelm_rx_set_session(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
@@ -226,11 +180,10 @@ int kelm_rx_delete_session(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
     if (disc == 0)
         return -EINVAL;
     bh_guard table(rx_lock);
-    rx_session *session = __get_session(vrf, disc);
+    rx_session *session = vrf->sessions.find(disc);
     if (session == nullptr)
         return -ENOENT;
-    session->list.unlink();
-    ++vrf->sessions_seq;
+    vrf->sessions.remove(*session);
     table.unlock();
     free_session(session);
     return 0;
@@ -238,19 +191,13 @@ int kelm_rx_delete_session(kelm_vrf *vrf, sk_buff *, const nlmsghdr *hdr)
 
 void kelm_rx_clear(kelm_vrf *vrf)
 {
-    for (session_chain &chain : vrf->sessions) {
-        session_chain removed;
+    for (std::uint32_t number = 0; number < chain_count; ++number) {
+        intrusive_list<rx_session> removed;
         {
             bh_guard table(rx_lock);
-            removed.take(chain);
+            vrf->sessions.empty_chain(number, removed);
         }
         while (rx_session *session = removed.pop_front())
             free_session(session);
     }
-}
-
-void kelm_rx_free(kelm_vrf *vrf)
-{
-    kelm_rx_clear(vrf);
-    rx_free_sockets(vrf);
 }

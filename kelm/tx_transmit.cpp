@@ -1,23 +1,39 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// One transmission: the stored packet is edited in place, sent, and scheduled anew. Runs as the
-// packet's timer callback, and once for every packet when the transmit path becomes ready.
+// The stored packet is edited in place, sent, and scheduled anew: by the packet's timer callback,
+// and once for every packet when the transmit path becomes ready.
 //
 // A callback holds the reference of the timer that fired. It ends in one of three ways: the
 // re-armed timer takes the reference over; or somebody else has armed the timer with a reference
 // of its own meanwhile, or the packet is not scheduled again, and the reference is dropped.
+#include "kelm/tx_transmit.h"
+
+#include <cstring>
+
 #include "kelm/byte_order.h"
+#include "kelm/clocks.h"
 #include "kelm/guard.h"
+#include "kelm/ip_addresses.h"
 #include "kelm/kelm_bfd_common_utils.h"
-#include "kelm/tx_internal.h"
+#include "kelm/log.h"
+#include "kelm/socket_abi.h"
+#include "kelm/tx_schedule.h"
+#include "kelm/tx_table.h"
+#include "platform/checksum.h"
 #include "platform/err.h"
+#include "platform/socket.h"
 
 namespace
 {
-constexpr std::size_t MIN_PACKET_LEN = 20;
+constexpr std::size_t min_packet_len = 20;
+constexpr std::uint8_t ipproto_udp = 17;
+constexpr std::size_t udp_check_offset = 6;
 
-constinit relaxed<bool> told_extra_reference(false);
-constinit relaxed<bool> told_no_release(false);
+// Traffic this frequent proves that the neighbour is there.
+constexpr kelm_microsecs max_confirm_period = 999'999;
+
+constinit relaxed<bool> logged_extra_reference(false);
+constinit relaxed<bool> logged_no_release(false);
 
 void r_trace(kelm_trace_type type, std::uint32_t discriminator, const char *text)
 {
@@ -83,6 +99,82 @@ int update_packet(tx_packet *packet)
     return err;
 }
 
+int send(const tx_packet *packet, const kernel_msghdr &msg)
+{
+    const kvec vec = {packet->packet, packet->packet_len};
+    return kernel_sendmsg(packet->sk, &msg, &vec, 1, packet->packet_len);
+}
+
+sockaddr_inet6 destination_of(const ip_addresses &ip)
+{
+    sockaddr_inet6 address = {};
+    address.family = AF_INET6;
+    if (ip.v4) { // IPv4-mapped: ::ffff:a.b.c.d
+        address.addr[10] = 0xFF;
+        address.addr[11] = 0xFF;
+    }
+    std::memcpy(address.addr + (ipv6_addr_len - ip.addr_len()), ip.destination, ip.addr_len());
+    return address;
+}
+
+// Control data that names the interface and the local source; the layout is the IP version's.
+union pktinfo {
+    ipv4_pktinfo v4;
+    ipv6_pktinfo v6;
+};
+
+std::size_t fill_pktinfo(pktinfo *info, const ip_addresses &ip, std::uint32_t ifindex)
+{
+    if (ip.v4) {
+        info->v4.header = {ipv4_pktinfo_len, SOL_IP, IP_PKTINFO};
+        info->v4.ifindex = ifindex;
+        std::memcpy(info->v4.spec_dst, ip.source, ipv4_addr_len);
+        return ipv4_pktinfo_len;
+    }
+    info->v6.header = {ipv6_pktinfo_len, SOL_IPV6, IPV6_PKTINFO};
+    std::memcpy(info->v6.addr, ip.source, ipv6_addr_len);
+    info->v6.ifindex = ifindex;
+    return ipv6_pktinfo_len;
+}
+
+int send_ip(const tx_packet *packet)
+{
+    const ip_addresses ip(packet->packet);
+    const sockaddr_inet6 address = destination_of(ip);
+    kernel_msghdr msg = {&address, sizeof(address), MSG_DONTWAIT, nullptr, 0};
+    pktinfo info;
+    std::memset(&info, 0, sizeof(info));
+    if (packet->ifindex != 0 || !ip.source_unspecified()) {
+        msg.msg_controllen = fill_pktinfo(&info, ip, packet->ifindex);
+        msg.msg_control = &info;
+    }
+    if (packet->period <= max_confirm_period)
+        msg.msg_flags |= MSG_CONFIRM;
+    return send(packet, msg);
+}
+
+int send_frame(const tx_packet *packet)
+{
+    sockaddr_link address = {};
+    address.family = AF_PACKET;
+    address.ifindex = static_cast<std::int32_t>(packet->ifindex);
+    address.halen = 6;
+    std::memcpy(address.addr, packet->packet, 6); // Ethernet destination
+    return send(packet, {&address, sizeof(address), MSG_DONTWAIT, nullptr, 0});
+}
+// The number of bytes sent or a negative error number; a packet without a socket, or without the
+// headers that its settings name, is not sent.
+int send_packet(const tx_packet *packet)
+{
+    // A vrf that was going down had no socket for the packet.
+    if (packet->sk == nullptr)
+        return -ESHUTDOWN;
+    // A request that failed left the bytes of an earlier one beside its settings.
+    if (!packet->layout().fits(packet->type))
+        return -EINVAL;
+    return packet->type == KELM_TX_SESSION_IP ? send_ip(packet) : send_frame(packet);
+}
+
 // Whether there is something to send.
 bool can_send(tx_packet *packet)
 {
@@ -96,7 +188,7 @@ bool can_send(tx_packet *packet)
         ++packet->stats.num_empty_packets;
         return false;
     }
-    if (packet->packet_len < MIN_PACKET_LEN) {
+    if (packet->packet_len < min_packet_len) {
         tx_log(disc, 2, "Packet too short. %lu bytes", packet->packet_len);
         ++packet->stats.num_short_packets;
         return false;
@@ -125,7 +217,7 @@ bool transmit(tx_packet *packet)
         ++packet->stats.num_tx_errors;
     }
     if (!packet->send_oob_packet)
-        tx_record_stats(packet);
+        record_transmission(packet);
     return true;
 }
 
@@ -136,7 +228,7 @@ bool transmit_and_schedule(tx_packet *packet, bool is_callback)
         return true;
     if (!schedule_packet(packet, is_callback))
         return false;
-    if (!told_extra_reference.exchange(true))
+    if (!logged_extra_reference.exchange(true))
         printk(KERN_DEBUG "kelm:  tx_trigger releasing extra reference to packet %llx\n",
                reinterpret_cast<unsigned long long>(packet));
     return true;
@@ -145,8 +237,8 @@ bool transmit_and_schedule(tx_packet *packet, bool is_callback)
 
 void tx_trigger_init()
 {
-    told_extra_reference = false;
-    told_no_release = false;
+    logged_extra_reference = false;
+    logged_no_release = false;
 }
 
 void tx_trigger_callback(timer_list *timer)
@@ -170,7 +262,34 @@ void tx_trigger(tx_packet *packet, bool is_callback)
     if (is_callback) {
         tx_log(disc, 2, "Releasing %u on tx", disc);
         kelm_tx_put_packet(packet);
-    } else if (!told_no_release.exchange(true)) {
+    } else if (!logged_no_release.exchange(true)) {
         printk(KERN_DEBUG "kelm: tx_trigger attempted release from callback");
     }
+}
+
+void kelm_tx_latch(tx_packet *packet, std::uint8_t diagnostic)
+{
+    tx_log(packet->discriminator, 2, "Latching packet %u with diag %u", packet->discriminator,
+           diagnostic);
+    packet->latch_diag = diagnostic;
+}
+
+// Over the IPv4 or IPv6 pseudo-header and what follows.
+void update_udp_checksum(tx_packet *packet, bool force)
+{
+    if ((packet->auth.type == BFD_AUTH_NONE && !force) || !packet->layout().udp_headers_fit())
+        return;
+    const auto udp_len =
+        static_cast<std::uint32_t>(packet->packet_len - packet->latch_offset + udp_header_len);
+    std::uint8_t *udp = packet->packet + packet->latch_offset - udp_header_len;
+    store_host<std::uint16_t>(udp + udp_check_offset, 0);
+    const std::uint32_t sum = csum_partial(udp, static_cast<int>(udp_len), 0);
+    const ip_addresses ip(packet->packet + packet->ip_hdr_offset);
+    const std::uint16_t check =
+        ip.v4
+            ? csum_tcpudp_magic(load_host<std::uint32_t>(ip.source),
+                                load_host<std::uint32_t>(ip.destination), udp_len, ipproto_udp, sum)
+            : csum_ipv6_magic(ip.source, ip.destination, udp_len, ipproto_udp, sum);
+    // 0 would say that there is no checksum (RFC 768).
+    store_host<std::uint16_t>(udp + udp_check_offset, check != 0 ? check : std::uint16_t{0xFFFF});
 }

@@ -1,14 +1,22 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Dispatch: every datagram that an agent sends to a vrf's netlink socket is split into messages
-// here, and each message is checked for its type and the sender's privilege, stamped with the
-// sync mark, and handed to its handler. Runs in the sending task; several may run at once.
+// Every datagram that an agent sends is split into messages, and each message is checked for its
+// type and the sender's privilege, marks its vrf as claimed, and goes to its handler. Runs in the
+// sending task; several may run at once.
+#include "kelm/netlink.h"
+
 #include <array>
 
+#include "kelm/kelm_internal.h"
+#include "kelm/kelm_layout.h" // asserts what the handlers rely on
+#include "kelm/log.h"
 #include "kelm/message.h"
-#include "kelm/netlink_internal.h"
-#include "kelm/rx.h"
-#include "kelm/tx.h"
+#include "kelm/netlink_stats.h"
+#include "kelm/netlink_sync.h"
+#include "kelm/netlink_vrf.h"
+#include "kelm/rx_table.h"
+#include "kelm/tx_config.h"
+#include "kelm/tx_schedule.h"
 #include "platform/capability.h"
 #include "platform/err.h"
 
@@ -81,4 +89,33 @@ void receive_netlink(sk_buff *skb)
 {
     netlink_log(3, "Received netlink message (len %u)", skb_len(skb));
     netlink_rcv_skb(skb, process_message);
+}
+
+void kelm_netlink_send_packet_change(kelm_vrf *vrf, sk_buff *skb)
+{
+    const int err = netlink_broadcast(vrf->netlink_sock, skb, 0, KELM_NLG_NUM_CONTROL, GFP_ATOMIC);
+    if (err == 0)
+        return;
+    netlink_log(2, "Error sending session packet change %d", err);
+    count(vrf->stats.netlink_packet_change_fail);
+}
+
+void kelm_netlink_send_failure(kelm_vrf *vrf, sk_buff *skb)
+{
+    const int err =
+        netlink_broadcast(vrf->netlink_sock, skb, 0, KELM_NLG_NUM_NOTIFICATION, GFP_ATOMIC);
+    if (err == 0)
+        return;
+    netlink_log(2, "Error sending session failure %d", err);
+    count(vrf->stats.netlink_failure_fail);
+}
+
+int kelm_netlink_send_stats(kelm_vrf *vrf, sk_buff *skb, std::uint32_t portid)
+{
+    const int sent = netlink_unicast(vrf->netlink_sock, skb, portid, 1);
+    if (sent >= 0)
+        return 0;
+    netlink_log(2, "Error sending stats %d", sent);
+    count(vrf->stats.netlink_stats_fail);
+    return sent;
 }
