@@ -8,17 +8,17 @@ namespace
 {
 
 std::optional<std::uint32_t> find_index(const std::string &name, const kelm::interfaces &links,
-                                        std::string &obstacle)
+                                        std::string &problem)
 {
     const auto index = links.index(name);
     if (!index)
-        obstacle = "there is no interface " + name;
+        problem = "there is no interface " + name;
     return index;
 }
 
 std::optional<kelm::mac_address> find_destination(const session_config &config,
                                                   std::uint32_t ifindex, const neighbours &around,
-                                                  std::string &obstacle)
+                                                  std::string &problem)
 {
     if (config.kind == session_kind::lag)
         return lag_multicast;
@@ -26,16 +26,16 @@ std::optional<kelm::mac_address> find_destination(const session_config &config,
         return config.peer_mac;
     const auto found = around.find(ifindex, config.peer);
     if (!found)
-        obstacle = "the Ethernet address of " + config.peer.text() + " is not known (yet)";
+        problem = "the Ethernet address of " + config.peer.text() + " is not known yet";
     return found;
 }
 
 std::optional<kelm::mac_address> find_source(const std::string &interface,
-                                             const kelm::interfaces &links, std::string &obstacle)
+                                             const kelm::interfaces &links, std::string &problem)
 {
     const auto own = links.mac(interface);
     if (!own)
-        obstacle = interface + " is not an Ethernet interface";
+        problem = interface + " is not an Ethernet interface";
     return own;
 }
 
@@ -55,13 +55,13 @@ bool addressing::operator==(const addressing &other) const
 
 std::optional<addressing> find_addressing(const session_config &config,
                                           const kelm::interfaces &links, const neighbours &around,
-                                          std::string &obstacle)
+                                          std::string &problem)
 {
-    obstacle.clear();
+    problem.clear();
     addressing addresses;
     if (config.interface.empty())
         return addresses;
-    const auto index = find_index(config.interface, links, obstacle);
+    const auto index = find_index(config.interface, links, problem);
     if (!index)
         return std::nullopt;
     addresses.transmit_ifindex = addresses.receive_ifindex = *index;
@@ -70,12 +70,12 @@ std::optional<addressing> find_addressing(const session_config &config,
     if (!is_frame)
         return addresses;
     const std::string &leaving_by = config.member.empty() ? config.interface : config.member;
-    const auto leaving_index = find_index(leaving_by, links, obstacle);
+    const auto leaving_index = find_index(leaving_by, links, problem);
     if (!leaving_index)
         return std::nullopt;
     addresses.transmit_ifindex = *leaving_index;
-    const auto source = find_source(leaving_by, links, obstacle);
-    const auto destination = find_destination(config, *leaving_index, around, obstacle);
+    const auto source = find_source(leaving_by, links, problem);
+    const auto destination = find_destination(config, *leaving_index, around, problem);
     if (!source || !destination)
         return std::nullopt;
     addresses.ethernet = {.destination = *destination, .source = *source};

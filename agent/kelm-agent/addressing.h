@@ -21,9 +21,9 @@ struct addressing {
 };
 
 // Looks up what the configuration names. Where something does not exist (yet), there is none and
-// `obstacle` says what is missing.
+// `problem` says what is missing.
 std::optional<addressing> find_addressing(const session_config &, const kelm::interfaces &,
-                                          const neighbours &, std::string &obstacle);
+                                          const neighbours &, std::string &problem);
 
 // RFC 7130 section 2.3: where a member link's packets go.
 inline constexpr kelm::mac_address lag_multicast = {{0x01, 0x00, 0x5e, 0x90, 0x00, 0x01}};

@@ -23,20 +23,18 @@ std::vector<std::string> names_in(const agent &running, const json &request)
 {
     std::vector<std::string> names = request.value("sessions", std::vector<std::string>());
     for (const auto &name : names)
-        if (!running.sessions().contains(name))
+        if (running.sessions().find(name) == nullptr)
             throw std::out_of_range("no session '" + name + "'");
-    if (names.empty())
-        for (const auto &[name, managed] : running.sessions())
-            names.push_back(name);
-    return names;
+    return names.empty() ? running.sessions().names() : names;
 }
 
-json show(agent &running, const std::vector<std::string> &names)
+// Sessions may have gone since they were asked for.
+json show(const agent &running, const std::vector<std::string> &names)
 {
-    const statistics_by_discriminator counters = read_statistics(running, names);
     json sessions = json::array();
     for (const auto &name : names)
-        sessions.push_back(report_session(running.sessions().at(name), counters));
+        if (const auto *const driver = running.sessions().find(name))
+            sessions.push_back(report_session(*driver, running.counted(*driver)));
     return {{"ok", true}, {"sessions", std::move(sessions)}};
 }
 
@@ -44,7 +42,7 @@ json show_history(const agent &running, const std::vector<std::string> &names)
 {
     std::vector<std::pair<const std::string *, const change *>> all;
     for (const auto &name : names)
-        for (const auto &each : running.sessions().at(name).past.changes())
+        for (const auto &each : running.sessions().find(name)->past().changes())
             all.emplace_back(&name, &each);
     std::ranges::stable_sort(all, {}, [](const auto &entry) { return entry.second->when; });
     json changes = json::array();
@@ -53,20 +51,26 @@ json show_history(const agent &running, const std::vector<std::string> &names)
     return {{"ok", true}, {"changes", std::move(changes)}};
 }
 
-json answer(agent &running, const json &request)
+std::string text_of(const json &answer)
+{
+    return answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+void answer(agent &running, const json &request, const stream_server::reply &reply)
 {
     const std::string command = request.at("command");
     const std::vector<std::string> names = names_in(running, request);
     if (command == "show")
-        return show(running, names);
+        return running.refresh_statistics(
+            names, [&running, names, reply] { reply(text_of(show(running, names))); });
     if (command == "history")
-        return show_history(running, names);
+        return reply(text_of(show_history(running, names)));
     if (command == "down" || command == "up") {
         if (!request.contains("sessions") || request.at("sessions").empty())
             throw std::out_of_range("no sessions given");
         for (const auto &name : names)
             running.set_admin_down(name, command == "down");
-        return {{"ok", true}};
+        return reply(text_of({{"ok", true}}));
     }
     throw std::out_of_range("unknown command '" + command + "'");
 }
@@ -120,17 +124,15 @@ kelm::unique_fd listen_at(const std::string &path)
 
 } // namespace
 
-std::string answer_control_request(agent &running, const std::string &request)
+void answer_control_request(agent &running, const std::string &request, stream_server::reply reply)
 {
-    json reply;
     try {
-        reply = answer(running, json::parse(request));
+        answer(running, json::parse(request), reply);
     } catch (const std::out_of_range &problem) {
-        reply = {{"ok", false}, {"error", problem.what()}};
+        reply(text_of({{"ok", false}, {"error", problem.what()}}));
     } catch (const json::exception &) {
-        reply = {{"ok", false}, {"error", "malformed request"}};
+        reply(text_of({{"ok", false}, {"error", "malformed request"}}));
     }
-    return reply.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 control_socket::control_socket(event_loop &loop, const std::string &path)
@@ -141,11 +143,12 @@ control_socket::control_socket(event_loop &loop, const std::string &path)
 void control_socket::serve(agent &running)
 {
     server_.emplace(loop_, std::move(listening_),
-                    [&running](const std::string &received) -> std::optional<std::string> {
+                    [&running](const std::string &received, stream_server::reply reply) {
                         const std::size_t end = received.find('\n');
                         if (end == std::string::npos)
-                            return std::nullopt;
-                        return answer_control_request(running, received.substr(0, end)) + "\n";
+                            return false;
+                        answer_control_request(running, received.substr(0, end), std::move(reply));
+                        return true;
                     });
 }
 

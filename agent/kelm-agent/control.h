@@ -17,8 +17,8 @@
 namespace kelm_agent
 {
 
-// The answer to one request, of any content; without the line break.
-std::string answer_control_request(agent &, const std::string &request);
+// Answers one request, of any content, now or soon.
+void answer_control_request(agent &, const std::string &request, stream_server::reply);
 
 class control_socket
 {

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// sd-event with owners: a handle ends what it stands for. A callback that throws ends the loop.
+// What the agent's parts wait on: descriptors, the clock, signals. The agent runs on
+// system_event_loop, its tests on a loop with a virtual clock.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <sys/epoll.h>
-#include <systemd/sd-event.h>
 
 namespace kelm_agent
 {
@@ -15,48 +16,31 @@ namespace kelm_agent
 class event_loop
 {
   public:
-    // Keeps its callback registered for as long as it lives.
-    class handle
-    {
-      public:
-        handle() = default;
-
-      private:
-        friend class event_loop;
-        struct source;
-        struct end {
-            void operator()(source *) const;
-        };
-        std::unique_ptr<source, end> source_;
-    };
-
     using callback = std::function<void()>;
+    using time_point = std::chrono::steady_clock::time_point;
 
-    event_loop();
+    struct source {
+        virtual ~source() = default;
+    };
+    // Keeps a callback registered for as long as it lives. The callback may end it.
+    using handle = std::unique_ptr<source>;
+
+    event_loop() = default;
+    event_loop(const event_loop &) = delete;
+    event_loop &operator=(const event_loop &) = delete;
+    virtual ~event_loop() = default;
+
+    // Never goes back.
+    virtual time_point now() const = 0;
 
     // While `fd`, which outlives the handle, has what `events` (EPOLLIN, EPOLLOUT) say.
-    [[nodiscard]] handle on_io(int fd, std::uint32_t events, callback);
-    // Once, not earlier than after `delay`. The handle may be dropped before or after, also by the
-    // callback itself.
-    [[nodiscard]] handle after(std::chrono::microseconds delay, callback);
-    // The signal is blocked, for this thread and those that it starts.
-    [[nodiscard]] handle on_signal(int signal, callback);
-    // At the end of every round, after all that had happened has been handled.
-    [[nodiscard]] handle on_idle(callback);
-
-    // Runs until stop().
-    void run();
-    void stop();
-
-  private:
-    struct unref {
-        void operator()(sd_event *loop) const { sd_event_unref(loop); }
-    };
-
-    handle make(callback);
-
-    std::unique_ptr<sd_event, unref> loop_;
-    std::exception_ptr failure_;
+    [[nodiscard]] virtual handle on_io(int fd, std::uint32_t events, callback) = 0;
+    // Once, not earlier than after `delay`.
+    [[nodiscard]] virtual handle after(std::chrono::microseconds delay, callback) = 0;
+    // Once, as soon as others have had their turn.
+    [[nodiscard]] virtual handle soon(callback) = 0;
+    // At the end of every round, after what had happened has been handled.
+    [[nodiscard]] virtual handle on_idle(callback) = 0;
 };
 
 } // namespace kelm_agent

@@ -3,43 +3,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "kelm-agent/matching.h"
-#include "libkelm/error.h"
 
 namespace kelm_agent
 {
 
 namespace
 {
-
-// RFC 5881 section 4: from 49152 up, the same for all packets of a session. That of a session that
-// an earlier run of the agent has begun follows from its discriminator.
-std::uint16_t source_port(const session_config &config, std::uint32_t discriminator)
-{
-    constexpr std::uint32_t first = 49152;
-    constexpr std::uint32_t count = 65536 - first;
-    if (config.kind == session_kind::sbfd)
-        return kelm::port_sbfd_initiator; // replies come there
-    return static_cast<std::uint16_t>(first + discriminator % count);
-}
-
-std::uint8_t receive_type(session_kind kind)
-{
-    switch (kind) {
-    case session_kind::single_hop:
-        return KELM_RX_SESSION_BFD;
-    case session_kind::echo:
-        return KELM_RX_SESSION_ECHO;
-    case session_kind::lag:
-        return KELM_RX_SESSION_LAG;
-    case session_kind::multihop:
-        return KELM_RX_SESSION_MULTIHOP;
-    case session_kind::sbfd:
-        return KELM_RX_SESSION_SBFD_INITIATOR;
-    }
-    return KELM_RX_SESSION_BFD;
-}
 
 kelm::auth_settings auth_settings(std::uint8_t type, const auth_key &key)
 {
@@ -61,15 +33,15 @@ bool is_news(const kelm::bfd_fields &now, const kelm::bfd_fields &before)
     return same_poll != before || (now.poll && !before.poll);
 }
 
-// Makes a request whose refusal for this reason is as good as success.
-void execute_unless(kelm::client &client, const kelm::request &request, int harmless)
+// A failure message that ends with the life of the session that fails.
+kelm::bytes failure_message(std::uint32_t discriminator, std::uint32_t life)
 {
-    try {
-        client.execute(request);
-    } catch (const kelm::refused &refusal) {
-        if (refusal.number() != harmless)
-            throw;
-    }
+    kelm::bytes message = kelm::failure_message(discriminator);
+    const auto *const bytes = reinterpret_cast<const std::uint8_t *>(&life);
+    message.insert(message.end(), bytes, bytes + sizeof life);
+    const auto length = static_cast<std::uint32_t>(message.size());
+    std::memcpy(message.data() + offsetof(nlmsghdr, nlmsg_len), &length, sizeof length);
+    return message;
 }
 
 } // namespace
@@ -82,7 +54,7 @@ kelm::request transmit_request(const session_config &config, std::uint32_t discr
     const kelm::packet_settings packet = {
         .source = is_echo ? arrival_source(config) : config.local,
         .destination = is_echo ? config.local : config.peer, // the neighbour sends it back
-        .source_port = source_port(config, discriminator),
+        .source_port = source_port(config.kind, discriminator),
         .destination_port = destination_port(config.kind),
         .ttl = config.ttl,
         .ethernet = addresses.ethernet,
@@ -115,11 +87,11 @@ kelm_msg_rx_set_session receive_settings(const session_config &config, const add
 
 kelm::request receive_request(const session_config &config, std::uint32_t discriminator,
                               const addressing &addresses, const reception &wanted,
-                              std::span<const std::uint32_t> latched)
+                              std::span<const std::uint32_t> latched, std::uint32_t life)
 {
     kelm_msg_rx_set_session settings = receive_settings(config, addresses);
     settings.header.discriminator = discriminator;
-    settings.type = receive_type(config.kind);
+    settings.type = static_cast<std::uint8_t>(config.kind);
     settings.flags =
         static_cast<std::uint8_t>((wanted.timer_active ? KELM_RX_TIMER_ACTIVE : 0) |
                                   (config.kind == session_kind::echo ? KELM_RX_MYDISC_RTT : 0));
@@ -127,99 +99,182 @@ kelm::request receive_request(const session_config &config, std::uint32_t discri
     settings.period = wanted.period;
     settings.latch_diagnostic = wanted.latch_diag;
     std::ranges::copy(latched, settings.latch_tx_packets);
-    return kelm::set_session(settings, kelm::failure_message(discriminator));
+    return kelm::set_session(settings, failure_message(discriminator, life));
 }
 
-void kelm_sync::apply(kelm::client &client, const session_config &config,
-                      const addressing &addresses, const desired_state &wanted)
+void kelm_sync::owe(const desired_state &wanted)
 {
-    // The receive session links the packet: it comes after a new one, and before a deletion.
-    if (wanted.transmit)
-        apply_transmit(client, config, addresses, wanted);
-    if (wanted.receive)
-        apply_receive(client, config, addresses, wanted);
-    else if (has_session_)
-        delete_session(client);
-    if (!wanted.transmit && has_packet_)
-        delete_packet(client);
+    owed_.is_final |= wanted.is_final;
+    owed_.rearm |= wanted.rearm;
+    owed_.renew |= wanted.renew;
 }
 
-void kelm_sync::apply_transmit(kelm::client &client, const session_config &config,
-                               const addressing &addresses, const desired_state &wanted)
+void kelm_sync::apply(const session_config &config, const addressing &addresses,
+                      const desired_state &wanted)
+{
+    owe(wanted);
+    is_behind_ = !is_settled();
+    if (is_behind_)
+        return;
+    desired_state all = wanted;
+    all.is_final = owed_.is_final;
+    all.rearm = owed_.rearm;
+    all.renew = owed_.renew;
+    owed_ = {};
+    // The receive session links the packet: it comes after a new one, and before a deletion.
+    if (all.transmit)
+        apply_transmit(config, addresses, all);
+    if (all.receive)
+        apply_receive(config, addresses, all);
+    else if (has_session_)
+        delete_session();
+    if (!all.transmit && has_packet_)
+        delete_packet();
+}
+
+void kelm_sync::apply_transmit(const session_config &config, const addressing &addresses,
+                               const desired_state &wanted)
 {
     transmission packet = *wanted.transmit;
-    const kelm::request periodic = transmit_request(config, discriminator_, addresses, packet, 0);
+    kelm::request periodic = transmit_request(config, discriminator_, addresses, packet, 0);
     if (periodic.body == packet_request_ && !wanted.is_final)
         return;
     const bool is_urgent =
         wanted.is_final || (sent_ && !packet.is_silent && is_news(packet.bfd, sent_->bfd));
-    packet_request_.clear();
-    // After an out-of-band transmission kelm returns to the rhythm that it had before: a faster one
-    // must be set first.
+    // After an out-of-band transmission kelm returns to the schedule that it had before: a faster
+    // one must be set first.
     if (!is_urgent || !sent_ || packet.period < sent_->period)
-        client.execute(periodic);
+        ask(periodic);
     has_packet_ = true;
     if (is_urgent) {
         packet.bfd.final = wanted.is_final;
-        client.execute(
-            transmit_request(config, discriminator_, addresses, packet, KELM_TX_SEND_OOB));
+        ask(transmit_request(config, discriminator_, addresses, packet, KELM_TX_SEND_OOB));
     }
     sent_ = wanted.transmit;
-    packet_request_ = periodic.body;
+    packet_request_ = std::move(periodic.body);
 }
 
-void kelm_sync::apply_receive(kelm::client &client, const session_config &config,
-                              const addressing &addresses, const desired_state &wanted)
+void kelm_sync::apply_receive(const session_config &config, const addressing &addresses,
+                              const desired_state &wanted)
 {
     // A latched packet has no Your Discriminator, and could come back to no session and from no
     // reflector.
-    std::vector<std::uint32_t> latched;
+    std::array<std::uint32_t, 2> latched = {};
+    std::size_t count = 0;
     if (wanted.transmit && !is_alone(config.kind))
-        latched.push_back(discriminator_);
+        latched[count++] = discriminator_;
     if (wanted.receive->also_latched != 0)
-        latched.push_back(wanted.receive->also_latched);
-    const kelm::request request =
-        receive_request(config, discriminator_, addresses, *wanted.receive, latched);
+        latched[count++] = wanted.receive->also_latched;
+    const std::span<const std::uint32_t> packets(latched.data(), count);
+    kelm::request request =
+        receive_request(config, discriminator_, addresses, *wanted.receive, packets, 0);
     if (wanted.renew && has_session_)
-        delete_session(client);
+        delete_session();
     if (request.body == session_request_ && !wanted.rearm)
         return;
-    session_request_.clear();
-    client.execute(request);
-    has_session_ = true;
     session_request_ = request.body;
+    if (wanted.renew || wanted.rearm || life_ == 0)
+        ++life_;
+    ask(receive_request(config, discriminator_, addresses, *wanted.receive, packets, life_));
+    has_session_ = true;
 }
 
-void kelm_sync::delete_packet(kelm::client &client)
+void kelm_sync::delete_packet()
 {
-    execute_unless(client, kelm::delete_packet(discriminator_), ENOENT);
+    ask(kelm::delete_packet(discriminator_));
     has_packet_ = false;
     sent_.reset();
     packet_request_.clear();
 }
 
-void kelm_sync::delete_session(kelm::client &client)
+void kelm_sync::delete_session()
 {
-    execute_unless(client, kelm::delete_session(discriminator_), ENOENT);
+    ask(kelm::delete_session(discriminator_));
+    is_renewing_ = true;
     has_session_ = false;
     session_request_.clear();
 }
 
-void kelm_sync::remove(kelm::client &client)
+bool kelm_sync::remove()
 {
     if (has_session_)
-        delete_session(client);
+        delete_session();
     if (has_packet_)
-        delete_packet(client);
+        delete_packet();
+    return !is_settled();
 }
 
 void kelm_sync::assume(bool has_packet, bool has_session)
 {
+    distrust();
     has_packet_ = has_packet;
     has_session_ = has_session;
+    under_way_ = 0;
+    is_renewing_ = false;
+    verdict_ = {};
+    self_ = std::make_shared<kelm_sync *>(this);
+}
+
+// Both may exist, and may be anything.
+void kelm_sync::distrust()
+{
+    has_packet_ = has_session_ = true;
+    is_certain_ = false;
     sent_.reset();
     packet_request_.clear();
     session_request_.clear();
+}
+
+// What an earlier run of the agent has made says nothing of its life, or something of its own.
+bool kelm_sync::is_of_this_life(const kelm::session_failure &failure) const
+{
+    const auto life = kelm::read_as<std::uint32_t>(failure.rest);
+    return life_ == 0 || (life && *life == life_);
+}
+
+void kelm_sync::ask(const kelm::request &request)
+{
+    ++under_way_;
+    round_ = vrf_.round();
+    vrf_.ask(request, [self = std::weak_ptr(self_), type = request.type](int error) {
+        if (const auto sync = self.lock())
+            (*sync)->on_answer(type, error);
+    });
+}
+
+void kelm_sync::on_answer(std::uint16_t type, int error)
+{
+    --under_way_;
+    round_ = vrf_.round();
+    if (type == KELM_MSG_RX_DELETE_SESSION) {
+        is_renewing_ = false;
+        renewed_in_ = round_;
+    }
+    const bool is_deletion =
+        type == KELM_MSG_RX_DELETE_SESSION || type == KELM_MSG_TX_DELETE_PACKET;
+    if (is_deletion && error == ENOENT) {
+        if (is_certain_)
+            verdict_.missing = type == KELM_MSG_RX_DELETE_SESSION ? "receive session" : "packet";
+    } else if (type == KELM_MSG_RX_SET_SESSION && error == ENXIO && is_certain_) {
+        verdict_.missing = "packet";
+    } else if (error != 0) {
+        verdict_.refusal.emplace(type, discriminator_, error);
+    }
+    if (under_way_ == 0)
+        conclude();
+}
+
+void kelm_sync::conclude()
+{
+    const verdict reached = std::exchange(verdict_, {});
+    if (reached.refusal || !reached.missing.empty())
+        distrust();
+    if (reached.refusal)
+        return listener_.on_refused(*reached.refusal);
+    if (!reached.missing.empty())
+        return listener_.on_missing(reached.missing);
+    is_certain_ = true;
+    listener_.on_settled();
 }
 
 } // namespace kelm_agent

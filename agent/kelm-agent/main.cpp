@@ -11,6 +11,7 @@
 #include "kelm-agent/config.h"
 #include "kelm-agent/control.h"
 #include "kelm-agent/metrics.h"
+#include "kelm-agent/system_event_loop.h"
 
 namespace
 {
@@ -145,7 +146,7 @@ class watchdog
 
 int run(const options &chosen, const logger &log)
 {
-    event_loop loop;
+    system_event_loop loop;
     const agent_config config = load(chosen.config_file, log);
     make_directory_of(chosen.control_socket);
     make_directory_of(chosen.state_file);

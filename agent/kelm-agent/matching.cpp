@@ -4,28 +4,6 @@
 namespace kelm_agent
 {
 
-std::uint16_t destination_port(session_kind kind)
-{
-    switch (kind) {
-    case session_kind::single_hop:
-        return kelm::port_single_hop;
-    case session_kind::echo:
-        return kelm::port_echo;
-    case session_kind::lag:
-        return kelm::port_lag;
-    case session_kind::multihop:
-        return kelm::port_multihop;
-    case session_kind::sbfd:
-        return kelm::port_sbfd_reflector;
-    }
-    return 0;
-}
-
-std::uint16_t arrival_port(session_kind kind)
-{
-    return kind == session_kind::sbfd ? kelm::port_sbfd_initiator : destination_port(kind);
-}
-
 const kelm::ip_address &arrival_source(const session_config &config)
 {
     if (config.kind != session_kind::echo)

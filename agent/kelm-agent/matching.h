@@ -7,12 +7,17 @@
 namespace kelm_agent
 {
 
-// The UDP destination ports of packets sent and received.
-std::uint16_t destination_port(session_kind);
-std::uint16_t arrival_port(session_kind);
-
 // The source address of received packets.
 const kelm::ip_address &arrival_source(const session_config &);
+
+struct address_hash {
+    std::size_t operator()(const kelm::ip_address &address) const
+    {
+        const auto octets = address.view();
+        return std::hash<std::string_view>()(
+            {reinterpret_cast<const char *>(octets.data()), octets.size()});
+    }
+};
 
 // Whether a received packet has the session's addresses and port, and arrived on its interface.
 bool is_from_peer(const session_config &, const addressing &, const kelm::packet_change &,

@@ -61,10 +61,10 @@ double seconds(kelm_time time)
 }
 
 struct sample {
-    const managed_session &managed;
+    const session_driver &driver;
     const counters &counted;
 
-    const session &bfd() const { return managed.bfd; }
+    const session &bfd() const { return driver.bfd(); }
     bool measures_round_trips() const { return bfd().config().kind == session_kind::echo; }
 };
 
@@ -105,11 +105,11 @@ constexpr metric table[] = {
     {"diagnostic", "gauge", "Why the state last changed: a diagnostic of RFC 5880 section 4.1.",
      [](const sample &s) { return double{static_cast<double>(s.bfd().state().diag)}; }},
     {"state_timestamp_seconds", "gauge", "When the state last changed.",
-     [](const sample &s) { return seconds(s.managed.past.since); }},
+     [](const sample &s) { return seconds(s.driver.past().since); }},
     {"up_transitions_total", "counter", "How often the session has entered Up.",
-     [](const sample &s) { return static_cast<double>(s.managed.past.up_count); }},
+     [](const sample &s) { return static_cast<double>(s.driver.past().up_count); }},
     {"down_transitions_total", "counter", "How often the session has left Up.",
-     [](const sample &s) { return static_cast<double>(s.managed.past.down_count); }},
+     [](const sample &s) { return static_cast<double>(s.driver.past().down_count); }},
     {"transmit_interval_seconds", "gauge",
      "Negotiated interval between our packets, before jitter.",
      [](const sample &s) { return seconds(s.bfd().timing().transmit_interval()); }},
@@ -136,8 +136,7 @@ constexpr metric table[] = {
 std::string labels_of(const session_config &config)
 {
     return "session=\"" + escaped(config.name) + "\",namespace=\"" + escaped(config.netns) +
-           "\",peer=\"" + config.peer.text() + "\",type=\"" + std::string(kind_name(config.kind)) +
-           "\"";
+           "\",peer=\"" + config.peer.text() + "\",type=\"" + kind_name(config.kind) + "\"";
 }
 
 void add_head(std::string &out, const std::string &name, const char *type, const char *help)
@@ -203,18 +202,11 @@ kelm::unique_fd listen_at(const endpoint &at)
 
 } // namespace
 
-std::string metrics_text(agent &running)
+std::string metrics_text(const agent &running)
 {
-    std::vector<std::string> names;
-    for (const auto &[name, managed] : running.sessions())
-        names.push_back(name);
-    const statistics_by_discriminator counted = read_statistics(running, names);
-    static const counters nothing;
     std::vector<sample> samples;
-    for (const auto &[name, managed] : running.sessions()) {
-        const auto found = counted.find(managed.bfd.discriminator());
-        samples.push_back({managed, found == counted.end() ? nothing : found->second});
-    }
+    for (const auto &[name, driver] : running.sessions().all())
+        samples.push_back({*driver, running.counted(*driver)});
     std::string out;
     for (const auto &each : table)
         add_metric(out, each, samples);
@@ -222,15 +214,19 @@ std::string metrics_text(agent &running)
     return out;
 }
 
-std::optional<std::string> answer_http(agent &running, const std::string &received)
+bool answer_http(agent &running, const std::string &received, stream_server::reply reply)
 {
     if (received.find("\r\n\r\n") == std::string::npos)
-        return std::nullopt;
+        return false;
     if (!received.starts_with("GET "))
-        return http_response("405 Method Not Allowed", "only GET is served\n");
-    if (!received.starts_with("GET /metrics ") && !received.starts_with("GET /metrics?"))
-        return http_response("404 Not Found", "see /metrics\n");
-    return http_response("200 OK", metrics_text(running));
+        reply(http_response("405 Method Not Allowed", "only GET is served\n"));
+    else if (!received.starts_with("GET /metrics ") && !received.starts_with("GET /metrics?"))
+        reply(http_response("404 Not Found", "see /metrics\n"));
+    else
+        running.refresh_statistics(running.sessions().names(), [&running, reply] {
+            reply(http_response("200 OK", metrics_text(running)));
+        });
+    return true;
 }
 
 void metrics_exporter::configure(const agent_config &config)
@@ -250,8 +246,8 @@ void metrics_exporter::configure(const agent_config &config)
 void metrics_exporter::listen(const endpoint &at)
 {
     try {
-        server_.emplace(loop_, listen_at(at), [this](const std::string &received) {
-            return answer_http(running_, received);
+        server_.emplace(loop_, listen_at(at), [this](const std::string &received, auto reply) {
+            return answer_http(running_, received, std::move(reply));
         });
     } catch (const kelm::error &problem) {
         log_.error(problem.what());
@@ -261,13 +257,20 @@ void metrics_exporter::listen(const endpoint &at)
 
 void metrics_exporter::write_file()
 {
+    running_.refresh_statistics(running_.sessions().names(), [this] { replace_file(); });
+    timer_ = loop_.after(file_interval, [this] { write_file(); });
+}
+
+void metrics_exporter::replace_file()
+{
     constexpr mode_t for_all_to_read = 0644;
+    if (file_.empty())
+        return; // no longer wanted
     try {
         replace_whole_file(file_, metrics_text(running_), for_all_to_read);
     } catch (const kelm::error &problem) {
         log_.error(std::string("metrics: ") + problem.what());
     }
-    timer_ = loop_.after(file_interval, [this] { write_file(); });
 }
 
 } // namespace kelm_agent

@@ -9,11 +9,11 @@
 namespace kelm_agent
 {
 
-// In the text exposition format.
-std::string metrics_text(agent &);
+// In the text exposition format; counters as kelm has told them last.
+std::string metrics_text(const agent &);
 
-// The answer to a request for the metrics over HTTP/1; nothing while the request is incomplete.
-std::optional<std::string> answer_http(agent &, const std::string &received);
+// Answers a request for the metrics over HTTP/1. False while the request is incomplete.
+bool answer_http(agent &, const std::string &received, stream_server::reply);
 
 // Offers the metrics in the ways that the configuration asks for.
 class metrics_exporter
@@ -29,6 +29,7 @@ class metrics_exporter
 
   private:
     void write_file();
+    void replace_file();
     void listen(const endpoint &);
 
     event_loop &loop_;

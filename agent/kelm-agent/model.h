@@ -9,18 +9,14 @@
 
 #include "kelm-agent/negotiation.h"
 #include "libkelm/address.h"
+#include "libkelm/session_kind.h"
 
 namespace kelm_agent
 {
 
-enum class session_kind {
-    single_hop, // RFC 5881
-    echo,       // our own packets, returned by a neighbour: on its own (RFC 9747), or as the
-                // guard of a single-hop session (RFC 5881 section 3, RFC 5880 section 6.4)
-    lag,        // RFC 7130: one member link
-    multihop,   // RFC 5883
-    sbfd,       // RFC 7880: an initiator
-};
+// An echo session is on its own (RFC 9747), or the guard of a single-hop session (RFC 5881 section
+// 3, RFC 5880 section 6.4). An S-BFD session is an initiator, a LAG session one member link.
+using kelm::session_kind;
 
 struct auth_key {
     std::uint8_t id = 0;
@@ -81,7 +77,7 @@ std::string identity_text(const session_config &);
 // The echo session that guards a session of this name.
 std::string guard_name(const std::string &session);
 
-std::string_view kind_name(session_kind);
+std::string kind_name(session_kind);
 std::optional<session_kind> kind_named(std::string_view);
 
 // Whether received packets are our own, or reflections of them.

@@ -15,7 +15,7 @@ std::string diag_words(std::uint8_t diag)
 std::string heard_reason(const session &about)
 {
     const condition &peer = about.remote();
-    std::string reason = "the peer says " + kelm::name_of(kelm::state_names, peer.state);
+    std::string reason = "peer signaled " + kelm::name_of(kelm::state_names, peer.state);
     if (peer.diag != BFD_DIAG_NONE)
         reason += " (" + diag_words(peer.diag) + ")";
     return reason;
@@ -23,7 +23,7 @@ std::string heard_reason(const session &about)
 
 std::string silence_reason(kelm_microsecs waited)
 {
-    return "no packet came within the detection time of " + kelm::format_duration(waited);
+    return "no packet within the detection time of " + kelm::format_duration(waited);
 }
 
 } // namespace kelm_agent

@@ -103,25 +103,13 @@ void add_counters(json &out, const counters &from)
 
 } // namespace
 
-statistics_by_discriminator read_statistics(agent &running, const std::vector<std::string> &names)
+json report_session(const session_driver &driver, const counters &counted)
 {
-    statistics_by_discriminator all;
-    for (const auto &report : running.statistics(names)) {
-        if (const auto *received = std::get_if<kelm_msg_rx_stats>(&report))
-            all[received->header.discriminator].received = *received;
-        else if (const auto *sent = std::get_if<kelm_msg_tx_stats>(&report))
-            all[sent->header.discriminator].sent = *sent;
-    }
-    return all;
-}
-
-json report_session(const managed_session &managed, const statistics_by_discriminator &all)
-{
-    const session &bfd = managed.bfd;
+    const session &bfd = driver.bfd();
     const session_config &config = bfd.config();
     json out = {{"session", config.name},
                 {"state", state_name(bfd.state().state)},
-                {"since", time_json(managed.past.since)},
+                {"since", time_json(driver.past().since)},
                 {"now", time_json(std::chrono::system_clock::now())},
                 {"type", kind_name(config.kind)},
                 {"namespace", config.netns},
@@ -130,19 +118,16 @@ json report_session(const managed_session &managed, const statistics_by_discrimi
                 {"interface", config.interface}};
     if (!config.member.empty())
         out["member"] = config.member;
-    if (!managed.home->is_connected())
-        out["problem"] = "not connected to kelm";
-    else if (!managed.obstacle.empty())
-        out["problem"] = managed.obstacle;
+    if (std::string problem = driver.problem(); !problem.empty())
+        out["problem"] = std::move(problem);
     out["diagnostic"] = diag_words(bfd.state().diag);
     out["discriminator"] = bfd.discriminator();
     out["role"] = config.passive ? "passive" : "active";
-    out["changes"] = report_past(managed.past);
+    out["changes"] = report_past(driver.past());
     out["timing"] = report_timing(bfd);
     out["remote"] = report_peer(bfd);
     out["auth"] = report_auth(config.auth);
-    if (const auto found = all.find(bfd.discriminator()); found != all.end())
-        add_counters(out, found->second);
+    add_counters(out, counted);
     return out;
 }
 

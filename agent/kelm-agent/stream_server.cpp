@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cerrno>
-#include <optional>
 #include <sys/socket.h>
 
 namespace kelm_agent
@@ -33,39 +32,52 @@ void stream_server::accept_client()
             clients_.pop_front();
     if (!fd)
         return;
-    const auto added = clients_.emplace(clients_.end());
-    added->fd = std::move(fd);
-    added->on_ready = loop_.on_io(added->fd.get(), EPOLLIN, [=, this] { read_from(added); });
-    added->on_timeout = loop_.after(patience, [=, this] { clients_.erase(added); });
+    const auto added = clients_.insert(clients_.end(), std::make_shared<client>());
+    client &served = **added;
+    served.fd = std::move(fd);
+    served.on_ready = loop_.on_io(served.fd.get(), EPOLLIN, [=, this] { read_from(added); });
+    served.on_timeout = loop_.after(patience, [=, this] { clients_.erase(added); });
 }
 
 void stream_server::read_from(client_position from)
 {
+    client &served = **from;
     std::array<char, 4096> piece;
-    const ssize_t count = recv(from->fd.get(), piece.data(), piece.size(), 0);
+    const ssize_t count = recv(served.fd.get(), piece.data(), piece.size(), 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
-    if (count <= 0 || from->received.size() > longest_request) {
+    if (count <= 0 || served.received.size() > longest_request) {
         clients_.erase(from);
         return;
     }
-    from->received.append(piece.data(), static_cast<std::size_t>(count));
-    auto answer = answer_(from->received);
-    if (!answer)
-        return;
-    from->unsent = *std::move(answer);
-    from->on_ready = {}; // a descriptor is watched once
-    from->on_ready = loop_.on_io(from->fd.get(), EPOLLOUT, [=, this] { write_to(from); });
+    served.received.append(piece.data(), static_cast<std::size_t>(count));
+    const auto take_reply = [this, from, asker = std::weak_ptr(*from)](std::string text) {
+        if (!asker.expired())
+            answer(from, std::move(text));
+    };
+    const bool is_complete = answer_(served.received, take_reply);
+    if (is_complete && served.answer.empty())
+        served.on_ready = {};
+}
+
+void stream_server::answer(client_position to, std::string text)
+{
+    client &served = **to;
+    served.answer = std::move(text);
+    served.on_ready = {}; // a descriptor is watched once
+    served.on_ready = loop_.on_io(served.fd.get(), EPOLLOUT, [=, this] { write_to(to); });
 }
 
 void stream_server::write_to(client_position to)
 {
-    const ssize_t count = send(to->fd.get(), to->unsent.data(), to->unsent.size(), MSG_NOSIGNAL);
+    client &served = **to;
+    const std::string_view unsent = std::string_view(served.answer).substr(served.sent);
+    const ssize_t count = send(served.fd.get(), unsent.data(), unsent.size(), MSG_NOSIGNAL);
     if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     if (count > 0)
-        to->unsent.erase(0, static_cast<std::size_t>(count));
-    if (count < 0 || to->unsent.empty())
+        served.sent += static_cast<std::size_t>(count);
+    if (count < 0 || served.sent == served.answer.size())
         clients_.erase(to);
 }
 

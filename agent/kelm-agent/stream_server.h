@@ -5,7 +5,7 @@
 #pragma once
 
 #include <list>
-#include <optional>
+#include <memory>
 #include <string>
 
 #include "kelm-agent/event_loop.h"
@@ -17,9 +17,11 @@ namespace kelm_agent
 class stream_server
 {
   public:
-    // Where a request is complete, given all that has come so far. The answer to it ends the
-    // connection. Nothing while more is needed.
-    using answerer = std::function<std::optional<std::string>(const std::string &)>;
+    // Takes the answer to a request, once, at any time; it ends the connection.
+    using reply = std::function<void(std::string)>;
+    // Given all that has come so far: false while more is needed. Otherwise the reply will be
+    // called; the client may be gone by then.
+    using answerer = std::function<bool(const std::string &received, reply)>;
 
     // `listening` is a bound and listening stream socket.
     stream_server(event_loop &, kelm::unique_fd listening, answerer);
@@ -28,20 +30,22 @@ class stream_server
     struct client {
         kelm::unique_fd fd;
         std::string received;
-        std::string unsent;
+        std::string answer;
+        std::size_t sent = 0; // of the answer
         event_loop::handle on_ready;
         event_loop::handle on_timeout;
     };
-    using client_position = std::list<client>::iterator;
+    using client_position = std::list<std::shared_ptr<client>>::iterator;
 
     void accept_client();
     void read_from(client_position);
+    void answer(client_position, std::string);
     void write_to(client_position);
 
     event_loop &loop_;
     kelm::unique_fd listening_;
     answerer answer_;
-    std::list<client> clients_;
+    std::list<std::shared_ptr<client>> clients_;
     event_loop::handle on_client_;
 };
 

@@ -14,7 +14,6 @@ namespace
 {
 
 constexpr std::chrono::seconds retry_interval{1};
-constexpr int most_events_a_round = 256; // others are to have their turn too
 
 constexpr std::uint32_t all_groups =
     1U << (KELM_NLG_NUM_CONTROL - 1) | 1U << (KELM_NLG_NUM_NOTIFICATION - 1);
@@ -27,18 +26,37 @@ std::optional<file_identity> namespace_called(const std::string &netns)
     return file_identity{status.st_dev, status.st_ino};
 }
 
-} // namespace
-
-vrf::connection::connection(const std::string &netns)
-    : requests(netns), events(netns), links(netns), around(netns), link_changes(netns)
+std::unique_ptr<kelm::client> subscribed(std::unique_ptr<kelm::channel> channel)
 {
-    events.subscribe(all_groups);
+    auto client = std::make_unique<kelm::client>(std::move(channel));
+    client->subscribe(all_groups);
+    return client;
 }
 
-vrf::vrf(event_loop &loop, const logger &log, std::string netns, observer watching)
-    : loop_(loop), log_(log), netns_(std::move(netns)), observer_(std::move(watching))
+} // namespace
+
+vrf::connection::connection(vrf &owner, const opener &open)
+    : links(owner.netns_), neighbour_table(owner.netns_), link_changes(owner.netns_),
+      requests(owner.loop_, open(owner.netns_), [&](const auto &why) { owner.disconnect(why); }),
+      dumps(owner.loop_, open(owner.netns_), [&](const auto &why) { owner.disconnect(why); }),
+      feed(owner.loop_, subscribed(open(owner.netns_)), owner),
+      on_link_changes(owner.loop_.on_io(link_changes.fd(), EPOLLIN, [this, &owner] {
+          link_changes.drain();
+          owner.listener_.on_links_changed(owner);
+      }))
 {
-    retry_ = loop_.after({}, [this] { connect(); });
+}
+
+vrf::vrf(event_loop &loop, const logger &log, std::string netns, listener &listening, opener open)
+    : loop_(loop), log_(log), netns_(std::move(netns)), listener_(listening),
+      open_(std::move(open)), retry_(loop.soon([this] { connect(); }))
+{
+}
+
+// Requests that end with the connection find none.
+vrf::~vrf()
+{
+    const auto ended = std::move(connection_);
 }
 
 std::string vrf::title() const
@@ -50,26 +68,19 @@ void vrf::connect()
 {
     namespace_ = namespace_called(netns_);
     try {
-        connection_ = std::make_unique<connection>(netns_);
+        connection_ = std::make_unique<connection>(*this, open_);
     } catch (const kelm::error &problem) {
         retry_later(problem.what());
         // Other problems are our own, or may pass: kelm may go on without us.
         if (problem.number() == ECONNREFUSED || problem.number() == ENOENT)
-            observer_.gone(*this);
+            listener_.on_gone(*this);
         return;
     }
-    connection_->on_events = loop_.on_io(connection_->events.fd(), EPOLLIN, [this] { receive(); });
-    connection_->on_link_changes = loop_.on_io(connection_->link_changes.fd(), EPOLLIN, [this] {
-        connection_->link_changes.drain();
-        observer_.links_changed(*this);
-    });
     watch_name();
-    if (complained_)
+    if (has_complained_)
         log_.info(title() + ": connected to kelm");
-    complained_ = false;
-    observer_.connected(*this);
-    if (connection_)
-        receive(); // what came while the first requests were made
+    has_complained_ = false;
+    listener_.on_connected(*this);
 }
 
 // Our sockets would keep a namespace alive that has been deleted, and keep us from one that has its
@@ -88,35 +99,68 @@ void vrf::watch_name()
 
 void vrf::disconnect(const std::string &why)
 {
-    connection_.reset();
-    go_on_ = {};
+    if (!connection_)
+        return;
+    lost_ = std::move(connection_);
+    end_ = loop_.soon([this] { lost_.reset(); });
     on_name_due_ = {};
     retry_later(why);
+    listener_.on_disconnected(*this);
 }
 
 void vrf::retry_later(const std::string &why)
 {
-    if (!complained_)
-        log_.warning(title() + ": " + why + "; trying again every second");
-    complained_ = true;
+    if (!has_complained_)
+        log_.warning(title() + ": " + why + "; retrying every second");
+    has_complained_ = true;
     retry_ = loop_.after(retry_interval, [this] { connect(); });
 }
 
-void vrf::receive()
+void vrf::ask(const kelm::request &request, answer done)
 {
-    try {
-        for (int i = 0; i < most_events_a_round; ++i) {
-            const auto event = connection_->events.next_event(kelm::milliseconds(0));
-            if (!event)
-                return;
-            observer_.reported(*this, *event);
-            if (!connection_)
-                return;
-        }
-        go_on_ = loop_.after({}, [this] { receive(); });
-    } catch (const kelm::error &problem) {
-        disconnect(problem.what());
-    }
+    submit(connection_->requests, request,
+           [done = std::move(done)](const kelm::answer &got) { done(got.error_number); });
+}
+
+void vrf::dump(const kelm::request &request, dump_answer done)
+{
+    submit(connection_->dumps, request, [done = std::move(done)](const kelm::answer &got) {
+        done(got.error_number, got.reports);
+    });
+}
+
+// Whatever is no answer of kelm ends the connection, if it is not the end of the connection that it
+// comes from.
+void vrf::submit(client_pump &to, const kelm::request &request, kelm::completion done)
+{
+    const auto *const asked = connection_.get();
+    to.submit(request, [this, asked, done = std::move(done)](const kelm::answer &got) {
+        if (asked != connection_.get())
+            return;
+        if (got.error_number != 0 && !got.is_refused)
+            return disconnect(got.text);
+        done(got);
+    });
+}
+
+void vrf::on_event(const kelm::report &event)
+{
+    listener_.on_event(*this, event);
+}
+
+void vrf::on_batch_end()
+{
+    listener_.on_batch_end(*this);
+}
+
+void vrf::on_overrun()
+{
+    listener_.on_overrun(*this);
+}
+
+void vrf::on_failure(const std::string &why)
+{
+    disconnect(why);
 }
 
 } // namespace kelm_agent

@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The connection to kelm in one network namespace. It is made as soon as namespace and kelm are
-// there, and again when it has been lost.
+// there, and again when it has been lost. Nothing here waits for an answer.
 #pragma once
 
 #include <optional>
+#include <sys/types.h>
 
-#include "kelm-agent/event_loop.h"
+#include "kelm-agent/client_pump.h"
+#include "kelm-agent/event_feed.h"
 #include "kelm-agent/link_watch.h"
 #include "kelm-agent/log.h"
 #include "kelm-agent/neighbours.h"
-#include "libkelm/client.h"
 #include "libkelm/interfaces.h"
 
 namespace kelm_agent
@@ -23,62 +24,92 @@ struct file_identity {
     bool operator==(const file_identity &) const = default;
 };
 
-class vrf
+class vrf final : private event_feed::listener
 {
   public:
-    struct observer {
-        // Requests can be made. Events that come from now on will be reported.
-        std::function<void(vrf &)> connected;
+    struct listener {
+        virtual ~listener() = default;
+        // Requests can be made. Events are kept until feed().caught_up().
+        virtual void on_connected(vrf &) = 0;
+        // The connection is lost: no request of before will be answered.
+        virtual void on_disconnected(vrf &) = 0;
         // There is no kelm, or no namespace (any more).
-        std::function<void(vrf &)> gone;
-        std::function<void(vrf &, const kelm::report &)> reported;
-        std::function<void(vrf &)> links_changed;
+        virtual void on_gone(vrf &) = 0;
+        virtual void on_event(vrf &, const kelm::report &) = 0;
+        virtual void on_batch_end(vrf &) = 0;
+        // See event_feed.
+        virtual void on_overrun(vrf &) = 0;
+        virtual void on_links_changed(vrf &) = 0;
     };
 
+    // How connections are made; the default is kelm::transport::open.
+    using opener = std::function<std::unique_ptr<kelm::channel>(const std::string &netns)>;
+    // 0, or the positive errno value with which kelm has refused.
+    using answer = std::function<void(int error)>;
+    using dump_answer = std::function<void(int error, const std::vector<kelm::report> &)>;
+
     // Connects in the first round of the loop, or later.
-    vrf(event_loop &, const logger &, std::string netns, observer);
+    vrf(event_loop &, const logger &, std::string netns, listener &, opener);
+
+    ~vrf() override;
 
     const std::string &netns() const { return netns_; }
     // "namespace left", "the agent's own namespace"
     std::string title() const;
     bool is_connected() const { return connection_ != nullptr; }
 
-    // Only while connected.
-    kelm::client &requests() { return connection_->requests; }
+    // The rest only while connected. An answer comes later, or never when the connection is lost.
+    void ask(const kelm::request &, answer);
+    // Statistics, or a dump. They are answered one after the other, beside what ask() asks.
+    void dump(const kelm::request &, dump_answer);
+    // Counts dumps: a request that was made in an earlier round has been answered before this
+    // round's dump began, or has not been answered yet.
+    std::uint64_t round() const { return round_; }
+    std::uint64_t begin_round() { return ++round_; }
+
+    event_feed &feed() { return connection_->feed; }
     const kelm::interfaces &links() const { return connection_->links; }
-    const neighbours &around() const { return connection_->around; }
+    const neighbours &neighbour_table() const { return connection_->neighbour_table; }
 
     // Gives the connection up, and tries to make it again.
     void disconnect(const std::string &why);
 
   private:
     struct connection {
-        explicit connection(const std::string &netns);
+        connection(vrf &, const opener &);
 
-        kelm::client requests;
-        kelm::client events; // apart, so that no flood of them costs us an answer
         kelm::interfaces links;
-        neighbours around;
+        neighbours neighbour_table;
         link_watch link_changes;
-        event_loop::handle on_events;
+        client_pump requests;
+        client_pump dumps; // apart, so that a long one delays nothing
+        event_feed feed;
         event_loop::handle on_link_changes;
     };
 
+    void on_event(const kelm::report &) override;
+    void on_batch_end() override;
+    void on_overrun() override;
+    void on_failure(const std::string &why) override;
+
+    void submit(client_pump &, const kelm::request &, kelm::completion);
     void connect();
     void watch_name();
     void retry_later(const std::string &why);
-    void receive();
 
     event_loop &loop_;
     const logger &log_;
     std::string netns_;
-    observer observer_;
+    listener &listener_;
+    opener open_;
     std::unique_ptr<connection> connection_;
+    std::unique_ptr<connection> lost_; // may still be running what has ended it
+    std::uint64_t round_ = 0;
+    event_loop::handle end_;
     event_loop::handle retry_;
-    event_loop::handle go_on_;
     event_loop::handle on_name_due_;
     std::optional<file_identity> namespace_; // that we are connected in
-    bool complained_ = false;
+    bool has_complained_ = false;
 };
 
 } // namespace kelm_agent

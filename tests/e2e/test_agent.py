@@ -88,7 +88,7 @@ def test_restart_without_a_change(link, start):
     near.stop()
     time.sleep(1.5 * DETECTION)
     near.start()
-    near.wait_for(lambda line: "goes on up" in line["message"], "'goes on up'")
+    near.wait_for(lambda line: "still up" in line["message"], "'still up'")
     time.sleep(1.5 * DETECTION)
     assert near.changes() == []
     assert far.changes()[-1][1] == "up" and len(far.changes()) == len(before)
@@ -128,7 +128,7 @@ def test_administratively_down(link, pair):
     assert link.receive().bfd.diag == bfd.DIAG_ADMIN_DOWN
     near.kill()
     near.start()
-    near.wait_for(lambda line: "goes on admin-down" in line["message"], "'goes on admin-down'")
+    near.wait_for(lambda line: "still admin-down" in line["message"], "'still admin-down'")
     near.ctl("up s")
     near.wait_for_state("up")
     far.wait_for_state("up")

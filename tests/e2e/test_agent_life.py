@@ -90,7 +90,7 @@ def test_restart_without_its_record(link, start):
     near.kill()
     (near.directory / "state.json").write_text("rubbish")
     near.start()
-    near.wait_for(lambda line: "goes on up" in line["message"], "'goes on up'")
+    near.wait_for(lambda line: "still up" in line["message"], "'still up'")
     assert near.show()["discriminator"] == before
     assert far.show()["changes"]["down_count"] == 0
 

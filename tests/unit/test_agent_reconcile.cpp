@@ -59,6 +59,14 @@ kelm::packet_change frame_from_peer(const session_config &config, std::uint32_t 
     return {your_discriminator, ifindex, 0, built.ip_hdr_offset, built.latch_offset, built.packet};
 }
 
+inventory inventory_of(const std::vector<kelm::report> &dump)
+{
+    inventory all;
+    for (const auto &report : dump)
+        all.add(report);
+    return all;
+}
+
 TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
 {
     const auto config = config_of("10.0.0.1", "10.0.0.2");
@@ -79,11 +87,11 @@ TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
         kelm_msg_tx_sync{{discriminator}},
         kelm_msg_rx_sync{{14}, 0},
     };
-    inventory all = take_inventory(dump);
-    EXPECT_EQ(all.size(), 5U);
-    EXPECT_EQ(recognise(config, {}, all), discriminator);
-    EXPECT_EQ(recognise(config, addresses_at(ifindex), all), discriminator);
-    EXPECT_EQ(recognise(config, addresses_at(5), all), std::nullopt);
+    const inventory all = inventory_of(dump);
+    EXPECT_EQ(all.entries().size(), 5U);
+    EXPECT_EQ(all.recognise(config, {}), discriminator);
+    EXPECT_EQ(all.recognise(config, addresses_at(ifindex)), discriminator);
+    EXPECT_EQ(all.recognise(config, addresses_at(5)), std::nullopt);
 
     const remains left = remains_of(all.at(discriminator), nullptr);
     EXPECT_TRUE(left.timer_active);
@@ -91,16 +99,17 @@ TEST(agent_reconcile, a_session_is_recognised_by_its_last_packet)
     EXPECT_FALSE(left.state);
     EXPECT_FALSE(remains_of(all.at(14), nullptr).heard);
 
-    all.at(discriminator).has_packet = false;
-    EXPECT_EQ(recognise(config, {}, all), std::nullopt) << "half a session is none";
+    const std::vector<kelm::report> half(dump.begin() + 9, dump.begin() + 11);
+    EXPECT_EQ(inventory_of(half).recognise(config, {}), std::nullopt) << "half a session is none";
 
     auto on_member_link = config;
     on_member_link.kind = session_kind::lag;
     auto frame = frame_from_peer(config, 12, kelm::port_lag);
     for (const std::uint32_t member : {0U, ifindex, ifindex + 1}) {
         frame.member_ifindex = member;
-        all.at(12).frame = frame;
-        EXPECT_EQ(recognise(on_member_link, addresses_at(ifindex), all).has_value(),
+        const inventory one =
+            inventory_of({frame, kelm_msg_rx_sync{{12}, 1}, kelm_msg_tx_sync{{12}}});
+        EXPECT_EQ(one.recognise(on_member_link, addresses_at(ifindex)).has_value(),
                   member == ifindex);
     }
 }

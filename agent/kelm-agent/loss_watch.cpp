@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "kelm-agent/loss_watch.h"
+
+#include <algorithm>
+
+namespace kelm_agent
+{
+
+namespace
+{
+
+constexpr std::chrono::seconds look_interval{5};
+// Looking may take one part in so many of the time.
+constexpr int share = 20;
+
+constexpr std::size_t most_names = 3; // in a warning
+
+std::string list_of(const std::vector<std::string> &names)
+{
+    std::string text;
+    for (std::size_t i = 0; i < std::min(names.size(), most_names); ++i)
+        text += (i == 0 ? "" : ", ") + names[i];
+    if (names.size() > most_names)
+        text += " and " + std::to_string(names.size() - most_names) + " more";
+    return text;
+}
+
+} // namespace
+
+void loss_watch::start()
+{
+    suspected_.clear();
+    look_later(look_interval);
+}
+
+void loss_watch::stop()
+{
+    timer_ = {};
+}
+
+void loss_watch::look_later(std::chrono::microseconds delay)
+{
+    timer_ = loop_.after(delay, [this] { look(); });
+}
+
+void loss_watch::look()
+{
+    look_later(look_interval);
+    if (!vrf_.feed().is_following())
+        return; // that looks, too
+    timer_ = {};
+    const auto began = loop_.now();
+    const std::uint64_t round = vrf_.begin_round();
+    vrf_.dump(kelm::sync(0), [this, round, began](int, const auto &reports) {
+        auto all = std::make_shared<inventory>();
+        for (const auto &report : reports)
+            all->add(report);
+        // What kelm has told before it dumped is to be acted on first.
+        vrf_.feed().read_to_end([this, round, began, all] {
+            judge(*all, round);
+            const auto took = std::chrono::ceil<std::chrono::microseconds>(loop_.now() - began);
+            look_later(std::max<std::chrono::microseconds>(look_interval, share * took));
+        });
+    });
+}
+
+void loss_watch::judge(const inventory &all, std::uint64_t round)
+{
+    std::vector<std::string> lost;
+    std::size_t count = 0;
+    for (const auto &[name, driver] : sessions_.all()) {
+        if (&driver->where() != &vrf_)
+            continue;
+        ++count;
+        if (driver->mend(all.at(driver->bfd().discriminator()), round))
+            lost.push_back(name);
+    }
+    report(lost, lost.size() == count);
+}
+
+void loss_watch::suspect(const session_driver &session)
+{
+    const std::uint32_t discriminator = session.bfd().discriminator();
+    if (!vrf_.is_connected() || !suspected_.insert(discriminator).second)
+        return;
+    const std::uint64_t round = vrf_.begin_round();
+    vrf_.dump(kelm::get_stats(discriminator, 0),
+              [this, discriminator, round](int, const auto &reports) {
+                  kelm_entry entry;
+                  entry.timer_active = true; // of which this says nothing
+                  for (const auto &report : reports) {
+                      entry.has_session |= std::holds_alternative<kelm_msg_rx_stats>(report);
+                      entry.has_packet |= std::holds_alternative<kelm_msg_tx_stats>(report);
+                  }
+                  suspected_.erase(discriminator);
+                  judge(discriminator, entry, round);
+              });
+}
+
+void loss_watch::judge(std::uint32_t discriminator, const kelm_entry &entry, std::uint64_t round)
+{
+    session_driver *const suspected = sessions_.find(vrf_, discriminator);
+    if (suspected != nullptr && suspected->mend(entry, round))
+        report({suspected->config().name}, false);
+}
+
+// Which program it was, kelm does not know.
+void loss_watch::report(const std::vector<std::string> &lost, bool is_all)
+{
+    if (lost.empty())
+        return;
+    lost_ += lost.size();
+    const bool is_sweep = is_all && lost.size() > 1;
+    const std::string what =
+        is_sweep ? "kelm has lost all " + std::to_string(lost.size()) +
+                       " sessions, as after a sweep by another agent"
+                 : "kelm has lost " + list_of(lost) + ", as after a deletion by another program";
+    log_.warning(vrf_.title() + ": " + what + "; making " + (lost.size() == 1 ? "it" : "them") +
+                 " again");
+}
+
+} // namespace kelm_agent
