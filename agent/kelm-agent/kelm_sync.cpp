@@ -140,7 +140,9 @@ void kelm_sync::apply_transmit(const session_config &config, const addressing &a
     if (periodic.body == packet_request_ && !wanted.is_final)
         return;
     const bool is_urgent =
-        wanted.is_final || (sent_ && !packet.is_silent && is_news(packet.bfd, sent_->bfd));
+        wanted.is_final ||
+        (!packet.is_silent &&
+         (sent_ ? is_news(packet.bfd, sent_->bfd) : !has_packet_ && packet.period == idle_period));
     // After an out-of-band transmission kelm returns to the schedule that it had before: a faster
     // one must be set first.
     if (!is_urgent || !sent_ || packet.period < sent_->period)

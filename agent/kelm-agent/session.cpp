@@ -3,11 +3,17 @@
 
 #include <algorithm>
 
+#include "kelm/kelm_bfd_common_utils.h"
+
 namespace kelm_agent
 {
 
 namespace
 {
+
+// For a packet that kelm sends at its next tick to be on its way.
+constexpr std::chrono::seconds last_words_time{1};
+constexpr steady_time as_soon_as_possible{};
 
 condition next_condition(session_kind kind, condition now, std::uint8_t received)
 {
@@ -50,11 +56,11 @@ desired_state session::adopt(const remains &left, steady_time now)
     if (left.admin_down)
         condition_ = administratively_down();
     if (is_admin_down() || is_idle_)
-        return decide();
+        return settle();
     if (!left.heard) {
         if (left.state == BFD_STATE_UP && !left.has_packet) // kelm was restarted meanwhile
             condition_.diag = BFD_DIAG_FORWARDING_RESET;
-        return decide();
+        return settle();
     }
 
     const std::uint8_t recorded = left.state.value_or(BFD_STATE_UP);
@@ -72,13 +78,13 @@ desired_state session::adopt(const remains &left, steady_time now)
     if (!left.timer_active)
         return timeout(now);
     manage_poll(false, {});
-    return decide();
+    return settle();
 }
 
 desired_state session::packet(const kelm::bfd_fields &heard, steady_time now)
 {
     if (is_admin_down() || is_idle_)
-        return decide();
+        return settle();
     hear(heard);
     become(next_condition(config_.kind, condition_, heard.state));
 
@@ -93,7 +99,7 @@ desired_state session::packet(const kelm::bfd_fields &heard, steady_time now)
             poll_due_ = now + std::chrono::microseconds(timing_.transmit_interval());
     }
     manage_poll(answering, now);
-    return decide({.transmit = {},
+    return settle({.transmit = {},
                    .receive = {},
                    .is_final = answering,
                    // kelm did not recognise the packet as this session's
@@ -109,14 +115,14 @@ desired_state session::packet(const kelm::bfd_fields &heard, steady_time now)
 desired_state session::timeout(steady_time now)
 {
     if (!is_heard_)
-        return decide();
+        return settle();
     is_heard_ = false;
     forget_due_ = now + std::chrono::microseconds(timing_.detection_time());
     remote_discriminator_ = 0;
     remote_demand_ = false;
     become(after_timeout(condition_, timeout_diag(config_.kind)));
     // The peer's first packet after that may equal the last one passed up.
-    return decide({.transmit = {}, .receive = {}, .renew = true});
+    return settle({.transmit = {}, .receive = {}, .renew = true});
 }
 
 // The peer may have restarted unnoticed.
@@ -125,13 +131,13 @@ desired_state session::forgotten()
     forget_peer();
     has_spoken_ = false;
     become(after_timeout(condition_, BFD_DIAG_FORWARDING_RESET));
-    return decide({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
+    return settle({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
 }
 
 desired_state session::set_admin_down(bool down)
 {
     if (down == is_admin_down())
-        return decide();
+        return settle();
     // The peer must recognise our AdminDown packets by their discriminator. Afterwards it must be
     // discovered again, since it may have restarted.
     if (!down)
@@ -139,13 +145,13 @@ desired_state session::set_admin_down(bool down)
     is_heard_ = false;
     forget_due_.reset();
     become(down ? administratively_down() : administratively_enabled());
-    return decide({.transmit = {}, .receive = {}, .renew = !down, .forget_sequence = !down});
+    return settle({.transmit = {}, .receive = {}, .renew = !down, .forget_sequence = !down});
 }
 
 desired_state session::echo_failed()
 {
     become(after_timeout(condition_, BFD_DIAG_ECHO_FAIL));
-    return decide();
+    return settle();
 }
 
 desired_state session::guard(bool active, kelm_microsecs interval,
@@ -158,7 +164,7 @@ desired_state session::guard(bool active, kelm_microsecs interval,
         become({});
     }
     is_idle_ = !active;
-    return decide();
+    return settle();
 }
 
 desired_state session::reconfigure(session_config config)
@@ -169,7 +175,7 @@ desired_state session::reconfigure(session_config config)
     if (admin_changed)
         return set_admin_down(config_.admin_down);
     manage_poll(false, {});
-    return decide();
+    return settle();
 }
 
 desired_state session::wake(steady_time now)
@@ -177,17 +183,23 @@ desired_state session::wake(steady_time now)
     if (poll_due_ && *poll_due_ <= now)
         poll_due_.reset();
     manage_poll(false, now);
+    if (rest_due_ && *rest_due_ <= now) {
+        is_resting_ = *rest_due_ != as_soon_as_possible;
+        rest_due_ = is_resting_ ? std::nullopt : std::optional(now + last_words_time);
+    }
     if (!forget_due_ || *forget_due_ > now)
-        return decide();
+        return settle();
     forget_due_.reset();
-    return decide({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
+    return settle({.transmit = {}, .receive = {}, .renew = true, .forget_sequence = true});
 }
 
 std::optional<steady_time> session::due() const
 {
-    if (!poll_due_ || !forget_due_)
-        return poll_due_ ? poll_due_ : forget_due_;
-    return std::min(*poll_due_, *forget_due_);
+    std::optional<steady_time> earliest;
+    for (const auto &each : {poll_due_, forget_due_, rest_due_})
+        if (each && (!earliest || *each < *earliest))
+            earliest = each;
+    return earliest;
 }
 
 void session::become(condition next)
@@ -236,6 +248,25 @@ void session::manage_poll(bool answering, std::optional<steady_time> now)
     timing_.poll_begins();
 }
 
+// RFC 5880 section 6.8.7: a peer may want no periodic packets. What there is to say is sent out of
+// band, and a moment later the packet is taken from kelm, whose longest period is 71 minutes. A
+// packet with sequence numbers stays: kelm alone knows the next one.
+desired_state session::settle(desired_state so_far)
+{
+    const kelm::bfd_fields says = control_packet();
+    const bool has_news = so_far.is_final || says != said_;
+    said_ = says;
+    if (is_alone(config_.kind) || transmits_periodically() ||
+        kelm_auth_has_seq_num(config_.auth.type)) {
+        is_resting_ = false;
+        rest_due_.reset();
+    } else if (has_news) {
+        is_resting_ = false;
+        rest_due_ = as_soon_as_possible;
+    }
+    return decide(so_far);
+}
+
 desired_state session::decide(desired_state so_far) const
 {
     if (is_idle_)
@@ -252,7 +283,9 @@ desired_state session::decide(desired_state so_far) const
 // it the sequence number that the peer expects.
 bool session::has_packet() const
 {
-    return is_alone(config_.kind) ? !is_admin_down() : may_speak() || has_spoken_;
+    if (is_alone(config_.kind))
+        return !is_admin_down();
+    return !is_resting_ && (may_speak() || has_spoken_);
 }
 
 // RFC 5880 section 6.8.7

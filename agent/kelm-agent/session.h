@@ -108,6 +108,7 @@ class session
     const negotiation &timing() const { return timing_; }
 
   private:
+    desired_state settle(desired_state so_far = {});
     desired_state decide(desired_state so_far = {}) const;
     void become(condition);
     void forget_peer();
@@ -131,6 +132,9 @@ class session
     bool has_spoken_ = false; // kelm has a packet with a sequence number
     bool is_idle_;            // a guard with nothing to guard: not in kelm
     std::uint32_t guarded_discriminator_ = 0;
+    kelm::bfd_fields said_;               // our packet after the last event
+    bool is_resting_ = false;             // nothing to say to a peer that wants no periodic packets
+    std::optional<steady_time> rest_due_; // then it rests
     bool has_heard_peer_ = false;
     bool is_heard_ = false;                 // the detection timer is running
     bool polling_ = false;                  // a Poll Sequence is in progress

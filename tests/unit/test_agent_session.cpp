@@ -235,6 +235,22 @@ TEST_F(agent_session, a_peer_in_demand_mode_or_not_listening_is_left_alone)
     subject.packet(says(BFD_STATE_DOWN, 1000 * ms, 0), now);
     EXPECT_EQ(sent().period, idle_period);
     EXPECT_EQ(sent().latch_period, idle_period) << "nor after a failure";
+
+    const auto rests = [this] {
+        for (int i = 0; i < 2 && subject.due(); ++i) {
+            now = std::max(now, *subject.due());
+            subject.wake(now);
+        }
+        return !subject.current().transmit;
+    };
+    EXPECT_TRUE(rests()) << "once it has been told";
+    EXPECT_TRUE(subject.packet(polls(says(BFD_STATE_DOWN, 1000 * ms, 0)), now).transmit);
+    EXPECT_TRUE(rests());
+    subject.timeout(now);
+    EXPECT_TRUE(sent().bfd.diag != BFD_DIAG_NONE) << "news is told";
+    subject.packet(says(BFD_STATE_DOWN, 1000 * ms, 50 * ms), now);
+    EXPECT_EQ(sent().period, 1000 * ms);
+    EXPECT_FALSE(subject.due());
 }
 
 TEST_F(agent_session, jitter_and_detection_time_by_multiplier)
