@@ -35,6 +35,17 @@ void start_dump(agent &a)
     EXPECT_EQ(a.send(make_message(KELM_MSG_GET_STATS, NLM_F_REQUEST, 7, request)), 0);
 }
 
+TEST(start, fails_as_a_whole_when_notifier_or_thread_fails)
+{
+    for (const service failing : {service::notifier, service::thread}) {
+        world w({.start = false});
+        w.fail(failing, -EAGAIN);
+        EXPECT_EQ(w.start(), -EAGAIN);
+        EXPECT_EQ(w.memory_in_use(), 0U);
+        EXPECT_EQ(w.start(), 0);
+    }
+}
+
 TEST(vrf, comes_with_lo_and_no_other_device)
 {
     world w;
