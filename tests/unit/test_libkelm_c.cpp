@@ -254,45 +254,6 @@ TEST_F(c_interface_and_kelmd, what_kelm_tells_lies_as_in_kelm_h)
     EXPECT_EQ(kelm_client_next_event(client.get(), 0, &report), 0);
 }
 
-TEST(c_interface, packets_are_those_of_the_cpp_interface)
-{
-    kelm_packet packet = example_packet();
-    packet.ethernet_source = "02:00:00:00:00:01";
-    packet.ethernet_destination = "02:00:00:00:00:02";
-    packet.bfd.flags = BFD_FLAG_FINAL | BFD_FLAG_DEMAND_MODE;
-    packet.auth_type = BFD_AUTH_PASSWORD;
-    packet.key_id = 3;
-    packet.key = "secret";
-    packet.key_length = 6;
-    kelm::packet_settings same;
-    same.source = *kelm::ip_address::parse("10.0.0.1");
-    same.destination = *kelm::ip_address::parse("10.0.0.2");
-    same.source_port = 49157;
-    same.ethernet = {.destination = {{2, 0, 0, 0, 0, 2}}, .source = {{2, 0, 0, 0, 0, 1}}};
-    same.bfd.final = true;
-    same.bfd.demand_mode = true;
-    same.bfd.control_plane_independent = false;
-    same.bfd.my_discriminator = 5;
-    same.bfd.your_discriminator = 6;
-    same.bfd.min_tx_interval = 300'000;
-    same.auth = {.type = BFD_AUTH_PASSWORD, .key_id = 3, .key = {'s', 'e', 'c', 'r', 'e', 't'}};
-    const kelm::built_packet wanted = kelm::build_packet(same);
-    kelm_msg_tx_set_packet wanted_message = {};
-    wanted.apply_to(wanted_message, BFD_AUTH_PASSWORD);
-
-    kelm_msg_tx_set_packet message = {};
-    kelm::bytes built(KELM_PACKET_ROOM);
-    const int length = kelm_build_packet(&packet, &message, built.data(), built.size());
-    ASSERT_GT(length, 0) << kelm_error_text();
-    built.resize(static_cast<std::size_t>(length));
-    EXPECT_EQ(built, wanted.packet);
-    EXPECT_EQ(bytes_of(message), bytes_of(wanted_message));
-
-    kelm_bfd_auth_key slot = {};
-    ASSERT_EQ(kelm_build_key(BFD_AUTH_PASSWORD, 3, "secret", 6, &slot), 0);
-    EXPECT_EQ(bytes_of(slot), bytes_of(kelm::key_slot(same.auth)));
-}
-
 TEST(c_interface, packets_that_cannot_be_are_refused)
 {
     const kelm_packet good = example_packet();
