@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/sim/failure.h"
-#include "platform/sim/state.h"
+#include "platform/sim/machine.h"
 
 namespace sim
 {
@@ -67,11 +67,11 @@ bytes make_message(std::uint16_t type, std::uint16_t flags, std::uint32_t seq,
     return result;
 }
 
-agent::agent(net &netns, const agent_options &wanted) : ns(netns), options(wanted)
+agent::agent(net &netns, const agent_options &wanted) : ns_(netns), options_(wanted)
 {
-    get_net(ns);
-    if (!ns.netlink.bind(*this, options.port_id, options.groups))
-        failure("port id %u is taken", options.port_id);
+    get_net(ns_);
+    if (!ns_.netlink.bind(*this, options_.port_id, options_.groups))
+        failure("port id %u is taken", options_.port_id);
 }
 
 agent::~agent()
@@ -81,30 +81,30 @@ agent::~agent()
 
 void agent::close()
 {
-    if (!std::exchange(open, false))
+    if (!std::exchange(open_, false))
         return;
-    ns.netlink.close(*this);
-    put_net(ns);
-    the().settle();
+    ns_.netlink.close(*this);
+    put_net(ns_);
+    the_machine().settle();
 }
 
 void agent::set_groups(std::uint32_t groups)
 {
-    ns.netlink.set_groups(*this, groups);
+    ns_.netlink.set_groups(*this, groups);
 }
 
 int agent::send(std::span<const std::uint8_t> datagram)
 {
-    the().expect_may_sleep("an agent's request");
-    const int result = ns.netlink.receive(*this, datagram);
-    the().expect_may_sleep("returning from an agent's request");
-    the().settle();
+    the_machine().expect_may_sleep("an agent's request");
+    const int result = ns_.netlink.receive(*this, datagram);
+    the_machine().expect_may_sleep("returning from an agent's request");
+    the_machine().settle();
     return result;
 }
 
 std::optional<int> agent::request(std::uint16_t type, std::span<const std::uint8_t> body)
 {
-    if (const int error = send(make_message(type, NLM_F_REQUEST | NLM_F_ACK, ++seq, body));
+    if (const int error = send(make_message(type, NLM_F_REQUEST | NLM_F_ACK, ++seq_, body));
         error != 0)
         return error;
     return take_acknowledgement();
@@ -113,14 +113,14 @@ std::optional<int> agent::request(std::uint16_t type, std::span<const std::uint8
 // The acknowledgement of the last request, wherever it is in the queue.
 std::optional<int> agent::take_acknowledgement()
 {
-    const auto found = std::find_if(queue.begin(), queue.end(), [this](const bytes &datagram) {
+    const auto found = std::find_if(queue_.begin(), queue_.end(), [this](const bytes &datagram) {
         const nlmsghdr header = header_of(datagram);
-        return header.nlmsg_type == NLMSG_ERROR && header.nlmsg_seq == seq;
+        return header.nlmsg_type == NLMSG_ERROR && header.nlmsg_seq == seq_;
     });
-    if (found == queue.end())
+    if (found == queue_.end())
         return std::nullopt;
     const int error = error_of(parse_messages(*found).front());
-    queue.erase(found);
+    queue_.erase(found);
     after_read();
     return error;
 }
@@ -128,17 +128,17 @@ std::optional<int> agent::take_acknowledgement()
 dump_result agent::dump(std::uint16_t type, std::span<const std::uint8_t> body)
 {
     dump_result result;
-    if (const int error = send(make_message(type, NLM_F_REQUEST, ++seq, body)); error != 0) {
+    if (const int error = send(make_message(type, NLM_F_REQUEST, ++seq_, body)); error != 0) {
         result.error = error;
         return result;
     }
     if ((result.error = take_acknowledgement()))
         return result;
     std::deque<bytes> others;
-    while (!result.error && !queue.empty()) {
-        bytes datagram = std::move(queue.front());
-        queue.pop_front();
-        if (header_of(datagram).nlmsg_seq != seq) {
+    while (!result.error && !queue_.empty()) {
+        bytes datagram = std::move(queue_.front());
+        queue_.pop_front();
+        if (header_of(datagram).nlmsg_seq != seq_) {
             others.push_back(std::move(datagram));
         } else {
             ++result.datagrams;
@@ -151,16 +151,16 @@ dump_result agent::dump(std::uint16_t type, std::span<const std::uint8_t> body)
         }
         after_read();
     }
-    queue.insert(queue.begin(), others.begin(), others.end());
+    queue_.insert(queue_.begin(), others.begin(), others.end());
     return result;
 }
 
 std::optional<bytes> agent::read()
 {
-    if (queue.empty())
+    if (queue_.empty())
         return std::nullopt;
-    bytes datagram = std::move(queue.front());
-    queue.pop_front();
+    bytes datagram = std::move(queue_.front());
+    queue_.pop_front();
     after_read();
     return datagram;
 }
@@ -168,7 +168,7 @@ std::optional<bytes> agent::read()
 std::vector<message> agent::read_messages()
 {
     std::vector<message> messages;
-    for (std::size_t left = queue.size(); left > 0; --left) {
+    for (std::size_t left = queue_.size(); left > 0; --left) {
         const std::optional<bytes> datagram = read();
         for (message &m : parse_messages(*datagram))
             messages.push_back(std::move(m));
@@ -178,17 +178,17 @@ std::vector<message> agent::read_messages()
 
 void agent::after_read()
 {
-    the().expect_may_sleep("an agent's read");
-    ns.netlink.readable_again(*this);
-    the().expect_may_sleep("returning from an agent's read");
-    the().settle();
+    the_machine().expect_may_sleep("an agent's read");
+    ns_.netlink.readable_again(*this);
+    the_machine().expect_may_sleep("returning from an agent's read");
+    the_machine().settle();
 }
 
 int agent::deliver(std::span<const std::uint8_t> datagram)
 {
-    if (queue.size() >= options.queue_limit)
+    if (queue_.size() >= options_.queue_limit)
         return -EAGAIN;
-    queue.emplace_back(datagram.begin(), datagram.end());
+    queue_.emplace_back(datagram.begin(), datagram.end());
     return 0;
 }
 

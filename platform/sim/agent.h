@@ -66,12 +66,12 @@ class agent final : public hosted::netlink_port
     // Takes all the messages that are there, without waiting for anything further of a dump.
     std::vector<message> read_messages();
 
-    [[nodiscard]] std::size_t queued() const { return queue.size(); }
-    [[nodiscard]] std::uint32_t last_seq() const { return seq; }
-    [[nodiscard]] net &netns() const { return ns; }
+    [[nodiscard]] std::size_t queued() const { return queue_.size(); }
+    [[nodiscard]] std::uint32_t last_seq() const { return seq_; }
+    [[nodiscard]] net &netns() const { return ns_; }
 
-    void set_privileged(bool yes) { options.privileged = yes; }
-    void set_queue_limit(std::size_t datagrams) { options.queue_limit = datagrams; }
+    void set_privileged(bool yes) { options_.privileged = yes; }
+    void set_queue_limit(std::size_t datagrams) { options_.queue_limit = datagrams; }
     void set_groups(std::uint32_t groups);
 
     // Closes the socket, in the middle of whatever is going on. Once is enough.
@@ -79,17 +79,17 @@ class agent final : public hosted::netlink_port
 
   private:
     int deliver(std::span<const std::uint8_t> datagram) override;
-    bool drained() override { return queue.empty(); }
-    bool sender_capable(int /*capability*/) override { return options.privileged; }
+    bool drained() override { return queue_.empty(); }
+    bool sender_capable(int /*capability*/) override { return options_.privileged; }
 
     void after_read();
     std::optional<int> take_acknowledgement();
 
-    net &ns;
-    agent_options options;
-    std::deque<bytes> queue;
-    std::uint32_t seq = 0;
-    bool open = true;
+    net &ns_;
+    agent_options options_;
+    std::deque<bytes> queue_;
+    std::uint32_t seq_ = 0;
+    bool open_ = true;
 };
 
 } // namespace sim

@@ -10,8 +10,8 @@
 #include <utility>
 
 #include "platform/sim/failure.h"
+#include "platform/sim/machine.h"
 #include "platform/sim/spinlock.h"
-#include "platform/sim/state.h"
 
 #ifndef __has_feature // which clang has, and says address_sanitizer with
 #define __has_feature(feature) 0
@@ -29,7 +29,7 @@ namespace sim
 namespace
 {
 
-constexpr std::size_t STACK_SIZE = 256 * 1024;
+constexpr std::size_t stack_bytes = 256 * 1024;
 
 // The scheduler and the context that the fiber being entered was switched from.
 scheduler *entering = nullptr;
@@ -40,53 +40,53 @@ context *came_from = nullptr;
 fiber_stack::fiber_stack()
 {
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    void *memory = mmap(nullptr, STACK_SIZE, PROT_READ | PROT_WRITE,
+    void *memory = mmap(nullptr, stack_bytes, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED || mprotect(memory, page, PROT_NONE) != 0)
         fatal("no memory for a fiber's stack");
-    mapping = static_cast<std::byte *>(memory);
+    mapping_ = static_cast<std::byte *>(memory);
 }
 
 fiber_stack::~fiber_stack()
 {
-    munmap(mapping, STACK_SIZE);
+    munmap(mapping_, stack_bytes);
 }
 
 std::byte *fiber_stack::bottom() const
 {
-    return mapping;
+    return mapping_;
 }
 
 std::size_t fiber_stack::size()
 {
-    return STACK_SIZE;
+    return stack_bytes;
 }
 
-scheduler::scheduler(std::uint64_t seed) : random(seed)
+scheduler::scheduler(std::uint64_t seed) : random_(seed)
 {
-    contexts.push_back(std::make_unique<context>());
-    running = contexts.front().get();
-    running->name = "main";
+    contexts_.push_back(std::make_unique<context>());
+    running_ = contexts_.front().get();
+    running_->name = "main";
 }
 
 context &scheduler::start(std::string name, std::function<void()> body)
 {
-    contexts.push_back(std::make_unique<context>());
-    context &fresh = *contexts.back();
+    contexts_.push_back(std::make_unique<context>());
+    context &fresh = *contexts_.back();
     fresh.name = std::move(name);
     fresh.body = std::move(body);
-    fresh.suspended_at = ++suspensions;
+    fresh.suspended_at = ++suspensions_;
     make_stack(fresh);
     return fresh;
 }
 
 void scheduler::make_stack(context &fresh)
 {
-    if (spare_stacks.empty()) {
+    if (spare_stacks_.empty()) {
         fresh.stack = std::make_unique<fiber_stack>();
     } else {
-        fresh.stack = std::move(spare_stacks.back());
-        spare_stacks.pop_back();
+        fresh.stack = std::move(spare_stacks_.back());
+        spare_stacks_.pop_back();
     }
     fresh.stack_bottom = fresh.stack->bottom();
     fresh.stack_size = fiber_stack::size();
@@ -107,7 +107,7 @@ void scheduler::enter_fiber()
 void scheduler::run_body()
 {
     forget_finished();
-    context &self = *running;
+    context &self = *running_;
     self.body();
     if (self.held_count != 0)
         failure("context %s ends with locks held\n%s", self.name.c_str(), report().c_str());
@@ -121,8 +121,8 @@ void scheduler::run_body()
 
 void scheduler::switch_to(context &next)
 {
-    context &self = *running;
-    running = &next;
+    context &self = *running_;
+    running_ = &next;
     entering = this;
     came_from = &self;
     self.sender = hosted::exchange_current_sender(next.sender);
@@ -136,10 +136,10 @@ void scheduler::switch_to(context &next)
 
 void scheduler::forget_finished()
 {
-    std::erase_if(contexts, [this](std::unique_ptr<context> &each) {
+    std::erase_if(contexts_, [this](std::unique_ptr<context> &each) {
         if (!each->finished)
             return false;
-        spare_stacks.push_back(std::move(each->stack));
+        spare_stacks_.push_back(std::move(each->stack));
         return true;
     });
 }
@@ -149,20 +149,20 @@ context *scheduler::choose(const context *except)
 {
     context *latest = nullptr;
     std::vector<context *> able;
-    for (const std::unique_ptr<context> &each : contexts) {
+    for (const std::unique_ptr<context> &each : contexts_) {
         if (each.get() == except || each->finished || (each->may_go_on && !each->may_go_on()))
             continue;
         if (latest == nullptr || each->suspended_at > latest->suspended_at)
             latest = each.get();
-        if (racing)
+        if (racing_)
             able.push_back(each.get());
     }
-    return able.empty() ? latest : able[random.below(able.size())];
+    return able.empty() ? latest : able[random_.below(able.size())];
 }
 
 void scheduler::run_now(context &next)
 {
-    running->suspended_at = ++suspensions;
+    running_->suspended_at = ++suspensions_;
     switch_to(next);
 }
 
@@ -170,11 +170,11 @@ void scheduler::wait(const char *what, std::function<bool()> done, const lock *w
 {
     if (done())
         return;
-    context &self = *running;
+    context &self = *running_;
     self.may_go_on = std::move(done);
     self.waits_for = what;
     self.wanted = wanted;
-    self.suspended_at = ++suspensions;
+    self.suspended_at = ++suspensions_;
     context *next = choose(nullptr);
     if (next == nullptr)
         fatal("deadlock\n%s", report().c_str());
@@ -187,48 +187,48 @@ void scheduler::wait(const char *what, std::function<bool()> done, const lock *w
 
 void scheduler::sleep(std::uint64_t until)
 {
-    context &self = *running;
+    context &self = *running_;
     self.wakes_at = until;
-    wait("time", [&self] { return self.woken || the().clock.tick >= self.wakes_at; });
-    self.wakes_at = context::NEVER;
+    wait("time", [&self] { return self.woken || the_machine().clock.tick >= self.wakes_at; });
+    self.wakes_at = context::never;
     self.woken = false;
 }
 
 std::uint64_t scheduler::next_wake() const
 {
-    std::uint64_t first = context::NEVER;
-    for (const std::unique_ptr<context> &each : contexts)
+    std::uint64_t first = context::never;
+    for (const std::unique_ptr<context> &each : contexts_)
         first = std::min(first, each->wakes_at);
     return first;
 }
 
 void scheduler::yield()
 {
-    if (context *next = choose(running))
+    if (context *next = choose(running_))
         run_now(*next);
 }
 
 void scheduler::at_lock_point(std::uint64_t k, std::function<void()> action)
 {
-    planned.push_back({lock_points + k, std::move(action)});
-    armed = true;
+    planned_.push_back({lock_points_ + k, std::move(action)});
+    armed_ = true;
 }
 
 void scheduler::act_at_lock_point()
 {
-    for (std::size_t i = 0; i < planned.size();) {
-        if (planned[i].lock_point > lock_points) {
+    for (std::size_t i = 0; i < planned_.size();) {
+        if (planned_[i].lock_point > lock_points_) {
             ++i;
             continue;
         }
-        std::function<void()> action = std::move(planned[i].action);
-        planned.erase(planned.begin() + static_cast<std::ptrdiff_t>(i));
+        std::function<void()> action = std::move(planned_[i].action);
+        planned_.erase(planned_.begin() + static_cast<std::ptrdiff_t>(i));
         run_now(start("action", std::move(action)));
         i = 0; // the action may have planned more
     }
-    if (racing && random.below(2) == 0)
+    if (racing_ && random_.below(2) == 0)
         yield();
-    armed = racing || !planned.empty();
+    armed_ = racing_ || !planned_.empty();
 }
 
 void scheduler::race(std::vector<std::function<void()>> actions)
@@ -241,21 +241,21 @@ void scheduler::race(std::vector<std::function<void()>> actions)
             --left;
         });
     }
-    racing = true;
-    armed = true;
+    racing_ = true;
+    armed_ = true;
     wait("the race", [&left] { return left == 0; });
-    racing = false;
-    armed = !planned.empty();
+    racing_ = false;
+    armed_ = !planned_.empty();
 }
 
 void scheduler::settle()
 {
-    if (contexts.size() == 1)
+    if (contexts_.size() == 1)
         return;
-    const context *main = contexts.front().get();
+    const context *main = contexts_.front().get();
     wait("the others", [this, main] { return choose(main) == nullptr; });
-    for (const std::unique_ptr<context> &each : contexts) {
-        if (each.get() != main && each->wakes_at == context::NEVER)
+    for (const std::unique_ptr<context> &each : contexts_) {
+        if (each.get() != main && each->wakes_at == context::never)
             fatal("deadlock: %s is stuck\n%s", each->name.c_str(), report().c_str());
     }
 }
@@ -263,8 +263,8 @@ void scheduler::settle()
 std::string scheduler::report() const
 {
     std::string text;
-    for (const std::unique_ptr<context> &each : contexts) {
-        text += "  " + each->name + (each.get() == running ? ", running" : "");
+    for (const std::unique_ptr<context> &each : contexts_) {
+        text += "  " + each->name + (each.get() == running_ ? ", running" : "");
         if (each->wanted != nullptr && each->wanted->holder != nullptr)
             text += ", wants " + std::string(each->wanted->name) + ", which " +
                     each->wanted->holder->name + " holds";

@@ -41,12 +41,12 @@ class fiber_stack
     [[nodiscard]] static std::size_t size();
 
   private:
-    std::byte *mapping;
+    std::byte *mapping_;
 };
 
 struct context {
-    static constexpr std::size_t MAX_LOCKS = 16;
-    static constexpr std::uint64_t NEVER = ~std::uint64_t{0};
+    static constexpr std::size_t max_locks = 16;
+    static constexpr std::uint64_t never = ~std::uint64_t{0};
 
     std::string name;
     std::function<void()> body;
@@ -54,13 +54,13 @@ struct context {
     const char *waits_for = nullptr; // and what that is, for a deadlock's report
     const lock *wanted = nullptr;    // the lock it waits for
     bool finished = false;
-    std::uint64_t wakes_at = NEVER; // while asleep: the tick at which it wakes by itself
+    std::uint64_t wakes_at = never; // while asleep: the tick at which it wakes by itself
     bool woken = false;
     std::uint64_t suspended_at = 0; // serial number
 
     int softirq_depth = 0;
     int bh_off_depth = 0; // locks held that keep bottom halves off
-    std::array<lock *, MAX_LOCKS> held{};
+    std::array<lock *, max_locks> held{};
     std::size_t held_count = 0;
     const timer_list *running_timer = nullptr;
     const sock *running_sock = nullptr;
@@ -83,8 +83,8 @@ class scheduler
     scheduler(const scheduler &) = delete;
     scheduler &operator=(const scheduler &) = delete;
 
-    [[nodiscard]] context &current() { return *running; }
-    [[nodiscard]] bool on_main() const { return running == contexts.front().get(); }
+    [[nodiscard]] context &current() { return *running_; }
+    [[nodiscard]] bool on_main() const { return running_ == contexts_.front().get(); }
 
     // A context that runs when others wait. It is gone when body returns.
     context &start(std::string name, std::function<void()> body);
@@ -105,8 +105,8 @@ class scheduler
     // A place where another processor may do something: around every lock operation.
     void lock_point()
     {
-        ++lock_points;
-        if (armed)
+        ++lock_points_;
+        if (armed_)
             act_at_lock_point();
     }
 
@@ -119,9 +119,9 @@ class scheduler
     // Runs all others until they can do no more. Main context only.
     void settle();
 
-    [[nodiscard]] std::uint64_t lock_points_passed() const { return lock_points; }
-    [[nodiscard]] std::size_t actions_left() const { return planned.size(); }
-    [[nodiscard]] const std::vector<std::unique_ptr<context>> &all() const { return contexts; }
+    [[nodiscard]] std::uint64_t lock_points_passed() const { return lock_points_; }
+    [[nodiscard]] std::size_t actions_left() const { return planned_.size(); }
+    [[nodiscard]] const std::vector<std::unique_ptr<context>> &all() const { return contexts_; }
 
     // Who waits for what, and who holds what.
     [[nodiscard]] std::string report() const;
@@ -141,15 +141,15 @@ class scheduler
     [[noreturn]] void run_body();
     static void enter_fiber();
 
-    std::vector<std::unique_ptr<context>> contexts; // the main context first
-    std::vector<std::unique_ptr<fiber_stack>> spare_stacks;
-    context *running;
-    std::uint64_t suspensions = 0;
-    std::uint64_t lock_points = 0;
-    bool armed = false; // something may happen at lock points
-    bool racing = false;
-    std::vector<plan> planned;
-    random_source random;
+    std::vector<std::unique_ptr<context>> contexts_; // the main context first
+    std::vector<std::unique_ptr<fiber_stack>> spare_stacks_;
+    context *running_;
+    std::uint64_t suspensions_ = 0;
+    std::uint64_t lock_points_ = 0;
+    bool armed_ = false; // something may happen at lock points
+    bool racing_ = false;
+    std::vector<plan> planned_;
+    random_source random_;
 };
 
 } // namespace sim

@@ -21,13 +21,13 @@ enum class service {
     notifier,         // registration
     thread,           // creation
     skb_reallocation, // pskb_expand_head, and skb_linearize_cow where it has something to do
-    COUNT
+    count
 };
 
 class fault_plan
 {
   public:
-    static constexpr std::uint64_t ALWAYS = ~std::uint64_t{0};
+    static constexpr std::uint64_t always = ~std::uint64_t{0};
 
     // From the nth use from now on (1 is the next one), `times` uses fail with `error`.
     void plan(service which, int error, std::uint64_t nth, std::uint64_t times)
@@ -56,18 +56,18 @@ class fault_plan
     struct entry {
         std::uint64_t uses = 0;
         std::uint64_t failed = 0;
-        std::uint64_t first = ALWAYS;
+        std::uint64_t first = always;
         std::uint64_t times = 0;
         int error = 0;
     };
 
-    entry &of(service which) { return entries[static_cast<std::size_t>(which)]; }
+    entry &of(service which) { return entries_[static_cast<std::size_t>(which)]; }
     [[nodiscard]] const entry &entry_of(service which) const
     {
-        return entries[static_cast<std::size_t>(which)];
+        return entries_[static_cast<std::size_t>(which)];
     }
 
-    std::array<entry, static_cast<std::size_t>(service::COUNT)> entries;
+    std::array<entry, static_cast<std::size_t>(service::count)> entries_;
 };
 
 } // namespace sim

@@ -5,7 +5,7 @@
 #include <memory>
 #include <utility>
 
-#include "platform/sim/state.h"
+#include "platform/sim/machine.h"
 
 struct task_struct {
     int (*body)(void *argument);
@@ -22,7 +22,7 @@ namespace
 
 void run(task_struct &task)
 {
-    sim::context &self = sim::the().sched.current();
+    sim::context &self = sim::the_machine().sched.current();
     self.task = &task;
     task.result = task.body(task.argument);
     self.task = nullptr;
@@ -31,14 +31,14 @@ void run(task_struct &task)
 }
 
 // How long the test itself may sleep inside the engine before it counts as hanging, ticks.
-constexpr long LONGEST_SLEEP_OF_MAIN = 10'000;
+constexpr long longest_sleep_of_main = 10'000;
 
 // The test's own context sleeps: nobody else moves the clock, so it does.
 void sleep_on_main(long ticks)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.slept_on_main += ticks;
-    if (s.slept_on_main > LONGEST_SLEEP_OF_MAIN)
+    if (s.slept_on_main > longest_sleep_of_main)
         sim::fatal("the engine waits for something that does not come\n%s",
                    s.sched.report().c_str());
     s.advance_to(s.clock.tick + static_cast<std::uint64_t>(ticks));
@@ -49,7 +49,7 @@ void sleep_on_main(long ticks)
 task_struct *kthread_create_on_node(int (*body)(void *argument), void *argument, int /*node*/,
                                     const char *name)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("kthread_create_on_node");
     if (const int error = s.faults.use(sim::service::thread); error != 0)
         return reinterpret_cast<task_struct *>(static_cast<std::intptr_t>(error));
@@ -60,15 +60,15 @@ task_struct *kthread_create_on_node(int (*body)(void *argument), void *argument,
 void wake_up_process(task_struct *task)
 {
     if (task->running != nullptr) {
-        task->running->woken = task->running->wakes_at != sim::context::NEVER;
+        task->running->woken = task->running->wakes_at != sim::context::never;
     } else if (!task->ended) {
-        task->running = &sim::the().sched.start(task->name, [task] { run(*task); });
+        task->running = &sim::the_machine().sched.start(task->name, [task] { run(*task); });
     }
 }
 
 int kthread_stop(task_struct *task)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("kthread_stop");
     const std::unique_ptr<task_struct> owned(task);
     --s.threads;
@@ -83,13 +83,13 @@ int kthread_stop(task_struct *task)
 
 bool kthread_should_stop()
 {
-    const task_struct *task = sim::the().sched.current().task;
+    const task_struct *task = sim::the_machine().sched.current().task;
     return task != nullptr && task->stop;
 }
 
 void schedule_timeout_interruptible(long ticks)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("schedule_timeout_interruptible");
     if (s.sched.on_main())
         sleep_on_main(ticks);

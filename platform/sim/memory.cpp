@@ -8,8 +8,8 @@
 #include <string>
 
 #include "platform/sim/failure.h"
+#include "platform/sim/machine.h"
 #include "platform/sim/memory.h"
-#include "platform/sim/state.h"
 
 namespace sim
 {
@@ -17,16 +17,16 @@ namespace sim
 namespace
 {
 
-constexpr std::uint32_t IN_USE = 0x5ca1ab1e;
+constexpr std::uint32_t in_use = 0x5ca1ab1e;
 
 // What fresh memory contains: nobody may rely on zeroes that were not asked for.
-constexpr int FRESH = 0xa5;
+constexpr int fresh_byte = 0xa5;
 
 // Walks the chain of frame pointers, as far as it plausibly is one.
 __attribute__((no_sanitize("address"), no_sanitize("undefined"))) void
-record_callers(std::array<void *, block_header::MAX_CALLERS> &callers)
+record_callers(std::array<void *, block_header::max_callers> &callers)
 {
-    constexpr std::uintptr_t LONGEST_FRAME = 16 * 1024;
+    constexpr std::uintptr_t longest_frame = 16 * 1024;
     auto *frame = static_cast<void **>(__builtin_frame_address(0));
     for (void *&caller : callers) {
         caller = nullptr;
@@ -36,7 +36,7 @@ record_callers(std::array<void *, block_header::MAX_CALLERS> &callers)
         auto *next = static_cast<void **>(*frame);
         const bool plausible = next > frame && reinterpret_cast<std::uintptr_t>(next) -
                                                        reinterpret_cast<std::uintptr_t>(frame) <
-                                                   LONGEST_FRAME;
+                                                   longest_frame;
         frame = plausible ? next : nullptr;
     }
 }
@@ -44,8 +44,8 @@ record_callers(std::array<void *, block_header::MAX_CALLERS> &callers)
 std::string describe(const block_header &block)
 {
     std::string text = std::to_string(block.size) + " bytes leaked, allocated by";
-    char **names = backtrace_symbols(block.callers.data(), block_header::MAX_CALLERS);
-    for (std::size_t i = 1; i < block_header::MAX_CALLERS && block.callers[i] != nullptr; ++i)
+    char **names = backtrace_symbols(block.callers.data(), block_header::max_callers);
+    for (std::size_t i = 1; i < block_header::max_callers && block.callers[i] != nullptr; ++i)
         text += std::string("\n    ") + names[i];
     std::free(names);
     return text;
@@ -53,7 +53,7 @@ std::string describe(const block_header &block)
 
 } // namespace
 
-heap::heap() : list{.next = &list, .prev = &list, .size = 0, .magic = 0, .callers = {}} {}
+heap::heap() : list_{.next = &list_, .prev = &list_, .size = 0, .magic = 0, .callers = {}} {}
 
 void *heap::allocate(std::size_t size)
 {
@@ -61,36 +61,34 @@ void *heap::allocate(std::size_t size)
     if (block == nullptr)
         fatal("out of memory");
     block->size = size;
-    block->magic = IN_USE;
+    block->magic = in_use;
     record_callers(block->callers);
-    block->next = &list;
-    block->prev = list.prev;
-    list.prev->next = block;
-    list.prev = block;
-    ++count;
-    total += size;
-    std::memset(block + 1, FRESH, size);
+    block->next = &list_;
+    block->prev = list_.prev;
+    list_.prev->next = block;
+    list_.prev = block;
+    total_ += size;
+    std::memset(block + 1, fresh_byte, size);
     return block + 1;
 }
 
 void heap::release(const void *memory)
 {
     auto *block = static_cast<block_header *>(const_cast<void *>(memory)) - 1;
-    if (block->magic != IN_USE)
+    if (block->magic != in_use)
         fatal("kfree of something that is not allocated");
     block->magic = 0;
     block->prev->next = block->next;
     block->next->prev = block->prev;
-    --count;
-    total -= block->size;
+    total_ -= block->size;
     std::free(block);
 }
 
 void heap::report_leaks()
 {
-    while (list.next != &list) {
-        on_failure(describe(*list.next));
-        release(list.next + 1);
+    while (list_.next != &list_) {
+        on_failure(describe(*list_.next));
+        release(list_.next + 1);
     }
 }
 
@@ -101,10 +99,10 @@ namespace
 
 void *allocate(std::size_t size, gfp_t gfp)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     if (gfp == GFP_KERNEL)
         s.expect_may_sleep("an allocation with GFP_KERNEL");
-    if (s.own_allocations == 0 && s.faults.use(sim::service::allocation) != 0)
+    if (s.unfailing == 0 && s.faults.use(sim::service::allocation) != 0)
         return nullptr;
     return s.memory.allocate(size);
 }
@@ -127,5 +125,5 @@ void *kzalloc(std::size_t size, gfp_t gfp)
 void kfree(const void *ptr)
 {
     if (ptr != nullptr)
-        sim::the().memory.release(ptr);
+        sim::the_machine().memory.release(ptr);
 }

@@ -11,13 +11,13 @@ namespace sim
 {
 
 struct alignas(16) block_header {
-    static constexpr std::size_t MAX_CALLERS = 6;
+    static constexpr std::size_t max_callers = 6;
 
     block_header *next;
     block_header *prev;
     std::size_t size;
     std::uint32_t magic;
-    std::array<void *, MAX_CALLERS> callers; // innermost first, null where unknown
+    std::array<void *, max_callers> callers; // innermost first, null where unknown
 };
 
 class heap
@@ -30,16 +30,14 @@ class heap
     [[nodiscard]] void *allocate(std::size_t size);
     void release(const void *memory);
 
-    [[nodiscard]] std::size_t blocks() const { return count; }
-    [[nodiscard]] std::size_t bytes() const { return total; }
+    [[nodiscard]] std::size_t bytes() const { return total_; }
 
     // A failure for each block that is still there; then gives them back.
     void report_leaks();
 
   private:
-    block_header list; // a ring
-    std::size_t count = 0;
-    std::size_t total = 0;
+    block_header list_; // a ring
+    std::size_t total_ = 0;
 };
 
 } // namespace sim

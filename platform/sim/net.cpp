@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/net.h"
 
+#include "platform/sim/machine.h"
 #include "platform/sim/net.h"
-#include "platform/sim/state.h"
 
 namespace sim
 {
@@ -15,7 +15,7 @@ void get_net(net &ns)
 void put_net(net &ns)
 {
     if (--ns.refs == 0)
-        the().dying.push_back(&ns);
+        the_machine().dying.push_back(&ns);
     else if (ns.refs < 0)
         fatal("namespace %s: a reference too many is dropped", ns.name.c_str());
 }
@@ -32,7 +32,7 @@ const net &live(const net *ns)
     return live(const_cast<net *>(ns));
 }
 
-void state::notify(net_device &device, unsigned long event)
+void machine::notify(net_device &device, unsigned long event)
 {
     if (notifier == nullptr)
         return;
@@ -41,7 +41,7 @@ void state::notify(net_device &device, unsigned long event)
     expect_may_sleep("returning from a device event");
 }
 
-void state::notify(net &ns, unsigned long event)
+void machine::notify(net &ns, unsigned long event)
 {
     for (const auto &[ifindex, device] : ns.devices)
         notify(*device, event);
@@ -51,7 +51,7 @@ void state::notify(net &ns, unsigned long event)
 
 int register_netdevice_notifier(notifier_block *nb)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("register_netdevice_notifier");
     if (const int error = s.faults.use(sim::service::notifier); error != 0)
         return error;
@@ -65,7 +65,7 @@ int register_netdevice_notifier(notifier_block *nb)
 
 void unregister_netdevice_notifier(notifier_block *nb)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("unregister_netdevice_notifier");
     if (s.notifier != nb)
         sim::failure("a notifier is unregistered that is not registered");

@@ -4,9 +4,9 @@
 #include "platform/netlink.h"
 
 #include "platform/module.h"
-#include "platform/sim/state.h"
+#include "platform/sim/machine.h"
 
-constexpr int UNIT = 31; // the only one of this machine
+constexpr int agent_unit = 31; // the only one of this machine
 
 hosted::netlink_table &hosted::netlink_table_of(net *ns)
 {
@@ -15,9 +15,9 @@ hosted::netlink_table &hosted::netlink_table_of(net *ns)
 
 sock *netlink_kernel_create(net *net, int unit, const netlink_kernel_cfg *cfg)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("netlink_kernel_create");
-    if (unit != UNIT || cfg->input == nullptr)
+    if (unit != agent_unit || cfg->input == nullptr)
         sim::failure("netlink unit %d, or no input function", unit);
     if (s.faults.use(sim::service::netlink_socket) != 0)
         return nullptr;
@@ -28,12 +28,12 @@ sock *netlink_kernel_create(net *net, int unit, const netlink_kernel_cfg *cfg)
 
 void netlink_kernel_release(sock *sk)
 {
-    sim::the().expect_may_sleep("netlink_kernel_release");
+    sim::the_machine().expect_may_sleep("netlink_kernel_release");
     --sim::live(sk->netns).sockets;
     hosted::netlink_kernel_close(sk);
 }
 
 void module_get_self()
 {
-    ++sim::the().module_references;
+    sim::the_machine().module_held = true;
 }

@@ -10,17 +10,17 @@
 #include <utility>
 #include <vector>
 
-#include "platform/sim/state.h"
+#include "platform/sim/machine.h"
 
 namespace
 {
 
-constexpr std::size_t LONGEST_LOG = 100'000; // lines
-constexpr int LEVEL_WARNING = 4;
+constexpr std::size_t longest_log = 100'000; // lines
+constexpr int warning_level = 4;
 
 void add_line(int level, std::string text)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     if (!text.empty() && text.back() == '\n')
         text.pop_back();
     static const bool echo = std::getenv("KELM_SIM_LOG") != nullptr;
@@ -28,7 +28,7 @@ void add_line(int level, std::string text)
         std::fprintf(stderr, "[%llu] %s\n", static_cast<unsigned long long>(s.clock.tick),
                      text.c_str());
     s.log.push_back({level, std::move(text)});
-    if (s.log.size() > LONGEST_LOG)
+    if (s.log.size() > longest_log)
         s.log.pop_front();
 }
 
@@ -54,8 +54,8 @@ void WARN(const char *fmt, ...)
     va_start(arguments, fmt);
     std::vsnprintf(text, sizeof text, fmt, arguments);
     va_end(arguments);
-    add_line(LEVEL_WARNING, text);
-    std::vector<std::string> &expected = sim::the().expected_warnings;
+    add_line(warning_level, text);
+    std::vector<std::string> &expected = sim::the_machine().expected_warnings;
     const auto found = std::find_if(expected.begin(), expected.end(), [&text](const auto &part) {
         return std::string_view(text).find(part) != std::string_view::npos;
     });

@@ -12,8 +12,8 @@
 #include <sys/socket.h>
 
 #include "platform/hosted/skbuff.h"
+#include "platform/sim/machine.h"
 #include "platform/sim/net.h"
-#include "platform/sim/state.h"
 
 namespace
 {
@@ -29,7 +29,7 @@ packet_sock &packet(sock *sk)
 
 bool runs_elsewhere(const sock *sk)
 {
-    sim::scheduler &sched = sim::the().sched;
+    sim::scheduler &sched = sim::the_machine().sched;
     for (const auto &each : sched.all()) {
         if (each.get() != &sched.current() && each->running_sock == sk)
             return true;
@@ -127,7 +127,7 @@ sim::bytes copy(const void *start, std::size_t len)
 
 void keep_frame(const packet_sock &sk, const kernel_msghdr &msg, const kvec *vec, std::size_t num)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     sim::frame frame{};
     frame.tick = s.clock.tick;
     frame.wall_ns = s.clock.wall_ns;
@@ -152,7 +152,7 @@ void keep_frame(const packet_sock &sk, const kernel_msghdr &msg, const kvec *vec
 
 int __sock_create(net *net, int family, int type, int protocol, sock **res, int kern)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("__sock_create");
     socket_kind kind{};
     if (!kind_of(family, type, protocol, kind)) {
@@ -177,7 +177,7 @@ int __sock_create(net *net, int family, int type, int protocol, sock **res, int 
 
 int kernel_bind(sock *sk, const void *addr, int addrlen)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("kernel_bind");
     const auto name = read_as<sockaddr_in6>(copy(addr, static_cast<std::size_t>(addrlen)));
     packet_sock &udp = packet(sk);
@@ -198,7 +198,7 @@ int kernel_bind(sock *sk, const void *addr, int addrlen)
 
 void sock_release(sock *sk)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("sock_release");
     packet_sock &released = packet(sk);
     if (s.sched.current().running_sock == sk)
@@ -257,7 +257,7 @@ sk_buff *__skb_recv_udp(sock *sk)
 int kernel_sendmsg(sock *sk, const kernel_msghdr *msg, const kvec *vec, std::size_t num,
                    std::size_t size)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     const packet_sock &sender = packet(sk);
     if ((msg->msg_flags & MSG_DONTWAIT) == 0 || sender.allocation != GFP_ATOMIC)
         s.expect_may_sleep("a send that may wait");

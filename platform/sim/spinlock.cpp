@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <new>
 
+#include "platform/sim/machine.h"
 #include "platform/sim/spinlock.h"
-#include "platform/sim/state.h"
 
 namespace
 {
@@ -15,21 +15,21 @@ namespace
 using sim::context;
 using sim::lock;
 using sim::scheduler;
-using sim::the;
+using sim::the_machine;
 
 static_assert(sizeof(lock) <= KELM_SPINLOCK_SIZE && alignof(lock) <= KELM_STORAGE_ALIGN);
 
 lock &lock_of(spinlock_t *storage)
 {
     auto &l = *reinterpret_cast<lock *>(storage->storage);
-    if (l.magic != lock::MAGIC)
+    if (l.magic != lock::magic_number)
         sim::fatal("a lock is used before spin_lock_init");
     return l;
 }
 
 void check_order(const context &self, const lock &l)
 {
-    if (self.held_count == context::MAX_LOCKS)
+    if (self.held_count == context::max_locks)
         sim::fatal("%s holds too many locks", self.name.c_str());
     for (std::size_t i = 0; i < self.held_count; ++i) {
         if (self.held[i]->rank >= l.rank)
@@ -41,7 +41,7 @@ void check_order(const context &self, const lock &l)
 void acquire(spinlock_t *storage, bool bh)
 {
     lock &l = lock_of(storage);
-    scheduler &sched = the().sched;
+    scheduler &sched = the_machine().sched;
     context &self = sched.current();
     if (!bh && self.softirq_depth == 0 && self.bh_off_depth == 0)
         sim::failure("%s takes %s where a softirq could interrupt it", self.name.c_str(), l.name);
@@ -66,7 +66,7 @@ void acquire(spinlock_t *storage, bool bh)
 void release(spinlock_t *storage, bool bh)
 {
     lock &l = lock_of(storage);
-    scheduler &sched = the().sched;
+    scheduler &sched = the_machine().sched;
     context &self = sched.current();
     if (l.holder != &self)
         sim::fatal("%s releases %s, which it does not hold\n%s", self.name.c_str(), l.name,
@@ -88,7 +88,7 @@ void release(spinlock_t *storage, bool bh)
 
 void spin_lock_init(spinlock_t *storage, unsigned int rank, const char *name)
 {
-    new (storage->storage) lock{.magic = lock::MAGIC,
+    new (storage->storage) lock{.magic = lock::magic_number,
                                 .rank = rank,
                                 .name = name,
                                 .holder = nullptr,

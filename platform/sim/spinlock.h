@@ -11,7 +11,7 @@ namespace sim
 struct context;
 
 struct lock {
-    static constexpr std::uint32_t MAGIC = 0x10c4ed;
+    static constexpr std::uint32_t magic_number = 0x10c4ed;
 
     std::uint32_t magic;
     unsigned int rank;

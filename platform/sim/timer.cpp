@@ -4,7 +4,7 @@
 #include <new>
 #include <utility>
 
-#include "platform/sim/state.h"
+#include "platform/sim/machine.h"
 
 namespace
 {
@@ -23,7 +23,7 @@ const wheel_timer &wheel_timer_of(const timer_list *timer)
 
 bool runs_elsewhere(const timer_list *timer)
 {
-    sim::scheduler &sched = sim::the().sched;
+    sim::scheduler &sched = sim::the_machine().sched;
     for (const auto &each : sched.all()) {
         if (each.get() != &sched.current() && each->running_timer == timer)
             return true;
@@ -41,7 +41,7 @@ void timer_setup(timer_list *timer, timer_function function)
 
 int mod_timer(timer_list *timer, unsigned long expires)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     wheel_timer &wheel_timer = wheel_timer_of(timer);
     if (wheel_timer.function == nullptr)
         sim::fatal("a timer is armed before timer_setup");
@@ -50,12 +50,12 @@ int mod_timer(timer_list *timer, unsigned long expires)
 
 int del_timer(timer_list *timer)
 {
-    return sim::the().wheel.cancel(wheel_timer_of(timer)) ? 1 : 0;
+    return sim::the_machine().wheel.cancel(wheel_timer_of(timer)) ? 1 : 0;
 }
 
 int del_timer_sync(timer_list *timer)
 {
-    sim::state &s = sim::the();
+    sim::machine &s = sim::the_machine();
     s.expect_may_sleep("del_timer_sync");
     if (s.sched.current().running_timer == timer)
         sim::fatal("del_timer_sync in the timer's own callback");
@@ -82,7 +82,7 @@ unsigned long timer_expires(const timer_list *timer)
 namespace sim
 {
 
-void state::run_timers()
+void machine::run_timers()
 {
     context &self = sched.current();
     const std::uint64_t now = clock.tick;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/hosted/wait.h"
 
-#include "platform/sim/state.h"
+#include "platform/sim/machine.h"
 
 namespace hosted
 {
@@ -10,9 +10,9 @@ void wait_queue::wait(std::unique_lock<mutex> &lock, const std::function<bool()>
 {
     if (done())
         return;
-    sim::the().expect_may_sleep("waiting for another context");
+    sim::the_machine().expect_may_sleep("waiting for another context");
     lock.unlock();
-    sim::the().sched.wait("another context", done);
+    sim::the_machine().sched.wait("another context", done);
     lock.lock();
 }
 

@@ -7,7 +7,7 @@
 #include "platform/hosted/skbuff.h"
 #include "platform/hosted/udp_frame.h"
 #include "platform/module.h"
-#include "platform/sim/state.h"
+#include "platform/sim/machine.h"
 
 namespace sim
 {
@@ -17,7 +17,7 @@ namespace
 
 sk_buff *make_buffer(const datagram &arriving)
 {
-    const own_allocations_scope own;
+    const unfailing_allocations own;
     const hosted::udp_arrival arrival{.source = arriving.source,
                                       .destination = arriving.destination,
                                       .source_port = arriving.source_port,
@@ -41,7 +41,7 @@ class tap
   public:
     explicit tap(sk_buff *skb)
     {
-        const own_allocations_scope own;
+        const unfailing_allocations own;
         clone = hosted::skb_clone(skb, GFP_ATOMIC);
         const auto data = hosted::skb_bytes(clone);
         seen.assign(data.begin(), data.end());
@@ -71,7 +71,7 @@ void enqueue(packet_sock &sk, sk_buff *skb)
 
 void run_data_ready(packet_sock &sk)
 {
-    context &self = the().sched.current();
+    context &self = the_machine().sched.current();
     const sock *outer = std::exchange(self.running_sock, &sk);
     {
         const softirq_scope softirq;
@@ -86,11 +86,11 @@ packet_sock *find_port(net &ns, std::uint16_t port)
     return found == ns.udp_ports.end() ? nullptr : found->second;
 }
 
-constexpr unsigned int LOOPBACK_INDEX = 1;
+constexpr unsigned int loopback_index = 1;
 
 } // namespace
 
-world::world(const world_options &options) : inside(std::make_unique<state>(options))
+world::world(const world_options &options) : machine_(std::make_unique<machine>(options))
 {
     net &first = create_namespace("initial");
     ++first.refs; // of the init process; nobody abandons this one
@@ -110,21 +110,23 @@ world::~world()
 int world::start()
 {
     const int error = kelm_init();
-    running = error == 0;
-    inside->settle();
-    if (!running)
+    running_ = error == 0;
+    machine_->settle();
+    if (!running_)
         kelm_release();
+    else if (!machine_->module_held)
+        failure("the engine does not keep its module from being unloaded");
     return error;
 }
 
 void world::stop()
 {
-    if (std::exchange(running, false)) {
+    if (std::exchange(running_, false)) {
         kelm_exit();
-        inside->settle();
+        machine_->settle();
         close_agents();
         kelm_release();
-        inside->settle();
+        machine_->settle();
     }
     close_agents();
     check_for_leaks();
@@ -132,7 +134,7 @@ void world::stop()
 
 void world::check_for_leaks()
 {
-    state &s = *inside;
+    machine &s = *machine_;
     if (s.notifier != nullptr)
         failure("the device notifier is still registered");
     if (s.threads != 0)
@@ -157,12 +159,12 @@ void world::check_for_leaks()
 
 net &world::initial()
 {
-    return *inside->namespaces.front();
+    return *machine_->namespaces.front();
 }
 
 net &world::find(std::string_view name)
 {
-    for (const auto &ns : inside->namespaces) {
+    for (const auto &ns : machine_->namespaces) {
         if (ns->name == name)
             return *ns;
     }
@@ -171,10 +173,10 @@ net &world::find(std::string_view name)
 
 net &world::create_namespace(const std::string &name)
 {
-    inside->namespaces.push_back(std::make_unique<net>());
-    net &ns = *inside->namespaces.back();
+    machine_->namespaces.push_back(std::make_unique<net>());
+    net &ns = *machine_->namespaces.back();
     ns.name = name;
-    add_device(ns, "lo", LOOPBACK_INDEX);
+    add_device(ns, "lo", loopback_index);
     return ns;
 }
 
@@ -182,22 +184,22 @@ void world::abandon(net &ns)
 {
     if (std::exchange(ns.named, false))
         put_net(ns);
-    inside->settle();
+    machine_->settle();
 }
 
 void world::add_device(net &ns, const std::string &name, unsigned int ifindex)
 {
     auto &device = ns.devices[ifindex];
     device = std::make_unique<net_device>(net_device{&ns, ifindex, name});
-    inside->notify(*device, NETDEV_REGISTER);
-    inside->settle();
+    machine_->notify(*device, NETDEV_REGISTER);
+    machine_->settle();
 }
 
 void world::remove_device(net &ns, unsigned int ifindex)
 {
-    inside->notify(*ns.devices.at(ifindex), NETDEV_UNREGISTER);
+    machine_->notify(*ns.devices.at(ifindex), NETDEV_UNREGISTER);
     ns.devices.erase(ifindex);
-    inside->settle();
+    machine_->settle();
 }
 
 int world::refcount(const net &ns)
@@ -214,13 +216,13 @@ bool world::alive(const net &ns)
 
 agent &world::open_agent(net &ns, const agent_options &options)
 {
-    inside->agents.push_back(std::make_unique<agent>(live(&ns), options));
-    return *inside->agents.back();
+    machine_->agents.push_back(std::make_unique<agent>(live(&ns), options));
+    return *machine_->agents.back();
 }
 
 void world::close_agents()
 {
-    for (const auto &each : inside->agents)
+    for (const auto &each : machine_->agents)
         each->close();
 }
 
@@ -235,7 +237,7 @@ bool world::deliver(net &ns, const datagram &arriving)
         listening.emplace(skb);
     enqueue(*sk, skb);
     run_data_ready(*sk);
-    inside->settle();
+    machine_->settle();
     return true;
 }
 
@@ -245,7 +247,7 @@ bool world::call_without_datagram(net &ns, std::uint16_t port)
     if (sk == nullptr)
         return false;
     run_data_ready(*sk);
-    inside->settle();
+    machine_->settle();
     return true;
 }
 
@@ -253,134 +255,134 @@ bool world::call_without_datagram(net &ns, std::uint16_t port)
 
 std::uint64_t world::tick() const
 {
-    return inside->clock.tick;
+    return machine_->clock.tick;
 }
 
 std::int64_t world::wall_ns() const
 {
-    return inside->clock.wall_ns;
+    return machine_->clock.wall_ns;
 }
 
 std::int64_t world::raw_ns() const
 {
-    return inside->clock.raw_ns;
+    return machine_->clock.raw_ns;
 }
 
 void world::advance(std::uint64_t ticks)
 {
-    inside->advance_to(inside->clock.tick + ticks);
+    machine_->advance_to(machine_->clock.tick + ticks);
 }
 
 void world::pass(std::uint64_t ticks)
 {
-    constexpr std::int64_t NS_PER_TICK = 1'000'000;
-    inside->clock.tick += ticks;
-    move_clocks(static_cast<std::int64_t>(ticks) * NS_PER_TICK);
+    constexpr std::int64_t ns_per_tick = 1'000'000;
+    machine_->clock.tick += ticks;
+    move_clocks(static_cast<std::int64_t>(ticks) * ns_per_tick);
 }
 
 void world::run_timers()
 {
-    inside->run_timers();
-    inside->settle();
+    machine_->run_timers();
+    machine_->settle();
 }
 
 void world::move_clocks(std::int64_t ns)
 {
-    inside->clock.wall_ns += ns;
-    inside->clock.raw_ns += ns;
+    machine_->clock.wall_ns += ns;
+    machine_->clock.raw_ns += ns;
 }
 
 void world::step_wall_clock(std::int64_t ns)
 {
-    inside->clock.wall_ns += ns;
+    machine_->clock.wall_ns += ns;
 }
 
 std::size_t world::timers() const
 {
-    return inside->wheel.size();
+    return machine_->wheel.size();
 }
 
 // What can be seen
 
 const std::vector<frame> &world::frames() const
 {
-    return inside->frames;
+    return machine_->frames;
 }
 
 std::vector<frame> world::take_frames()
 {
-    return std::exchange(inside->frames, {});
+    return std::exchange(machine_->frames, {});
 }
 
 const std::deque<log_line> &world::log() const
 {
-    return inside->log;
+    return machine_->log;
 }
 
 std::size_t world::logged(std::string_view part_of_a_line) const
 {
     return static_cast<std::size_t>(
-        std::ranges::count_if(inside->log, [part_of_a_line](const log_line &line) {
+        std::ranges::count_if(machine_->log, [part_of_a_line](const log_line &line) {
             return line.text.find(part_of_a_line) != std::string::npos;
         }));
 }
 
 void world::clear_log()
 {
-    inside->log.clear();
+    machine_->log.clear();
 }
 
 void world::expect_warning(const std::string &text)
 {
-    inside->expected_warnings.push_back(text);
+    machine_->expected_warnings.push_back(text);
 }
 
 std::size_t world::memory_in_use() const
 {
-    return inside->memory.bytes();
+    return machine_->memory.bytes();
 }
 
 // Faults and interleavings
 
 void world::fail(service which, int error, std::uint64_t nth, std::uint64_t times)
 {
-    inside->faults.plan(which, error, nth, times);
+    machine_->faults.plan(which, error, nth, times);
 }
 
 std::uint64_t world::uses(service which) const
 {
-    return inside->faults.uses(which);
+    return machine_->faults.uses(which);
 }
 
 std::uint64_t world::failed(service which) const
 {
-    return inside->faults.failed(which);
+    return machine_->faults.failed(which);
 }
 
 void world::next_random(std::uint32_t number)
 {
-    inside->next_randoms.push_back(number);
+    machine_->next_randoms.push_back(number);
 }
 
 void world::at_lock_point(std::uint64_t k, std::function<void()> action)
 {
-    inside->sched.at_lock_point(k, std::move(action));
+    machine_->sched.at_lock_point(k, std::move(action));
 }
 
 std::size_t world::actions_left() const
 {
-    return inside->sched.actions_left();
+    return machine_->sched.actions_left();
 }
 
 std::uint64_t world::lock_points() const
 {
-    return inside->sched.lock_points_passed();
+    return machine_->sched.lock_points_passed();
 }
 
 void world::race(std::vector<std::function<void()>> actions)
 {
-    inside->sched.race(std::move(actions));
-    inside->settle();
+    machine_->sched.race(std::move(actions));
+    machine_->settle();
 }
 
 } // namespace sim

@@ -27,9 +27,9 @@ struct net;
 namespace sim
 {
 
-struct state;
+struct machine;
 
-inline constexpr std::uint32_t TICKS_PER_SECOND = 1000;
+inline constexpr std::uint32_t ticks_per_second = 1000;
 
 struct world_options {
     std::vector<std::string> namespaces = {}; // there at the start, besides the initial one
@@ -136,8 +136,8 @@ class world
   private:
     void check_for_leaks();
 
-    std::unique_ptr<state> inside;
-    bool running = false;
+    std::unique_ptr<machine> machine_;
+    bool running_ = false;
 };
 
 } // namespace sim

@@ -271,7 +271,7 @@ TEST_P(fault_sweep, leaves_an_engine_as_good_as_new)
     constexpr std::uint64_t LIMIT = 500;
     std::uint64_t faults_met = 0;
     for (const fault &f : faults) {
-        for (const std::uint64_t times : {std::uint64_t{1}, fault_plan::ALWAYS}) {
+        for (const std::uint64_t times : {std::uint64_t{1}, fault_plan::always}) {
             std::uint64_t nth = 1;
             while (nth < LIMIT && !HasFailure() && run_with_fault(GetParam(), f, nth, times))
                 ++nth;

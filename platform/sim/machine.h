@@ -30,18 +30,18 @@ struct clocks {
     std::int64_t raw_ns;
 };
 
-struct state {
-    explicit state(const world_options &wanted);
-    ~state();
-    state(const state &) = delete;
-    state &operator=(const state &) = delete;
+struct machine {
+    explicit machine(const world_options &wanted);
+    ~machine();
+    machine(const machine &) = delete;
+    machine &operator=(const machine &) = delete;
 
     world_options options;
     clocks clock;
     scheduler sched;
     heap memory;
     fault_plan faults;
-    int own_allocations = 0; // greater than 0: what is allocated now is not the engine's doing
+    int unfailing = 0; // greater than 0: what is allocated now is the simulation's own
     hosted::timer_wheel wheel;
     random_source tie_breaker;
     random_source prandom;
@@ -52,8 +52,8 @@ struct state {
     notifier_block *notifier = nullptr;
     std::list<std::unique_ptr<agent>> agents;
     int threads = 0;
-    long slept_on_main = 0; // ticks, in kernel services
-    int module_references = 0;
+    long slept_on_main = 0;   // ticks, in kernel services
+    bool module_held = false; // the engine keeps it from being unloaded
 
     std::vector<frame> frames;
     std::deque<log_line> log;
@@ -73,8 +73,8 @@ struct state {
     void settle();
 };
 
-// The world that exists.
-state &the();
+// That of the world that exists.
+machine &the_machine();
 
 // Softirq context, for a scope.
 class softirq_scope
@@ -86,18 +86,18 @@ class softirq_scope
     softirq_scope &operator=(const softirq_scope &) = delete;
 
   private:
-    context &self;
-    std::size_t held_before;
+    context &self_;
+    std::size_t held_before_;
 };
 
 // Allocations of the simulation itself, which no fault concerns, for a scope.
-class own_allocations_scope
+class unfailing_allocations
 {
   public:
-    own_allocations_scope() { ++the().own_allocations; }
-    ~own_allocations_scope() { --the().own_allocations; }
-    own_allocations_scope(const own_allocations_scope &) = delete;
-    own_allocations_scope &operator=(const own_allocations_scope &) = delete;
+    unfailing_allocations() { ++the_machine().unfailing; }
+    ~unfailing_allocations() { --the_machine().unfailing; }
+    unfailing_allocations(const unfailing_allocations &) = delete;
+    unfailing_allocations &operator=(const unfailing_allocations &) = delete;
 };
 
 } // namespace sim

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Contexts' rules, the passing of time, and the death of namespaces.
-#include "platform/sim/state.h"
+#include "platform/sim/machine.h"
 
 #include <algorithm>
 #include <utility>
@@ -14,29 +14,29 @@ namespace sim
 namespace
 {
 
-constexpr std::int64_t NS_PER_TICK = 1'000'000;
+constexpr std::int64_t ns_per_tick = 1'000'000;
 
 // Not 0, and five minutes before 32 bits overflow, as the kernel does it.
-constexpr std::uint64_t FIRST_TICK = (std::uint64_t{1} << 32) - 300 * TICKS_PER_SECOND;
-constexpr clocks AT_START{
-    .tick = FIRST_TICK, .wall_ns = 1'764'000'000'123'456'789, .raw_ns = 98'765'432'100};
+constexpr std::uint64_t first_tick = (std::uint64_t{1} << 32) - 300 * ticks_per_second;
+constexpr clocks at_start{
+    .tick = first_tick, .wall_ns = 1'764'000'000'123'456'789, .raw_ns = 98'765'432'100};
 
-state *existing = nullptr;
+machine *existing = nullptr;
 
 bool reallocation_allowed()
 {
-    return the().faults.use(service::skb_reallocation) == 0;
+    return the_machine().faults.use(service::skb_reallocation) == 0;
 }
 
 } // namespace
 
-state &the()
+machine &the_machine()
 {
     return *existing;
 }
 
-state::state(const world_options &wanted)
-    : options(wanted), clock(AT_START), sched(wanted.seed), wheel(AT_START.tick),
+machine::machine(const world_options &wanted)
+    : options(wanted), clock(at_start), sched(wanted.seed), wheel(at_start.tick),
       tie_breaker(wanted.seed + 1), prandom(wanted.seed + 2)
 {
     if (existing != nullptr)
@@ -45,12 +45,12 @@ state::state(const world_options &wanted)
     hosted::skb_may_reallocate = reallocation_allowed;
 }
 
-state::~state()
+machine::~machine()
 {
     existing = nullptr;
 }
 
-void state::expect_may_sleep(const char *what)
+void machine::expect_may_sleep(const char *what)
 {
     const context &self = sched.current();
     if (self.may_sleep()) [[likely]]
@@ -59,7 +59,7 @@ void state::expect_may_sleep(const char *what)
             sched.report().c_str());
 }
 
-void state::advance_to(std::uint64_t tick)
+void machine::advance_to(std::uint64_t tick)
 {
     if (!sched.on_main())
         fatal("only the test itself moves the clock");
@@ -67,14 +67,14 @@ void state::advance_to(std::uint64_t tick)
     while (clock.tick < tick) {
         const std::uint64_t event = std::min({tick, wheel.next_event(), sched.next_wake()});
         const std::uint64_t next = std::max(event, clock.tick + 1);
-        const auto ns = static_cast<std::int64_t>(next - clock.tick) * NS_PER_TICK;
+        const auto ns = static_cast<std::int64_t>(next - clock.tick) * ns_per_tick;
         clock = {next, clock.wall_ns + ns, clock.raw_ns + ns};
         run_timers();
         settle();
     }
 }
 
-void state::settle()
+void machine::settle()
 {
     if (!sched.on_main())
         return;
@@ -92,18 +92,20 @@ void state::settle()
     }
 }
 
-softirq_scope::softirq_scope() : self(the().sched.current()), held_before(self.held_count)
+softirq_scope::softirq_scope()
+    : self_(the_machine().sched.current()), held_before_(self_.held_count)
 {
-    if (held_before != 0)
-        failure("a softirq on a processor that holds a lock\n%s", the().sched.report().c_str());
-    ++self.softirq_depth;
+    if (held_before_ != 0)
+        failure("a softirq on a processor that holds a lock\n%s",
+                the_machine().sched.report().c_str());
+    ++self_.softirq_depth;
 }
 
 softirq_scope::~softirq_scope()
 {
-    if (self.held_count != held_before)
-        failure("a softirq ends with a lock held\n%s", the().sched.report().c_str());
-    --self.softirq_depth;
+    if (self_.held_count != held_before_)
+        failure("a softirq ends with a lock held\n%s", the_machine().sched.report().c_str());
+    --self_.softirq_depth;
 }
 
 } // namespace sim
