@@ -12,8 +12,8 @@
 
 // Who asked for what.
 struct dump_request {
-    std::uint32_t portid;        // of the agent; 0 when nobody asked
-    std::uint32_t seq;           // of its request; 0 when nobody asked
+    std::uint32_t portid;        // of the agent; 0 without a request
+    std::uint32_t seq;           // of its request; 0 without one
     std::uint32_t discriminator; // 0 for everything
     std::uint32_t flags;         // KELM_STATS_*
     bool unsolicited;            // the periodic broadcast

@@ -58,7 +58,7 @@
  *
  * A refused request changes nothing except where its text below says so. Every request that
  * finds its vrf marks it as claimed (see KELM_MSG_SYNC), a refused one too, unless it was refused
- * for its number or for want of privilege before the vrf was looked up.
+ * for its type or its privilege before the vrf was looked up.
  *
  *
  * TRANSMISSION (requests; CAP_NET_ADMIN)
@@ -77,8 +77,8 @@
  *       checksum.
  *   Transmission is periodic with the jitter of `jitter_type`, once the transmit path is ready
  *   (see KELM_MSG_TX_PATH_READY); until then packets are only stored. KELM_TX_SEND_OOB sends the
- *   new contents once at the next tick, outside the rhythm, and then keeps the rhythm: for a Poll
- *   or a Final that must not wait. Replacing a packet keeps its sequence number, its rhythm and
+ *   new contents once at the next tick, out of band, and leaves the schedule as it was: for a Poll
+ *   or a Final that must not wait. Replacing a packet keeps its sequence number, its schedule and
  *   its statistics; a changed period restarts the interval statistics.
  *   The packet ends with the BFD control packet: `packet_len` is `latch_offset` + 24 + the length
  *   of the authentication section for `auth.type` (0 without, 3 + password length for a password,
@@ -106,7 +106,7 @@
  *   KELM_RX_TIMER_ACTIVE the detection timer runs from now, `multiplier` times `period`, and every
  *   packet that is accepted restarts it. When it expires, kelm multicasts `failure_packet`, a
  *   complete netlink message of the agent's own making, unchanged on KELM_NLG_NUM_NOTIFICATION
- *   (kelmd cannot carry one that is shorter than its header: nobody gets it, which is counted in
+ *   (kelmd cannot carry one that is shorter than its header: it is lost, and counted in
  *   `netlink_failure_fail`); latches the packets of `latch_tx_packets` with `latch_diagnostic`; and
  *   leaves the timer stopped until the next KELM_MSG_RX_SET_SESSION. A latch packet that this vrf
  *   does not have is looked for in the others. A packet is accepted if it passes `auth`: type,
@@ -488,12 +488,12 @@ struct kelm_msg_module_stats {
     uint64_t rx_packet_missing;    /* receive callbacks that found no packet */
     uint64_t num_invalid_sessions; /* packets for no session, passed up */
     uint64_t num_passup_disc_0;    /* packets with Your Discriminator 0, passed up */
-    uint64_t netlink_packet_change_fail;    /* packet changes that nobody got */
-    uint64_t netlink_failure_fail;          /* session failures that nobody got */
+    uint64_t netlink_packet_change_fail;    /* packet changes that no agent got */
+    uint64_t netlink_failure_fail;          /* session failures that no agent got */
     uint64_t pskb_expand_fail;              /* no memory to pass up a packet without a session */
-    uint64_t session_stats_no_skb_fail;     /* periodic statistics cut short for want of memory */
+    uint64_t session_stats_no_skb_fail;     /* periodic statistics cut short: no memory */
     uint64_t session_stats_send_stats_fail; /* or by an error */
-    uint64_t session_stats_broadcast_fail;  /* datagrams of them that nobody got */
+    uint64_t session_stats_broadcast_fail;  /* datagrams of them that no agent got */
     uint64_t timestamp_secs;
     uint64_t timestamp_nsecs;
     uint64_t seq_num; /* from 1, counts the periodic messages of this kind */

@@ -183,7 +183,7 @@ std::uint8_t traced_ttl(const std::uint8_t *ip, std::uint32_t disc, kelm_trace t
     return ttl;
 }
 
-bool ttl_admitted(const kelm_auth_config *cfg_auth, const void *ip, std::uint32_t disc,
+bool ttl_accepted(const kelm_auth_config *cfg_auth, const void *ip, std::uint32_t disc,
                   kelm_trace trace)
 {
     if ((cfg_auth->flags & (KELM_AUTH_TTL_255 | KELM_AUTH_TTL_254)) == 0)
@@ -194,7 +194,7 @@ bool ttl_admitted(const kelm_auth_config *cfg_auth, const void *ip, std::uint32_
     return (cfg_auth->flags & KELM_AUTH_TTL_254) == 0 || ttl == 254;
 }
 
-bool interface_admitted(const kelm_auth_config *cfg_auth, std::int32_t ifindex, std::uint32_t disc,
+bool interface_accepted(const kelm_auth_config *cfg_auth, std::int32_t ifindex, std::uint32_t disc,
                         kelm_trace trace)
 {
     const auto arrived_on = static_cast<std::uint32_t>(ifindex);
@@ -206,11 +206,11 @@ bool interface_admitted(const kelm_auth_config *cfg_auth, std::int32_t ifindex, 
     return false;
 }
 
-bool auth_type_admitted(const kelm_auth_config *cfg_auth, const std::uint8_t *packet,
+bool auth_type_accepted(const kelm_auth_config *cfg_auth, const std::uint8_t *packet,
                         std::uint64_t *auth_fail_cnt, std::uint64_t *auth_type_mismatch_cnt,
                         kelm_trace trace)
 {
-    // The debug type is sent without the A bit: its section is a trailer that nobody checks.
+    // The debug type is sent without the A bit: its section is an unchecked trailer.
     if (!auth_present(packet))
         return cfg_auth->type == BFD_AUTH_NONE || cfg_auth->type == BFD_AUTH_DEBUG_SEQNUM;
     if (packet[len_at] < min_authenticated_len) {
@@ -347,9 +347,9 @@ bool kelm_auth_valid(const kelm_auth_config *cfg_auth, const kelm_bfd_auth_key *
 {
     auto *packet = reinterpret_cast<std::uint8_t *>(bfd);
     const std::uint32_t disc = load_be32(packet + your_discriminator_at);
-    if (!auth_type_admitted(cfg_auth, packet, auth_fail_cnt, auth_type_mismatch_cnt, trace) ||
-        !ttl_admitted(cfg_auth, ip, disc, trace) ||
-        !interface_admitted(cfg_auth, ifindex, disc, trace))
+    if (!auth_type_accepted(cfg_auth, packet, auth_fail_cnt, auth_type_mismatch_cnt, trace) ||
+        !ttl_accepted(cfg_auth, ip, disc, trace) ||
+        !interface_accepted(cfg_auth, ifindex, disc, trace))
         return false;
 
     // With or without the A bit: what follows the mandatory section may be a debug trailer.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Intrusive doubly linked lists. A record embeds a list_link for each list that it can be in;
-// the list owns nothing. Whoever uses a list guards it with a lock.
+// the list owns nothing, and its users guard it with a lock.
 #pragma once
 
 #include <bit>

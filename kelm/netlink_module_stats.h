@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Module statistics: what went wrong in a vrf that nobody could be told about at once. Reported
-// and cleared by statistics requests.
+// Module statistics: what went wrong in a vrf and could not be reported at once. Reported and
+// cleared by statistics requests.
 #pragma once
 
 #include <atomic>

@@ -2,7 +2,7 @@
 //
 // A vrf's records of one kind, by discriminator: 32 chains. A new record goes to the end of its
 // chain, and the chains alone decide in which order records are visited. The table owns nothing;
-// whoever uses it holds its lock.
+// its users hold its lock.
 #pragma once
 
 #include <cstdint>

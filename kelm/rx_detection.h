@@ -23,6 +23,6 @@ void configure_detection(rx_session *session);
 // A packet has been accepted, which starts an active timer anew.
 void restart_detection(rx_session *session);
 
-// Stops the timer for good and unlinks the packets, of a session that nobody can find any more.
+// Stops the timer for good and unlinks the packets, of a session that has left its table.
 // Returns once no callback of the timer runs. Task context, no lock held.
 void end_detection(rx_session *session);

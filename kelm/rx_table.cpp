@@ -37,8 +37,8 @@ rx_session *__create_session(kelm_vrf *vrf, std::uint32_t discriminator)
     return session;
 }
 
-// Undoes __create_session. The caller holds rx_lock and has held it since, so that nobody else
-// knows the session.
+// Undoes __create_session. The caller holds rx_lock and has held it since, so that the session has
+// no other user.
 void __discard_session(rx_session *session)
 {
     session->vrf->sessions.take_back(*session);
@@ -133,8 +133,8 @@ int set_session(kelm_vrf *vrf, const kelm_msg_rx_set_session &msg)
 void free_session(rx_session *session)
 {
     const std::uint32_t disc = session->discriminator;
-    // Nobody can find the session any more, but somebody who found it before may hold its lock, or
-    // a timer callback may be about to take it.
+    // The session cannot be found any more, but the receive path may still hold its lock, or a
+    // timer callback be about to take it.
     bh_guard(session->lock).unlock();
     end_detection(session);
     if (session->fail_skb != nullptr) {

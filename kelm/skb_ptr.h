@@ -16,7 +16,7 @@ class skb_ptr
     [[nodiscard]] sk_buff *get() const { return skb_; }
     explicit operator bool() const { return skb_ != nullptr; }
 
-    // Hands the reference on to whoever takes the pointer.
+    // Hands the reference on with the pointer.
     [[nodiscard]] sk_buff *release()
     {
         sk_buff *skb = skb_;

@@ -17,7 +17,7 @@ extern "C" {
 // The wall clock: seconds since 1970, may be stepped either way. Any context.
 void ktime_get_real_ts64(timespec64 *ts) KELM_PLATFORM(ktime_get_real_ts64);
 
-// A clock that nobody adjusts and that never goes back while the machine is up. Any context.
+// A clock that is never adjusted and never goes back while the machine is up. Any context.
 void ktime_get_raw_ts64(timespec64 *ts) KELM_PLATFORM(ktime_get_raw_ts64);
 
 // The tick count. Never goes back, is never 0 and does not wrap. Any context.

@@ -5,7 +5,7 @@
 // service's contract: calling context, ownership, errors.
 //
 // Contexts are the kernel's. "Task" may sleep; "softirq" (the receive callback and every
-// timer callback) may not, nor may anybody who holds a spinlock. "Any" means both.
+// timer callback) may not, nor may the holder of a spinlock. "Any" means both.
 //
 // Every service has C linkage and a symbol of its own, kelm_ in front of the name, so that
 // the engine can be linked into a kernel beside the functions it names.

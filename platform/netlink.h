@@ -35,7 +35,7 @@ struct netlink_dump_control {
     // Fills one datagram. Positive: call again with a fresh buffer; 0: the dump is over. Sets
     // no_room if that is because the next message does not fit even into the empty buffer: the
     // host can clear it and call again with a larger one.
-    // In the context of the requesting task, or of whoever reads the agent's socket; one call
+    // In the context of the requesting task, or of one that reads the agent's socket; one call
     // at a time per dump, no lock held.
     int (*dump)(sk_buff *skb, netlink_callback *cb);
     // Called once for every dump whose start succeeded: after its last datagram, or when the
@@ -78,11 +78,11 @@ nlmsghdr *__nlmsg_put(sk_buff *skb, std::uint32_t portid, std::uint32_t seq, int
                       int flags) KELM_PLATFORM(__nlmsg_put);
 
 // Delivers the buffer to every subscriber of a group, or to one port. The reference is taken over
-// whatever the result; others may hold more, and the host does not change the data. Nobody waits: a
+// whatever the result; others may hold more, and the host does not change the data. A
 // subscriber without room misses the message. Any context.
 //
 // netlink_broadcast: 0 if a subscriber got it; -ESRCH without subscribers; which negative error
-// number tells that nobody had room is the host's choice.
+// number it is when no subscriber had room is the host's choice.
 [[nodiscard]] int netlink_broadcast(sock *sk, sk_buff *skb, std::uint32_t portid,
                                     std::uint32_t group, gfp_t gfp)
     KELM_PLATFORM(netlink_broadcast);

@@ -12,7 +12,7 @@
 extern "C" {
 
 // Writes to the log; fmt starts with a level prefix and brings its own line break. Any context, any
-// lock held; never waits for whoever reads the log. Formats: the C library's, integers, %s and %p.
+// lock held; never waits for a reader of the log. Formats: the C library's, integers, %s and %p.
 [[gnu::format(printf, 1, 2)]] void printk(const char *fmt, ...) KELM_PLATFORM(printk);
 
 // A kernel warning: a broken invariant, reported with a backtrace. Execution goes on. fmt has

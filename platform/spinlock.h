@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Spinlocks. Whoever holds one must not sleep. Not recursive.
+// Spinlocks. A holder must not sleep. Not recursive.
 #pragma once
 
 #include "platform/label.h"
@@ -12,7 +12,7 @@ struct spinlock_t {
 
 extern "C" {
 
-// Prepares a lock, unlocked; to be called before any other use, again only while nobody holds it,
+// Prepares a lock, unlocked; to be called before any other use, again only while it is not held,
 // in any context. rank is the lock's place in the lock order: a processor takes locks in rising
 // rank only, and never two of one rank. All locks of one rank form one class of the kernel's lock
 // validator, name names it. rank is below 16; name is a literal.

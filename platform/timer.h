@@ -39,7 +39,7 @@ int del_timer(timer_list *timer) KELM_PLATFORM(del_timer);
 // pending, else 0. Task context, without any lock that the callback takes.
 int del_timer_sync(timer_list *timer) KELM_PLATFORM(del_timer_sync);
 
-// Any context; stable only under a lock that everybody holds who arms or disarms the timer.
+// Any context; stable only under a lock that is held wherever the timer is armed or disarmed.
 [[nodiscard]] bool timer_pending(const timer_list *timer) KELM_PLATFORM(timer_pending);
 
 // The tick for which the timer was last armed, 0 if it never was. Any context.

@@ -5,7 +5,7 @@
 // The test itself is the main context; it runs until it waits. Kernel threads are contexts, and
 // so is everything that is made to run at another context's lock point. A context that waits, for
 // a lock or for a condition, is switched away from; among those that can go on, the one suspended
-// last is resumed, or in a race, any one by the seed. Nobody being able to go on is a deadlock.
+// last is resumed, or in a race, any one by the seed. If none can go on, that is a deadlock.
 #pragma once
 
 #include <array>

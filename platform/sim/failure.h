@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // How the simulation says that something is wrong: a rule of the platform broken by the engine, a
-// kernel warning nobody expected, a leak.
+// kernel warning that was not expected, a leak.
 #pragma once
 
 #include <functional>

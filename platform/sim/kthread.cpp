@@ -33,7 +33,7 @@ void run(task_struct &task)
 // How long the test itself may sleep inside the engine before it counts as hanging, ticks.
 constexpr long longest_sleep_of_main = 10'000;
 
-// The test's own context sleeps: nobody else moves the clock, so it does.
+// The test's own context sleeps, and moves the clock itself.
 void sleep_on_main(long ticks)
 {
     sim::machine &s = sim::the_machine();

@@ -63,7 +63,7 @@ void machine::advance_to(std::uint64_t tick)
 {
     if (!sched.on_main())
         fatal("only the test itself moves the clock");
-    settle(); // somebody may be about to sleep
+    settle(); // a context may be about to sleep
     while (clock.tick < tick) {
         const std::uint64_t event = std::min({tick, wheel.next_event(), sched.next_wake()});
         const std::uint64_t next = std::max(event, clock.tick + 1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Everything that the services share: the inside of a world. There is one at a time.
+// Everything that the services share: the machine of a world. There is one at a time.
 #pragma once
 
 #include <cstdint>
@@ -69,7 +69,7 @@ struct machine {
     void run_timers();
     void advance_to(std::uint64_t tick);
 
-    // Runs everybody who can run, and buries the namespaces that have died.
+    // Runs all contexts that can run, and buries the namespaces that have died.
     void settle();
 };
 

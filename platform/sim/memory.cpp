@@ -19,7 +19,7 @@ namespace
 
 constexpr std::uint32_t in_use = 0x5ca1ab1e;
 
-// What fresh memory contains: nobody may rely on zeroes that were not asked for.
+// What fresh memory contains: code must not rely on zeroes that were not asked for.
 constexpr int fresh_byte = 0xa5;
 
 // Walks the chain of frame pointers, as far as it plausibly is one.

@@ -78,7 +78,7 @@ void release(spinlock_t *storage, bool bh)
         static_cast<std::size_t>(std::remove(self.held.begin(), end, &l) - self.held.begin());
     self.bh_off_depth -= bh ? 1 : 0;
     l.holder = nullptr;
-    // Whoever waits goes first. The lock may be gone when we go on.
+    // A waiter goes first. The lock may be gone when we go on.
     if (l.waiters != 0)
         sched.yield();
     sched.lock_point();

@@ -16,7 +16,7 @@ void wait_queue::wait(std::unique_lock<mutex> &lock, const std::function<bool()>
     lock.lock();
 }
 
-// Waiters are looked at whenever somebody is chosen to run.
+// Waiters are looked at whenever the next context to run is chosen.
 void wait_queue::wake_all() {}
 
 } // namespace hosted

@@ -35,7 +35,7 @@ sk_buff *make_buffer(const datagram &arriving)
     return skb;
 }
 
-// A packet tap: has the buffer too, and notices if somebody writes into it.
+// A packet tap: has the buffer too, and notices when it is written into.
 class tap
 {
   public:
@@ -93,7 +93,7 @@ constexpr unsigned int loopback_index = 1;
 world::world(const world_options &options) : machine_(std::make_unique<machine>(options))
 {
     net &first = create_namespace("initial");
-    ++first.refs; // of the init process; nobody abandons this one
+    ++first.refs; // of the init process: this one is never abandoned
     for (const std::string &name : options.namespaces)
         create_namespace(name);
     if (!options.start)

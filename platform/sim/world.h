@@ -87,7 +87,7 @@ class world
     // Time goes by, tick by tick, and what is due runs at its tick.
     void advance(std::uint64_t ticks);
 
-    // Time goes by, but nobody gets to run: timers become late.
+    // Time goes by, but nothing gets to run: timers become late.
     void pass(std::uint64_t ticks);
     void run_timers(); // all that are due by now
 
