@@ -30,6 +30,17 @@ error closed()
     return {ECANCELED, "the connection to kelm has been closed"};
 }
 
+std::vector<report> decode_all(std::vector<raw_report> raw)
+{
+    std::vector<report> decoded;
+    decoded.reserve(raw.size());
+    for (raw_report &report : raw)
+        decoded.push_back(decode_report(std::move(report)));
+    return decoded;
+}
+
+const raw_report overrun_event = {.type = NLMSG_OVERRUN, .is_well_formed = true, .body = {}};
+
 } // namespace
 
 client::client(const std::string &netns) : client(transport::open(netns)) {}
@@ -56,6 +67,16 @@ client::~client()
 // Requests
 
 void client::submit(request req, completion done)
+{
+    submit_raw(std::move(req), [done = std::move(done)](raw_answer how) {
+        done({.error_number = how.error_number,
+              .is_refused = how.is_refused,
+              .text = std::move(how.text),
+              .reports = decode_all(std::move(how.reports))});
+    });
+}
+
+void client::submit_raw(request req, raw_completion done)
 {
     if (is_closing_)
         throw closed();
@@ -93,7 +114,7 @@ bool client::receive_some()
             return true;
         case channel::outcome::overrun:
             queue_.overrun();
-            queue_event(overrun{});
+            queue_event(overrun_event);
             break;
         case channel::outcome::datagram:
             overdue_bytes_ += datagram_.size();
@@ -113,7 +134,7 @@ void client::take(byte_view datagram)
             queue_.overrun();
         else if (queue_.take(*msg, channel_->port_id(), channel_->now()))
             continue;
-        queue_event(parse_report(*msg));
+        queue_event(check_report(*msg));
     }
 }
 
@@ -151,37 +172,40 @@ void client::wait(time_point until)
 }
 
 // Shared, because a completion that throws ends the wait and leaves ours behind.
-std::vector<report> client::execute(const request &req)
+std::vector<raw_report> client::execute_raw(const request &req)
 {
-    const auto ended = std::make_shared<std::optional<answer>>();
-    submit(req, [ended](answer how) { *ended = std::move(how); });
+    const auto ended = std::make_shared<std::optional<raw_answer>>();
+    submit_raw(req, [ended](raw_answer how) { *ended = std::move(how); });
     for (progress(); !*ended; progress())
         wait(time_point::max());
-    const answer &how = **ended;
+    raw_answer &how = **ended;
     if (how.is_refused)
         throw refused(req.type, req.discriminator, how.error_number);
     if (how.error_number != 0)
         throw error(how.error_number, how.text);
-    return std::move((*ended)->reports);
+    return std::move(how.reports);
+}
+
+std::vector<report> client::execute(const request &req)
+{
+    return decode_all(execute_raw(req));
 }
 
 // Events
 
 // Netlink's own messages are nothing for the caller.
-void client::queue_event(report event)
+void client::queue_event(raw_report event)
 {
-    const auto *unknown = std::get_if<unknown_message>(&event);
-    if (unknown != nullptr && unknown->type < NLMSG_MIN_TYPE)
+    if (event.type < NLMSG_MIN_TYPE && event.type != NLMSG_OVERRUN)
         return;
     if (events_.size() >= max_queued_events) {
-        if (!std::holds_alternative<overrun>(events_.back()))
-            events_.back() = overrun{};
+        events_.back() = overrun_event;
         return;
     }
     events_.push_back(std::move(event));
 }
 
-std::optional<report> client::next_event(milliseconds timeout)
+std::optional<raw_report> client::next_raw_event(milliseconds timeout)
 {
     const time_point until = channel_->now() + timeout;
     if (events_.empty())
@@ -192,9 +216,17 @@ std::optional<report> client::next_event(milliseconds timeout)
     }
     if (events_.empty())
         return std::nullopt;
-    report first = std::move(events_.front());
+    raw_report first = std::move(events_.front());
     events_.pop_front();
     return first;
+}
+
+std::optional<report> client::next_event(milliseconds timeout)
+{
+    auto event = next_raw_event(timeout);
+    if (!event)
+        return std::nullopt;
+    return decode_report(*std::move(event));
 }
 
 } // namespace kelm

@@ -31,6 +31,8 @@ namespace kelm
 // of them is completed exactly once, whatever happens. In an event loop:
 //
 //     poll fd() for poll_events(), until deadline() at the latest; then progress()
+//
+// The functions with raw in their names leave reports as they came, for the C interface.
 class client
 {
   public:
@@ -53,6 +55,7 @@ class client
     //   ECANCELED     the client was destroyed; or
     //   what the connection failed with.
     void submit(request, completion done);
+    void submit_raw(request, raw_completion done);
 
     // Sends and receives what can be without waiting, calls the completions of what has ended, and
     // keeps events for next_event(). What a completion throws comes through; the others follow
@@ -73,6 +76,7 @@ class client
     // cleared as it was read, so that counters have to be added up and the rest is to be taken
     // from the first. Throws refused when kelm says no.
     std::vector<report> execute(const request &);
+    std::vector<raw_report> execute_raw(const request &);
 
     // The same, where the request is one that kelm answers with a dump.
     std::vector<report> dump(const request &req) { return execute(req); }
@@ -90,6 +94,7 @@ class client
     // have got nothing from a call with timeout 0: events may be waiting that no longer make the
     // descriptor readable.
     std::optional<report> next_event(milliseconds timeout);
+    std::optional<raw_report> next_raw_event(milliseconds timeout);
 
     // How long kelm may be silent about a request, before that ends with ETIMEDOUT. Answers to
     // earlier requests are no silence.
@@ -106,12 +111,12 @@ class client
     bool is_time_up(bool has_read_all);
     void complete();
     void wait(time_point until);
-    void queue_event(report);
+    void queue_event(raw_report);
 
     std::unique_ptr<channel> channel_;
     request_queue queue_;
     milliseconds answer_timeout_ = answer_timeout;
-    std::deque<report> events_;
+    std::deque<raw_report> events_;
     bytes datagram_;                // received last
     std::size_t overdue_bytes_ = 0; // received since deadline()
     bool is_closing_ = false;

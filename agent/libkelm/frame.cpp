@@ -84,7 +84,7 @@ std::optional<bfd_packet> decode_bfd(byte_view control)
     return packet;
 }
 
-std::optional<frame_info> decode_frame(const packet_change &change)
+std::optional<frame_info> decode_frame(const packet_view &change)
 {
     const byte_view frame = change.frame;
     if (change.bfd_offset > frame.size() || change.l3_offset > frame.size())

@@ -42,6 +42,12 @@ struct frame_info {
 };
 
 // Nothing if the frame holds no BFD packet where it should.
-std::optional<frame_info> decode_frame(const packet_change &);
+std::optional<frame_info> decode_frame(const packet_view &);
+
+inline std::optional<frame_info> decode_frame(const packet_change &change)
+{
+    return decode_frame(packet_view{change.discriminator, change.ifindex, change.member_ifindex,
+                                    change.l3_offset, change.bfd_offset, change.frame});
+}
 
 } // namespace kelm

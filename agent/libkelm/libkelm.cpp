@@ -16,28 +16,15 @@
 #include "libkelm/names.h"
 #include "libkelm/packet.h"
 
-namespace
-{
-
-// A report in the form that kelm_report points to.
-struct encoded_report {
-    std::uint16_t type;
-    kelm::bytes body;
-
-    kelm_report view() const { return {.type = type, .length = body.size(), .body = body.data()}; }
-};
-
-} // namespace
-
 struct kelm_client {
     explicit kelm_client(const char *netns) : client(netns) {}
 
     kelm::client client;
-    encoded_report event = {}; // what the caller looks at
+    kelm::raw_report event = {}; // what the caller looks at
 };
 
 struct kelm_dump {
-    std::vector<encoded_report> reports;
+    std::vector<kelm::raw_report> reports;
     std::size_t next = 0;
 };
 
@@ -79,73 +66,19 @@ kelm::byte_view view(const void *data, std::size_t length)
     return {static_cast<const std::uint8_t *>(data), length};
 }
 
-// A fixed body with whatever follows it.
-template<typename Body>
-kelm::bytes concatenate(const Body &body, kelm::byte_view rest = {})
+kelm_report to_c(const kelm::raw_report &report)
 {
-    const kelm::byte_view front = view(&body, sizeof body);
-    kelm::bytes all(front.begin(), front.end());
-    all.insert(all.end(), rest.begin(), rest.end());
-    return all;
+    std::uint16_t type = report.type;
+    if (type == NLMSG_OVERRUN)
+        type = KELM_REPORT_LOST;
+    else if (!report.is_well_formed)
+        type = KELM_REPORT_MALFORMED;
+    return {.type = type, .length = report.body.size(), .body = report.body.data()};
 }
 
-struct report_encoder {
-    encoded_report operator()(const kelm_msg_rx_stats &body) const
-    {
-        return {KELM_MSG_RX_STATS, concatenate(body)};
-    }
-    encoded_report operator()(const kelm_msg_tx_stats &body) const
-    {
-        return {KELM_MSG_TX_STATS, concatenate(body)};
-    }
-    encoded_report operator()(const kelm_msg_module_stats &body) const
-    {
-        return {KELM_MSG_MODULE_STATS, concatenate(body)};
-    }
-    encoded_report operator()(const kelm_msg_rx_sync &body) const
-    {
-        return {KELM_MSG_RX_SYNC, concatenate(body)};
-    }
-    encoded_report operator()(const kelm_msg_tx_sync &body) const
-    {
-        return {KELM_MSG_TX_SYNC, concatenate(body)};
-    }
-    encoded_report operator()(const kelm::packet_change &change) const
-    {
-        kelm_msg_rx_packet_change head = {};
-        head.header.discriminator = change.discriminator;
-        head.ifindex = change.ifindex;
-        head.member_ifindex = change.member_ifindex;
-        head.l3_offset = change.l3_offset;
-        head.bfd_offset = change.bfd_offset;
-        head.packet_len = static_cast<std::uint32_t>(change.frame.size());
-        return {KELM_MSG_RX_PACKET_CHANGE, concatenate(head, change.frame)};
-    }
-    encoded_report operator()(const kelm::session_failure &failure) const
-    {
-        const kelm_msg_header head = {failure.discriminator};
-        return {KELM_MSG_SESSION_FAILURE, concatenate(head, failure.rest)};
-    }
-    encoded_report operator()(const kelm::unknown_message &unknown) const
-    {
-        const bool is_known = unknown.type >= KELM_MSG_MIN && unknown.type < KELM_MSG_MAX;
-        return {is_known ? static_cast<std::uint16_t>(KELM_REPORT_MALFORMED) : unknown.type,
-                unknown.body};
-    }
-    encoded_report operator()(const kelm::overrun &) const { return {KELM_REPORT_LOST, {}}; }
-};
-
-kelm_dump encode_all(const std::vector<kelm::report> &reports)
+int make_dump(std::vector<kelm::raw_report> reports, kelm_dump **dump)
 {
-    kelm_dump made;
-    for (const auto &report : reports)
-        made.reports.push_back(std::visit(report_encoder{}, report));
-    return made;
-}
-
-int make_dump(const std::vector<kelm::report> &reports, kelm_dump **dump)
-{
-    *dump = new kelm_dump(encode_all(reports));
+    *dump = new kelm_dump{.reports = std::move(reports)};
     return 0;
 }
 
@@ -193,10 +126,10 @@ kelm::request request_of(std::uint16_t type, const void *body, kelm::byte_view r
     }
 }
 
-void complete(const kelm::answer &how, kelm_completion *done, void *context)
+void complete(kelm::raw_answer how, kelm_completion *done, void *context)
 {
     const int result = how.error_number == 0 ? 0 : fail(how.error_number, how.text.c_str());
-    kelm_dump replies = encode_all(how.reports);
+    kelm_dump replies{.reports = std::move(how.reports)};
     done(context, result, &replies);
 }
 
@@ -390,9 +323,9 @@ int kelm_client_submit(kelm_client *client, std::uint16_t type, const void *body
                        std::size_t rest_length, kelm_completion *done, void *context)
 {
     return guarded([=] {
-        client->client.submit(
+        client->client.submit_raw(
             request_of(type, body, view(rest, rest_length)),
-            [done, context](const kelm::answer &how) { complete(how, done, context); });
+            [done, context](kelm::raw_answer how) { complete(std::move(how), done, context); });
         return 0;
     });
 }
@@ -432,32 +365,33 @@ int kelm_client_next_event(kelm_client *client, unsigned int timeout_millisecond
                            struct kelm_report *event)
 {
     return guarded([=] {
-        const auto next = client->client.next_event(kelm::milliseconds(timeout_milliseconds));
+        auto next = client->client.next_raw_event(kelm::milliseconds(timeout_milliseconds));
         if (!next)
             return 0;
-        client->event = std::visit(report_encoder{}, *next);
-        *event = client->event.view();
+        client->event = *std::move(next);
+        *event = to_c(client->event);
         return 1;
     });
 }
 
 int kelm_client_sync_dump(kelm_client *client, kelm_dump **dump)
 {
-    return guarded([=] { return make_dump(client->client.dump(kelm::sync(0)), dump); });
+    return guarded([=] { return make_dump(client->client.execute_raw(kelm::sync(0)), dump); });
 }
 
 int kelm_client_statistics(kelm_client *client, std::uint32_t discriminator, std::uint32_t flags,
                            kelm_dump **dump)
 {
-    return guarded(
-        [=] { return make_dump(client->client.statistics(discriminator, flags), dump); });
+    return guarded([=] {
+        return make_dump(client->client.execute_raw(kelm::get_stats(discriminator, flags)), dump);
+    });
 }
 
 int kelm_dump_next(kelm_dump *dump, struct kelm_report *report)
 {
     if (dump->next == dump->reports.size())
         return 0;
-    *report = dump->reports[dump->next++].view();
+    *report = to_c(dump->reports[dump->next++]);
     return 1;
 }
 
@@ -524,14 +458,8 @@ int kelm_decode_frame(const struct kelm_report *report, struct kelm_frame *frame
         if (report->type != KELM_MSG_RX_PACKET_CHANGE)
             throw kelm::error(EINVAL, "a report of type " + std::to_string(report->type) +
                                           " holds no frame");
-        const auto parsed = kelm::parse_report({.header = {.nlmsg_len = 0,
-                                                           .nlmsg_type = report->type,
-                                                           .nlmsg_flags = 0,
-                                                           .nlmsg_seq = 0,
-                                                           .nlmsg_pid = 0},
-                                                .body = view(report->body, report->length)});
-        const auto *change = std::get_if<kelm::packet_change>(&parsed);
-        const auto info = change == nullptr ? std::nullopt : kelm::decode_frame(*change);
+        const auto packet = kelm::view_packet(view(report->body, report->length));
+        const auto info = packet ? kelm::decode_frame(*packet) : std::nullopt;
         if (!info)
             throw kelm::error(EBADMSG, "the frame holds no BFD packet");
         *frame = to_c(*info);

@@ -39,7 +39,7 @@ bool is_reply_type(std::uint16_t type)
     }
 }
 
-answer failure(int number, const std::string &text)
+raw_answer failure(int number, const std::string &text)
 {
     return {.error_number = number, .is_refused = false, .text = text, .reports = {}};
 }
@@ -49,7 +49,7 @@ constexpr char lost_text[] =
 
 } // namespace
 
-request_queue::entry::entry(request asked, completion call, time_point submitted)
+request_queue::entry::entry(request asked, raw_completion call, time_point submitted)
     : what(std::move(asked)), done(std::move(call)), is_dump(starts_dump(what)), since(submitted)
 {
 }
@@ -59,7 +59,7 @@ std::size_t request_queue::entry::memory() const
     return sizeof *this + what.body.size();
 }
 
-void request_queue::submit(request what, completion done, time_point now)
+void request_queue::submit(request what, raw_completion done, time_point now)
 {
     entry added(std::move(what), std::move(done), now);
     if (waiting_bytes_ + added.memory() > waiting_limit)
@@ -162,7 +162,7 @@ bool request_queue::take(const message &msg, std::uint32_t port_id, time_point n
     if (header.nlmsg_type == NLMSG_ERROR)
         end_with_result(take_sent(), read_as<std::int32_t>(msg.body).value_or(0));
     else
-        sent_.front().reports.push_back(parse_report(msg));
+        sent_.front().reports.push_back(check_report(msg));
     return true;
 }
 
@@ -175,7 +175,7 @@ void request_queue::take_for_dump(const message &msg, time_point now)
     if (msg.header.nlmsg_type == NLMSG_ERROR || msg.header.nlmsg_type == NLMSG_DONE)
         end_dump(read_as<std::int32_t>(msg.body).value_or(0), now);
     else
-        dump_->reports.push_back(parse_report(msg));
+        dump_->reports.push_back(check_report(msg));
 }
 
 void request_queue::end_dump(int result, time_point now)
@@ -256,7 +256,7 @@ void request_queue::expire(time_point now, milliseconds timeout)
 
 void request_queue::abandon(const error &problem)
 {
-    const answer failed = failure(problem.number(), problem.what());
+    const raw_answer failed = failure(problem.number(), problem.what());
     while (!sent_.empty())
         end(take_sent(), failed);
     if (dump_)
@@ -294,14 +294,14 @@ request_queue::entry request_queue::take_dump(time_point now)
     return taken;
 }
 
-void request_queue::end(entry over, answer how)
+void request_queue::end(entry over, raw_answer how)
 {
     ended_.push_back({std::move(over.done), std::move(how)});
 }
 
 void request_queue::end_with_result(entry over, std::int32_t result)
 {
-    answer how;
+    raw_answer how;
     if (result < 0) {
         const refused problem(over.what.type, over.what.discriminator,
                               -std::max(result, -max_errno));
@@ -317,7 +317,7 @@ void request_queue::end_with_result(entry over, std::int32_t result)
 
 void request_queue::end_unanswered(entry over)
 {
-    answer how = failure(ETIMEDOUT, over.has_lost ? lost_text : "kelm does not answer");
+    raw_answer how = failure(ETIMEDOUT, over.has_lost ? lost_text : "kelm does not answer");
     end(std::move(over), std::move(how));
 }
 

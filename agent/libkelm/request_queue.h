@@ -21,15 +21,20 @@ namespace kelm
 {
 
 // How a request ended.
-struct answer {
+template<typename Report>
+struct basic_answer {
     int error_number = 0;        // 0, or a positive errno value
     bool is_refused = false;     // kelm said no; other errors leave open what kelm has done
     std::string text;            // of the error, for people
-    std::vector<report> reports; // what kelm replied besides; none after an error
+    std::vector<Report> reports; // what kelm replied besides; none after an error
 };
+
+using answer = basic_answer<report>;
+using raw_answer = basic_answer<raw_report>;
 
 // Called exactly once for each request.
 using completion = std::function<void(answer)>;
+using raw_completion = std::function<void(raw_answer)>;
 
 // Requests are sent in the order in which they were submitted, except that a dump waits for the
 // end of the one before it and the others overtake it: kelm runs one dump per socket. kelm answers
@@ -53,7 +58,7 @@ class request_queue
     explicit request_queue(std::uint32_t first_sequence) : sequence_(first_sequence) {}
 
     // Throws error with ENOBUFS if too many requests wait already; `done` is not called then.
-    void submit(request, completion done, time_point now);
+    void submit(request, raw_completion done, time_point now);
 
     // Whether flush() has something to send.
     bool can_send() const;
@@ -80,26 +85,26 @@ class request_queue
 
     // A request that has ended, for the queue's owner to complete; in the order of the endings.
     struct ending {
-        completion done;
-        answer how;
+        raw_completion done;
+        raw_answer how;
     };
     std::optional<ending> next_ended();
     bool has_ended() const { return !ended_.empty(); }
 
   private:
     struct entry {
-        entry(request, completion, time_point submitted);
+        entry(request, raw_completion, time_point submitted);
         std::size_t memory() const;
 
         request what;
-        completion done;
+        raw_completion done;
         bool is_dump;
         time_point since;            // submitted; of a dump: sent again, or heard of last
         std::uint32_t sequence = 0;  // once sent
         int attempts = 0;            // of a dump, spoilt ones
         bool has_lost = false;       // datagrams were lost while it was awaited
         bool is_interrupted = false; // kelm says that the dump is not consistent
-        std::vector<report> reports = {};
+        std::vector<raw_report> reports = {};
     };
 
     static bool has_room(std::size_t requests, std::size_t size, const entry &next);
@@ -114,7 +119,7 @@ class request_queue
     entry take_waiting();
     entry take_sent();
     entry take_dump(time_point now);
-    void end(entry, answer);
+    void end(entry, raw_answer);
     void end_with_result(entry, std::int32_t result);
     void end_unanswered(entry);
     time_point due(const entry &, milliseconds timeout) const;

@@ -16,7 +16,7 @@ std::vector<kelm::report> parse_all(kelm::byte_view datagram)
     std::vector<kelm::report> reports;
     kelm::message_reader reader(datagram);
     while (auto msg = reader.next())
-        reports.push_back(kelm::parse_report(*msg));
+        reports.push_back(kelm::decode_report(kelm::check_report(*msg)));
     return reports;
 }
 
