@@ -18,8 +18,8 @@
 
 enum {
     MULTIPLIER = 3,
-    SLOW_INTERVAL = 1000000,    /* us; RFC 5880 section 6.8.3 */
-    LONGEST_FAREWELL = 10000000 /* us */
+    SLOW_INTERVAL = 1000000, /* us; RFC 5880 section 6.8.3 */
+    MAX_HOLD = 10000000      /* us */
 };
 
 struct session {
@@ -34,7 +34,7 @@ struct session {
     struct kelm_bfd remote;  /* the peer's last packet */
 };
 
-/* What is assumed of a peer that has not been heard. */
+/* What we assume of a peer before its first packet. */
 static const struct kelm_bfd unknown_peer = {.detect_multiplier = MULTIPLIER};
 
 static kelm_microsecs longer(kelm_microsecs a, kelm_microsecs b)
@@ -151,10 +151,10 @@ static void enter(struct session *s, uint8_t state, uint8_t diag)
     fflush(stdout);
 }
 
-/* Whether a packet is this session's: by its discriminator, or by address until the peer has it. */
+/* Whether a packet is for this session: by discriminator, or by address until the peer has it. */
 static int is_ours(const struct session *s, const struct kelm_frame *frame)
 {
-    if (frame->ttl != 255) /* kelm has looked at that only where it had a session */
+    if (frame->ttl != 255) /* kelm checks it only for its own sessions */
         return 0;
     if (frame->bfd.your_discriminator != 0)
         return frame->bfd.your_discriminator == s->discriminator;
@@ -173,7 +173,7 @@ static int forget_peer(struct session *s)
     return result == -ENOENT ? 0 : result;
 }
 
-/* A packet of the peer's that says something new. */
+/* A packet from the peer with new contents. */
 static int hear(struct session *s, const struct kelm_report *report)
 {
     struct kelm_frame frame;
@@ -189,7 +189,7 @@ static int hear(struct session *s, const struct kelm_report *report)
     return tell_kelm(s, frame.bfd.flags & BFD_FLAG_POLL ? BFD_FLAG_FINAL : poll_flag(s));
 }
 
-/* kelm has not heard the peer for the detection time, and is telling it so already. */
+/* The detection time has expired; kelm is already telling the peer. */
 static int lose(struct session *s)
 {
     if (s->state == BFD_STATE_DOWN)
@@ -199,7 +199,7 @@ static int lose(struct session *s)
     return result < 0 ? result : tell_kelm(s, 0);
 }
 
-/* Finds out from kelm where the session stands, when we begin and when we have missed events. */
+/* Gets the state of the session from kelm, at the start and after lost events. */
 static int catch_up(struct session *s)
 {
     kelm_dump *dump;
@@ -245,10 +245,10 @@ static int handle(struct session *s, const struct kelm_report *event)
     }
 }
 
-static kelm_microsecs farewell(const struct session *s)
+static kelm_microsecs admin_down_hold(const struct session *s)
 {
     const kelm_microsecs interval = tx_interval(s);
-    return interval < LONGEST_FAREWELL / MULTIPLIER ? MULTIPLIER * interval : LONGEST_FAREWELL;
+    return interval < MAX_HOLD / MULTIPLIER ? MULTIPLIER * interval : MAX_HOLD;
 }
 
 /*
@@ -257,7 +257,7 @@ static kelm_microsecs farewell(const struct session *s)
  */
 static int leave(struct session *s)
 {
-    const kelm_microsecs time = farewell(s);
+    const kelm_microsecs time = admin_down_hold(s);
     s->state = BFD_STATE_ADMIN_DOWN;
     s->diag = BFD_DIAG_ADMIN_DOWN;
     int result = kelm_client_delete_session(s->kelm, s->discriminator);

@@ -97,10 +97,10 @@ record session_record(const agent_json &from)
     received.age("last", "received", now);
     rtt.duration("last", "rtt");
     past.number("up_count", "ups").number("down_count", "downs");
-    past.text("last_down_reason", "last went down because");
+    past.text("last_down_reason", "last down reason");
     made.full();
-    past.age("last_down", "last went down", now);
-    past.text("last_down_diagnostic", "with the diagnostic");
+    past.age("last_down", "last down", now);
+    past.text("last_down_diagnostic", "last down diagnostic");
     top.text("diagnostic", "diagnostic").text("type", "type").text("namespace", "namespace");
     top.text("local", "local").text("interface", "interface").text("member", "member");
     top.text("role", "role").number("discriminator", "discriminator");
@@ -112,7 +112,7 @@ record session_record(const agent_json &from)
     remote.duration("min_tx", "peer's min tx").duration("min_rx", "peer's min rx");
     remote.number("multiplier", "peer's multiplier").flag("demand", "peer in demand mode");
     auth.text("type", "authentication").number("sent_key", "sends key");
-    auth.number("other_key", "accepts key too");
+    auth.number("other_key", "also accepts key");
     received.number("packets", "packets received").duration("interval", "avg receive interval");
     received.duration("longest", "longest receive interval").number("timeouts", "timeouts");
     received.number("rejected", "packets rejected");
@@ -130,7 +130,7 @@ record change_record(const agent_json &from)
         .text("session", "")
         .text("state", "")
         .text("previous_state", "was")
-        .text("reason", "because")
+        .text("reason", "reason")
         .text("diagnostic", "diagnostic");
     return made;
 }
@@ -169,17 +169,16 @@ constexpr parameter parameters[] = {
 
 constexpr command commands[] = {
     {"show", "[SESSION...]",
-     "show kelm-agent's sessions: all in a table, or everything about those that are named\n"
-     "State and since when, what brought the session down last, intervals, what kelm has counted.",
+     "show kelm-agent's sessions: all in a table, or all details of those that are named\n"
+     "State and its age, the reason for the last failure, intervals, and kelm's counters.",
      parameters, run_show},
-    {"history", "[SESSION...]",
-     "show what has become of the sessions, change by change, each with its cause", parameters,
-     run_history},
+    {"history", "[SESSION...]", "show the changes of state of the sessions, each with its reason",
+     parameters, run_history},
     {"down", "SESSION...",
-     "take sessions down administratively; their peers are told\n"
-     "They stay down, over a restart of the agent too, until 'up'.",
+     "take sessions down administratively and tell their peers\n"
+     "They stay down until 'up', even if the agent restarts.",
      parameters, run_down},
-    {"up", "SESSION...", "let sessions come up that have been taken down", parameters, run_up},
+    {"up", "SESSION...", "bring sessions back that were taken down", parameters, run_up},
 };
 
 } // namespace

@@ -79,9 +79,9 @@ agent_json ask_agent(const std::string &socket_path, const agent_json &request)
         if (reply.at("ok").get<bool>())
             return reply;
     } catch (const agent_json::exception &) {
-        throw kelm::error(EPROTO, "kelm-agent's answer makes no sense; is it of this version?");
+        throw kelm::error(EPROTO, "malformed answer from kelm-agent: version mismatch?");
     }
-    throw kelm::error(EINVAL, "kelm-agent: " + reply.value("error", "it refuses"));
+    throw kelm::error(EINVAL, "kelm-agent: " + reply.value("error", "request refused"));
 }
 
 } // namespace kelmctl

@@ -44,14 +44,14 @@ arguments::arguments(const command &command, std::span<char *const> words)
         const parameter *known = find_parameter(command, word);
         if (known == nullptr) {
             if (operands_.size() == expected.size() && !repeats)
-                throw usage_error("'" + word + "' is not expected here");
+                throw usage_error("'" + word + "': unexpected argument");
             operands_.push_back(word);
             continue;
         }
         std::string value;
         if (!known->value.empty()) {
             if (++i == words.size())
-                throw usage_error("'" + word + "' wants a value: " + std::string(known->value));
+                throw usage_error("'" + word + "' requires a value: " + std::string(known->value));
             value = words[i];
         }
         if (!values_.emplace(word, value).second)

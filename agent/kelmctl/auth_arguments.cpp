@@ -32,7 +32,7 @@ kelm::auth_settings auth_argument(const arguments &args)
         return read_settings(args, type, "key-id", "key-file");
     for (const char *name : {"key-id", "key-file", "key2-id", "key2-file"})
         if (args.has(name))
-            throw usage_error(std::string("'") + name + "' needs an 'auth' type that has keys");
+            throw usage_error(std::string("'") + name + "' requires an 'auth' type with a key");
     kelm::auth_settings settings;
     settings.type = type;
     return settings;

@@ -16,7 +16,7 @@ namespace kelmctl
 class arguments;
 class context;
 
-// The command line makes no sense; exit status 2.
+// An error in the command line; exit status 2.
 class usage_error : public std::runtime_error
 {
   public:

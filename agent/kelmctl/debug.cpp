@@ -29,8 +29,8 @@ constexpr command commands[] = {
     {"set",
      "LEVEL [DISCRIMINATOR]",
      "set the level of logging, for all or for one discriminator\n"
-     "0: nothing. 1: failures. 2: configuration, dumps, errors of transmission. 3: every packet.\n"
-     "A discriminator's level can only add to the general one; 0 removes it.",
+     "0: nothing. 1: failures. 2: configuration, dumps, transmit errors. 3: every packet.\n"
+     "A discriminator's level can only exceed the general level; 0 removes it.",
      {},
      run_set},
     {"clear", "", "remove the levels of all single discriminators", {}, run_clear},

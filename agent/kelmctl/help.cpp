@@ -55,11 +55,11 @@ std::string overview_help()
         options_rows.emplace_back(option.synopsis(), option.help);
 
     return "usage: kelmctl [OPTIONS] OBJECT {COMMAND | help} [ARGUMENTS]\n\n"
-           "Shows and drives kelm, which sends BFD packets and detects failures for a BFD "
+           "Shows and controls kelm, which sends BFD packets and detects failures for a BFD "
            "agent.\n\n"
-           "Objects, which may be shortened:\n" +
+           "Objects (may be abbreviated):\n" +
            columns(objects_rows) + "\nOptions:\n" + columns(options_rows) +
-           "\n'kelmctl OBJECT help' tells the commands of an object, and\n"
+           "\n'kelmctl OBJECT help' lists the commands of an object,\n"
            "'kelmctl OBJECT COMMAND help' the arguments of a command.\n";
 }
 
@@ -74,7 +74,7 @@ std::string object_help(const object &object)
     return "usage: kelmctl [OPTIONS] " + std::string(object.name) + " COMMAND [ARGUMENTS]\n\n" +
            std::string(object.name) + ": " + std::string(object.help) + "\n\nCommands:\n" +
            columns(rows) + "\n'" + std::string(object.commands.front().name) +
-           "' may be left out.\n";
+           "' is the default.\n";
 }
 
 std::string synopsis(const object &object, const command &command)

@@ -100,10 +100,10 @@ void run_monitor(context &ctx, const arguments &args)
 }
 
 constexpr parameter parameters[] = {
-    {"packets", "", "packets from peers that say something new"},
+    {"packets", "", "packets with new contents, and packets for no session"},
     {"failures", "", "sessions whose detection time ran out"},
     {"statistics", "", "the periodic statistics (in the initial namespace)"},
-    {"count", "N", "end after so many events"},
+    {"count", "N", "stop after this many events"},
 };
 
 constexpr command commands[] = {

@@ -14,7 +14,7 @@ const object table[] = {
     {"monitor", "events as they happen", monitor_commands},
     {"top", "sessions and packets, live", top_commands},
     {"agent", "the sessions of kelm-agent", agent_commands},
-    {"tx-path", "the switch that lets transmission begin", tx_path_commands, false},
+    {"tx-path", "the switch that starts transmission", tx_path_commands, false},
     {"debug", "how much kelm logs", debug_commands},
     {"sync", "the state of everything; mark and sweep", sync_commands},
 };

@@ -16,8 +16,7 @@ namespace
 constexpr option_entry table[] = {
     {'j', "json", nullptr, "JSON, for programs", &options::json},
     {'p', "pretty", nullptr, "indent the JSON", &options::pretty},
-    {'s', "statistics", nullptr, "tell everything there is, a block for each",
-     &options::statistics},
+    {'s', "statistics", nullptr, "show every detail, a block for each", &options::statistics},
     {'t', "timestamp", nullptr, "date and time instead of ages and times of day",
      &options::timestamps},
     {'A', "all-vrfs", nullptr, "statistics of all network namespaces, the newest first",
@@ -59,7 +58,7 @@ options parse_options(std::span<char *const> words, std::span<char *const> &rest
     longs.push_back({});
 
     options parsed;
-    optind = 0; // glibc: begin anew
+    optind = 0; // glibc: start over
     for (;;) {
         const int letter = getopt_long(static_cast<int>(words.size()), words.data(),
                                        letters.c_str(), longs.data(), nullptr);
@@ -70,7 +69,7 @@ options parse_options(std::span<char *const> words, std::span<char *const> &rest
         if (letter == ':')
             throw usage_error("option '" +
                               std::string(words[static_cast<std::size_t>(optind) - 1]) +
-                              "' wants a value");
+                              "' requires a value");
         for (const auto &entry : table)
             if (entry.letter == letter && entry.flag != nullptr)
                 parsed.*entry.flag = true;

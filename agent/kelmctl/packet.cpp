@@ -27,8 +27,8 @@ constexpr parameter own_parameters[] = {
      "single-hop, echo, lag, multihop or sbfd: sets the UDP ports (default\n"
      "single-hop)",
      &kelm::session_type_names},
-    {"port", "N", "UDP destination port, if not the type's"},
-    {"source-port", "N", "UDP source port, if not the type's"},
+    {"port", "N", "UDP destination port (default that of the type)"},
+    {"source-port", "N", "UDP source port (default that of the type)"},
     {"ttl", "N", "TTL or hop limit (default 255)"},
     {"dst-mac", "MAC",
      "send an Ethernet frame to this address instead of an IP datagram;\n"
@@ -42,20 +42,19 @@ constexpr parameter own_parameters[] = {
     {"diag", "DIAG", "diagnostic in RFC 5880's words: no-diagnostic (default), path-down, ...",
      &kelm::diagnostic_names},
     {"multiplier", "N", "detect multiplier, 1 to 255 (default 3)"},
-    {"my-discriminator", "N", "if not the packet's own"},
+    {"my-discriminator", "N", "default the packet's discriminator"},
     {"your-discriminator", "N", "the peer's (default 0: not known)"},
     {"min-tx", "TIME", "Desired Min TX Interval (default the interval)"},
     {"min-rx", "TIME", "Required Min RX Interval (default the interval)"},
     {"min-echo-rx", "TIME", "Required Min Echo RX Interval (default 0)"},
     {"poll", "", "set the Poll bit"},
-    {"final", "", "set the Final bit; it only goes out together with 'oob'"},
+    {"final", "", "set the Final bit; sent only with 'oob'"},
     {"demand", "", "set the Demand bit"},
     {"cpi", "on|off", "the Control Plane Independent bit (default on)"},
-    {"oob", "", "send it once at once, out of band, before the rhythm goes on"},
+    {"oob", "", "also send it once immediately, out of band"},
     {"rtt", "", "stamp My Discriminator with the time, to measure round trips"},
-    {"latch-state", "STATE", "the state that it carries once latched (default down)",
-     &kelm::state_names},
-    {"latch-interval", "TIME", "the interval that it is sent with once latched (default 1s)"},
+    {"latch-state", "STATE", "state once latched (default down)", &kelm::state_names},
+    {"latch-interval", "TIME", "transmit interval once latched (default 1s)"},
 };
 
 constexpr auto set_parameters = [] {
@@ -101,7 +100,7 @@ std::optional<kelm::ethernet_settings> ethernet_arguments(context &ctx, const ar
     const auto destination = args.mac("dst-mac");
     auto source = args.mac("src-mac");
     if (!destination && source)
-        throw usage_error("'src-mac' needs 'dst-mac'");
+        throw usage_error("'src-mac' requires 'dst-mac'");
     if (!destination)
         return std::nullopt;
     const std::string dev = args.required("dev", args.text("dev"));
@@ -130,7 +129,7 @@ kelm::packet_settings packet_arguments(context &ctx, const arguments &args,
     settings.bfd = bfd_arguments(args, discriminator, interval);
     settings.auth = auth_argument(args);
     if (is_link_local(settings.destination) && !args.has("dev"))
-        throw usage_error("a link-local peer needs 'dev'");
+        throw usage_error("a link-local peer requires 'dev'");
     return settings;
 }
 
@@ -176,7 +175,7 @@ void run_show(context &ctx, const arguments &args)
     const std::uint32_t wanted = args.discriminator().value_or(0);
     const statistics stats = read_statistics(ctx, wanted);
     if (wanted != 0 && stats.packets.empty())
-        throw kelm::error(ENOENT, "there is no transmit packet " + std::to_string(wanted));
+        throw kelm::error(ENOENT, "no such transmit packet: " + std::to_string(wanted));
     std::vector<record> records;
     for (const auto &[key, message] : stats.packets)
         records.push_back(tx_stats_record(message, key.first));
@@ -198,7 +197,8 @@ constexpr command commands[] = {
      run_show},
     {"set", "DISCRIMINATOR",
      "create a packet that is sent periodically, or replace it\n"
-     "What is not given is as by default, whatever it was before. Nothing is sent before the\n"
+     "Parameters not given have their defaults, not their previous values. Nothing is sent until "
+     "the\n"
      "transmit path is ready: see 'kelmctl tx-path help'.",
      set_parameters, run_set},
     {"delete", "DISCRIMINATOR", "delete a packet", {}, run_delete},

@@ -156,9 +156,10 @@ record module_stats_record(const kelm_msg_module_stats &stats, vrf_number vrf)
     add_vrf(made, vrf);
     made.number("rfc_drops", "invalid", stats.rfc_drops)
         .number("num_invalid_sessions", "no session", stats.num_invalid_sessions)
-        .number("num_passup_disc_0", "to nobody", stats.num_passup_disc_0)
-        .number("netlink_packet_change_fail", "changes unheard", stats.netlink_packet_change_fail)
-        .number("netlink_failure_fail", "failures unheard", stats.netlink_failure_fail)
+        .number("num_passup_disc_0", "no discriminator", stats.num_passup_disc_0)
+        .number("netlink_packet_change_fail", "changes undelivered",
+                stats.netlink_packet_change_fail)
+        .number("netlink_failure_fail", "failures undelivered", stats.netlink_failure_fail)
         .full()
         .number("rx_packet_missing", "packets missing", stats.rx_packet_missing)
         .number("pskb_expand_fail", "no memory to pass up", stats.pskb_expand_fail)
@@ -250,7 +251,7 @@ struct report_visitor {
     record operator()(const kelm::unknown_message &unknown) const
     {
         return record()
-            .number("type", "message of another agent's, type", unknown.type)
+            .number("type", "message of another agent, type", unknown.type)
             .json("message", "unknown")
             .number("length", "bytes", unknown.body.size());
     }
@@ -258,7 +259,7 @@ struct report_visitor {
     {
         return record()
             .json("message", "overrun")
-            .text("", "events", "lost: they came faster than they were read");
+            .text("", "events", "lost: they arrived faster than they were read");
     }
 };
 

@@ -46,7 +46,7 @@ void run_object(const options &opts, const object &object, std::span<char *const
     const command &command = take_command(object, words);
     if (is_alone && !object.acts_alone)
         throw usage_error(std::string(object.name) +
-                          " wants a command: " + std::string(command.name));
+                          " requires a command: " + std::string(command.name));
     const arguments args(command, words);
     context ctx(opts, out);
     command.run(ctx, args);
@@ -86,7 +86,7 @@ exit_status run(std::span<char *const> argv, std::ostream &out, std::ostream &er
         return run_or_throw(argv, out, err);
     } catch (const usage_error &problem) {
         err << "kelmctl: " << problem.what()
-            << "\n'help' tells more, also after an object or a command: kelmctl help\n";
+            << "\nTry 'kelmctl help', 'kelmctl OBJECT help' or 'kelmctl OBJECT COMMAND help'.\n";
         return usage;
     } catch (const std::exception &problem) {
         err << "kelmctl: " << problem.what() << '\n';

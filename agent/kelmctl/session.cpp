@@ -21,22 +21,22 @@ namespace
 constexpr parameter own_parameters[] = {
     {"interval", "TIME", "the peer's transmit interval, as negotiated: 300ms, 1.5s (required)"},
     {"multiplier", "N", "detection time in intervals, 1 to 255 (default 3)"},
-    {"timer", "on|off", "whether silence is a failure (default on)"},
+    {"timer", "on|off", "run the detection timer (default on)"},
     {"type", "TYPE", "single-hop, echo, lag, multihop or sbfd (default single-hop)",
      &kelm::session_type_names},
     {"dev", "IFNAME", "accept packets that arrive on this interface only"},
     {"require-ttl", "255|254", "accept packets with this TTL or hop limit only"},
     {"latch", "LIST", "transmit packets to latch on failure: up to 8 discriminators, 5,6,7"},
     {"latch-diag", "DIAG",
-     "the diagnostic they carry from then on (default\n"
+     "their diagnostic once latched (default\n"
      "control-detection-time-expired)",
      &kelm::diagnostic_names},
-    {"rtt", "", "own packets come back: measure their round trips"},
+    {"rtt", "", "measure the round trips of our own packets, looped back"},
 };
 
 constexpr parameter second_key_parameters[] = {
-    {"key2-id", "N", "number of a second key that is accepted too (default 1)"},
-    {"key2-file", "FILE", "file that holds it"},
+    {"key2-id", "N", "key ID of a second key that is also accepted (default 1)"},
+    {"key2-file", "FILE", "file with the second key"},
 };
 
 constexpr auto set_parameters = [] {
@@ -64,7 +64,7 @@ void run_show(context &ctx, const arguments &args)
     const std::uint32_t wanted = args.discriminator().value_or(0);
     const statistics stats = read_statistics(ctx, wanted);
     if (wanted != 0 && stats.sessions.empty())
-        throw kelm::error(ENOENT, "there is no receive session " + std::to_string(wanted));
+        throw kelm::error(ENOENT, "no such receive session: " + std::to_string(wanted));
     auto states = read_states(ctx);
     std::vector<record> records;
     for (const auto &[key, message] : stats.sessions)
@@ -141,9 +141,9 @@ constexpr command commands[] = {
      {},
      run_show},
     {"set", "DISCRIMINATOR",
-     "create a session, or configure it anew and restart its timer\n"
-     "It receives the packets that carry this Your Discriminator. What is not given is as by\n"
-     "default, whatever it was before.",
+     "create or reconfigure a session and restart its timer\n"
+     "It receives the packets that carry this Your Discriminator. Parameters not\n"
+     "given have their defaults, not their previous values.",
      set_parameters, run_set},
     {"delete", "DISCRIMINATOR", "delete a session", {}, run_delete},
 };

@@ -54,13 +54,13 @@ constexpr command commands[] = {
     {"clear",
      "[DISCRIMINATOR]",
      "clear all counters, or those of one discriminator\n"
-     "The snapshots, which the periodic statistics restart, stay.",
+     "The snapshot counters, which the periodic statistics restart, are kept.",
      {},
      run_clear},
     {"interval",
      "SECONDS|off",
-     "have all statistics multicast every so many seconds, or no more\n"
-     "One interval holds for all namespaces. 'kelmctl monitor' in the initial namespace shows "
+     "set the interval at which kelm multicasts all statistics, or stop it\n"
+     "There is one interval for all namespaces. 'kelmctl monitor' in the initial namespace shows "
      "them.",
      {},
      run_interval},
@@ -116,8 +116,9 @@ statistics read_statistics(context &ctx, std::uint32_t discriminator, std::uint3
     const bool all_vrfs = ctx.opts().all_vrfs;
     const bool clears = (flags & KELM_STATS_CLEAR) != 0;
     if (discriminator != 0 && all_vrfs && clears)
-        throw usage_error("-A does not go with clearing a single discriminator: it would clear "
-                          "the module's counters too");
+        throw usage_error(
+            "-A cannot be combined with clearing one discriminator: that would also clear "
+            "the module's counters");
     if (discriminator == 0 || all_vrfs)
         flags |= KELM_STATS_MODULE;
     if (all_vrfs)

@@ -34,7 +34,7 @@ constexpr command commands[] = {
     {"dump",
      "",
      "show every session and packet of the namespace, as kelm reports them\n"
-     "For each session the frame that was passed up last, and whether its timer runs.",
+     "For each session: the last frame passed up, and whether its timer is running.",
      {},
      run_dump},
     {"mark",

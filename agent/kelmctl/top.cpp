@@ -94,7 +94,7 @@ bool show_live(context &ctx, screen &screen, const top_sample &now, const top_sa
 
 void run_live(context &ctx, const refresh_settings &settings)
 {
-    top_sample now = take_sample(ctx); // an error is told before the screen is taken
+    top_sample now = take_sample(ctx); // an error is reported before the screen is cleared
     std::optional<top_sample> before;
     screen screen;
     for (std::uint32_t shown = 1;; ++shown) {
@@ -110,7 +110,7 @@ void run_top(context &ctx, const arguments &args)
 {
     const kelm_microsecs interval = args.duration("interval").value_or(default_interval);
     if (interval < least_interval)
-        throw usage_error("interval: at least 100ms");
+        throw usage_error("interval: must be at least 100ms");
     const refresh_settings settings = {.interval = milliseconds(interval / 1000),
                                        .count = args.number("count", 1, 0xffffffff)};
     const bool is_live = !ctx.opts().batch && !ctx.opts().json && isatty(STDOUT_FILENO) != 0;
@@ -122,7 +122,7 @@ void run_top(context &ctx, const arguments &args)
 
 constexpr parameter parameters[] = {
     {"interval", "TIME", "time between refreshes (default 2s)"},
-    {"count", "N", "end after so many refreshes"},
+    {"count", "N", "stop after this many refreshes"},
 };
 
 constexpr command commands[] = {
@@ -130,8 +130,8 @@ constexpr command commands[] = {
      "show sessions and packets, refreshed; q ends, any other key refreshes at once\n"
      "\"state\" is what the peer said last, or \"failed\"; \"late\" counts transmissions that\n"
      "came later than their interval after the one before, \"tx max\" and \"rx max\" are the\n"
-     "longest times between two packets. What is least important is left out of a narrow\n"
-     "screen. With -b or without a terminal: plain text, as wide as COLUMNS says. With -j: an\n"
+     "longest times between two packets. On a narrow screen the less important columns are left\n"
+     "out. With -b or without a terminal: plain text, as wide as COLUMNS says. With -j: an\n"
      "array for each refresh.",
      parameters, run_top},
 };

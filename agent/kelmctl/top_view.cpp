@@ -55,7 +55,7 @@ double seconds(std::uint64_t secs, std::uint64_t nsecs)
     return static_cast<double>(secs) + static_cast<double>(nsecs) / 1e9;
 }
 
-// How often a counter of a message went up per second; nothing where it began anew meanwhile.
+// How often a counter of a message went up per second; nothing if it was reset meanwhile.
 template<typename Message>
 std::optional<double> rate(const Message *now, const Message *before,
                            std::uint64_t Message::*counter)
@@ -190,15 +190,15 @@ std::string summary(const top_sample &now, std::size_t failed)
 std::string module_summary(const top_sample &now)
 {
     std::uint64_t invalid = 0;
-    std::uint64_t nobody = 0;
+    std::uint64_t unknown = 0;
     std::uint64_t unheard = 0;
     for (const auto &[vrf, module] : now.stats.modules) {
         invalid += module.rfc_drops;
-        nobody += module.num_invalid_sessions + module.num_passup_disc_0;
+        unknown += module.num_invalid_sessions + module.num_passup_disc_0;
         unheard += module.netlink_packet_change_fail + module.netlink_failure_fail;
     }
-    return "received: " + std::to_string(invalid) + " invalid, " + std::to_string(nobody) +
-           " for no session  events unheard: " + std::to_string(unheard);
+    return "received: " + std::to_string(invalid) + " invalid, " + std::to_string(unknown) +
+           " for no session  events undelivered: " + std::to_string(unheard);
 }
 
 void shorten(std::vector<top_line> &lines, std::size_t rows)

@@ -19,7 +19,7 @@ void run_ready(context &ctx, const arguments &)
 constexpr command commands[] = {
     {"ready",
      "",
-     "let transmission begin, in all namespaces and for good\n"
+     "start transmission, in all namespaces and until kelm ends\n"
      "Packets are stored but not sent until then. The first BFD packet that kelm receives\n"
      "has the same effect.",
      {},

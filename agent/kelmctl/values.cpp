@@ -96,7 +96,8 @@ kelm::bytes read_key(const std::string &path)
     bool is_exposed = false;
     kelm::bytes key = kelm::read_key_file(path, is_exposed);
     if (is_exposed)
-        std::fprintf(stderr, "kelmctl: warning: key file %s is open to other users (chmod 600)\n",
+        std::fprintf(stderr,
+                     "kelmctl: warning: key file %s is accessible to other users (chmod 600)\n",
                      path.c_str());
     return key;
 }

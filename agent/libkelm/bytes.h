@@ -10,7 +10,7 @@ namespace kelm
 
 // In a packet or message.
 using bytes = std::vector<std::uint8_t>;
-// Somebody else's bytes.
+// Bytes that others own.
 using byte_view = std::span<const std::uint8_t>;
 
 } // namespace kelm

@@ -42,42 +42,42 @@ constexpr explanation explanations[] = {
      "discriminator and period must not be 0, the packet must end where its BFD packet with the "
      "authentication section of the configured type ends, and its IP and UDP headers must lie in "
      "front of that"},
-    {KELM_MSG_TX_SET_PACKET, EAFNOSUPPORT, "kelm knows no such type of transmit packet"},
+    {KELM_MSG_TX_SET_PACKET, EAFNOSUPPORT, "unknown type of transmit packet"},
     {KELM_MSG_TX_SET_PACKET, ENOMEM,
      "kelm is out of memory; settings may have been stored, the bytes sent so far are unchanged"},
     {KELM_MSG_TX_SET_PACKET, ESHUTDOWN, "the network namespace is going down"},
-    {KELM_MSG_TX_DELETE_PACKET, EINVAL, "discriminator 0 names no packet"},
+    {KELM_MSG_TX_DELETE_PACKET, EINVAL, "discriminator 0 is not a packet"},
     {KELM_MSG_TX_DELETE_PACKET, ENOENT, "this network namespace has no such transmit packet"},
-    {KELM_MSG_RX_SET_SESSION, EINVAL, "discriminator 0 cannot be a session's"},
-    {KELM_MSG_RX_SET_SESSION, EAFNOSUPPORT, "kelm knows no such type of receive session"},
+    {KELM_MSG_RX_SET_SESSION, EINVAL, "a session cannot have discriminator 0"},
+    {KELM_MSG_RX_SET_SESSION, EAFNOSUPPORT, "unknown type of receive session"},
     {KELM_MSG_RX_SET_SESSION, ENXIO,
-     "a transmit packet that it should latch does not exist: set that packet first, then the "
-     "session again, which for now is configured but without this link and with its detection "
-     "timer untouched"},
+     "a transmit packet to be latched does not exist: set that packet first, then the session "
+     "again; until then the session is configured without this link, and its detection timer is "
+     "unchanged"},
     {KELM_MSG_RX_SET_SESSION, ENOMEM, "kelm is out of memory; nothing has changed"},
     {KELM_MSG_RX_SET_SESSION, ESHUTDOWN,
      "the network namespace is going down; the session is partly configured"},
-    {KELM_MSG_RX_DELETE_SESSION, EINVAL, "discriminator 0 names no session"},
+    {KELM_MSG_RX_DELETE_SESSION, EINVAL, "discriminator 0 is not a session"},
     {KELM_MSG_RX_DELETE_SESSION, ENOENT, "this network namespace has no such receive session"},
     {KELM_MSG_GET_STATS, ENOENT,
      "this network namespace has neither a receive session nor a transmit packet with this "
      "discriminator"},
-    {KELM_MSG_GET_STATS, EAGAIN, "the reply found no room: read what is waiting and ask again"},
+    {KELM_MSG_GET_STATS, EAGAIN, "no room for the reply: read what is waiting and retry"},
     {KELM_MSG_SET_DEBUG_LEVEL, EPERM,
-     "the module's debug level needs the network administration privilege (CAP_NET_ADMIN): run "
+     "the module's debug level requires the network administration privilege (CAP_NET_ADMIN): run "
      "as root"},
     {KELM_MSG_SET_DEBUG_LEVEL, ENOSR,
-     "100 sessions have debug levels of their own, which is the most there can be: clear some"},
+     "100 sessions already have debug levels of their own, the maximum: clear some"},
     {KELM_MSG_TX_PATH_READY, ENODATA, "the request must not name a session"},
     {KELM_MSG_SET_SESSION_STATS_INTERVAL, EINVAL, "the request must not name a session"},
     {0, EPERM,
-     "this needs the network administration privilege (CAP_NET_ADMIN): run as root, or give the "
+     "this requires the network administration privilege (CAP_NET_ADMIN): run as root, or give the "
      "program that capability"},
     {0, ENODEV,
-     "kelm does not serve this network namespace: its loopback interface may just have come or "
-     "gone, or kelmd was started with --netns for others"},
-    {0, ENOMSG, "the kelm that is running does not know this request: are versions mixed?"},
-    {0, EINVAL, "kelm found the request malformed: are versions mixed?"},
+     "kelm does not serve this network namespace: its loopback interface may just have appeared or "
+     "disappeared, or kelmd was started with --netns for others"},
+    {0, ENOMSG, "the running kelm does not support this request: version mismatch?"},
+    {0, EINVAL, "malformed request: version mismatch?"},
     {0, ENOMEM, "kelm is out of memory"},
     {0, EBUSY, "another dump is still running on this socket"},
 };

@@ -14,7 +14,7 @@ namespace kelm
 namespace
 {
 
-constexpr std::size_t max_key_file = 4096; // far above any key; somebody named the wrong file
+constexpr std::size_t max_key_file = 4096; // far above any key: probably the wrong file
 
 } // namespace
 

@@ -31,7 +31,7 @@ struct kelm_dump {
 namespace
 {
 
-thread_local char last_error[1024] = "nothing has failed";
+thread_local char last_error[1024] = "no error";
 
 int fail(int number, const char *text) noexcept
 {
@@ -51,7 +51,7 @@ int guarded(Work work) noexcept
     } catch (const std::exception &problem) {
         return fail(EIO, problem.what());
     } catch (...) {
-        return fail(EIO, "an unknown failure");
+        return fail(EIO, "unknown error");
     }
 }
 
@@ -122,7 +122,7 @@ kelm::request request_of(std::uint16_t type, const void *body, kelm::byte_view r
     case KELM_MSG_SET_SESSION_STATS_INTERVAL:
         return kelm::set_stats_interval(as<kelm_msg_set_session_stats_interval>(body).interval);
     default:
-        throw kelm::error(EINVAL, "there is no request of type " + std::to_string(type));
+        throw kelm::error(EINVAL, "not a request: type " + std::to_string(type));
     }
 }
 
@@ -435,7 +435,7 @@ int kelm_build_packet(const struct kelm_packet *packet, struct kelm_msg_tx_set_p
         const kelm::built_packet built = kelm::build_packet(wanted);
         if (built.packet.size() > room)
             throw kelm::error(EMSGSIZE, "the packet has " + std::to_string(built.packet.size()) +
-                                            " bytes, and there is room for " +
+                                            " bytes, but there is room for only " +
                                             std::to_string(room));
         built.apply_to(*settings, packet->auth_type);
         std::ranges::copy(built.packet, static_cast<std::uint8_t *>(buffer));
@@ -457,11 +457,11 @@ int kelm_decode_frame(const struct kelm_report *report, struct kelm_frame *frame
     return guarded([=] {
         if (report->type != KELM_MSG_RX_PACKET_CHANGE)
             throw kelm::error(EINVAL, "a report of type " + std::to_string(report->type) +
-                                          " holds no frame");
+                                          " contains no frame");
         const auto packet = kelm::view_packet(view(report->body, report->length));
         const auto info = packet ? kelm::decode_frame(*packet) : std::nullopt;
         if (!info)
-            throw kelm::error(EBADMSG, "the frame holds no BFD packet");
+            throw kelm::error(EBADMSG, "the frame contains no BFD packet");
         *frame = to_c(*info);
         return 0;
     });

@@ -282,7 +282,7 @@ enum {
 /*
  * Sets everything to what a single-hop session (RFC 5881) begins with: destination port 3784, TTL
  * 255, traffic class 0xc0, state Down, detect multiplier 3, the Control Plane Independent bit
- * (kelm goes on when its agent does not), no authentication; the rest is 0.
+ * (kelm continues without its agent), no authentication; the rest is 0.
  */
 void kelm_packet_init(struct kelm_packet *packet);
 

@@ -27,7 +27,7 @@ void in_netns(const std::string &netns, const std::function<void()> &work)
     const unique_fd ns(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!ns) {
         if (errno == ENOENT)
-            throw error(ENOENT, "there is no network namespace " + netns + ": " + path +
+            throw error(ENOENT, "no such network namespace: " + netns + ": " + path +
                                     " does not exist ('ip netns' lists the names)");
         throw_errno(errno, "cannot open network namespace " + path);
     }
@@ -35,7 +35,7 @@ void in_netns(const std::string &netns, const std::function<void()> &work)
         if (setns(ns.get(), CLONE_NEWNET) != 0) {
             const int number = errno;
             throw_errno(number, "cannot enter network namespace " + path +
-                                    (number == EPERM ? " (that needs CAP_SYS_ADMIN)" : ""));
+                                    (number == EPERM ? " (this requires CAP_SYS_ADMIN)" : ""));
         }
         work();
     }).get();

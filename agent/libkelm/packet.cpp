@@ -75,7 +75,7 @@ std::size_t max_key_length(std::uint8_t auth_type)
     case BFD_AUTH_DEBUG_SEQNUM:
         return 0;
     default:
-        throw error(EINVAL, "there is no authentication type " + std::to_string(auth_type));
+        throw error(EINVAL, "unknown authentication type " + std::to_string(auth_type));
     }
 }
 
@@ -87,7 +87,7 @@ void check_key(const auth_settings &auth)
                                 " bytes, and this authentication type takes at most " +
                                 std::to_string(most));
     if (most > 0 && auth.key.empty())
-        throw error(EINVAL, "this authentication type needs a key");
+        throw error(EINVAL, "this authentication type requires a key");
     if (auth.type == BFD_AUTH_PASSWORD && std::ranges::find(auth.key, 0) != auth.key.end())
         throw error(EINVAL, "a password cannot contain a NUL byte");
 }
@@ -217,7 +217,7 @@ bytes ipv6_header(const packet_settings &settings, std::size_t payload_length)
 void check_addresses(const packet_settings &settings)
 {
     if (settings.source.family != AF_INET && settings.source.family != AF_INET6)
-        throw error(EINVAL, "a packet needs a source address");
+        throw error(EINVAL, "a packet requires a source address");
     if (settings.source.family != settings.destination.family)
         throw error(EINVAL, "source and destination must both be IPv4 or both be IPv6 addresses");
 }

@@ -25,7 +25,7 @@ struct bfd_fields {
     std::uint8_t state = BFD_STATE_DOWN;
     bool poll = false;
     bool final = false;
-    bool control_plane_independent = true; // kelm goes on when its agent does not
+    bool control_plane_independent = true; // kelm continues without its agent
     bool demand_mode = false;
     std::uint8_t detect_multiplier = 3;
     std::uint32_t my_discriminator = 0;

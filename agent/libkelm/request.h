@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The requests of the agent protocol, ready to be sent. What each does and answers is told in
+// The requests of the agent protocol, ready to be sent. What each does and answers is described in
 // kelm.h. These functions lay out what they are given; they leave judgement to kelm.
 #pragma once
 

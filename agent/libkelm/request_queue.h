@@ -38,7 +38,7 @@ using raw_completion = std::function<void(raw_answer)>;
 
 // Requests are sent in the order in which they were submitted, except that a dump waits for the
 // end of the one before it and the others overtake it: kelm runs one dump per socket. kelm answers
-// in order, except that a dump goes on beside the rest.
+// in order, except that a dump continues beside the others.
 //
 // A dump is repeated when it was interrupted or when datagrams were lost meanwhile; only one that
 // clears what it reports is not, but ends with ENOBUFS after a loss.

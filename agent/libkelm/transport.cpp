@@ -53,9 +53,10 @@ unique_fd connect_to_daemon()
     if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), length) == 0)
         return fd;
     if (errno == ECONNREFUSED || errno == ENOENT)
-        throw error(errno, "kelm does not run in this network namespace: the kernel has no netlink "
-                           "unit 31 and no kelmd listens; start kelmd, load kelm.ko, or choose "
-                           "another namespace");
+        throw error(errno,
+                    "kelm is not running in this network namespace: there is neither netlink "
+                    "unit 31 nor a kelmd; start kelmd, load kelm.ko, or choose another "
+                    "namespace");
     if (errno == EAGAIN)
         throw error(ETIMEDOUT, "kelmd does not accept connections");
     throw_errno(errno, "cannot connect to kelmd");
@@ -93,10 +94,10 @@ void transport::verify_daemon() const
     ucred peer = {};
     socklen_t length = sizeof peer;
     if (getsockopt(fd_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
-        throw_errno(errno, "cannot tell who runs kelmd");
+        throw_errno(errno, "cannot determine who runs kelmd");
     if (peer.uid != 0 && peer.uid != geteuid())
-        throw error(EPERM, "kelmd's socket is held by user " + std::to_string(peer.uid) +
-                               ", who is neither root nor you: not talking to process " +
+        throw error(EPERM, "kelmd is run by user " + std::to_string(peer.uid) +
+                               ", who is neither root nor you: refusing to talk to process " +
                                std::to_string(peer.pid));
 }
 
@@ -142,7 +143,7 @@ void transport::bind_daemon(std::uint32_t mask)
         }
         const auto got = *read_as<sockaddr_nl>(datagram);
         if (got.nl_pid == 0)
-            throw error(EADDRINUSE, "kelmd has given the port id to somebody else");
+            throw error(EADDRINUSE, "kelmd has given the port id to another client");
         port_id_ = got.nl_pid;
         groups_ = got.nl_groups;
         return;
@@ -169,7 +170,7 @@ void transport::set_groups(std::uint32_t mask)
     else
         bind_daemon(mask);
     if ((mask & ~groups_) != 0)
-        throw error(EPERM, "kelm's notifications need the network administration privilege "
+        throw error(EPERM, "kelm's notifications require the network administration privilege "
                            "(CAP_NET_ADMIN): run as root, or give the program that capability");
 }
 
@@ -192,7 +193,7 @@ bool transport::send(byte_view datagram)
     if (errno == EPIPE || errno == ECONNRESET)
         throw error(errno, "kelmd has closed the connection");
     if (errno == ECONNREFUSED)
-        throw error(errno, "kelm does not serve this network namespace (any more)");
+        throw error(errno, "kelm no longer serves this network namespace");
     throw_errno(errno, "cannot send to kelm");
 }
 

@@ -19,8 +19,8 @@ class transport final : public channel
 {
   public:
     // Opens the kernel's unit where the kernel has one, else connects to kelmd, in the network
-    // namespace `netns` (see in_netns). Throws error when neither is there, or when what is there
-    // runs neither as root nor as the caller.
+    // namespace `netns` (see in_netns). Throws error if there is neither, or if kelmd is run by
+    // a user other than root or the caller.
     static std::unique_ptr<transport> open(const std::string &netns = {});
 
     int fd() const override { return fd_.get(); }

@@ -90,5 +90,5 @@ def test_what_is_wrong_is_said(link, agent):
         program.expect("'nobody' is not an IPv4 or IPv6 address")
         assert program.process.wait(PATIENCE) == 1
     with Program(os.path.join(EXAMPLES, "watch"), "no-such-namespace") as program:
-        program.expect("there is no network namespace no-such-namespace")
+        program.expect("no such network namespace: no-such-namespace")
         assert program.process.wait(PATIENCE) == 1

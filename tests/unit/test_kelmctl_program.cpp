@@ -158,7 +158,7 @@ TEST_F(kelmctl_and_kelmd, refusal_is_explained)
     EXPECT_EQ(got.status, kelmctl::failure);
     EXPECT_EQ(got.err,
               "kelmctl: cannot delete receive session 6: Operation not permitted (EPERM): this "
-              "needs the network administration privilege (CAP_NET_ADMIN): run as root, or give "
+              "requires the network administration privilege (CAP_NET_ADMIN): run as root, or give "
               "the program that capability\n");
 }
 

@@ -97,7 +97,7 @@ TEST_F(kelmctl_top, eighty_columns_hold_what_matters)
 {
     const std::vector<std::string> wanted = {
         "kelm 13:46:42  3 sessions, 1 failed  3 packets, 9 sent late",
-        "received: 4 invalid, 0 for no session  events unheard: 0",
+        "received: 4 invalid, 0 for no session  events undelivered: 0",
         "",
         "SESSION  PEER                STATE   TX/S  LATE  TX MAX  RX/S      RTT  FAILED",
         "      6  fd00:1:2:3:4:5:6:7  failed   7.0     3   612ms   3.5        -       1",
