@@ -4,8 +4,12 @@
 import signal
 import time
 
+import pytest
+
 from lib import wait_until
 from lib.crowd import Crowd
+
+pytestmark = pytest.mark.kelmd  # emulated processors are too slow for so many
 
 BOTH_ENDS_ARE_KELMS = True
 
