@@ -189,6 +189,14 @@ void agent::refresh_statistics(const std::vector<std::string> &names, event_loop
     statistics_.refresh(wanted, std::move(done));
 }
 
+std::vector<namespace_counters> agent::counted_by_namespace() const
+{
+    std::vector<namespace_counters> all;
+    for (const auto &[netns, each] : places_)
+        all.push_back({netns, each->reconciling.overruns(), each->watch.lost()});
+    return all;
+}
+
 saved_state agent::snapshot() const
 {
     saved_state state;
@@ -294,9 +302,7 @@ void agent::on_batch_end(vrf &where)
 
 void agent::on_overrun(vrf &where)
 {
-    place &there = place_of(where);
-    ++there.overruns;
-    there.reconciling.start(reconciler::cause::overrun, {});
+    place_of(where).reconciling.start(reconciler::cause::overrun, {});
 }
 
 void agent::on_suspicion(session_driver &suspected)

@@ -21,6 +21,13 @@ struct agent_options {
     };
 };
 
+// What went wrong between kelm and the agent in one namespace, since the agent started.
+struct namespace_counters {
+    std::string netns;
+    std::uint64_t overruns; // of the queue of kelm's events
+    std::uint64_t lost;     // sessions that kelm no longer had
+};
+
 class agent final : private vrf::listener, private session_driver::listener
 {
   public:
@@ -41,6 +48,7 @@ class agent final : private vrf::listener, private session_driver::listener
     // Asks kelm for what it has counted for these sessions; `done` is called soon in any case.
     void refresh_statistics(const std::vector<std::string> &names, event_loop::callback done);
     const counters &counted(const session_driver &session) const { return statistics_.of(session); }
+    std::vector<namespace_counters> counted_by_namespace() const;
 
   private:
     // One namespace.
@@ -51,7 +59,6 @@ class agent final : private vrf::listener, private session_driver::listener
         reconciler reconciling;
         loss_watch watch;
         std::vector<std::uint32_t> to_act; // sessions that events are kept for
-        std::uint64_t overruns = 0;
     };
 
     void on_connected(vrf &) override;

@@ -2,6 +2,7 @@
 #include "kelm-agent/loss_watch.h"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace kelm_agent
 {
@@ -9,8 +10,9 @@ namespace kelm_agent
 namespace
 {
 
-constexpr std::chrono::seconds look_interval{5};
-// Looking may take one part in so many of the time.
+// Looking takes one part in `share` of the time, as long as a loss is still noticed within 10 s.
+constexpr std::chrono::seconds shortest_interval{5};
+constexpr std::chrono::seconds longest_interval{8};
 constexpr int share = 20;
 
 constexpr std::size_t most_names = 3; // in a warning
@@ -30,7 +32,7 @@ std::string list_of(const std::vector<std::string> &names)
 void loss_watch::start()
 {
     suspected_.clear();
-    look_later(look_interval);
+    look_later(shortest_interval);
 }
 
 void loss_watch::stop()
@@ -45,13 +47,15 @@ void loss_watch::look_later(std::chrono::microseconds delay)
 
 void loss_watch::look()
 {
-    look_later(look_interval);
+    look_later(shortest_interval);
     if (!vrf_.feed().is_following())
-        return; // that looks, too
+        return; // a reconciliation is under way
     timer_ = {};
     const auto began = loop_.now();
     const std::uint64_t round = vrf_.begin_round();
-    vrf_.dump(kelm::sync(0), [this, round, began](int, const auto &reports) {
+    vrf_.dump(kelm::sync(0), [this, round, began](int error, const auto &reports) {
+        if (error != 0) // says nothing about any session
+            return look_later(shortest_interval);
         auto all = std::make_shared<inventory>();
         for (const auto &report : reports)
             all->add(report);
@@ -59,7 +63,8 @@ void loss_watch::look()
         vrf_.feed().read_to_end([this, round, began, all] {
             judge(*all, round);
             const auto took = std::chrono::ceil<std::chrono::microseconds>(loop_.now() - began);
-            look_later(std::max<std::chrono::microseconds>(look_interval, share * took));
+            look_later(std::clamp<std::chrono::microseconds>(share * took, shortest_interval,
+                                                             longest_interval));
         });
     });
 }
@@ -85,14 +90,16 @@ void loss_watch::suspect(const session_driver &session)
         return;
     const std::uint64_t round = vrf_.begin_round();
     vrf_.dump(kelm::get_stats(discriminator, 0),
-              [this, discriminator, round](int, const auto &reports) {
+              [this, discriminator, round](int error, const auto &reports) {
+                  suspected_.erase(discriminator);
+                  if (error != 0 && error != ENOENT)
+                      return;
                   kelm_entry entry;
                   entry.timer_active = true; // of which this says nothing
                   for (const auto &report : reports) {
                       entry.has_session |= std::holds_alternative<kelm_msg_rx_stats>(report);
                       entry.has_packet |= std::holds_alternative<kelm_msg_tx_stats>(report);
                   }
-                  suspected_.erase(discriminator);
                   judge(discriminator, entry, round);
               });
 }

@@ -165,6 +165,16 @@ void add_states(std::string &out, const std::vector<sample> &samples)
                    (each.bfd().state().state == state.number ? "1" : "0") + "\n";
 }
 
+void add_namespace_counter(std::string &out, const std::string &name, const char *help,
+                           const std::vector<namespace_counters> &all,
+                           std::uint64_t namespace_counters::*value)
+{
+    add_head(out, name, "counter", help);
+    for (const auto &each : all)
+        out += name + "{namespace=\"" + escaped(each.netns) + "\"} " + std::to_string(each.*value) +
+               "\n";
+}
+
 std::string http_response(const char *status, const std::string &body)
 {
     return std::string("HTTP/1.1 ") + status +
@@ -211,6 +221,13 @@ std::string metrics_text(const agent &running)
     for (const auto &each : table)
         add_metric(out, each, samples);
     add_states(out, samples);
+    const auto by_namespace = running.counted_by_namespace();
+    add_namespace_counter(out, "kelm_agent_event_overruns_total",
+                          "Times that events of kelm were lost because the queue was full.",
+                          by_namespace, &namespace_counters::overruns);
+    add_namespace_counter(out, "kelm_agent_lost_sessions_total",
+                          "Sessions that kelm no longer had and that were made again.",
+                          by_namespace, &namespace_counters::lost);
     return out;
 }
 

@@ -83,6 +83,7 @@ void reconciler::finish()
     restart_.log_adopted(vrf_);
     all_ = {};
     const event_feed::episode &why = vrf_.feed().current();
+    overruns_ += why.overruns;
     if (cause_ == cause::overrun) {
         const auto took =
             std::chrono::duration_cast<std::chrono::microseconds>(loop_.now() - why.began);

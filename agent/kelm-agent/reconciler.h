@@ -28,6 +28,8 @@ class reconciler
     void stop();
     // Since the connection was made.
     bool is_done() const { return is_done_; }
+    // Overruns that were reconciled, since the start.
+    std::uint64_t overruns() const { return overruns_; }
 
   private:
     void take(const std::vector<kelm::report> &dump);
@@ -47,6 +49,7 @@ class reconciler
     inventory all_;
     std::string last_name_; // compared so far
     std::size_t compared_ = 0;
+    std::uint64_t overruns_ = 0;
     event_loop::handle next_;
 };
 

@@ -93,6 +93,7 @@ void restart::log_adopted(const vrf &where)
 
 void restart::delete_unknown(session_set &sessions, vrf &where, const inventory &all)
 {
+    std::size_t deleted = 0;
     for (const auto &[discriminator, entry] : all.entries()) {
         if (!is_unwanted(sessions, where, discriminator))
             continue;
@@ -101,9 +102,11 @@ void restart::delete_unknown(session_set &sessions, vrf &where, const inventory 
             where.ask(kelm::delete_session(discriminator), [](int) {});
         if (entry.has_packet)
             where.ask(kelm::delete_packet(discriminator), [](int) {});
-        log_.info(where.title() + ": deleted session " + std::to_string(discriminator) +
-                  ", which is not configured");
+        ++deleted;
     }
+    if (deleted > 0)
+        log_.info(where.title() + ": deleted " + std::to_string(deleted) +
+                  " sessions that are not configured");
     std::erase_if(orphans_, [&](const orphan &each) {
         return each.netns == where.netns() && !sessions.is_retired(where, each.discriminator);
     });

@@ -159,7 +159,8 @@ def test_metrics(link, start):
             text = page.read().decode()
         line = re.compile(r'^kelm_agent_session_\w+\{session="(s|never)",namespace="[\w-]+",'
                           r'peer="[\d.]+",type="single-hop"(,state="[\w-]+")?\} [\d.e+-]+$')
-        samples = [row for row in text.splitlines() if not row.startswith("#")]
+        samples = [row for row in text.splitlines() if row.startswith("kelm_agent_session_")]
+        assert f'kelm_agent_lost_sessions_total{{namespace="{link.near_ns}"}} 0' in text
         assert all(line.match(row) for row in samples), text
         series = {name: sorted(row.split("{")[0] for row in samples if f'"{name}"' in row)
                   for name in ("s", "never")}
