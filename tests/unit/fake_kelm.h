@@ -32,6 +32,7 @@ class fake_kelm
     std::set<std::uint32_t> packets;
     std::map<std::uint16_t, std::size_t> requests; // how many of each type
     std::chrono::microseconds latency{100};        // of answers
+    int dump_error = 0;                            // a negative error number: dumps are refused
     std::size_t room = 10'000;                     // of the subscriber's queue, in events
 
     std::size_t changes() const
@@ -235,6 +236,8 @@ class fake_kelm
 
     libkelm_fake::answers dump(const nlmsghdr &header)
     {
+        if (dump_error != 0)
+            return {libkelm_fake::ack(header, dump_error)};
         libkelm_fake::answers all;
         for (const auto &[discriminator, each] : sessions) {
             if (!each.frame.empty())

@@ -268,6 +268,13 @@ TEST_F(agent_crowd, what_kelm_has_lost_is_made_again)
     loop.run(10s);
     EXPECT_EQ(kelm.sessions.size(), count);
     EXPECT_EQ(said.count("kelm has lost all 500 sessions"), 1U);
+
+    // A look that kelm refuses says nothing about anything.
+    kelm.dump_error = -ENOMEM;
+    const std::size_t changes = kelm.changes();
+    loop.run(30s, [] { return false; });
+    EXPECT_EQ(kelm.changes(), changes);
+    EXPECT_EQ(said.count("kelm has lost all"), 1U);
 }
 
 TEST_F(agent_crowd, all_peers_are_told_of_the_end)
