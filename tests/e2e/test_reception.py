@@ -70,15 +70,3 @@ def test_datagrams_of_many_fragments(agent, link, version, size):
     assert change.frame.endswith(payload)
     assert len(change.frame) == change.bfd_offset + size
     assert agent.dump(p.SYNC, p.sync())[0].frame == change.frame, "it fits into a dump too"
-
-
-def test_long_frames_lengthen_a_dump_datagram_no_more_than_agents_are_told(agent, link):
-    discs, size = (5, 6, 7), 40_000
-    for disc in discs:
-        set_session(agent, disc)
-        send_datagram(link, Bfd(your_disc=disc).pack().ljust(size, b"\0"))
-        agent.event(p.RX_PACKET_CHANGE, disc)
-    datagrams = agent.finish_dump(agent.start_dump(p.SYNC, p.sync()))
-    assert sum(len(m.body) > size for datagram in datagrams for m in datagram) == len(discs)
-    for datagram in datagrams:
-        assert sum(p.HEADER.size + len(m.body) for m in datagram) <= 68 * 1024

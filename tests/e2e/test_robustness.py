@@ -2,6 +2,7 @@
 """Whatever an agent or the wire says, nobody else suffers, and nothing is left of it."""
 
 import contextlib
+import errno
 import os
 import random
 import socket
@@ -119,6 +120,7 @@ def test_damaged_datagrams_from_the_wire(link, witness):
 
 
 def test_agents_that_never_read(link, witness):
+    """They learn of what they have missed, should they read after all."""
     with contextlib.ExitStack() as stack:
         for _ in range(5):
             agent = stack.enter_context(Agent(link.near_ns, groups=[p.CONTROL, p.NOTIFICATION]))
@@ -129,10 +131,15 @@ def test_agents_that_never_read(link, witness):
             with contextlib.suppress(TimeoutError, OSError):
                 for _ in range(2000):
                     agent.send(p.message(p.GET_STATS, p.get_stats(flags=15 & ~p.STATS_NO_REPORT)))
-        for _ in range(1000):
-            link.send(Bfd(your_disc=4711))
+        for number in range(5000):
+            link.send(Bfd(your_disc=4711, min_tx=number).pack().ljust(1400, b"\0"))
         with Agent(link.near_ns) as other:
             wait_until(lambda: other.module_stats().num_invalid_sessions > 0, "a datagram")
+        try:
+            while agent.receive()[0].type != p.NLMSG_OVERRUN:
+                pass
+        except OSError as error:  # netlink's own way of telling
+            assert KERNEL and error.errno == errno.ENOBUFS
 
 
 @pytest.mark.kelmd

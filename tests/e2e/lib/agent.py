@@ -34,12 +34,10 @@ def _connect(namespace):
 class Agent:
     """One netlink socket of unit 31, or what stands for it. Groups are numbers, not bits."""
 
-    def __init__(self, namespace=None, *, pid=0, groups=(), rcvbuf=None, sock=None):
+    def __init__(self, namespace=None, *, pid=0, groups=(), sock=None):
         """Opens a socket in the namespace, or takes one over that somebody else has opened."""
         self.sock = sock or _connect(namespace)
         self.sock.settimeout(PATIENCE)
-        if rcvbuf:
-            self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
         self.pid, self.seq = 0, 0
         self.backlog = []
         try:
