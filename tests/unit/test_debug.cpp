@@ -11,7 +11,6 @@ namespace
 {
 
 using namespace sim;
-using strings = std::vector<std::string>;
 
 struct debug : testing::Test {
     // What the log says since the last time.

@@ -11,7 +11,6 @@ namespace
 {
 
 using namespace sim;
-using strings = std::vector<std::string>;
 
 constexpr std::uint32_t SESSION = 5;
 constexpr int DUMP = UNANSWERED; // is not acknowledged
@@ -23,11 +22,7 @@ struct busy_world {
     {
         EXPECT_EQ(path_ready(a), 0);
         EXPECT_EQ(set_packet(a, SESSION), 0);
-        kelm_msg_rx_set_session session{};
-        session.flags = KELM_RX_TIMER_ACTIVE;
-        session.multiplier = 200;
-        session.latch_tx_packets[0] = SESSION;
-        EXPECT_EQ(set_session(a, SESSION, session), 0);
+        EXPECT_EQ(set_session(a, SESSION, rx{.multiplier = 200, .latch = {SESSION}}), 0);
         EXPECT_TRUE(receive(w, SESSION));
         EXPECT_EQ(set_interval(a, 1), 0);
     }
@@ -62,35 +57,23 @@ struct valid_request {
     int result;
 };
 
-template<class Body>
-bytes encode(const Body &body)
-{
-    const auto encoded = as_bytes(body);
-    return {encoded.begin(), encoded.end()};
-}
-
 // One request of each type, every one of which changes or answers something.
 std::vector<valid_request> valid_requests()
 {
-    kelm_msg_tx_set_packet packet{};
-    packet.period = 100'000;
-    kelm_msg_rx_set_session session{};
-    session.period = 100'000;
-    const bytes content = control_packet{.my_discriminator = 6}.encode();
     return {
         {KELM_MSG_TX_SET_PACKET,
-         tx_set_packet(SESSION, outgoing{.payload = content}.encode(), packet),
+         set_request(SESSION, {}, tx{.period = 100'000}),
          offsetof(kelm_msg_tx_set_packet, packet_len), 0},
-        {KELM_MSG_TX_DELETE_PACKET, encode(kelm_msg_tx_delete_packet{{SESSION}}), 0, 0},
-        {KELM_MSG_RX_SET_SESSION, rx_set_session(SESSION, session),
+        {KELM_MSG_TX_DELETE_PACKET, to_bytes(kelm_msg_tx_delete_packet{{SESSION}}), 0, 0},
+        {KELM_MSG_RX_SET_SESSION, set_request(SESSION, rx{.period = 100'000}, bytes(16)),
          offsetof(kelm_msg_rx_set_session, failure_packet_len), 0},
-        {KELM_MSG_RX_DELETE_SESSION, encode(kelm_msg_rx_delete_session{{SESSION}}), 0, 0},
+        {KELM_MSG_RX_DELETE_SESSION, to_bytes(kelm_msg_rx_delete_session{{SESSION}}), 0, 0},
         {KELM_MSG_GET_STATS, stats_request(0, KELM_STATS_MODULE), 0, DUMP},
-        {KELM_MSG_SYNC, encode(kelm_msg_sync{{0}, KELM_SYNC_SWEEP}), 0, 0},
-        {KELM_MSG_SET_DEBUG_LEVEL, encode(kelm_msg_set_debug_level{{0}, 0, 3, {}}), 0, 0},
-        {KELM_MSG_TX_PATH_READY, encode(kelm_msg_tx_path_ready{{0}}), 0, 0},
+        {KELM_MSG_SYNC, to_bytes(kelm_msg_sync{{0}, KELM_SYNC_SWEEP}), 0, 0},
+        {KELM_MSG_SET_DEBUG_LEVEL, to_bytes(kelm_msg_set_debug_level{{0}, 0, 3, {}}), 0, 0},
+        {KELM_MSG_TX_PATH_READY, to_bytes(kelm_msg_tx_path_ready{{0}}), 0, 0},
         {KELM_MSG_SET_SESSION_STATS_INTERVAL,
-         encode(kelm_msg_set_session_stats_interval{{0}, 7, {}}), 0, 0},
+         to_bytes(kelm_msg_set_session_stats_interval{{0}, 7, {}}), 0, 0},
     };
 }
 

@@ -17,7 +17,6 @@ namespace
 {
 
 using namespace sim;
-using strings = std::vector<std::string>;
 
 constexpr std::uint32_t CLEAR = KELM_STATS_CLEAR;
 constexpr std::uint32_t NO_REPORT = KELM_STATS_NO_REPORT;
@@ -87,39 +86,40 @@ TEST(get_stats, answers_each_request_with_what_it_asks_for)
     }
 }
 
-// Every counter of a vrf is raised, each by another number.
 TEST(get_stats, reports_and_clears_the_counters_of_the_vrf)
 {
     world w;
     agent &a = w.open_agent(w.initial());
-    kelm_msg_rx_set_session session{};
-    session.flags = KELM_RX_TIMER_ACTIVE;
-    const auto times = [](int n, const auto &action) {
-        for (; n > 0; --n)
-            action();
+    // Each is raised by another number.
+    const std::pair<int, std::function<void()>> events[] = {
+        {1, [&] { w.deliver(w.initial(), {.payload = bytes(3)}); }},
+        {2, [&] { w.call_without_datagram(w.initial(), 3784); }},
+        {3, [&] { receive(w, 99); }},
+        {4,
+         [&] {
+             w.deliver(w.initial(), arriving({.your_discriminator = 0, .state = BFD_STATE_DOWN}));
+         }},
+        {5,
+         [&] {
+             EXPECT_EQ(set_session(a, 5, rx{}), 0);
+             w.advance(1000);
+         }},
+        {6,
+         [&] {
+             w.fail(service::skb_reallocation, -ENOMEM);
+             receive(w, 99);
+         }},
+        {9, [&] { EXPECT_EQ(set_interval(a, 1), 0); }}, // fails to be broadcast, and so does:
+        {1, [&] { w.advance(1000); }},
+        {7,
+         [&] {
+             w.fail(service::allocation, -1);
+             w.advance(1000);
+         }},
     };
-    times(1, [&] { w.deliver(w.initial(), {.payload = bytes(3)}); });
-    times(2, [&] { w.call_without_datagram(w.initial(), 3784); });
-    times(3, [&] { receive(w, 99); });
-    times(4, [&] {
-        w.deliver(w.initial(), arriving({.your_discriminator = 0, .state = BFD_STATE_DOWN}));
-    });
-    times(5, [&] {
-        EXPECT_EQ(set_session(a, 5, session), 0);
-        w.advance(1000);
-    });
-    times(6, [&] {
-        w.fail(service::skb_reallocation, -ENOMEM);
-        receive(w, 99);
-    });
-    times(8, [&] { EXPECT_EQ(set_interval(a, 1), 0); });
-    w.advance(1000); // fails to be broadcast, too
-    times(7, [&] {
-        w.fail(service::allocation, -1);
-        w.advance(1000);
-    });
-    EXPECT_EQ(set_interval(a, 0), 0);
-    times(1, [&] { EXPECT_EQ(set_interval(a, 1), 0); });
+    for (const auto &[times, event] : events)
+        for (int i = 0; i < times; ++i)
+            event();
     EXPECT_EQ(set_interval(a, 0), 0);
 
     const auto counters = [&] {

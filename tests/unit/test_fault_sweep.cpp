@@ -6,7 +6,7 @@
 // invariant warns, and afterwards the engine is as good as new.
 #include <cerrno>
 
-#include "wire_fixture.h"
+#include "engine_fixture.h"
 
 namespace
 {

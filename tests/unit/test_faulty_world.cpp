@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Whole worlds at random: peers talk to the engine over a bad network while timers are late, clocks
-// step, agents reconfigure and namespaces vanish. Models of what the engine has promised, which
+// step and agents reconfigure. Models of what the engine has promised, which
 // know nothing of its insides, are fed with what it was told and what it did, and complain in
 // words.
 //
@@ -11,9 +11,9 @@
 #include <map>
 #include <optional>
 
+#include "engine_fixture.h"
 #include "platform/sim/net.h"
 #include "platform/sim/random.h"
-#include "wire_fixture.h"
 
 namespace
 {
@@ -23,15 +23,13 @@ using namespace sim;
 // A session or packet, by namespace and discriminator.
 using record_id = std::pair<const net *, std::uint32_t>;
 
-class complaints
-{
-  public:
+struct complaints {
     void add(std::uint64_t tick, const record_id &id, const std::string &what)
     {
         list.push_back("tick " + std::to_string(tick) + ", " + std::to_string(id.second) + ": " +
                        what);
     }
-    std::vector<std::string> list;
+    strings list;
 };
 
 // Detection: never a failure early, one for each silence, none missing once timers have run.
@@ -50,7 +48,6 @@ class detection_checker
         if (found != sessions.end() && found->second.deadline)
             found->second.deadline = now + found->second.ticks;
     }
-    void removed(const record_id &id) { sessions.erase(id); }
 
     void failed(const record_id &id, std::uint64_t now)
     {
@@ -74,12 +71,6 @@ class detection_checker
             complaints_.add(now, id, "no failure at " + std::to_string(*each.deadline));
             each.deadline.reset();
         }
-    }
-
-    [[nodiscard]] bool due(const record_id &id, std::uint64_t now) const
-    {
-        const auto found = sessions.find(id);
-        return found != sessions.end() && found->second.deadline && *found->second.deadline <= now;
     }
 
   private:
@@ -110,7 +101,6 @@ class transmission_checker
         p.latched = false;
         p.latest = std::max(now + 1, p.last + period_ticks);
     }
-    void removed(const record_id &id) { packets.erase(id); }
 
     void latched(const record_id &id, std::uint64_t now)
     {
@@ -198,7 +188,7 @@ struct options {
     // Chances per thousand, of each datagram:
     std::uint64_t loss, duplication, delay, damage, odd_buffer;
     // and of each tick:
-    std::uint64_t late_timers, clock_step, silence, reconfiguration, race, vanishing;
+    std::uint64_t late_timers, clock_step, silence, reconfiguration;
 
     explicit options(std::uint64_t wanted) : seed(wanted)
     {
@@ -207,8 +197,7 @@ struct options {
         sessions = 1 + random.below(6);
         for (std::uint64_t *chance : {&loss, &duplication, &delay, &damage, &odd_buffer})
             *chance = random.below(2) * random.below(300);
-        for (std::uint64_t *chance :
-             {&late_timers, &clock_step, &silence, &reconfiguration, &race, &vanishing})
+        for (std::uint64_t *chance : {&late_timers, &clock_step, &silence, &reconfiguration})
             *chance = random.below(2) * random.below(20);
     }
 };
@@ -262,8 +251,8 @@ class run
 
     void create_namespace()
     {
-        const bool first = created++ == 0;
-        net &ns = first ? w.initial() : w.create_namespace("n" + std::to_string(created));
+        const std::string name = "n" + std::to_string(agents.size());
+        net &ns = agents.empty() ? w.initial() : w.create_namespace(name);
         monitors[&ns] = &w.open_agent(ns, {.groups = NOTIFICATION});
         agents[&ns] = &w.open_agent(ns);
         for (std::uint64_t i = 0; i < o.sessions; ++i) {
@@ -275,34 +264,6 @@ class run
             sessions.push_back(s);
             configure(sessions.back());
         }
-    }
-
-    void vanish()
-    {
-        auto gone = monitors.begin();
-        std::advance(gone, random.below(monitors.size()));
-        net &ns = *const_cast<net *>(gone->first);
-        if (&ns == &w.initial())
-            return;
-        observe();
-        agents[&ns]->close();
-        gone->second->close();
-        forget(&ns);
-        agents.erase(&ns);
-        monitors.erase(gone);
-        w.abandon(ns);
-        create_namespace();
-    }
-
-    void forget(const net *ns)
-    {
-        for (const session &s : sessions) {
-            if (s.id.first == ns) {
-                detection.removed(s.id);
-                transmission.removed(s.id);
-            }
-        }
-        std::erase_if(sessions, [ns](const session &s) { return s.id.first == ns; });
     }
 
     void configure(session &s)
@@ -375,8 +336,6 @@ class run
 
     void deliver(const flight &arriving)
     {
-        if (monitors.count(arriving.id.first) == 0)
-            return; // the namespace is gone
         w.deliver(*const_cast<net *>(arriving.id.first), arriving.packet);
         if (arriving.acceptable)
             detection.accepted(arriving.id, w.tick());
@@ -408,34 +367,6 @@ class run
             w.run_timers();
             observe();
         }
-        if (chance(o.vanishing))
-            vanish();
-        if (chance(o.race))
-            race();
-    }
-
-    // Several processors at once, on different sessions.
-    void race()
-    {
-        w.pass(1);
-        session &first = sessions[random.below(sessions.size())];
-        session &second = sessions[random.below(sessions.size())];
-        if (&first == &second || detection.due(first.id, w.tick()) ||
-            detection.due(second.id, w.tick())) { // whose failure could come either way
-            w.run_timers();
-            observe();
-            return;
-        }
-        datagram packet;
-        packet.payload =
-            with_section({.your_discriminator = first.id.second}, auth_section(first.auth_type));
-        agent &dumping = w.open_agent(ns_of(first));
-        w.race({[&] { w.run_timers(); }, [&] { w.run_timers(); },
-                [&] { w.deliver(ns_of(first), packet); }, [&] { configure(second); },
-                [&] { get_stats(dumping, 0, KELM_STATS_CLEAR | KELM_STATS_ALL_VRFS); }});
-        detection.accepted(first.id, w.tick());
-        dumping.close();
-        observe();
     }
 
     void observe()
@@ -448,10 +379,8 @@ class run
                 transmission.latched(id, w.tick());
             }
         }
-        for (const frame &each : w.take_frames()) {
-            if (monitors.count(each.netns) != 0) // not of a namespace on its way out
-                transmission.sent(each);
-        }
+        for (const frame &each : w.take_frames())
+            transmission.sent(each);
         detection.timers_have_run(w.tick());
         transmission.timers_have_run(w.tick());
     }
@@ -473,7 +402,6 @@ class run
     std::map<const net *, agent *> monitors; // hear failures
     std::map<const net *, agent *> agents;
     std::multimap<std::uint64_t, flight> in_flight;
-    int created = 0;
 };
 
 std::uint64_t from_environment(const char *name, std::uint64_t otherwise)
@@ -492,7 +420,7 @@ TEST(faulty_world, keeps_its_promises)
         run r{options(seed)};
         r.go();
         failures += r.failures;
-        EXPECT_EQ(r.found.list, std::vector<std::string>{}) << "KELM_SEED=" << seed;
+        EXPECT_EQ(r.found.list, strings{}) << "KELM_SEED=" << seed;
         if (testing::Test::HasFailure())
             return;
     }

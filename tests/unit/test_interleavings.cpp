@@ -7,7 +7,7 @@
 #include <set>
 #include <sstream>
 
-#include "wire_fixture.h"
+#include "engine_fixture.h"
 
 namespace
 {

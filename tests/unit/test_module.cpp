@@ -11,7 +11,6 @@ namespace
 {
 
 using namespace sim;
-using strings = std::vector<std::string>;
 
 constexpr std::uint64_t CLEANUP_PERIOD = 25; // ticks
 
@@ -138,10 +137,7 @@ void set_up_everything(world &w)
         ASSERT_EQ(path_ready(a), 0);
         for (std::uint32_t discriminator = 1; discriminator <= 200; ++discriminator)
             ASSERT_EQ(set_packet(a, discriminator), 0);
-        kelm_msg_rx_set_session session{};
-        session.flags = KELM_RX_TIMER_ACTIVE;
-        session.latch_tx_packets[0] = 200;
-        ASSERT_EQ(set_session(a, 300, session), 0);
+        ASSERT_EQ(set_session(a, 300, rx{.latch = {200}}), 0);
         ASSERT_TRUE(receive(w, w.find(ns), 300));
         ASSERT_EQ(set_interval(a, 1), 0);
         ASSERT_EQ(set_debug_level(a, 2), 0);

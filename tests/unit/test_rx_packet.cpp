@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // One received datagram: what is dropped, what is accepted, and what the agent gets to see.
-#include "wire_fixture.h"
+#include "engine_fixture.h"
 
 namespace
 {
@@ -14,9 +14,9 @@ struct rx_packet : engine_test {
     // Delivers a datagram and counts the messages to the agent.
     std::size_t passed_up(const datagram &packet)
     {
-        listener.read_messages();
+        control.read_messages();
         EXPECT_TRUE(w.deliver(w.initial(), packet));
-        return listener.read_messages().size();
+        return control.read_messages().size();
     }
 
     // Why the packet was passed up: the end of a log line; "" if it was not.
@@ -49,20 +49,18 @@ struct rx_packet : engine_test {
         return result;
     }
 
-    agent &listener = w.open_agent(w.initial(), {.groups = CONTROL});
-    std::uint32_t stamp = 0;
+    agent &control = w.open_agent(w.initial(), {.groups = CONTROL});
 };
 
 TEST_F(rx_packet, packet_change_carries_the_frame)
 {
-    struct shape {
+    constexpr struct shape {
         const char *host;
         std::uint32_t link_len; // 18: with a VLAN tag
         std::size_t extra;      // bytes behind the packet
         buffer_form form = buffer_form::linear;
         std::uint32_t linear_len = 0;
-    };
-    constexpr shape shapes[] = {
+    } shapes[] = {
         {"10.0.0.2", 14, 0},
         {"10.0.0.2", 18, 0},
         {"10.0.0.2", 0, 0},
@@ -90,9 +88,9 @@ TEST_F(rx_packet, packet_change_carries_the_frame)
             packet.ifindex = 0x01020304;
             packet.member_ifindex = 0x05060708;
             ASSERT_TRUE(w.deliver(w.initial(), packet));
-            const std::optional<bytes> message = listener.read();
+            const std::optional<bytes> message = control.read();
             ASSERT_TRUE(message.has_value());
-            EXPECT_EQ(listener.read(), std::nullopt);
+            EXPECT_EQ(control.read(), std::nullopt);
 
             const std::uint32_t bfd = each.link_len + (each.host[0] == '1' ? 20 : 40) + 8;
             const auto len = static_cast<std::uint32_t>(bfd + packet.payload.size());
@@ -105,15 +103,7 @@ TEST_F(rx_packet, packet_change_carries_the_frame)
             EXPECT_EQ(hex(body.subspan(16, 24)), hex(as_bytes(head).first(24)));
             EXPECT_EQ(body[40 + each.link_len] >> 4, each.host[0] == '1' ? 4 : 6);
             EXPECT_EQ(hex(body.subspan(40 + bfd)), hex(packet.payload));
-
-            // The dump says the same of the session, and padded.
-            const auto dumped =
-                bodies<kelm_msg_rx_packet_change>(sync_dump(a).messages, KELM_MSG_RX_PACKET_CHANGE);
-            ASSERT_EQ(dumped.size(), with_session ? 1U : 0U);
-            if (with_session) {
-                EXPECT_EQ(hex(as_bytes(dumped[0])), hex(as_bytes(head)));
-                ASSERT_EQ(delete_session(a, SESSION), 0);
-            }
+            EXPECT_EQ(delete_session(a, SESSION), with_session ? 0 : -ENOENT);
         }
     }
 }
@@ -139,13 +129,10 @@ TEST_F(rx_packet, what_is_not_bfd_is_dropped_and_counted)
 
 TEST_F(rx_packet, packets_without_a_session_are_passed_up)
 {
-    const auto state = [](std::uint8_t s) {
-        return arriving({.your_discriminator = 0, .state = s});
-    };
-    EXPECT_EQ(reason(state(BFD_STATE_DOWN)), "discriminator==0");
-    EXPECT_EQ(reason(state(BFD_STATE_ADMIN_DOWN)), "discriminator==0");
-    EXPECT_EQ(reason(arriving({.your_discriminator = 0xfffffffe})), "no session 4294967294");
-    EXPECT_EQ(reason(arriving({.your_discriminator = 0xfffffffe})), "no session 4294967294");
+    for (const std::uint8_t state : bytes{BFD_STATE_DOWN, BFD_STATE_ADMIN_DOWN})
+        EXPECT_EQ(reason(arriving({.your_discriminator = 0, .state = state})), "discriminator==0");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(reason(arriving({.your_discriminator = 0xfffffffe})), "no session 4294967294");
 }
 
 TEST_F(rx_packet, only_what_the_state_machine_must_see_is_passed_up)
@@ -218,11 +205,11 @@ TEST_F(rx_packet, stored_frame_may_have_its_packet_elsewhere)
 TEST_F(rx_packet, time_stamp_in_our_own_returning_packets_is_no_change)
 {
     ASSERT_EQ(set_session(a, SESSION, rx{.flags = KELM_RX_MYDISC_RTT}), 0);
-    const auto returned = [this](std::uint8_t flags = 0) {
-        datagram packet = arriving({.my_discriminator = 77 + ++stamp, .flags = flags});
+    auto returned = [this, stamp = 77U](std::uint8_t flags = 0) mutable {
+        datagram packet = arriving({.my_discriminator = ++stamp, .flags = flags});
         packet.form = buffer_form::cloned;
         EXPECT_TRUE(w.deliver(w.initial(), packet));
-        const std::vector<message> messages = listener.read_messages();
+        const std::vector<message> messages = control.read_messages();
         return messages.empty() ? "" : hex(std::span(messages[0].body).subspan(24 + 42 + 4, 4));
     };
     EXPECT_EQ(returned(), "0000004e");
@@ -236,7 +223,10 @@ TEST_F(rx_packet, what_kelm_sends_kelm_accepts_unless_a_bit_is_wrong)
 {
     for (const std::uint8_t type : bytes{1, 2, 3, 4, 5}) {
         SCOPED_TRACE(int{type});
-        ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = type}), 0);
+        kelm_msg_rx_set_session two_keys = rx{.auth_type = type};
+        two_keys.auth_key[0] = two_keys.auth_key[1];
+        two_keys.auth_key[0].key_id = KEY_ID + 1;
+        ASSERT_EQ(set_session(a, SESSION, two_keys), 0);
         datagram bad = own_packet(type);
         bad.payload.back() ^= 1;
         bad.form = buffer_form::cloned; // the digest is computed in place
@@ -244,9 +234,13 @@ TEST_F(rx_packet, what_kelm_sends_kelm_accepts_unless_a_bit_is_wrong)
         EXPECT_EQ(rx_stats(a, SESSION)->num_auth_fail, 1U);
         const datagram good = own_packet(type);
         EXPECT_EQ(reason(good), std::to_string(42 + good.payload.size()) + " != 0");
-        // A later one of the same sender: neither number nor digest is a change.
-        EXPECT_EQ(reason(own_packet(type)), "");
+        // A later one with another key: neither key id nor number nor digest is a change.
+        EXPECT_EQ(reason(own_packet(type, KEY_ID + 1)), "");
         EXPECT_EQ(rx_stats(a, SESSION)->num_received, 2U);
+        if (type == BFD_AUTH_METICULOUS_MD5) { // another type of the same length is a change
+            ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = BFD_AUTH_KEYED_MD5}), 0);
+            EXPECT_EQ(reason(own_packet(BFD_AUTH_KEYED_MD5)), "content changed");
+        }
         ASSERT_EQ(delete_session(a, SESSION), 0);
         ASSERT_EQ(delete_packet(a, 1), 0);
     }
@@ -280,30 +274,15 @@ TEST_F(rx_packet, what_the_library_tells_is_logged_at_level_2_or_3)
     }
 }
 
-TEST_F(rx_packet, type_of_the_section_is_content_but_not_its_key_id)
-{
-    kelm_msg_rx_set_session two_keys = rx{.auth_type = BFD_AUTH_METICULOUS_MD5};
-    two_keys.auth_key[0] = two_keys.auth_key[1];
-    two_keys.auth_key[0].key_id = KEY_ID + 1;
-    ASSERT_EQ(set_session(a, SESSION, two_keys), 0);
-    EXPECT_EQ(reason(own_packet(BFD_AUTH_METICULOUS_MD5)), "90 != 0");
-    EXPECT_EQ(reason(own_packet(BFD_AUTH_METICULOUS_MD5, KEY_ID + 1)), "");
-    EXPECT_EQ(rx_stats(a, SESSION)->num_received, 2U);
-    two_keys.auth.type = BFD_AUTH_KEYED_MD5; // as long
-    ASSERT_EQ(set_session(a, SESSION, two_keys), 0);
-    EXPECT_EQ(reason(own_packet(BFD_AUTH_KEYED_MD5)), "content changed");
-}
-
 TEST_F(rx_packet, type_ttl_and_interface_admit_a_packet)
 {
-    struct admission {
+    const struct admission {
         rx session;
         std::uint8_t ttl;
         int ifindex;
         std::uint8_t packet_auth;
         bool accepted;
-    };
-    const admission cases[] = {
+    } cases[] = {
         {rx{}, 1, 2, 0, true},
         {rx{.auth_flags = KELM_AUTH_TTL_255}, 255, 2, 0, true},
         {rx{.auth_flags = KELM_AUTH_TTL_255}, 254, 2, 0, false},
@@ -341,44 +320,40 @@ TEST_F(rx_packet, type_ttl_and_interface_admit_a_packet)
 TEST_F(rx_packet, without_memory_a_packet_counts_and_is_not_passed_up)
 {
     ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    const auto passed_up_without = [this](service failing, const datagram &packet) {
+        w.fail(failing, -ENOMEM);
+        return passed_up(packet);
+    };
     // No copy: the next packet tries again.
-    w.fail(service::allocation, -ENOMEM);
-    EXPECT_EQ(passed_up(arriving({})), 0U);
-    EXPECT_EQ(rx_stats(a, SESSION)->packet_alloc_fail, 1U);
+    EXPECT_EQ(passed_up_without(service::allocation, arriving({})), 0U);
     // No headroom: the copy is there, so that the next one is no change.
-    w.fail(service::skb_reallocation, -ENOMEM);
-    EXPECT_EQ(passed_up(arriving({})), 0U);
+    EXPECT_EQ(passed_up_without(service::skb_reallocation, arriving({})), 0U);
     EXPECT_EQ(w.logged("kelm Rx: failed to expand skb -12"), 1U);
     EXPECT_EQ(passed_up(arriving({})), 0U);
-    kelm_msg_rx_stats stats = *rx_stats(a, SESSION);
-    EXPECT_EQ(stats.pskb_expand_fail, 1U);
-    EXPECT_EQ(stats.num_passup, 2U);
-    EXPECT_EQ(stats.num_received, 3U);
     EXPECT_EQ(module_stats(a).pskb_expand_fail, 0U);
     // A failed copy forgets the old one.
     const datagram changed = arriving({.state = BFD_STATE_INIT});
-    w.fail(service::allocation, -ENOMEM);
-    EXPECT_EQ(passed_up(changed), 0U);
-    EXPECT_EQ(names(sync_dump(a).messages), std::vector<std::string>{"rx_sync 5"});
+    EXPECT_EQ(passed_up_without(service::allocation, changed), 0U);
+    EXPECT_EQ(names(sync_dump(a).messages), strings{"rx_sync 5"});
     EXPECT_EQ(passed_up(changed), 1U);
-    EXPECT_EQ(rx_stats(a, SESSION)->packet_alloc_fail, 2U);
 
     // Without a session, the vrf counts.
-    w.fail(service::skb_reallocation, -ENOMEM);
-    EXPECT_EQ(passed_up(arriving({.your_discriminator = 6})), 0U);
-    EXPECT_EQ(module_stats(a).pskb_expand_fail, 1U);
+    const datagram unknown = arriving({.your_discriminator = 6});
+    EXPECT_EQ(passed_up_without(service::skb_reallocation, unknown), 0U);
     // What cannot be read in one piece is dropped before anything else, validation included.
     datagram scattered = arriving({});
     scattered.form = buffer_form::fragmented;
-    for (const bool valid : {true, false}) {
-        if (!valid)
-            scattered.payload.resize(10);
-        w.fail(service::skb_reallocation, -ENOMEM);
-        EXPECT_EQ(passed_up(scattered), 0U);
+    for (const std::size_t len : {24U, 10U}) {
+        scattered.payload.resize(len);
+        EXPECT_EQ(passed_up_without(service::skb_reallocation, scattered), 0U);
     }
     EXPECT_EQ(module_stats(a).pskb_expand_fail, 3U);
     EXPECT_EQ(module_stats(a).rfc_drops, 0U);
-    EXPECT_EQ(rx_stats(a, SESSION)->num_received, 5U);
+    const kelm_msg_rx_stats stats = *rx_stats(a, SESSION);
+    EXPECT_EQ(stats.packet_alloc_fail, 2U);
+    EXPECT_EQ(stats.pskb_expand_fail, 1U);
+    EXPECT_EQ(stats.num_passup, 4U);
+    EXPECT_EQ(stats.num_received, 5U);
 }
 
 } // namespace

@@ -10,7 +10,6 @@ namespace
 {
 
 using namespace sim;
-using strings = std::vector<std::string>;
 
 constexpr std::uint32_t BROADCAST_SIZE = 2048;
 

@@ -8,7 +8,7 @@
 
 #include "kelm/clocks.h"
 #include "platform/sim/random.h"
-#include "wire_fixture.h"
+#include "engine_fixture.h"
 
 namespace
 {

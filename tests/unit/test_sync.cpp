@@ -10,17 +10,14 @@ namespace
 {
 
 using namespace sim;
-using strings = std::vector<std::string>;
 
 TEST(sync_dump, tells_of_sessions_with_their_frames_and_of_packets)
 {
     world w({.namespaces = {"red"}});
     agent &a = w.open_agent(w.initial(), {.groups = CONTROL});
-    kelm_msg_rx_set_session session{};
-    session.flags = KELM_RX_TIMER_ACTIVE;
-    ASSERT_EQ(set_session(a, 5, session), 0);
+    ASSERT_EQ(set_session(a, 5, rx{}), 0);
     ASSERT_EQ(set_session(a, 37), 0);
-    ASSERT_EQ(set_session(a, 6, session), 0);
+    ASSERT_EQ(set_session(a, 6, rx{}), 0);
     ASSERT_EQ(set_packet(a, 9), 0);
     ASSERT_EQ(set_session(w.open_agent(w.find("red")), 7), 0);
     w.advance(500);
@@ -47,11 +44,8 @@ TEST(sync_dump, tells_of_sessions_with_their_frames_and_of_packets)
 
 void fill(agent &a)
 {
-    kelm_msg_rx_set_session session{};
-    session.flags = KELM_RX_TIMER_ACTIVE;
-    session.latch_tx_packets[0] = 5;
     ASSERT_EQ(set_packet(a, 5), 0);
-    ASSERT_EQ(set_session(a, 5, session), 0);
+    ASSERT_EQ(set_session(a, 5, rx{.latch = {5}}), 0);
 }
 
 bool is_empty(agent &a)

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // When packets go out. A tick is a millisecond; half of one is always taken off the period, which
-// after rounding costs one tick.
+// after rounding costs one tick. And when they begin to: as soon as the path is ready, by the agent
+// or by the first datagram, once, for all vrfs, while vrfs come and go.
 #include <map>
+#include <set>
 
-#include "wire_fixture.h"
+#include "engine_fixture.h"
+#include "platform/sim/net.h"
 
 namespace
 {
@@ -19,23 +22,17 @@ struct tx_schedule : engine_test {
         return set_packet(a, SESSION, tx{.period = period, .jitter_type = jitter_type});
     }
 
-    int set_out_of_band() { return set(a, SESSION, {}, tx{.flags = KELM_TX_SEND_OOB}); }
+    int set_out_of_band() { return set_packet(a, SESSION, tx{.flags = KELM_TX_SEND_OOB}); }
 };
-
-std::uint64_t to_ticks(std::uint64_t usecs)
-{
-    return (usecs + 999) / 1000;
-}
 
 TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
 {
-    struct extremes {
+    constexpr struct {
         std::uint16_t jitter_type;
         kelm_microsecs period;
         std::uint32_t random;
         std::uint64_t interval; // ticks
-    };
-    constexpr extremes cases[] = {
+    } cases[] = {
         {BFD_TX_JITTER_NONE, 300'000, 12345, 299},
         {BFD_TX_JITTER_NONE, 1'000'000, 0, 999},
         {BFD_TX_JITTER_NONE, 1500, 0, 1},
@@ -64,7 +61,7 @@ TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
         for (int i = 0; i < 2; ++i)
             EXPECT_EQ(sent_during(interval), tick_list{interval});
         ASSERT_EQ(delete_packet(a, SESSION), 0);
-        w.pass(to_ticks(period)); // for the timer to let go of it
+        w.pass(period / 1000 + 1); // for the timer to let go of it
         w.run_timers();
         ASSERT_EQ(w.timers(), 0U);
     }
@@ -123,12 +120,11 @@ TEST_F(tx_schedule, rhythm_resumes_at_the_next_tick_if_its_time_has_passed)
 
 TEST_F(tx_schedule, reconfiguration_counts_from_the_last_transmission)
 {
-    struct reconfiguration {
+    const struct {
         kelm_microsecs period;
         std::uint64_t ticks; // that pass then
         tick_list sent;
-    };
-    const reconfiguration cases[] = {
+    } cases[] = {
         {300'000, 399, {299}},    // 100 ticks ago
         {200'000, 50, {}},        // 150
         {300'000, 100, {}},       // 250
@@ -180,6 +176,92 @@ TEST_F(tx_schedule, packet_still_out_of_band_when_the_path_gets_ready_is_not_del
     EXPECT_EQ(w.frames().size(), 1U);
     EXPECT_EQ(sent_during(400), (tick_list{1, 2, 301})); // again out of band, then in band
     EXPECT_EQ(tx_stats(a, SESSION)->num_sent, 2U);
+}
+
+// The namespaces that packets went out in, by name and discriminator.
+std::multiset<std::string> sent(world &w)
+{
+    std::multiset<std::string> result;
+    for (const frame &each : w.take_frames())
+        result.insert(each.netns->name + " " +
+                      std::to_string(ntohl(ctrl_in(each.data).my_discriminator)));
+    return result;
+}
+
+TEST(path_ready, starts_every_packet_of_every_vrf_once)
+{
+    world w({.namespaces = {"red", "blue"}});
+    std::multiset<std::string> all;
+    for (const char *name : {"initial", "red", "blue"}) {
+        agent &a = w.open_agent(w.find(name));
+        for (const std::uint32_t disc : {1U, 33U, 0xffffffffU}) {
+            ASSERT_EQ(set_packet(a, disc), 0);
+            all.insert(std::string(name) + " " + std::to_string(disc));
+        }
+    }
+    w.advance(1000);
+    EXPECT_TRUE(w.frames().empty());
+    agent &a = w.open_agent(w.find("red"), {.privileged = false});
+    ASSERT_EQ(set_debug_level(w.open_agent(w.initial()), 2), 0);
+    EXPECT_EQ(path_ready(a, 1), -ENODATA);
+    EXPECT_TRUE(w.frames().empty());
+    EXPECT_EQ(path_ready(a), 0);
+    EXPECT_EQ(sent(w), all);
+    // The first datagram only says so.
+    EXPECT_TRUE(receive(w, 1));
+    EXPECT_TRUE(receive(w, 1));
+    EXPECT_TRUE(w.frames().empty());
+    EXPECT_EQ(w.logged("kelm Rx: Tx path ready from kernel"), 1U);
+    EXPECT_EQ(w.logged("kelm Tx: Setting kelm_tx_path_ready"), 2U);
+}
+
+// At each lock point of the walk: a namespace comes and gets a packet, a packet is set and one is
+// deleted in a vrf, a vrf is swept, the path is declared ready once more.
+TEST(path_ready, whatever_is_set_during_the_walk_is_sent)
+{
+    std::uint64_t k = 1;
+    for (;; ++k) {
+        SCOPED_TRACE(testing::Message() << "lock point " << k);
+        world w({.namespaces = {"red", "blue"}, .seed = k});
+        agent &a = w.open_agent(w.initial());
+        agent &red = w.open_agent(w.find("red"));
+        agent &blue = w.open_agent(w.find("blue"));
+        agent &other = w.open_agent(w.initial()); // an agent is one thread
+        for (agent *each : {&a, &red, &blue}) {
+            ASSERT_EQ(set_packet(*each, 1), 0);
+            ASSERT_EQ(set_packet(*each, 2), 0);
+        }
+        bool walking = true;
+        w.at_lock_point(k, [&] {
+            if (!walking)
+                return;
+            agent &fresh = w.open_agent(w.create_namespace("green"));
+            EXPECT_EQ(set_packet(fresh, 1), 0);
+            EXPECT_EQ(set_packet(other, 3), 0);
+            EXPECT_EQ(delete_packet(red, 1), 0);
+            EXPECT_EQ(path_ready(blue), 0);
+            EXPECT_EQ(set_packet(blue, 1), 0);
+        });
+        if (k % 2 == 0)
+            ASSERT_EQ(path_ready(a), 0);
+        else
+            ASSERT_TRUE(receive(w, 9));
+        walking = false;
+        if (w.actions_left() != 0)
+            break;
+        // By the end of the first period everything that exists has been sent, and only that.
+        w.take_frames();
+        w.advance(600);
+        const std::multiset<std::string> met = sent(w);
+        for (const char *each :
+             {"initial 1", "initial 2", "initial 3", "red 2", "blue 1", "blue 2", "green 1"}) {
+            EXPECT_GE(met.count(each), 1U) << each;
+            EXPECT_LE(met.count(each), 3U) << each;
+        }
+        EXPECT_EQ(met.count("red 1"), 0U);
+        EXPECT_EQ(w.timers(), 7U);
+    }
+    EXPECT_GT(k, 30U);
 }
 
 } // namespace

@@ -4,7 +4,7 @@
 // numbers and what becomes of deleted packets are tested in whole worlds and interleavings.
 #include <sys/socket.h>
 
-#include "wire_fixture.h"
+#include "engine_fixture.h"
 
 namespace
 {
@@ -46,11 +46,9 @@ TEST_F(tx_transmit, checksum_is_made_for_every_packet)
                 packet.link_len = link_len;
                 packet.source = packet.destination = address(host);
                 bytes body = set_request(SESSION, packet, tx{.flags = KELM_TX_SEND_OOB});
-                body[body.size() - packet.payload.size() - 2] ^=
-                    0x5a; // the agent's does not matter
+                body[body.size() - packet.payload.size() - 2] ^= 0x5a; // the agent's
                 ASSERT_EQ(ask(a, KELM_MSG_TX_SET_PACKET, body), 0);
-                const frame sent = next_frame();
-                EXPECT_TRUE(udp_checksum_right(sent.data, link_len)) << hex(sent.data);
+                EXPECT_TRUE(udp_checksum_right(next_frame().data, link_len));
             }
         }
     }
@@ -97,16 +95,14 @@ TEST_F(tx_transmit, latch_rewrites_the_header_for_good)
     ASSERT_EQ(set(a, SESSION, packet, tx{.latch_period = 1'000'000, .latch_state = 0xfd}), 0);
     const frame before = next_frame();
     EXPECT_EQ(hex(bfd_in(before.data).first(BFD_CTRL_LEN)),
-              "20e60334"
-              "000000050000004d000493e0000493e000000000");
+              "20e60334000000050000004d000493e0000493e000000000");
     EXPECT_EQ(before.flags, std::uint32_t{MSG_DONTWAIT | MSG_CONFIRM});
     latch(0xe3);                      // five bits count, and two of the state
     EXPECT_EQ(w.frames().size(), 1U); // nothing is sent at that moment
     const frame latched = next_frame();
     EXPECT_EQ(latched.tick - before.tick, INTERVAL);
     EXPECT_EQ(latched.flags, std::uint32_t{MSG_DONTWAIT}); // by the new period
-    const std::string rewritten = "23660334"
-                                  "0000000500000000000f4240000493e000000000";
+    const std::string rewritten = "236603340000000500000000000f4240000493e000000000";
     EXPECT_EQ(hex(bfd_in(latched.data).first(BFD_CTRL_LEN)), rewritten);
     EXPECT_EQ(bfd_in(latched.data)[BFD_CTRL_LEN + 7], 1); // the next sequence number
     EXPECT_NE(hex(bfd_in(latched.data).subspan(32)), hex(bfd_in(before.data).subspan(32)));
@@ -133,77 +129,71 @@ TEST_F(tx_transmit, the_latest_latch_wins_and_survives_a_replacement)
     EXPECT_EQ(tx_stats(a, SESSION)->num_latches, 1U);
 }
 
-// Control data as hex: length, level and type of the header, then its contents.
-std::string ipv4_info(const std::string &ifindex, const std::string &source)
+// Control data: length, level and type of the header, then its contents.
+template<typename Info>
+std::string control_of(int level, int type, const Info &info)
 {
-    return "1c00000000000000"
-           "00000000"
-           "08000000" +
-           ifindex + source + "00000000";
-}
-std::string ipv6_info(const std::string &source, const std::string &ifindex)
-{
-    return "2400000000000000"
-           "29000000"
-           "32000000" +
-           source + ifindex;
+    bytes control = to_bytes(cmsghdr{CMSG_LEN(sizeof info), level, type});
+    append(control, as_bytes(info));
+    return hex(control);
 }
 
 TEST_F(tx_transmit, address_and_packet_info)
 {
-    struct addressed {
+    const auto in4 = [](int ifindex, const char *source) {
+        return control_of(IPPROTO_IP, IP_PKTINFO, in_pktinfo{ifindex, {inet_addr(source)}, {}});
+    };
+    const auto in6 = [](unsigned ifindex, const char *source) {
+        return control_of(IPPROTO_IPV6, IPV6_PKTINFO, in6_pktinfo{address(source), ifindex});
+    };
+    const struct {
         const char *source;
         std::uint32_t ifindex;
         std::string control;
-    };
-    const addressed cases[] = {
+    } cases[] = {
         {"0.0.0.0", 0, ""},
-        {"0.0.0.0", 5, ipv4_info("05000000", "00000000")},
-        {"10.0.0.1", 0, ipv4_info("00000000", "0a000001")},
-        {"10.0.0.1", 0x01020304, ipv4_info("04030201", "0a000001")},
+        {"0.0.0.0", 5, in4(5, "0.0.0.0")},
+        {"10.0.0.1", 0, in4(0, "10.0.0.1")},
+        {"10.0.0.1", 0x01020304, in4(0x01020304, "10.0.0.1")},
         {"::", 0, ""},
-        {"::", 5, ipv6_info(std::string(32, '0'), "05000000")},
-        {"fe80::1", 0, ipv6_info("fe800000000000000000000000000001", "00000000")},
+        {"::", 5, in6(5, "::")},
+        {"fe80::1", 0, in6(0, "fe80::1")},
     };
     for (const auto &[source, ifindex, control] : cases) {
         SCOPED_TRACE(testing::Message() << source << " on " << ifindex);
-        const bool v6 = std::string(source).find(':') != std::string::npos;
         outgoing packet;
         packet.source = address(source);
-        packet.destination = address(v6 ? "fe80::2" : "10.0.0.2");
-        const tx fixed{.flags = KELM_TX_SEND_OOB, .ifindex = ifindex};
-        ASSERT_EQ(set(a, SESSION, packet, fixed), 0);
-        const frame sent = next_frame();
-        EXPECT_EQ(sent.kind, socket_kind::raw);
-        EXPECT_EQ(hex(sent.name),
-                  "0a00000000000000" + hex(as_bytes(packet.destination)) + "00000000");
-        EXPECT_EQ(hex(sent.control), control);
-        EXPECT_EQ(sent.data, packet.encode());
-
-        packet.link_len = 14;
-        ASSERT_EQ(set(a, SESSION, packet, fixed), 0);
-        const frame link = next_frame();
-        EXPECT_EQ(link.kind, socket_kind::packet);
-        EXPECT_EQ(link.flags, std::uint32_t{MSG_DONTWAIT});
-        EXPECT_EQ(hex(link.name),
-                  "11000000" + hex(as_bytes(ifindex)) + "00000006" + "2021222324250000");
-        EXPECT_EQ(hex(link.control), "");
-        EXPECT_EQ(link.data, packet.encode());
-        for (const frame &each : {sent, link}) {
-            EXPECT_EQ(each.priority, 6U);
-            EXPECT_EQ(each.sndbuf, 16 * 1024 * 1024);
+        packet.destination = address(std::strchr(source, ':') != nullptr ? "fe80::2" : "10.0.0.2");
+        for (const std::size_t link_len : {0U, 14U}) {
+            packet.link_len = link_len;
+            ASSERT_EQ(set(a, SESSION, packet, tx{.flags = KELM_TX_SEND_OOB, .ifindex = ifindex}),
+                      0);
+            const frame sent = next_frame();
+            EXPECT_EQ(sent.kind, link_len == 0 ? socket_kind::raw : socket_kind::packet);
+            EXPECT_EQ(hex(sent.name),
+                      link_len == 0
+                          ? "0a00000000000000" + hex(as_bytes(packet.destination)) + "00000000"
+                          : "11000000" + hex(as_bytes(ifindex)) + "000000062021222324250000");
+            EXPECT_EQ(hex(sent.control), link_len == 0 ? control : "");
+            EXPECT_EQ(sent.data, packet.encode());
+            EXPECT_EQ(sent.priority, 6U);
+            EXPECT_EQ(sent.sndbuf, 16 * 1024 * 1024);
         }
     }
 }
 
-TEST_F(tx_transmit, frequent_traffic_confirms_the_neighbour)
+TEST_F(tx_transmit, frequent_ip_traffic_confirms_the_neighbour)
 {
-    for (const kelm_microsecs period : {1U, 999'999U, 1'000'000U, 0xffffffffU}) {
-        ASSERT_EQ(set(a, SESSION, {}, tx{.period = period, .flags = KELM_TX_SEND_OOB}), 0);
-        EXPECT_EQ(next_frame().flags,
-                  std::uint32_t{MSG_DONTWAIT} | (period < 1'000'000 ? MSG_CONFIRM : 0))
-            << period;
-    }
+    for (const kelm_microsecs period : {1U, 999'999U, 1'000'000U, 0xffffffffU})
+        for (const std::size_t link_len : {0U, 14U}) {
+            ASSERT_EQ(set(a, SESSION, {.link_len = link_len},
+                          tx{.period = period, .flags = KELM_TX_SEND_OOB}),
+                      0);
+            const bool confirms = period < 1'000'000 && link_len == 0;
+            EXPECT_EQ(next_frame().flags,
+                      std::uint32_t{MSG_DONTWAIT} | (confirms ? MSG_CONFIRM : 0))
+                << period;
+        }
 }
 
 TEST_F(tx_transmit, failed_and_short_sends_are_counted_and_sending_goes_on)

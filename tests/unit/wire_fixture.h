@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
-#include "engine_fixture.h"
 #include "hex.h"
 #include "platform/hosted/udp_frame.h"
+#include "sim_fixture.h"
 
 namespace sim
 {
@@ -22,20 +22,8 @@ inline constexpr std::uint8_t KEY_ID = 9;
 // The length of an authentication section; that of a password is KEY's first 6 bytes.
 inline std::size_t section_len(std::uint8_t type)
 {
-    switch (type) {
-    case BFD_AUTH_PASSWORD:
-        return 3 + 6;
-    case BFD_AUTH_KEYED_MD5:
-    case BFD_AUTH_METICULOUS_MD5:
-        return 24;
-    case BFD_AUTH_KEYED_SHA1:
-    case BFD_AUTH_METICULOUS_SHA1:
-        return 28;
-    case BFD_AUTH_DEBUG_SEQNUM:
-        return 8;
-    default:
-        return 0;
-    }
+    constexpr std::size_t lens[] = {0, 3 + 6, 24, 24, 28, 28};
+    return type < std::size(lens) ? lens[type] : type == BFD_AUTH_DEBUG_SEQNUM ? 8 : 0;
 }
 
 // A section without sequence number and digest; a password section is complete.
@@ -61,6 +49,32 @@ inline bytes with_section(control_packet packet, const bytes &section)
     result[offsetof(bfd_ctrl, len)] = static_cast<std::uint8_t>(result.size());
     return result;
 }
+
+// A packet to transmit: an IP datagram, or with a link header a whole frame.
+struct outgoing {
+    bytes payload = control_packet{.my_discriminator = 5, .your_discriminator = 77}.encode();
+    in6_addr source = address("10.0.0.1");
+    in6_addr destination = address("10.0.0.2");
+    std::size_t link_len = 0;
+
+    [[nodiscard]] bytes encode() const
+    {
+        const hosted::udp_arrival way{.source = source,
+                                      .destination = destination,
+                                      .source_port = 49152,
+                                      .destination_port = 3784,
+                                      .ttl = 255,
+                                      .tos = 0xc0,
+                                      .iif = 0,
+                                      .member_ifindex = 0};
+        bytes result(hosted::udp_header_room(way, link_len));
+        append(result, payload);
+        hosted::write_udp_headers(std::span(result).last(payload.size()), way, link_len);
+        for (std::size_t i = 0; i < std::min<std::size_t>(link_len, 6); ++i)
+            result[i] = static_cast<std::uint8_t>(0x20 + i); // Ethernet destination
+        return result;
+    }
+};
 
 // With an authentication section of this type, or none.
 inline outgoing authenticated(std::uint8_t type)
@@ -120,13 +134,16 @@ struct rx {
     }
 };
 
-// Sets a packet whose type, offsets and authentication are those of its bytes.
+// The body of KELM_MSG_TX_SET_PACKET: type, lengths, offsets and authentication are those of the
+// packet's bytes.
 inline bytes set_request(std::uint32_t discriminator, const outgoing &packet,
-                         kelm_msg_tx_set_packet fixed = {})
+                         kelm_msg_tx_set_packet fixed = tx{})
 {
     const bytes encoded = packet.encode();
+    fixed.header.discriminator = discriminator;
     fixed.type = packet.link_len == 0 ? KELM_TX_SESSION_IP : KELM_TX_SESSION_L2;
     fixed.ip_hdr_offset = static_cast<std::uint32_t>(packet.link_len);
+    fixed.packet_len = static_cast<std::uint32_t>(encoded.size());
     fixed.latch_offset = static_cast<std::uint32_t>(encoded.size() - packet.payload.size());
     if (packet.payload.size() > BFD_CTRL_LEN) {
         fixed.auth.type = packet.payload[BFD_CTRL_LEN];
@@ -135,13 +152,26 @@ inline bytes set_request(std::uint32_t discriminator, const outgoing &packet,
         if (fixed.auth.type >= BFD_AUTH_KEYED_MD5 && fixed.auth.type <= BFD_AUTH_METICULOUS_SHA1)
             std::memcpy(fixed.auth_hdr.sha1.key_digest, KEY.data(), KEY.size());
     }
-    return tx_set_packet(discriminator, encoded, fixed);
+    bytes body = to_bytes(fixed);
+    append(body, encoded);
+    return body;
 }
 
-inline int set(agent &a, std::uint32_t discriminator, const outgoing &packet,
-               const kelm_msg_tx_set_packet &fixed = tx{})
+// The body of KELM_MSG_RX_SET_SESSION.
+inline bytes set_request(std::uint32_t discriminator, kelm_msg_rx_set_session fixed,
+                         const bytes &failure_message)
 {
-    return ask(a, KELM_MSG_TX_SET_PACKET, set_request(discriminator, packet, fixed));
+    fixed.header.discriminator = discriminator;
+    fixed.failure_packet_len = static_cast<std::uint32_t>(failure_message.size());
+    bytes body = to_bytes(fixed);
+    append(body, failure_message);
+    return body;
+}
+
+// A failure message that carries the discriminator.
+inline bytes failure_message(std::uint32_t discriminator)
+{
+    return make_message(KELM_MSG_SESSION_FAILURE, 0, 0, to_bytes(kelm_msg_header{discriminator}));
 }
 
 // The control packet in a frame whose IP header is at `ip_offset`.
@@ -160,51 +190,12 @@ inline bfd_ctrl ctrl_in(const bytes &data, std::size_t ip_offset = 0)
 inline bool udp_checksum_right(const bytes &data, std::size_t ip_offset = 0)
 {
     const bool v4 = data.at(ip_offset) >> 4 == 4;
+    const std::size_t addresses = ip_offset + (v4 ? 12 : 8);
     const std::size_t udp = ip_offset + (v4 ? 20 : 40);
-    bytes summed(data.begin() + static_cast<std::ptrdiff_t>(ip_offset + (v4 ? 12 : 8)),
-                 data.begin() + static_cast<std::ptrdiff_t>(udp));
-    summed.push_back(0);
-    summed.push_back(17);
-    summed.push_back(static_cast<std::uint8_t>((data.size() - udp) >> 8));
-    summed.push_back(static_cast<std::uint8_t>(data.size() - udp));
-    append(summed, std::span(data).subspan(udp));
-    if (summed.size() % 2 != 0)
-        summed.push_back(0);
-    std::uint32_t sum = 0;
-    for (std::size_t i = 0; i < summed.size(); i += 2)
-        sum += static_cast<std::uint32_t>(summed[i] << 8 | summed[i + 1]);
-    while (sum > 0xffff)
-        sum = (sum & 0xffff) + (sum >> 16);
-    return sum == 0xffff && (data.at(udp + 6) != 0 || data.at(udp + 7) != 0);
+    std::uint64_t sum = 17 + data.size() - udp; // of the pseudo header: protocol and length
+    for (std::size_t i = addresses; i < data.size(); ++i)
+        sum += (i - addresses) % 2 == 0 ? data[i] * 256U : data[i];
+    return sum % 0xffff == 0 && (data.at(udp + 6) != 0 || data.at(udp + 7) != 0);
 }
-
-// An engine with one agent, for tests of the session or packet 5.
-struct engine_test : testing::Test {
-    static constexpr std::uint32_t SESSION = 5;
-    static constexpr std::uint64_t DETECTION = 900; // ticks until a session of `rx` times out
-    static constexpr std::uint64_t INTERVAL = 299;  // ticks between the packets of `tx`
-
-    // The ticks, counted from now, at which packets go out while time goes by.
-    std::vector<std::uint64_t> sent_during(std::uint64_t ticks)
-    {
-        w.take_frames();
-        const std::uint64_t start = w.tick();
-        w.advance(ticks);
-        std::vector<std::uint64_t> result;
-        for (const frame &each : w.frames())
-            result.push_back(each.tick - start);
-        return result;
-    }
-
-    // The first frame that goes out meanwhile.
-    frame next_frame(std::uint64_t ticks = INTERVAL)
-    {
-        EXPECT_FALSE(sent_during(ticks).empty());
-        return w.frames().empty() ? frame{} : w.frames().front();
-    }
-
-    world w;
-    agent &a = w.open_agent(w.initial());
-};
 
 } // namespace sim
