@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Which control packets are valid, where their fields lie, and the hex dump.
+// Which control packets are valid; the texts of the protocol library.
 #include <cstring>
 #include <numeric>
 
 #include "protocol_fixture.h"
+#include "trace_text.h"
 
 namespace
 {
@@ -116,28 +117,6 @@ TEST_F(validation, agrees_with_the_rfc_on_fields)
                                                           28));
 }
 
-TEST(bfd_packet, fields_lie_where_the_wire_has_them)
-{
-    const auto fields = [](int flags) {
-        const std::uint8_t wire[24] = {0x25, static_cast<std::uint8_t>(flags), 7, 24};
-        bfd_ctrl c;
-        std::memcpy(&c, wire, sizeof c);
-        return bytes{c.version,      c.diag,        c.state,
-                     c.poll,         c.final,       c.control_plane_independent,
-                     c.auth_present, c.demand_mode, c.multipoint};
-    };
-    EXPECT_EQ(fields(0x80), (bytes{1, BFD_DIAG_PATH_DOWN, BFD_STATE_INIT, 0, 0, 0, 0, 0, 0}));
-    const std::uint8_t masks[] = {
-        BFD_FLAG_POLL,         BFD_FLAG_FINAL,       BFD_FLAG_CONTROL_PLANE_INDEPENDENT,
-        BFD_FLAG_AUTH_PRESENT, BFD_FLAG_DEMAND_MODE, BFD_FLAG_MULTIPOINT};
-    for (std::size_t i = 0; i < std::size(masks); ++i) {
-        bytes expected = {1, BFD_DIAG_PATH_DOWN, 0, 0, 0, 0, 0, 0, 0};
-        expected[3 + i] = 1;
-        EXPECT_EQ(masks[i], 0x20 >> i);
-        EXPECT_EQ(fields(masks[i]), expected);
-    }
-}
-
 TEST(bfd_packet, hex_dump_groups_by_four_and_ends_at_100_bytes)
 {
     bytes data(150);
@@ -154,6 +133,18 @@ TEST(bfd_packet, hex_dump_groups_by_four_and_ends_at_100_bytes)
         kelm_dump_count_hex_bytes(77, dumped.data(), static_cast<std::uint32_t>(size), remember);
         EXPECT_EQ(traced, (std::vector<trace_line>{{KELM_DLOG, 77, text}})) << size;
     }
+}
+
+TEST(trace_text, writes_numbers_in_full_and_cuts_off_what_does_not_fit)
+{
+    trace_text<40> text;
+    EXPECT_STREQ(text.c_str(), "");
+    text << 0u << " " << 10u << " " << 4294967295u << " " << hex_byte{0x0f} << hex_byte{0xa0};
+    EXPECT_STREQ(text.c_str(), "0 10 4294967295 0fa0");
+
+    trace_text<5> narrow;
+    narrow << "abc" << 4567u << "x";
+    EXPECT_STREQ(narrow.c_str(), "abc4");
 }
 
 } // namespace

@@ -31,26 +31,13 @@ TEST_F(rx_session, what_is_refused_changes_nothing)
     EXPECT_TRUE(sync_dump(a).messages.empty());
     EXPECT_EQ(w.memory_in_use(), memory);
 
-    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    for (const std::uint8_t type : bytes{1, 2, 3, 4, 0})
+        ASSERT_EQ(set_session(a, SESSION, rx{.type = type}), 0);
+    EXPECT_EQ(delete_session(w.open_agent(w.create_namespace("other")), SESSION), -ENOENT);
     w.advance(100);
     w.fail(service::allocation, -ENOMEM, 3);
     EXPECT_EQ(set_session(a, SESSION, rx{.flags = 0, .period = 5000, .latch = {99}}), -ENOMEM);
     EXPECT_TRUE(times_out_after(DETECTION - 100));
-}
-
-TEST_F(rx_session, is_found_by_discriminator_alone)
-{
-    for (const std::uint32_t disc : {5U, 37U, 69U, 0xffffffe5U}) // one chain
-        ASSERT_EQ(set_session(a, disc, rx{.type = static_cast<std::uint8_t>(disc % 5)}), 0);
-    EXPECT_EQ(delete_session(w.open_agent(w.create_namespace("other")), 37), -ENOENT);
-    EXPECT_EQ(delete_session(a, 37), 0);
-    for (const int port : {3784, 3785, 6784, 4784, 47657}) {
-        datagram packet = arriving({.your_discriminator = 69});
-        packet.port = static_cast<std::uint16_t>(port);
-        ASSERT_TRUE(w.deliver(w.initial(), packet));
-    }
-    EXPECT_EQ(rx_stats(a, 69)->num_received, 5U);
-    EXPECT_EQ(rx_stats(a, 5)->num_received, 0U);
 }
 
 TEST_F(rx_session, the_timer_follows_the_flag)

@@ -50,6 +50,9 @@ TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
         {3, 1'000'000, 99'999, 999},                    // unknown types have no jitter
         {0xffff, 1'000'000, 99'999, 999},
         {BFD_TX_JITTER_NONE, 0xffffffff, 0, 4'294'967}, // 4294.967295 s less 1 tick
+        {BFD_TX_JITTER_NONE, 1, 9, 1},
+        {BFD_TX_JITTER_75, 3, 9, 1}, // too short to be divided
+        {BFD_TX_JITTER_75_90, 6, 9, 1},
     };
     ASSERT_EQ(path_ready(a), 0);
     for (const auto &[jitter_type, period, random, interval] : cases) {
@@ -64,17 +67,6 @@ TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
         w.pass(period / 1000 + 1); // for the timer to let go of it
         w.run_timers();
         ASSERT_EQ(w.timers(), 0U);
-    }
-}
-
-TEST_F(tx_schedule, periods_too_short_to_divide_are_sent_every_tick)
-{
-    ASSERT_EQ(path_ready(a), 0);
-    for (const std::uint16_t type : {BFD_TX_JITTER_NONE, BFD_TX_JITTER_75, BFD_TX_JITTER_75_90}) {
-        for (kelm_microsecs period = 1; period <= 8; ++period) {
-            ASSERT_EQ(set_period(period, type), 0);
-            EXPECT_EQ(sent_during(5), (tick_list{1, 2, 3, 4, 5}));
-        }
     }
 }
 
