@@ -5,17 +5,16 @@
 #pragma once
 
 #include <cerrno>
-#include <deque>
-#include <linux/netlink.h>
 #include <map>
 #include <set>
 #include <sys/eventfd.h>
 
 #include "kelm-agent/event_loop.h"
-#include "libkelm/channel.h"
-#include "libkelm/fd.h"
 #include "libkelm/packet.h"
 #include "libkelm_fake.h"
+
+namespace libkelm_fake
+{
 
 class fake_kelm
 {
@@ -38,14 +37,14 @@ class fake_kelm
     std::size_t changes() const
     {
         std::size_t count = 0;
-        for (const auto type : {KELM_MSG_TX_SET_PACKET, KELM_MSG_TX_DELETE_PACKET,
-                                KELM_MSG_RX_SET_SESSION, KELM_MSG_RX_DELETE_SESSION})
-            if (const auto found = requests.find(type); found != requests.end())
-                count += found->second;
+        for (const auto &[type, number] : requests)
+            if (type == KELM_MSG_TX_SET_PACKET || type == KELM_MSG_TX_DELETE_PACKET ||
+                type == KELM_MSG_RX_SET_SESSION || type == KELM_MSG_RX_DELETE_SESSION)
+                count += number;
         return count;
     }
 
-    std::unique_ptr<kelm::channel> open() { return std::make_unique<channel>(*this); }
+    std::unique_ptr<kelm::channel> open() { return std::make_unique<connection>(*this); }
 
     // A packet that arrives.
     void hear(const kelm::packet_settings &packet)
@@ -56,11 +55,10 @@ class fake_kelm
         change.l3_offset = built.ip_hdr_offset;
         change.bfd_offset = built.latch_offset;
         change.packet_len = static_cast<std::uint32_t>(built.packet.size());
-        const kelm::bytes body =
-            libkelm_fake::operator+(libkelm_fake::bytes_of(change), built.packet);
+        const kelm::bytes body = bytes_of(change) + built.packet;
         if (const auto found = sessions.find(change.header.discriminator); found != sessions.end())
             found->second.frame = body;
-        tell(libkelm_fake::message(KELM_MSG_RX_PACKET_CHANGE, 0, 0, body));
+        tell(message(KELM_MSG_RX_PACKET_CHANGE, 0, 0, body));
     }
 
     // A detection timer that expires.
@@ -77,7 +75,6 @@ class fake_kelm
             each->add_event(event);
     }
 
-    // As kelmd does when the queue was full.
     void lose()
     {
         for (auto *const each : subscribers_)
@@ -85,17 +82,21 @@ class fake_kelm
     }
 
   private:
-    class channel final : public kelm::channel
+    // To requests or, once it has subscribed, to events.
+    class connection final : public fake_channel
     {
       public:
-        explicit channel(fake_kelm &kelm) : kelm_(kelm), readable_(eventfd(0, EFD_CLOEXEC)) {}
-        ~channel() override { kelm_.subscribers_.erase(this); }
+        explicit connection(fake_kelm &kelm) : kelm_(kelm)
+        {
+            handle = [this](const seen &request) {
+                latency = kelm_.latency;
+                return kelm_.answer(request);
+            };
+        }
+        ~connection() override { kelm_.subscribers_.erase(this); }
 
         int fd() const override { return readable_.get(); }
-        std::uint32_t port_id() const override { return libkelm_fake::port_id; }
-        bool is_kernel() const override { return false; }
         kelm::time_point now() const override { return kelm_.loop_.now(); }
-        void wait(short, kelm::time_point) override { throw std::logic_error("waits"); }
 
         void set_groups(std::uint32_t mask) override
         {
@@ -103,81 +104,51 @@ class fake_kelm
                 kelm_.subscribers_.insert(this);
         }
 
-        bool send(kelm::byte_view datagram) override
+        // As kelmd does it: the loss is told where there is room again.
+        void add_event(const kelm::bytes &event)
         {
-            kelm::message_reader reader(datagram);
-            while (const auto msg = reader.next())
-                for (auto &answer : kelm_.answer(*msg))
-                    answers_.push_back({now() + kelm_.latency, std::move(answer)});
-            wait_for_answers();
-            return true;
+            is_full_ = is_full_ || unread().size() >= kelm_.room;
+            if (!is_full_)
+                fake_channel::tell(event);
         }
 
         outcome receive(kelm::bytes &into) override
         {
-            if (unread_.empty())
-                return outcome::nothing;
-            into = std::move(unread_.front());
-            unread_.pop_front();
-            if (is_full_)
+            const outcome got = fake_channel::receive(into);
+            if (got != outcome::nothing && std::exchange(is_full_, false))
                 lose();
-            if (unread_.empty())
-                (void)eventfd_read(readable_.get(), &drained_);
-            return outcome::datagram;
-        }
-
-        void add(kelm::bytes datagram)
-        {
-            unread_.push_back(std::move(datagram));
-            (void)eventfd_write(readable_.get(), 1);
-        }
-
-        void lose()
-        {
-            is_full_ = false;
-            add(libkelm_fake::message(NLMSG_OVERRUN, 0, 0, {}));
-        }
-
-        void add_event(const kelm::bytes &datagram)
-        {
-            if (is_full_ || unread_.size() >= kelm_.room)
-                is_full_ = true;
-            else
-                add(datagram);
+            show_readiness();
+            return got;
         }
 
       private:
-        void wait_for_answers()
+        void arrive(outcome what, const kelm::bytes &datagram) override
         {
-            if (timer_ || answers_.empty())
-                return;
-            const auto left =
-                std::chrono::ceil<std::chrono::microseconds>(answers_.front().at - now());
-            timer_ = kelm_.loop_.after(left, [this] {
-                timer_ = {};
-                while (!answers_.empty() && answers_.front().at <= now()) {
-                    add(std::move(answers_.front().datagram));
-                    answers_.pop_front();
-                }
-                wait_for_answers();
-            });
+            fake_channel::arrive(what, datagram);
+            show_readiness();
         }
 
-        struct arrival {
-            kelm::time_point at;
-            kelm::bytes datagram;
-        };
+        void show_readiness()
+        {
+            eventfd_t any = 0;
+            (void)eventfd_read(readable_.get(), &any);
+            timer_ = {};
+            if (unread().empty())
+                return;
+            if (const auto at = unread().front().at; at > now())
+                timer_ = kelm_.loop_.after(std::chrono::ceil<std::chrono::microseconds>(at - now()),
+                                           [this] { show_readiness(); });
+            else
+                (void)eventfd_write(readable_.get(), 1);
+        }
 
         fake_kelm &kelm_;
-        kelm::unique_fd readable_;
-        eventfd_t drained_ = 0;
+        kelm::unique_fd readable_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
         bool is_full_ = false; // something was lost
-        std::deque<kelm::bytes> unread_;
-        std::deque<arrival> answers_; // under way
         kelm_agent::event_loop::handle timer_;
     };
 
-    libkelm_fake::answers answer(const kelm::message &request)
+    answers answer(const seen &request)
     {
         const nlmsghdr &header = request.header;
         ++requests[header.nlmsg_type];
@@ -185,21 +156,19 @@ class fake_kelm
         switch (header.nlmsg_type) {
         case KELM_MSG_TX_SET_PACKET:
             packets.insert(discriminator);
-            return {libkelm_fake::ack(header, 0)};
+            return {ack(header, 0)};
         case KELM_MSG_TX_DELETE_PACKET:
-            return {libkelm_fake::ack(header, packets.erase(discriminator) == 1 ? 0 : -ENOENT)};
+            return {ack(header, packets.erase(discriminator) == 1 ? 0 : -ENOENT)};
         case KELM_MSG_RX_SET_SESSION:
-            return {libkelm_fake::ack(header, set_session(request.body))};
+            return {ack(header, set_session(request.body))};
         case KELM_MSG_RX_DELETE_SESSION:
-            return {libkelm_fake::ack(header, sessions.erase(discriminator) == 1 ? 0 : -ENOENT)};
+            return {ack(header, sessions.erase(discriminator) == 1 ? 0 : -ENOENT)};
         case KELM_MSG_GET_STATS:
-            if (discriminator != 0)
-                return statistics(header, discriminator);
-            return {libkelm_fake::done(header)};
+            return discriminator != 0 ? statistics(header, discriminator) : agree(request);
         case KELM_MSG_SYNC:
             return dump(header);
         default:
-            return {libkelm_fake::ack(header, 0)};
+            return agree(request);
         }
     }
 
@@ -218,41 +187,41 @@ class fake_kelm
         return 0;
     }
 
-    libkelm_fake::answers statistics(const nlmsghdr &header, std::uint32_t discriminator)
+    answers statistics(const nlmsghdr &header, std::uint32_t discriminator) const
     {
-        libkelm_fake::answers all;
-        kelm_msg_tx_stats sent = {};
-        kelm_msg_rx_stats received = {};
-        sent.header.discriminator = received.header.discriminator = discriminator;
+        const auto all_zero = [&](std::uint16_t type, std::size_t size) {
+            kelm::bytes body = bytes_of(discriminator);
+            body.resize(size);
+            return reply(header, type, body);
+        };
+        answers all;
         if (packets.contains(discriminator))
-            all.push_back(
-                libkelm_fake::reply(header, KELM_MSG_TX_STATS, libkelm_fake::bytes_of(sent)));
+            all.push_back(all_zero(KELM_MSG_TX_STATS, sizeof(kelm_msg_tx_stats)));
         if (sessions.contains(discriminator))
-            all.push_back(
-                libkelm_fake::reply(header, KELM_MSG_RX_STATS, libkelm_fake::bytes_of(received)));
-        all.push_back(libkelm_fake::ack(header, all.empty() ? -ENOENT : 0));
+            all.push_back(all_zero(KELM_MSG_RX_STATS, sizeof(kelm_msg_rx_stats)));
+        all.push_back(ack(header, all.empty() ? -ENOENT : 0));
         return all;
     }
 
-    libkelm_fake::answers dump(const nlmsghdr &header)
+    answers dump(const nlmsghdr &header) const
     {
         if (dump_error != 0)
-            return {libkelm_fake::ack(header, dump_error)};
-        libkelm_fake::answers all;
+            return {ack(header, dump_error)};
+        answers all;
         for (const auto &[discriminator, each] : sessions) {
             if (!each.frame.empty())
-                all.push_back(libkelm_fake::reply(header, KELM_MSG_RX_PACKET_CHANGE, each.frame));
-            all.push_back(libkelm_fake::reply(
-                header, KELM_MSG_RX_SYNC,
-                libkelm_fake::bytes_of(kelm_msg_rx_sync{{discriminator}, each.timer_active})));
+                all.push_back(reply(header, KELM_MSG_RX_PACKET_CHANGE, each.frame));
+            all.push_back(reply(header, KELM_MSG_RX_SYNC,
+                                bytes_of(kelm_msg_rx_sync{{discriminator}, each.timer_active})));
         }
         for (const std::uint32_t each : packets)
-            all.push_back(libkelm_fake::reply(header, KELM_MSG_TX_SYNC,
-                                              libkelm_fake::bytes_of(kelm_msg_tx_sync{{each}})));
-        all.push_back(libkelm_fake::done(header));
+            all.push_back(reply(header, KELM_MSG_TX_SYNC, bytes_of(kelm_msg_tx_sync{{each}})));
+        all.push_back(done(header));
         return all;
     }
 
     kelm_agent::event_loop &loop_;
-    std::set<channel *> subscribers_;
+    std::set<connection *> subscribers_;
 };
+
+} // namespace libkelm_fake

@@ -197,14 +197,12 @@ class fake_daemon
 
 // A kelm without sockets and threads, on a clock that moves when the client waits or the test
 // says so. The client owns it; the test keeps a pointer.
-class fake_channel final : public kelm::channel
+class fake_channel : public kelm::channel
 {
   public:
-    using milliseconds = kelm::milliseconds;
-
     // How requests are answered, as soon as they are sent, and what the test does to that.
     std::function<answers(const seen &)> handle = agree;
-    milliseconds latency{0}; // before an answer can be read; 0 where it is the kernel's
+    std::chrono::microseconds latency{0}; // before anything can be read; 0 where it is the kernel's
     bool kernel = false;
     std::size_t room = SIZE_MAX;        // datagrams that can still be sent
     std::optional<kelm::error> failure; // of the connection, from now on
@@ -212,14 +210,13 @@ class fake_channel final : public kelm::channel
     std::size_t datagrams = 0;          // that they came in
 
     // An event, or what `handle` has kept back.
-    void tell(const kelm::bytes &datagram) { add(outcome::datagram, datagram); }
+    void tell(const kelm::bytes &datagram) { arrive(outcome::datagram, datagram); }
     // The loss of datagrams, as kernel or kelmd tell it.
     void lose()
     {
-        add(kernel ? outcome::overrun : outcome::datagram, message(NLMSG_OVERRUN, 0, 0, {}));
+        arrive(kernel ? outcome::overrun : outcome::datagram, message(NLMSG_OVERRUN, 0, 0, {}));
     }
-    void advance(milliseconds by) { now_ += by; }
-    bool has_unread() const { return !unread_.empty(); }
+    void advance(kelm::milliseconds by) { now_ += by; }
 
     int fd() const override { return -1; }
     std::uint32_t port_id() const override { return libkelm_fake::port_id; }
@@ -248,7 +245,7 @@ class fake_channel final : public kelm::channel
     {
         if (unread_.empty() && failure)
             throw *failure;
-        if (unread_.empty() || unread_.front().at > now_)
+        if (unread_.empty() || unread_.front().at > now())
             return outcome::nothing;
         const arrival next = std::move(unread_.front());
         unread_.pop_front();
@@ -267,18 +264,20 @@ class fake_channel final : public kelm::channel
         now_ = std::max(now_, until);
     }
 
-  private:
+  protected:
     struct arrival {
         kelm::time_point at;
         outcome what;
         kelm::bytes datagram;
     };
 
-    void add(outcome what, const kelm::bytes &datagram)
+    virtual void arrive(outcome what, const kelm::bytes &datagram)
     {
-        unread_.push_back({now_ + latency, what, datagram});
+        unread_.push_back({now() + latency, what, datagram});
     }
+    const std::deque<arrival> &unread() const { return unread_; }
 
+  private:
     kelm::time_point now_{std::chrono::hours(1)};
     std::deque<arrival> unread_;
 };

@@ -2,9 +2,7 @@
 //
 // kelm-agent with many sessions, on a fake kelm and a virtual clock: storms of events, overruns,
 // what kelm has lost, restarts. What it asks of kelm is counted.
-#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 
 #include "fake_kelm.h"
@@ -17,32 +15,24 @@ namespace
 using namespace kelm_agent;
 using namespace std::chrono_literals;
 
-// What the agent logs, in a file.
+// What the agent logs.
 class captured_log
 {
   public:
-    captured_log()
+    captured_log() { testing::internal::CaptureStderr(); }
+    ~captured_log() { testing::internal::GetCapturedStderr(); }
+    std::size_t count(const std::string &words)
     {
-        const int file = open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-        dup2(file, STDERR_FILENO);
-        close(file);
-    }
-    ~captured_log()
-    {
-        dup2(before_, STDERR_FILENO);
-        close(before_);
-    }
-    std::size_t count(const std::string &words) const
-    {
-        std::ifstream file("/proc/self/fd/2");
+        text_ += testing::internal::GetCapturedStderr();
+        testing::internal::CaptureStderr();
         std::size_t found = 0;
-        for (std::string line; std::getline(file, line);)
-            found += line.find(words) != std::string::npos ? 1U : 0U;
+        for (auto at = text_.find(words); at != std::string::npos; at = text_.find(words, at + 1))
+            ++found;
         return found;
     }
 
   private:
-    int before_ = dup(STDERR_FILENO);
+    std::string text_;
 };
 
 struct agent_crowd : testing::Test {
@@ -124,7 +114,7 @@ struct agent_crowd : testing::Test {
     std::string path = (std::filesystem::temp_directory_path() / "kelm-crowd-XXXXXX").string();
     std::filesystem::path directory = mkdtemp(path.data());
     virtual_loop loop;
-    fake_kelm kelm{loop};
+    libkelm_fake::fake_kelm kelm{loop};
     std::unique_ptr<agent> running;
 };
 

@@ -68,38 +68,29 @@ TEST_F(debug, changes_are_logged_at_the_level_that_holds_then)
 
 TEST_F(debug, session_level_only_adds_to_the_global_one)
 {
-    ASSERT_EQ(set_debug_level(a, 3, 7), 0);
-    EXPECT_TRUE(should_log(7, 3));
-    EXPECT_FALSE(should_log(8, 2));
-    EXPECT_TRUE(should_log(8, 1));
-    ASSERT_EQ(set_debug_level(a, 3), 0);
-    ASSERT_EQ(set_debug_level(a, 1, 7), 0);
-    EXPECT_TRUE(should_log(7, 3));
-    ASSERT_EQ(set_debug_level(a, 0), 0);
-    EXPECT_TRUE(should_log(7, 1));
-    EXPECT_FALSE(should_log(7, 2));
-    EXPECT_FALSE(should_log(0, 1)) << "free entries are nobody's";
-    ASSERT_EQ(set_debug_level(a, 0x1ff, 7), 0); // cut to 255
-    EXPECT_TRUE(should_log(7, 255));
-}
-
-TEST_F(debug, privilege_is_for_the_global_level_alone)
-{
-    EXPECT_EQ(set_debug_level(unprivileged, 3), -EPERM);
-    EXPECT_FALSE(should_log(0, 2));
-    EXPECT_EQ(set_debug_level(unprivileged, 3, 7), 0);
-    EXPECT_TRUE(should_log(7, 3));
-
-    // Clearing leaves the global level as it is.
-    EXPECT_EQ(set_debug_level(unprivileged, 3, 0, KELM_DEBUG_CLEAR_SESSIONS), 0);
-    EXPECT_FALSE(should_log(7, 2));
-    EXPECT_FALSE(should_log(0, 2));
-    EXPECT_TRUE(should_log(0, 1));
-
-    ASSERT_EQ(set_debug_level(a, 3, 7), 0);
-    EXPECT_EQ(set_debug_level(unprivileged, 2, 8, KELM_DEBUG_CLEAR_SESSIONS), 0);
-    EXPECT_FALSE(should_log(7, 2));
-    EXPECT_TRUE(should_log(8, 2));
+    const std::pair<kelm_msg_set_debug_level, std::string> requests[] = {
+        // discriminator, flags, level; what sessions 0, 7 and 8 are logged at then
+        {{{7}, 0, 3, {}}, "131"},
+        {{{0}, 0, 3, {}}, "333"},
+        {{{7}, 0, 1, {}}, "333"},
+        {{{0}, 0, 0, {}}, "010"},
+        {{{7}, 0, 0x1ff, {}}, "030"}, // cut to 255
+        {{{0}, 0, 1, {}}, "131"},
+        {{{8}, KELM_DEBUG_CLEAR_SESSIONS, 2, {}}, "112"},
+        {{{0}, KELM_DEBUG_CLEAR_SESSIONS, 3, {}}, "111"}, // leaves the global level as it is
+    };
+    for (const auto &[request, levels] : requests) {
+        SCOPED_TRACE(&request - &requests[0].first);
+        const bool global = request.header.discriminator == 0 && request.flags == 0;
+        if (global) {
+            EXPECT_EQ(ask(unprivileged, KELM_MSG_SET_DEBUG_LEVEL, request), -EPERM);
+        }
+        EXPECT_EQ(ask(global ? a : unprivileged, KELM_MSG_SET_DEBUG_LEVEL, request), 0);
+        std::string met;
+        for (const std::uint32_t disc : {0U, 7U, 8U})
+            met += std::to_string(should_log(disc, 1) + should_log(disc, 2) + should_log(disc, 3));
+        EXPECT_EQ(met, levels);
+    }
 }
 
 TEST_F(debug, at_most_100_sessions_have_a_level)

@@ -61,8 +61,7 @@ struct valid_request {
 std::vector<valid_request> valid_requests()
 {
     return {
-        {KELM_MSG_TX_SET_PACKET,
-         set_request(SESSION, {}, tx{.period = 100'000}),
+        {KELM_MSG_TX_SET_PACKET, set_request(SESSION, {}, tx{.period = 100'000}),
          offsetof(kelm_msg_tx_set_packet, packet_len), 0},
         {KELM_MSG_TX_DELETE_PACKET, to_bytes(kelm_msg_tx_delete_packet{{SESSION}}), 0, 0},
         {KELM_MSG_RX_SET_SESSION, set_request(SESSION, rx{.period = 100'000}, bytes(16)),

@@ -113,7 +113,6 @@ const scenario scenarios[] = {
          s.w.abandon(s.w.find("red"));
      },
      send_and_receive, 1000},
-    {"packet set before the path is ready", [](stage &s) { set_packet(s.ours, 2); }, furnish},
     {"packets set, replaced, sent out of band and deleted",
      [](stage &s) {
          set_packet(s.ours, 2);
@@ -122,7 +121,12 @@ const scenario scenarios[] = {
          delete_packet(s.ours, 33);
      },
      send_and_receive, 1000},
-    {"path ready", [](stage &s) { path_ready(s.ours); }, furnish, 500},
+    {"packet set, path ready",
+     [](stage &s) {
+         set_packet(s.ours, 2);
+         path_ready(s.ours);
+     },
+     furnish, 500},
     {"sessions set, reconfigured and deleted",
      [](stage &s) {
          set_session(s.ours, 6, watched_session);
@@ -143,12 +147,6 @@ const scenario scenarios[] = {
      },
      furnish},
     {"timeout", [](stage &) {}, send_and_receive, 2500},
-    {"statistics of one session",
-     [](stage &s) {
-         ask(s.ours, KELM_MSG_GET_STATS, stats_request(1, 0));
-         ask(s.ours, KELM_MSG_GET_STATS, stats_request(5, 0));
-     },
-     furnish},
     {"statistics of all",
      [](stage &s) {
          start_dump(s.ours, KELM_MSG_GET_STATS,
@@ -170,10 +168,12 @@ const scenario scenarios[] = {
      },
      send_and_receive, 1000},
     {"periodic statistics", [](stage &s) { set_interval(s.ours, 1); }, fill_broadcasts, 1000},
-    {"debug levels",
+    {"debug levels, statistics of one session",
      [](stage &s) {
          set_debug_level(s.ours, 3, 5);
          set_debug_level(s.ours, 0, 5);
+         for (const std::uint32_t discriminator : {1U, 5U})
+             ask(s.ours, KELM_MSG_GET_STATS, stats_request(discriminator, 0));
      },
      furnish},
 };

@@ -87,7 +87,9 @@ TEST(libkelm_abi, agent_built_with_the_first_header_still_runs)
     EXPECT_EQ(packet.value.key_length, 0U);
     packet.value.source = "10.0.0.1";
     packet.value.destination = "fd00::2";
+    packet.value.source_port = 49157;
     packet.value.bfd.state = 3;
+    packet.value.bfd.flags |= 0x20; // Poll
     packet.value.bfd.my_discriminator = 5;
     packet.value.bfd.min_echo_rx_interval = 6;
     packet.value.auth_type = 5; // meticulous SHA-1
@@ -118,7 +120,10 @@ TEST(libkelm_abi, agent_built_with_the_first_header_still_runs)
     EXPECT_TRUE(frame.is_intact());
     EXPECT_STREQ(frame.value.source, "10.0.0.1");
     EXPECT_STREQ(frame.value.destination, "10.0.0.2");
+    EXPECT_EQ(frame.value.ttl, 255);
+    EXPECT_EQ(frame.value.source_port, 49157);
     EXPECT_EQ(frame.value.destination_port, 3784);
+    EXPECT_EQ(frame.value.bfd.flags, 0x20 | 0x08 | 0x04); // and what it has of its own, and a key
     EXPECT_EQ(frame.value.bfd.state, 3);
     EXPECT_EQ(frame.value.bfd.my_discriminator, 5U);
     EXPECT_EQ(frame.value.bfd.min_echo_rx_interval, 6U);

@@ -6,9 +6,9 @@
 #include <numeric>
 #include <optional>
 
+#include "engine_fixture.h"
 #include "kelm/clocks.h"
 #include "platform/sim/random.h"
-#include "engine_fixture.h"
 
 namespace
 {
