@@ -4,10 +4,15 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <future>
+#include <memory>
 #include <new>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "platform/clock.h"
 #include "platform/user/context.h"
@@ -22,8 +27,60 @@ namespace kelmd
 namespace
 {
 
-// Above what ordinary programs use, below the kernel's own threads for interrupts (50).
-constexpr int realtime_priority = 40;
+// The system call's struct sched_attr, which not every C library has.
+struct deadline_attributes {
+    std::uint32_t size = sizeof(deadline_attributes);
+    std::uint32_t policy = SCHED_DEADLINE;
+    std::uint64_t flags = 0;
+    std::int32_t nice = 0;
+    std::uint32_t priority = 0;
+    std::uint64_t runtime_ns;
+    std::uint64_t deadline_ns;
+    std::uint64_t period_ns;
+};
+static_assert(sizeof(deadline_attributes) == 48);
+
+// For a share of each period the thread runs before all others, real-time ones included; when it
+// has used that up, it waits for the next period. The period is the tick of the timers. The largest
+// share that the system still has to give carries most sessions and leaves something to others,
+// whatever arrives. 0 or errno.
+int use_deadline_scheduler()
+{
+    constexpr std::uint64_t period_ns = 1'000'000;
+    for (const unsigned int runtime_ns : {800'000U, 500'000U, 250'000U}) {
+        const deadline_attributes attributes{
+            .runtime_ns = runtime_ns, .deadline_ns = period_ns, .period_ns = period_ns};
+        if (syscall(SYS_sched_setattr, 0, &attributes, 0) == 0)
+            return 0;
+        if (errno != EBUSY) // the shares of all such threads would exceed the limit
+            break;
+    }
+    return errno;
+}
+
+// 0 or errno.
+int use_fifo_scheduler()
+{
+    // Above what ordinary programs use, below the kernel's own threads for interrupts (50).
+    const sched_param parameters{.sched_priority = 40};
+    return sched_setscheduler(0, SCHED_FIFO, &parameters) == 0 ? 0 : errno;
+}
+
+void raise_to_realtime()
+{
+    const int error = use_deadline_scheduler();
+    if (error == 0)
+        return;
+    if (use_fifo_scheduler() == 0)
+        log_line("no SCHED_DEADLINE (%s), using SCHED_FIFO: --realtime needs CAP_SYS_NICE, all "
+                 "processors (no cpuset, no CPUAffinity=), and a share of them that no other "
+                 "program has reserved; beside other real-time programs, packets may be sent late",
+                 std::strerror(error));
+    else
+        log_line("no real-time scheduling: --realtime needs CAP_SYS_NICE or a limit of real-time "
+                 "priority (ulimit -r, LimitRTPRIO=); on a loaded machine, packets may be sent "
+                 "late");
+}
 
 // Ahead of ordinary programs, as far as the process may: on a loaded machine the scheduler would
 // otherwise keep the thread waiting for longer than a detection time.
@@ -44,14 +101,16 @@ softirq_thread::softirq_thread(timer_base &timers)
 
 void softirq_thread::start(bool realtime)
 {
-    thread_ = start_thread("kelmd-softirq", [this] { run(); });
-    if (!realtime)
-        return;
-    const sched_param parameters{.sched_priority = realtime_priority};
-    if (pthread_setschedparam(thread_.native_handle(), SCHED_FIFO, &parameters) != 0)
-        log_line("no real-time scheduling: --realtime needs CAP_SYS_NICE or a limit of real-time "
-                 "priority (ulimit -r, LimitRTPRIO=); on a loaded machine, packets may be sent "
-                 "late");
+    // Shared: the thread may still be within set_value when this function returns.
+    const auto scheduled = std::make_shared<std::promise<void>>();
+    thread_ = start_thread("kelmd-softirq", [this, realtime, scheduled] {
+        raise_priority();
+        if (realtime)
+            raise_to_realtime();
+        scheduled->set_value();
+        run();
+    });
+    scheduled->get_future().wait();
 }
 
 void softirq_thread::stop()
@@ -66,7 +125,6 @@ void softirq_thread::stop()
 void softirq_thread::run()
 {
     this_context.softirq = true;
-    raise_priority();
     std::vector<epoll_event> events;
     for (;;) {
         make_room(events);

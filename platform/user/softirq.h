@@ -46,7 +46,8 @@ class softirq_thread
     softirq_thread(const softirq_thread &) = delete;
     softirq_thread &operator=(const softirq_thread &) = delete;
 
-    // realtime puts the thread under SCHED_FIFO, or says in the log that this is not allowed.
+    // Returns once the thread has the priority that it is to run with. With realtime that is
+    // SCHED_DEADLINE or, where the system refuses that, SCHED_FIFO; the log has what was refused.
     // Throws std::system_error.
     void start(bool realtime);
 

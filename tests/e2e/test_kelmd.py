@@ -3,7 +3,9 @@
 
 import contextlib
 import ctypes
+import errno
 import os
+import pathlib
 import re
 import resource
 import signal
@@ -22,7 +24,7 @@ from lib.netns import in_namespace
 from lib.topology import Namespaces
 
 CAP_IPC_LOCK, CAP_SYS_NICE, PR_CAPBSET_DROP = 14, 23, 24
-SYS_PIDFD_GETFD = 438
+SYS_PIDFD_GETFD, SCHED_DEADLINE = 438, 6
 PTRACE_SEIZE, PTRACE_INTERRUPT, PTRACE_DETACH, WALL = 0x4206, 0x4207, 17, 0x40000000
 
 pytestmark = pytest.mark.kelmd
@@ -179,6 +181,13 @@ def test_transmit_sockets():
     host.stop()
 
 
+def softirq_thread(host):
+    task = pathlib.Path(f"/proc/{host.process.pid}/task")
+    (thread,) = [int(thread.name) for thread in task.iterdir()
+                 if (thread / "comm").read_text() == "kelmd-softirq\n"]
+    return thread
+
+
 @contextlib.contextmanager
 def held_up(thread):
     """One thread does not run."""
@@ -209,10 +218,7 @@ def test_systemd_is_told(tmp_path):
                     count += b"WATCHDOG=1" in manager.recv(4096)
             return count
 
-        task = f"/proc/{host.process.pid}/task"
-        (softirq,) = [int(thread) for thread in os.listdir(task)
-                      if open(f"{task}/{thread}/comm").read() == "kelmd-softirq\n"]
-        for thread in (host.process.pid, softirq):
+        for thread in (host.process.pid, softirq_thread(host)):
             wait_until(fed, "a sign of life")
             with held_up(thread):
                 fed()
@@ -262,14 +268,27 @@ def without_realtime():
         resource.setrlimit(limit, (0, 0))
 
 
-@pytest.mark.parametrize("become", [None, without_realtime])
+def confined():
+    """To one processor: SCHED_DEADLINE is refused."""
+    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+
+
+@pytest.mark.parametrize("become", [None, confined, without_realtime])
 def test_realtime(become):
     """The softirq thread has a real-time class, and memory is locked, or kelmd says why not."""
     host = Kelmd("--realtime", preexec_fn=become)
-    threads = os.listdir(f"/proc/{host.process.pid}/task")
-    policies = [os.sched_getscheduler(int(thread)) for thread in threads]
-    assert policies.count(os.SCHED_FIFO) == (0 if "CAP_SYS_NICE" in host.log() else 1)
-    assert not become or "CAP_SYS_NICE" in host.log()
+    log = host.log()
+    policy = os.sched_getscheduler(softirq_thread(host))
+    if "no real-time scheduling" in log:
+        assert policy == os.SCHED_OTHER
+    elif "using SCHED_FIFO" in log:
+        assert policy == os.SCHED_FIFO
+        assert become is confined or os.strerror(errno.EBUSY) in log or \
+            os.cpu_count() > len(os.sched_getaffinity(0)), log
+    else:
+        assert policy == SCHED_DEADLINE
+    assert become is not confined or policy != SCHED_DEADLINE or os.cpu_count() == 1
+    assert become is not without_realtime or policy == os.SCHED_OTHER
     with open(f"/proc/{host.process.pid}/status") as status:
         locked = int(re.search(r"VmLck:\s+(\d+)", status.read())[1])
     if not is_sanitized():  # a sanitizer does not let memory be locked
