@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// A vrf's records of one kind, by discriminator: 32 chains. A new record goes to the end of its
-// chain, and the chains alone decide in which order records are visited. The table owns nothing;
-// its users hold its lock.
+// A vrf's records of one kind, by discriminator: 32 chains, and beside them an index that finds a
+// record. A new record goes to the end of its chain, and the chains alone decide in which order
+// records are visited. The table owns no records; its users hold its lock, except for make_room.
 #pragma once
 
 #include <cstdint>
 
+#include "kelm/guard.h"
 #include "kelm/list.h"
+#include "kelm/record_index.h"
 
 inline constexpr std::uint32_t chain_count = 32;
 
@@ -22,17 +24,15 @@ class record_table
 {
   public:
     // The record with this discriminator, or null.
-    [[nodiscard]] Record *find(std::uint32_t discriminator)
-    {
-        intrusive_list<Record> &chain = chains_[disc_hash(discriminator)];
-        Record *record = chain.front();
-        while (record != nullptr && record->discriminator != discriminator)
-            record = chain.next(*record);
-        return record;
-    }
+    [[nodiscard]] Record *find(std::uint32_t discriminator) { return index_.find(discriminator); }
 
-    // Adds a record that has its discriminator and is in no table.
-    void append(Record &record) { chains_[disc_hash(record.discriminator)].push_back(record); }
+    // Adds a record that has its discriminator, which no other one in the table has, and is in no
+    // table.
+    void append(Record &record)
+    {
+        chains_[disc_hash(record.discriminator)].push_back(record);
+        index_.insert(record);
+    }
 
     // Takes a record out. The positions behind it change, which walks notice by deletions().
     void remove(Record &record)
@@ -42,12 +42,35 @@ class record_table
     }
 
     // Takes out a record that was appended last to its chain, and that no walk has seen.
-    void take_back(Record &record) { intrusive_list<Record>::unlink(record); }
+    void take_back(Record &record)
+    {
+        intrusive_list<Record>::unlink(record);
+        index_.remove(record);
+    }
 
     // Moves all records of a chain to the end of a list; walks do not notice.
     void empty_chain(std::uint32_t number, intrusive_list<Record> &into)
     {
+        chains_[number].for_each([this](Record &record) { index_.remove(record); });
         into.take(chains_[number]);
+    }
+
+    // Allocates what the index needs to grow, if anything. When memory is short, finding a record
+    // takes longer, and the next call tries again. To be called before a record is added. Task
+    // context; lock is the table's, not held.
+    void make_room(spinlock_t &lock)
+    {
+        const std::uint32_t segment = index_.demand();
+        if (segment == 0)
+            return;
+        void *memory = kzalloc(index_.bytes_of(segment), GFP_KERNEL);
+        if (memory == nullptr)
+            return;
+        bh_guard held(lock);
+        const bool taken = index_.extend(segment, memory);
+        held.unlock();
+        if (!taken)
+            kfree(memory);
     }
 
     [[nodiscard]] intrusive_list<Record> &chain(long number) { return chains_[number]; }
@@ -55,5 +78,6 @@ class record_table
 
   private:
     std::uint32_t deletions_ = 0;
+    record_index<Record> index_;
     intrusive_list<Record> chains_[chain_count];
 };

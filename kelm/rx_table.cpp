@@ -107,6 +107,7 @@ int configure(rx_session *session, kelm_vrf *vrf, sk_buff *fail_skb,
 int set_session(kelm_vrf *vrf, const kelm_msg_rx_set_session &msg)
 {
     const std::uint32_t disc = msg.header.discriminator;
+    vrf->sessions.make_room(rx_lock);
     bh_guard table(rx_lock);
     rx_log(disc, 2, "Got sessions lock");
     rx_session *session = vrf->sessions.find(disc);

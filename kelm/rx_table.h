@@ -35,6 +35,7 @@ struct stored_frame {
 // Owned by its chain, and freed only after it has left it.
 struct rx_session {
     list_link list;              // in a chain of the vrf's sessions, guarded by rx_lock
+    rx_session *next_in_bucket;  // the vrf's index of sessions, guarded by rx_lock
     std::uint32_t discriminator; // the Your Discriminator of its packets
     spinlock_t lock;             // guards what follows
     timer_list timer;            // the detection timer, see rx_detection.h

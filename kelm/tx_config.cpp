@@ -130,6 +130,7 @@ int configure(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
 int set_packet(kelm_vrf *vrf, const kelm_msg_tx_set_packet &msg)
 {
     const std::uint32_t disc = msg.header.discriminator;
+    vrf->packets.make_room(tx_lock);
     bh_guard table(tx_lock);
     tx_log(disc, 2, "Got packets lock");
     tx_packet *packet = vrf->packets.find(disc);

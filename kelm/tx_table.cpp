@@ -23,10 +23,11 @@ using packet_chain = intrusive_list<tx_packet>;
 
 void warn_broken_invariants(tx_packet *packet)
 {
-    if (packet_chain::is_linked(*packet))
+    if (packet_chain::is_linked(*packet)) {
         WARN("Packet structure with 0 refcount still in hash table. packet: %p, dead: %d",
              static_cast<void *>(packet), packet->dead);
-    packet_chain::unlink(*packet);
+        packet->vrf->packets.take_back(*packet);
+    }
     if (del_timer(&packet->timer) != 0)
         WARN("Timer pending for packet structure with 0 refcount. packet: %p, dead: %d",
              static_cast<void *>(packet), packet->dead);

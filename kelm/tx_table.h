@@ -18,7 +18,8 @@
 #include "platform/timer.h"
 
 struct tx_packet {
-    list_link list; // in a chain of the vrf's packets, guarded by tx_lock
+    list_link list;            // in a chain of the vrf's packets, guarded by tx_lock
+    tx_packet *next_in_bucket; // the vrf's index of packets, guarded by tx_lock
     std::uint32_t discriminator;
     spinlock_t lock; // guards what follows, but for the two atomics
     std::atomic<std::int32_t> refcount;
