@@ -55,9 +55,14 @@ timer_wheel::timer_wheel(std::uint64_t now) : position_(now)
 
 bool timer_wheel::arm(wheel_timer &timer, std::uint64_t expires, std::uint64_t now)
 {
-    const bool was_pending = cancel(timer);
+    const std::uint64_t due = std::max({expires, now + 1, position_ + 1});
     timer.expires = expires;
-    timer.due = std::max({expires, now + 1, position_ + 1});
+    if (timer.pending() && due >= timer.due) { // its bucket still comes first, and moves it on
+        timer.due = due;
+        return true;
+    }
+    const bool was_pending = cancel(timer);
+    timer.due = due;
     file(timer);
     ++count_;
     return was_pending;
@@ -73,14 +78,27 @@ bool timer_wheel::cancel(wheel_timer &timer)
 
 wheel_timer *timer_wheel::pop_due(std::uint64_t up_to, std::uint64_t choice)
 {
-    while (is_empty(due_list_)) {
-        const std::uint64_t tick = next_event();
-        if (tick > up_to || tick == never) {
-            position_ = std::max(position_, up_to);
-            return nullptr;
+    for (;;) {
+        while (is_empty(due_list_)) {
+            const std::uint64_t tick = next_event();
+            if (tick > up_to || tick == never) {
+                position_ = std::max(position_, up_to);
+                return nullptr;
+            }
+            move_down(tick);
         }
-        move_down(tick);
+        wheel_timer &timer = choose_due(choice);
+        if (timer.due <= position_) {
+            take_out(timer);
+            return &timer;
+        }
+        unlink(timer);
+        file(timer);
     }
+}
+
+wheel_timer &timer_wheel::choose_due(std::uint64_t choice)
+{
     wheel_link *chosen = due_list_.next;
     if (choice != 0) {
         std::uint64_t due = 0;
@@ -89,8 +107,7 @@ wheel_timer *timer_wheel::pop_due(std::uint64_t up_to, std::uint64_t choice)
         for (std::uint64_t skip = choice % due; skip > 0; --skip)
             chosen = chosen->next;
     }
-    take_out(timer_of(*chosen));
-    return &timer_of(*chosen);
+    return timer_of(*chosen);
 }
 
 std::uint64_t timer_wheel::next_event() const

@@ -5,8 +5,11 @@
 //
 // A timer lies at the level of the highest 6-bit digit in which its due tick differs from the
 // wheel's position, in the bucket of its own digit there. When the position reaches a bucket of
-// a higher level, the bucket's timers move down; those of the lowest level are due. Timers of one
-// tick are due in the order in which they were armed.
+// a higher level, the bucket's timers move down; those of the lowest level are due.
+//
+// A pending timer that is armed for a later tick stays in its bucket, which costs a store: what is
+// restarted again and again, as detection timers are, is filed anew only when its bucket is
+// reached.
 //
 // A wheel does no locking; its host does. The host also decides what "now" is.
 #pragma once
@@ -28,7 +31,7 @@ struct wheel_link {
 
 // What a timer_list holds. A host may derive from it what it needs besides.
 struct wheel_timer : wheel_link {
-    std::uint64_t due;     // the tick at which it fires; of use while pending
+    std::uint64_t due;     // the tick at which it fires, not before its bucket's; while pending
     std::uint64_t expires; // the tick it was last armed for, 0 if never
     timer_function function;
 
@@ -52,14 +55,15 @@ class timer_wheel
     // Returns whether it was pending.
     bool cancel(wheel_timer &timer);
 
-    // Takes one timer out that is due at tick up_to or before, earliest tick first, or returns
-    // null when there is none left. One pass asks with the same up_to until it gets null; what
-    // is armed meanwhile, with a now of at least up_to, is left to a later pass. choice selects
-    // among the timers due at that tick, modulo their number.
+    // Takes one timer out that is due at tick up_to or before, earliest tick first and those of one
+    // tick in any order, or returns null when there is none left. One pass asks with the same up_to
+    // until it gets null; what is armed meanwhile, with a now of at least up_to, is left to a later
+    // pass. choice selects among the timers due at that tick, modulo their number.
     wheel_timer *pop_due(std::uint64_t up_to, std::uint64_t choice = 0);
 
     // No timer is due before this tick: sleep until then and ask again. Close timers give their
-    // own tick, distant ones a tick at which they move down. never without timers.
+    // own tick, distant ones a tick at which they move down, and those that were armed again an
+    // earlier one. never without timers.
     [[nodiscard]] std::uint64_t next_event() const;
 
     [[nodiscard]] std::size_t size() const { return count_; }
@@ -72,8 +76,9 @@ class timer_wheel
     void file(wheel_timer &timer);
     void take_out(wheel_timer &timer);
     void move_down(std::uint64_t tick);
+    wheel_timer &choose_due(std::uint64_t choice);
 
-    std::uint64_t position_; // every timer due up to here is in the due list
+    std::uint64_t position_; // every timer due up to here is in the due list, perhaps with others
     std::size_t count_ = 0;
     std::array<std::uint64_t, level_count> occupied_{}; // per level, one bit for each bucket in use
     std::array<wheel_link, std::size_t{level_count} * bucket_count> buckets_;
