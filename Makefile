@@ -18,7 +18,7 @@ say = @printf '\n==> %s\n' "$(1)"
 version = $(shell sed -n 's/^project(kelm VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 sources = $(shell git ls-files '*.h' '*.c' '*.cpp')
 
-.PHONY: help all demo module test vm-kernels vm-test vm-test-debug debian-test bench install install-module deb clean tidy format format-check
+.PHONY: help all demo module test vm-kernels vm-test vm-test-debug debian-test bench bench-plots install install-module deb clean tidy format format-check
 
 help:
 	@echo 'kelm: BFD offload. Targets, on Debian 12, as root where packages are missing:'
@@ -31,6 +31,7 @@ help:
 	@echo '  make vm-test-debug the same on a kernel for debugging, which is built first'
 	@echo "  make debian-test   build, and run the unit tests, in a root file system of Debian DEBIAN ($(DEBIAN))"
 	@echo '  make bench         benchmarks: measure and print'
+	@echo '  make bench-plots   measure cost and load, and draw bench/figures/'
 	@echo '  make install       install into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo "  make install-module  install kelm.ko by DKMS for KERNEL and load it at boot"
 	@echo '  make deb           build the Debian packages into $(BUILD)/deb/'
@@ -91,6 +92,15 @@ bench: all
 	@scripts/install-deps bench
 	$(call say,benchmarks)
 	@bench/run $(BUILD)
+
+bench-plots: all
+	@scripts/install-deps bench plots
+	$(call say,benchmarks of cost and load)
+	@cmake --build $(BUILD) --target bench >/dev/null
+	@$(BUILD)/bin/kelm_bench_engine | tee $(BUILD)/engine.txt
+	@KELM_BUILD=$(BUILD) scripts/isolated bench/ladder.py --json $(BUILD)/ladder.json
+	$(call say,figures in bench/figures/)
+	@bench/plots.py $(BUILD)/engine.txt $(BUILD)/ladder.json bench/figures
 
 install: all
 	@cmake --install $(BUILD) --prefix $(PREFIX)
