@@ -63,7 +63,7 @@ struct datagram {
     std::uint8_t tos = 0;
     int ifindex = 2;
     int member_ifindex = 0;
-    std::size_t link_len = hosted::ETHERNET_HEADER_LEN; // 18 looks like a VLAN tag
+    std::size_t link_len = hosted::ethernet_header_len; // 18 looks like a VLAN tag
     buffer_form form = buffer_form::linear;
     std::uint32_t linear_len = 0;
 };

@@ -42,22 +42,22 @@ class tap
     explicit tap(sk_buff *skb)
     {
         const unfailing_allocations own;
-        clone = hosted::skb_clone(skb, GFP_ATOMIC);
-        const auto data = hosted::skb_bytes(clone);
-        seen.assign(data.begin(), data.end());
+        clone_ = hosted::skb_clone(skb, GFP_ATOMIC);
+        const auto data = hosted::skb_bytes(clone_);
+        seen_.assign(data.begin(), data.end());
     }
     ~tap()
     {
-        if (!std::ranges::equal(seen, hosted::skb_bytes(clone)))
+        if (!std::ranges::equal(seen_, hosted::skb_bytes(clone_)))
             failure("a datagram that others hold too has been written into");
-        consume_skb(clone);
+        consume_skb(clone_);
     }
     tap(const tap &) = delete;
     tap &operator=(const tap &) = delete;
 
   private:
-    sk_buff *clone;
-    bytes seen;
+    sk_buff *clone_;
+    bytes seen_;
 };
 
 void enqueue(packet_sock &sk, sk_buff *skb)
