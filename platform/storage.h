@@ -9,6 +9,6 @@
 
 #define KELM_STORAGE_ALIGN 8
 #define KELM_SPINLOCK_SIZE 96
-#define KELM_TIMER_SIZE 128
+#define KELM_TIMER_SIZE 192
 
 #endif

@@ -8,8 +8,8 @@
 //  - A timer is not pending from the moment its callback is about to be called.
 //  - A timer armed for now or for the past fires at the next tick, never within the pass
 //    over expired timers that is under way.
-//  - Timers are not copied or moved; their memory may be freed once the timer is neither
-//    pending nor running. A callback may free its own timer.
+//  - Timers are not copied or moved. Their memory may be freed after del_timer_sync(), or once the
+//    callback has begun and nobody has armed the timer since: a callback may free its own timer.
 #pragma once
 
 #include "platform/label.h"

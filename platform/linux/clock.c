@@ -1,13 +1,28 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * Clocks and ticks.
- */
-#include <linux/jiffies.h>
-#include <linux/ktime.h>
+#include "platform/linux/clock.h"
+
+#include <linux/hrtimer.h>
 #include <linux/math64.h>
+#include <linux/printk.h>
 #include <linux/timekeeping.h>
 
 #include "platform/linux/glue.h"
+
+/* As the kernel's own count: 32 bits overflow after five minutes, so that a cut tick shows early.
+ */
+#define BOOT_TICK (0x100000000ULL - 300 * MSEC_PER_SEC)
+
+ktime_t tick_start(uint64_t tick)
+{
+    return ms_to_ktime(tick - BOOT_TICK);
+}
+
+void clock_tell_resolution(void)
+{
+    if (hrtimer_resolution > NSEC_PER_USEC)
+        pr_notice("kelm: no high-resolution timers here: they fire up to %u us late\n",
+                  (unsigned int)(hrtimer_resolution / NSEC_PER_USEC));
+}
 
 void kelm_ktime_get_real_ts64(struct timespec64 *ts)
 {
@@ -21,21 +36,20 @@ void kelm_ktime_get_raw_ts64(struct timespec64 *ts)
 
 uint64_t kelm_get_jiffies_64(void)
 {
-    return get_jiffies_64();
+    return BOOT_TICK + div_u64(ktime_get_ns(), NSEC_PER_MSEC);
 }
 
-/* The kernel's own conversions turn the longest durations into ones without end. */
 unsigned long kelm___usecs_to_jiffies(unsigned int usecs)
 {
-    return DIV_ROUND_UP_ULL((u64)usecs * HZ, USEC_PER_SEC);
+    return DIV_ROUND_UP_ULL((u64)usecs, USEC_PER_MSEC);
 }
 
 unsigned long kelm___msecs_to_jiffies(unsigned int msecs)
 {
-    return DIV_ROUND_UP_ULL((u64)msecs * HZ, MSEC_PER_SEC);
+    return msecs;
 }
 
 unsigned int kelm_jiffies_to_usecs(unsigned long ticks)
 {
-    return jiffies_to_usecs(ticks);
+    return ticks * USEC_PER_MSEC;
 }

@@ -7,7 +7,7 @@
 #ifndef KELM_PLATFORM_LINUX_COMPAT_H
 #define KELM_PLATFORM_LINUX_COMPAT_H
 
-#include <linux/timer.h>
+#include <linux/hrtimer.h>
 #include <linux/version.h>
 #include <net/net_namespace.h>
 #include <net/udp.h>
@@ -52,13 +52,16 @@ static inline struct sk_buff *compat_recv_udp(struct sock *sk, int *err)
 #endif
 }
 
-/* timer_delete() and timer_delete_sync() came in 6.2; their old names went in 6.15. */
-#if LINUX_VERSION_CODE < KERNEL_VERSION(6, 2, 0)
-#define compat_timer_delete del_timer
-#define compat_timer_delete_sync del_timer_sync
+static inline void compat_hrtimer_setup(struct hrtimer *timer,
+                                        enum hrtimer_restart (*function)(struct hrtimer *timer),
+                                        clockid_t clock, enum hrtimer_mode mode)
+{
+#ifdef HAVE_HRTIMER_SETUP
+    hrtimer_setup(timer, function, clock, mode);
 #else
-#define compat_timer_delete timer_delete
-#define compat_timer_delete_sync timer_delete_sync
+    hrtimer_init(timer, clock, mode);
+    timer->function = function;
 #endif
+}
 
 #endif

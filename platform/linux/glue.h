@@ -4,8 +4,7 @@
  * defines for the engine. The contracts are at the declarations in platform/; that the two agree is
  * proved by interface_check.cpp, which includes both.
  *
- * The engine's sock, sk_buff, net, net_device, task_struct, timer_list and spinlock_t are the
- * kernel's own.
+ * The engine's sock, sk_buff, net, net_device, task_struct and spinlock_t are the kernel's own.
  */
 #ifndef KELM_PLATFORM_LINUX_GLUE_H
 #define KELM_PLATFORM_LINUX_GLUE_H
@@ -21,6 +20,7 @@ using engine_netlink_cfg = netlink_kernel_cfg;
 using engine_dump = netlink_callback;
 using engine_dump_control = netlink_dump_control;
 using engine_notifier = notifier_block;
+using engine_timer = timer_list;
 
 extern "C" {
 
@@ -30,11 +30,11 @@ extern "C" {
 #include <linux/netlink.h>
 #include <linux/skbuff.h>
 #include <linux/spinlock.h>
-#include <linux/timer.h>
 
 #include "platform/linux/engine_types.h"
 
 typedef unsigned int engine_gfp; /* ENGINE_GFP_... */
+typedef struct engine_timer engine_timer;
 
 static inline gfp_t kernel_gfp(engine_gfp gfp)
 {
@@ -72,12 +72,12 @@ unsigned long kelm___msecs_to_jiffies(unsigned int msecs);
 unsigned int kelm_jiffies_to_usecs(unsigned long ticks);
 
 /* timer.c */
-void kelm_timer_setup(struct timer_list *timer, void (*function)(struct timer_list *timer));
-int kelm_mod_timer(struct timer_list *timer, unsigned long expires);
-int kelm_del_timer(struct timer_list *timer);
-int kelm_del_timer_sync(struct timer_list *timer);
-bool kelm_timer_pending(const struct timer_list *timer);
-unsigned long kelm_timer_expires(const struct timer_list *timer);
+void kelm_timer_setup(engine_timer *timer, void (*function)(engine_timer *timer));
+int kelm_mod_timer(engine_timer *timer, unsigned long expires);
+int kelm_del_timer(engine_timer *timer);
+int kelm_del_timer_sync(engine_timer *timer);
+bool kelm_timer_pending(const engine_timer *timer);
+unsigned long kelm_timer_expires(const engine_timer *timer);
 
 /* spinlock.c */
 void kelm_spin_lock_init(spinlock_t *lock, unsigned int rank, const char *name);

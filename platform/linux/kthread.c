@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include <linux/err.h>
+#include <linux/jiffies.h>
 #include <linux/kthread.h>
 #include <linux/sched.h>
 
@@ -33,6 +34,6 @@ void kelm_schedule_timeout_interruptible(long ticks)
     /* In this state before the question: a stop that comes in between ends the sleep at once. */
     set_current_state(TASK_INTERRUPTIBLE);
     if (!kthread_should_stop())
-        schedule_timeout(ticks);
+        schedule_timeout(msecs_to_jiffies(ticks));
     __set_current_state(TASK_RUNNING);
 }

@@ -7,6 +7,7 @@
 #include <linux/rcupdate.h>
 #include <linux/socket.h>
 
+#include "platform/linux/clock.h"
 #include "platform/linux/glue.h"
 #include "platform/linux/netlink.h"
 
@@ -43,6 +44,7 @@ static int __init kelm_module_init(void)
 
     if (err)
         return err;
+    clock_tell_resolution();
     load_protocols();
     err = kelm_init();
     if (err)
