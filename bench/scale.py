@@ -16,8 +16,8 @@ One kelmd serves both ends. The phases, in this order:
               Nothing may change its state.
     end       SIGTERM; until both agents have said goodbye and ended
 
-In all of them but quiet and end, both agents are asked to show all their sessions once a second;
-the slowest answer counts.
+In all of them but quiet and end, both agents are asked to show all their sessions once a second, and
+then for their metrics; the slowest answers count.
 
 Run by way of scripts/isolated.
 """
@@ -90,23 +90,30 @@ def peak_megabytes(process):
 
 
 class Asker(threading.Thread):
-    """Asks one agent for all its sessions, once a second, and remembers the slowest answer."""
+    """Asks one agent for all its sessions and its metrics, once a second, and remembers the slowest
+    answers."""
 
     def __init__(self, agent):
         super().__init__(daemon=True)
-        self.agent, self.slowest, self._answer, self._all_up = agent, 0.0, None, False
+        self.agent, self._answer, self._all_up = agent, None, False
+        self.slowest = {"show": 0.0, "metrics": 0.0}
         self._ending = threading.Event()
 
     def run(self):
         while not self._ending.is_set():
-            began, text = time.monotonic(), ""
-            with contextlib.suppress(*NO_ANSWER):
-                text = self.agent.ask_for_text("show")
-            took = time.monotonic() - began
-            if text or took > 1:
-                self.slowest = max(self.slowest, took)
-            self._answer = text or self._answer
-            self._ending.wait(1 - took)
+            began = time.monotonic()
+            self._answer = self._ask("show", lambda: self.agent.ask_for_text("show")) or self._answer
+            self._ask("metrics", self.agent.metrics)
+            self._ending.wait(began + 1 - time.monotonic())
+
+    def _ask(self, what, question):
+        began, text = time.monotonic(), ""
+        with contextlib.suppress(*NO_ANSWER):
+            text = question()
+        took = time.monotonic() - began
+        if text or took > 1:
+            self.slowest[what] = max(self.slowest[what], took)
+        return text
 
     def says_all_up(self):
         text, self._answer = self._answer, None
@@ -125,22 +132,24 @@ class Row:
     phase: str
     seconds: float | None = None  # None: given up
     note: str = ""
-    slowest: float | None = None
+    show: float | None = None  # the slowest answer
+    metrics: float | None = None
     agents_cpu: float = 0
     kelmd_cpu: float = 0
     agent_mb: float | None = None
     kelmd_mb: float | None = None
     lines: int = 0
 
-    HEAD = (f"  {'phase':8}{'seconds':>9}{'slowest':>9}{'cpu s of':>10}{'cpu s of':>10}{'MB of':>8}"
-            f"{'MB of':>8}{'log':>8}\n"
-            f"  {'':8}{'':>9}{'answer':>9}{'2 agents':>10}{'kelmd':>10}{'agent':>8}{'kelmd':>8}"
-            f"{'lines':>8}")
+    HEAD = (f"  {'phase':8}{'seconds':>9}{'slowest':>9}{'slowest':>9}{'cpu s of':>10}"
+            f"{'cpu s of':>10}{'MB of':>8}{'MB of':>8}{'log':>8}\n"
+            f"  {'':8}{'':>9}{'show':>9}{'metrics':>9}{'2 agents':>10}"
+            f"{'kelmd':>10}{'agent':>8}{'kelmd':>8}{'lines':>8}")
 
     def __str__(self):
         def number(value, width, missing="-", digits=2):
             return f"{missing:>{width}}" if value is None else f"{value:{width}.{digits}f}"
-        return (f"  {self.phase:8}{number(self.seconds, 9, 'never')}{number(self.slowest, 9)}"
+        return (f"  {self.phase:8}{number(self.seconds, 9, 'never')}{number(self.show, 9)}"
+                f"{number(self.metrics, 9)}"
                 f"{self.agents_cpu:10.2f}{self.kelmd_cpu:10.2f}{number(self.agent_mb, 8, digits=1)}"
                 f"{number(self.kelmd_mb, 8, digits=1)}{self.lines:8}  {self.note}").rstrip()
 
@@ -199,7 +208,8 @@ class Scale:
         finally:
             for each in self.askers:
                 each.end()
-            self.row.slowest = max(self.row.slowest or 0, *(each.slowest for each in self.askers))
+            self.row.show = max(each.slowest["show"] for each in self.askers)
+            self.row.metrics = max(each.slowest["metrics"] for each in self.askers)
 
     def start(self):
         self.crowd = self.make_crowd()
@@ -280,6 +290,8 @@ class Scale:
         row.agent_mb = max((peak_megabytes(end.process) for end in self.crowd.ends),
                            key=lambda megabytes: megabytes or 0)
         row.kelmd_mb = peak_megabytes(self.kelmd.process)
+        if (status := self.kelmd.process.poll()) is not None:
+            row.note += f" kelmd has ended with status {status}"
         row.lines = self.log_lines() - lines
         print(row, flush=True)
 

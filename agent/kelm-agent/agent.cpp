@@ -19,7 +19,8 @@ constexpr std::chrono::seconds deletion_patience{2};
 agent::place::place(agent &owner, const std::string &netns)
     : connection(owner.loop_, owner.log_, netns, owner, owner.options_.open),
       reconciling(owner.loop_, owner.log_, owner.sessions_, owner.restart_, connection),
-      watch(owner.loop_, owner.log_, owner.sessions_, connection)
+      watch(owner.loop_, owner.log_, owner.sessions_, connection),
+      on_gone(owner.loop_, owner.sessions_), on_links_changed(owner.loop_, owner.sessions_)
 {
 }
 
@@ -30,7 +31,8 @@ agent::agent(event_loop &loop, const logger &log, agent_options options, const a
       on_idle_(loop.on_idle([this] {
           for (const auto *each : std::exchange(gone_, {}))
               sessions_.drop(*each);
-      }))
+      })),
+      walk_(loop, sessions_)
 {
     restart_.load(options_.state_file);
     for (const auto &session : config.sessions)
@@ -49,42 +51,51 @@ agent::place &agent::place_of(const std::string &netns)
     return *found;
 }
 
-template<typename Work>
-void agent::for_each_in(const vrf &where, const Work &work)
-{
-    for (const auto &[name, driver] : sessions_.all())
-        if (&driver->where() == &where)
-            work(*driver);
-}
-
 // -- the configuration and the administrator
 
-void agent::reconfigure(const agent_config &config)
+void agent::reconfigure(const agent_config &config, event_loop::callback done)
 {
-    std::map<std::string, const session_config *> wanted;
-    for (const auto &each : config.sessions)
+    if (on_shut_down_)
+        return;
+    adding_ = {};
+    const auto kept = std::make_shared<const agent_config>(config);
+    std::unordered_map<std::string, const session_config *> wanted;
+    for (const auto &each : kept->sessions)
         wanted.emplace(each.name, &each);
+    walk_.start(
+        [this, wanted = std::move(wanted)](session_driver &known) {
+            const auto found = wanted.find(known.config().name);
+            adapt(known, found == wanted.end() ? nullptr : found->second);
+        },
+        [this, kept, done = std::move(done)] { add_missing(kept, done); });
+}
 
-    std::vector<std::string> gone;
-    for (const auto &[name, driver] : sessions_.all()) {
-        const auto found = wanted.find(name);
-        if (found == wanted.end() ||
-            identity_text(*found->second) != identity_text(driver->config()))
-            gone.push_back(name);
-    }
-    for (const auto &name : gone)
-        retire(name);
-    for (const auto &[name, session] : wanted) {
-        session_driver *const known = sessions_.find(name);
-        if (known == nullptr)
-            add(*session);
-        else if (known->config() != *session)
-            known->reconfigure(*session);
-    }
-    for (const auto &[name, driver] : sessions_.all())
-        if (driver->is_guard())
-            driver->update_echo(); // which may be new, or of another interval
-    record_.change();
+void agent::adapt(session_driver &known, const session_config *wanted)
+{
+    if (wanted == nullptr || identity_text(*wanted) != identity_text(known.config()))
+        retire(std::string(known.config().name));
+    else if (known.config() != *wanted)
+        known.reconfigure(*wanted);
+}
+
+void agent::add_missing(const std::shared_ptr<const agent_config> &config,
+                        event_loop::callback done)
+{
+    adding_ = in_slices(loop_, [=, this, next = config->sessions.begin()]() mutable {
+        if (next != config->sessions.end()) {
+            if (sessions_.find(next->name) == nullptr)
+                add(*next);
+            ++next;
+            return true;
+        }
+        for (const auto &[name, driver] : sessions_.all())
+            if (driver->is_guard())
+                driver->update_echo(); // which may be new, or of another interval
+        record_.change();
+        adding_ = {};
+        done();
+        return false;
+    });
 }
 
 void agent::add(const session_config &config)
@@ -158,20 +169,26 @@ void agent::shut_down(event_loop::callback done)
     if (on_shut_down_)
         return;
     on_shut_down_ = std::move(done);
-    std::chrono::microseconds hold{0};
-    for (const auto &[name, driver] : sessions_.all())
-        hold = std::max(hold, driver->stop());
-    record_.write_now();
-    shut_down_timer_ = loop_.after(hold, [this] {
-        shut_down_timer_ = loop_.after(deletion_patience, [this] { end_shut_down(); });
-        removals_ = sessions_.size() + sessions_.retired().size() + 1;
-        for (const auto &each : sessions_.retired())
-            each->remove();
-        for (const auto &[name, driver] : sessions_.all())
-            driver->remove();
-        if (--removals_ == 0)
-            end_shut_down();
-    });
+    adding_ = {};
+    const auto hold = std::make_shared<std::chrono::microseconds>(0);
+    walk_.start([hold](session_driver &each) { *hold = std::max(*hold, each.stop()); },
+                [this, hold] {
+                    record_.write_now();
+                    shut_down_timer_ = loop_.after(*hold, [this] { remove_all(); });
+                });
+}
+
+void agent::remove_all()
+{
+    shut_down_timer_ = loop_.after(deletion_patience, [this] { end_shut_down(); });
+    removals_ = sessions_.size() + sessions_.retired().size() + 1;
+    for (const auto &[discriminator, each] : sessions_.retired())
+        each->remove();
+    walk_.start([](session_driver &each) { each.remove(); },
+                [this] {
+                    if (--removals_ == 0)
+                        end_shut_down();
+                });
 }
 
 void agent::end_shut_down()
@@ -211,6 +228,9 @@ saved_state agent::snapshot() const
 void agent::on_connected(vrf &connected)
 {
     place &there = place_of(connected);
+    there.on_gone.stop();
+    there.acting = {};
+    there.to_act.clear();
     switch (restart_.marking()) {
     case restart::mark::done:
         return start(there);
@@ -250,8 +270,10 @@ void agent::on_disconnected(vrf &lost)
     there.watch.stop();
     statistics_.on_disconnected(lost);
     restart_.on_disconnected(lost);
-    for_each_in(lost, [](session_driver &each) { each.on_disconnected(); });
-    for (const auto &each : sessions_.retired())
+    for (const auto &[name, each] : sessions_.all())
+        if (&each->where() == &lost)
+            each->on_disconnected();
+    for (const auto &[discriminator, each] : sessions_.retired())
         if (&each->where() == &lost)
             each->on_disconnected();
 }
@@ -259,50 +281,84 @@ void agent::on_disconnected(vrf &lost)
 // Nothing is sent or heard any more.
 void agent::on_gone(vrf &lost)
 {
-    for_each_in(lost, [](session_driver &each) { each.on_kelm_gone(); });
+    session_walk &walk = place_of(lost).on_gone;
+    if (walk.is_under_way())
+        return;
+    walk.start(
+        [&lost](session_driver &each) {
+            if (&each.where() == &lost)
+                each.on_kelm_gone();
+        },
+        {});
 }
 
 void agent::on_links_changed(vrf &where)
 {
-    for_each_in(where, [](session_driver &each) {
-        if (!each.config().interface.empty())
-            each.update_addressing();
-    });
+    place &there = place_of(where);
+    there.have_links_changed_again = there.on_links_changed.is_under_way();
+    if (there.have_links_changed_again)
+        return;
+    there.on_links_changed.start(
+        [&where](session_driver &each) {
+            if (&each.where() == &where && !each.config().interface.empty())
+                each.update_addressing();
+        },
+        [this, &there] {
+            if (std::exchange(there.have_links_changed_again, false))
+                on_links_changed(there.connection);
+        });
 }
 
 // -- events
 
 void agent::on_event(vrf &where, const kelm::report &event)
 {
-    session_driver *concerned = nullptr;
+    const auto keep = [&](session_driver *concerned, const auto &...what) {
+        if (concerned == nullptr)
+            return;
+        if (!concerned->has_kept())
+            place_of(where).to_act.push_back(concerned->bfd().discriminator());
+        concerned->keep(what...);
+    };
     if (const auto *const change = std::get_if<kelm::packet_change>(&event)) {
         const auto frame = kelm::decode_frame(*change);
         if (!frame)
             return;
         const std::uint32_t discriminator = frame->bfd.fields.your_discriminator;
-        concerned = discriminator != 0 ? sessions_.find(where, discriminator)
-                                       : sessions_.find(where, *change, *frame);
-        if (concerned != nullptr)
-            concerned->keep(*change, *frame);
+        keep(discriminator != 0 ? sessions_.find(where, discriminator)
+                                : sessions_.find(where, *change, *frame),
+             *change, *frame);
     } else if (const auto *const failure = std::get_if<kelm::session_failure>(&event)) {
-        concerned = sessions_.find(where, failure->discriminator);
-        if (concerned != nullptr)
-            concerned->keep(*failure);
+        keep(sessions_.find(where, failure->discriminator), *failure);
     }
-    if (concerned != nullptr)
-        place_of(where).to_act.push_back(concerned->bfd().discriminator());
 }
 
 void agent::on_batch_end(vrf &where)
 {
-    for (const std::uint32_t each : std::exchange(place_of(where).to_act, {}))
-        if (session_driver *const concerned = sessions_.find(where, each))
-            concerned->act();
+    place &there = place_of(where);
+    if (!there.acting && !there.to_act.empty())
+        there.acting = in_slices(loop_, [this, &there] { return act_on_next(there); });
 }
 
+bool agent::act_on_next(place &there)
+{
+    if (there.to_act.empty()) {
+        there.acting = {};
+        return false;
+    }
+    const std::uint32_t next = there.to_act.front();
+    there.to_act.pop_front();
+    if (session_driver *const concerned = sessions_.find(there.connection, next))
+        concerned->act();
+    return true;
+}
+
+// What is kept is acted on when it has been compared with what kelm has.
 void agent::on_overrun(vrf &where)
 {
-    place_of(where).reconciling.start(reconciler::cause::overrun, {});
+    place &there = place_of(where);
+    there.acting = {};
+    there.reconciling.start(reconciler::cause::overrun, {});
 }
 
 void agent::on_suspicion(session_driver &suspected)

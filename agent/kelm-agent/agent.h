@@ -4,8 +4,11 @@
 // administrator is led to whom it concerns.
 #pragma once
 
+#include <deque>
+
 #include "kelm-agent/loss_watch.h"
 #include "kelm-agent/reconciler.h"
+#include "kelm-agent/slices.h"
 #include "kelm-agent/state_record.h"
 #include "kelm-agent/statistics.h"
 #include "libkelm/transport.h"
@@ -33,8 +36,9 @@ class agent final : private vrf::listener, private session_driver::listener
   public:
     agent(event_loop &, const logger &, agent_options, const agent_config &);
 
-    // Makes the sessions those of the configuration; what is unchanged is not touched.
-    void reconfigure(const agent_config &);
+    // Makes the sessions those of the configuration; what is unchanged is not touched. `done` is
+    // called then, unless another configuration has come meanwhile, or the end.
+    void reconfigure(const agent_config &, event_loop::callback done);
 
     // Throws std::out_of_range with a sentence if there is no such session, or if it is the
     // configuration that keeps it down.
@@ -58,7 +62,11 @@ class agent final : private vrf::listener, private session_driver::listener
         vrf connection;
         reconciler reconciling;
         loss_watch watch;
-        std::vector<std::uint32_t> to_act; // sessions that events are kept for
+        std::deque<std::uint32_t> to_act; // sessions that events are kept for
+        event_loop::handle acting;
+        session_walk on_gone;
+        session_walk on_links_changed;
+        bool have_links_changed_again = false;
     };
 
     void on_connected(vrf &) override;
@@ -76,14 +84,16 @@ class agent final : private vrf::listener, private session_driver::listener
 
     place &place_of(const std::string &netns);
     place &place_of(const vrf &where) { return *places_.at(where.netns()); }
-    template<typename Work>
-    void for_each_in(const vrf &, const Work &);
+    bool act_on_next(place &);
 
     void add(const session_config &);
     void begin(session_driver &);
     void retire(const std::string &name);
+    void adapt(session_driver &, const session_config *wanted);
+    void add_missing(const std::shared_ptr<const agent_config> &, event_loop::callback done);
     void start(place &);
     void sweep_when_all_are_reconciled();
+    void remove_all();
     void end_shut_down();
     saved_state snapshot() const;
 
@@ -97,6 +107,8 @@ class agent final : private vrf::listener, private session_driver::listener
     state_record record_;
     std::vector<const session_driver *> gone_; // retired, to be dropped
     event_loop::handle on_idle_;
+    session_walk walk_; // to a new configuration, or to the end
+    event_loop::handle adding_;
     std::size_t removals_ = 0; // awaited
     event_loop::callback on_shut_down_;
     event_loop::handle shut_down_timer_;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -17,7 +18,61 @@ namespace kelm_agent
 namespace
 {
 
-using json = nlohmann::ordered_json;
+using nlohmann::json;
+
+constexpr std::size_t records_a_piece = 256;
+
+// Writes {"ok": true, "KEY": [...]}, a record after the other.
+template<typename Record>
+class list_writer
+{
+  public:
+    // Adds a record, or nothing if there is nothing to tell of it any more.
+    using adder = std::function<void(json_writer &, const Record &)>;
+
+    list_writer(std::string_view key, std::vector<Record> records, adder add)
+        : records_(std::move(records)), add_(std::move(add))
+    {
+        out_.begin_object();
+        out_.add("ok", true);
+        out_.begin_array(key);
+    }
+
+    std::string operator()()
+    {
+        std::string piece;
+        while (piece.empty() && !is_ended_) {
+            const std::size_t end = std::min(records_.size(), next_ + records_a_piece);
+            for (; next_ < end; ++next_)
+                add_(out_, records_[next_]);
+            is_ended_ = next_ == records_.size();
+            if (is_ended_) {
+                out_.end_array();
+                out_.end_object();
+            }
+            piece = out_.take() + (is_ended_ ? "\n" : "");
+        }
+        return piece;
+    }
+
+  private:
+    json_writer out_;
+    std::vector<Record> records_;
+    adder add_;
+    std::size_t next_ = 0;
+    bool is_ended_ = false;
+};
+
+std::string short_answer(const std::string &error)
+{
+    json_writer out;
+    out.begin_object();
+    out.add("ok", error.empty());
+    if (!error.empty())
+        out.add("error", error);
+    out.end_object();
+    return out.take() + "\n";
+}
 
 std::vector<std::string> names_in(const agent &running, const json &request)
 {
@@ -29,31 +84,26 @@ std::vector<std::string> names_in(const agent &running, const json &request)
 }
 
 // Sessions may have gone since they were asked for.
-json show(const agent &running, const std::vector<std::string> &names)
+stream_server::writer show(const agent &running, std::vector<std::string> names)
 {
-    json sessions = json::array();
-    for (const auto &name : names)
-        if (const auto *const driver = running.sessions().find(name))
-            sessions.push_back(report_session(*driver, running.counted(*driver)));
-    return {{"ok", true}, {"sessions", std::move(sessions)}};
+    return list_writer<std::string>(
+        "sessions", std::move(names), [&running](json_writer &out, const std::string &name) {
+            if (const auto *const driver = running.sessions().find(name))
+                add_session(out, *driver, running.counted(*driver));
+        });
 }
 
-json show_history(const agent &running, const std::vector<std::string> &names)
+stream_server::writer show_history(const agent &running, const std::vector<std::string> &names)
 {
-    std::vector<std::pair<const std::string *, const change *>> all;
+    using entry = std::pair<std::string, change>;
+    std::vector<entry> all;
     for (const auto &name : names)
         for (const auto &each : running.sessions().find(name)->past().changes())
-            all.emplace_back(&name, &each);
-    std::ranges::stable_sort(all, {}, [](const auto &entry) { return entry.second->when; });
-    json changes = json::array();
-    for (const auto &[name, each] : all)
-        changes.push_back(report_change(*name, *each));
-    return {{"ok", true}, {"changes", std::move(changes)}};
-}
-
-std::string text_of(const json &answer)
-{
-    return answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+            all.emplace_back(name, each);
+    std::ranges::stable_sort(all, {}, [](const entry &each) { return each.second.when; });
+    return list_writer<entry>("changes", std::move(all), [](json_writer &out, const entry &each) {
+        add_change(out, each.first, each.second);
+    });
 }
 
 void answer(agent &running, const json &request, const stream_server::reply &reply)
@@ -62,15 +112,15 @@ void answer(agent &running, const json &request, const stream_server::reply &rep
     const std::vector<std::string> names = names_in(running, request);
     if (command == "show")
         return running.refresh_statistics(
-            names, [&running, names, reply] { reply(text_of(show(running, names))); });
+            names, [&running, names, reply] { reply(show(running, names)); });
     if (command == "history")
-        return reply(text_of(show_history(running, names)));
+        return reply(show_history(running, names));
     if (command == "down" || command == "up") {
         if (!request.contains("sessions") || request.at("sessions").empty())
             throw std::out_of_range("no sessions given");
         for (const auto &name : names)
             running.set_admin_down(name, command == "down");
-        return reply(text_of({{"ok", true}}));
+        return reply(stream_server::whole(short_answer("")));
     }
     throw std::out_of_range("unknown command '" + command + "'");
 }
@@ -129,9 +179,9 @@ void answer_control_request(agent &running, const std::string &request, stream_s
     try {
         answer(running, json::parse(request), reply);
     } catch (const std::out_of_range &problem) {
-        reply(text_of({{"ok", false}, {"error", problem.what()}}));
+        reply(stream_server::whole(short_answer(problem.what())));
     } catch (const json::exception &) {
-        reply(text_of({{"ok", false}, {"error", "malformed request"}}));
+        reply(stream_server::whole(short_answer("malformed request")));
     }
 }
 

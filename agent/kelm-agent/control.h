@@ -17,7 +17,7 @@
 namespace kelm_agent
 {
 
-// Answers one request, of any content, now or soon.
+// Answers one request, of any content, now or soon. The agent outlives the answer.
 void answer_control_request(agent &, const std::string &request, stream_server::reply);
 
 class control_socket

@@ -33,8 +33,12 @@ class event_loop
     // Never goes back.
     virtual time_point now() const = 0;
 
-    // While `fd`, which outlives the handle, has what `events` (EPOLLIN, EPOLLOUT) say.
-    [[nodiscard]] virtual handle on_io(int fd, std::uint32_t events, callback) = 0;
+    enum class turn { fair, first };
+
+    // While `fd`, which outlives the handle, has what `events` (EPOLLIN, EPOLLOUT) say. What comes
+    // first must take little time, and must not be ready again and again.
+    [[nodiscard]] virtual handle on_io(int fd, std::uint32_t events, callback,
+                                       turn = turn::fair) = 0;
     // Once, not earlier than after `delay`.
     [[nodiscard]] virtual handle after(std::chrono::microseconds delay, callback) = 0;
     // Once, as soon as others have had their turn.

@@ -38,6 +38,7 @@ void loss_watch::start()
 void loss_watch::stop()
 {
     timer_ = {};
+    walk_.stop();
 }
 
 void loss_watch::look_later(std::chrono::microseconds delay)
@@ -61,7 +62,7 @@ void loss_watch::look()
             all->add(report);
         // What kelm has told before it dumped is to be acted on first.
         vrf_.feed().read_to_end([this, round, began, all] {
-            judge(*all, round);
+            judge(all, round);
             const auto took = std::chrono::ceil<std::chrono::microseconds>(loop_.now() - began);
             look_later(std::clamp<std::chrono::microseconds>(share * took, shortest_interval,
                                                              longest_interval));
@@ -69,18 +70,22 @@ void loss_watch::look()
     });
 }
 
-void loss_watch::judge(const inventory &all, std::uint64_t round)
+void loss_watch::judge(const std::shared_ptr<const inventory> &all, std::uint64_t round)
 {
-    std::vector<std::string> lost;
-    std::size_t count = 0;
-    for (const auto &[name, driver] : sessions_.all()) {
-        if (&driver->where() != &vrf_)
-            continue;
-        ++count;
-        if (driver->mend(all.at(driver->bfd().discriminator()), round))
-            lost.push_back(name);
-    }
-    report(lost, lost.size() == count);
+    struct result {
+        std::vector<std::string> lost;
+        std::size_t count = 0;
+    };
+    const auto found = std::make_shared<result>();
+    walk_.start(
+        [=, this](session_driver &each) {
+            if (&each.where() != &vrf_)
+                return;
+            ++found->count;
+            if (each.mend(all->at(each.bfd().discriminator()), round))
+                found->lost.push_back(each.config().name);
+        },
+        [=, this] { report(found->lost, found->lost.size() == found->count); });
 }
 
 void loss_watch::suspect(const session_driver &session)

@@ -6,7 +6,7 @@
 
 #include <set>
 
-#include "kelm-agent/session_set.h"
+#include "kelm-agent/slices.h"
 
 namespace kelm_agent
 {
@@ -15,7 +15,7 @@ class loss_watch
 {
   public:
     loss_watch(event_loop &loop, const logger &log, session_set &sessions, vrf &watched)
-        : loop_(loop), log_(log), sessions_(sessions), vrf_(watched)
+        : loop_(loop), log_(log), sessions_(sessions), vrf_(watched), walk_(loop, sessions)
     {
     }
 
@@ -31,7 +31,7 @@ class loss_watch
   private:
     void look_later(std::chrono::microseconds);
     void look();
-    void judge(const inventory &, std::uint64_t round);
+    void judge(const std::shared_ptr<const inventory> &, std::uint64_t round);
     void judge(std::uint32_t discriminator, const kelm_entry &, std::uint64_t round);
     void report(const std::vector<std::string> &lost, bool is_all);
 
@@ -42,6 +42,7 @@ class loss_watch
     std::set<std::uint32_t> suspected_;
     std::uint64_t lost_ = 0;
     event_loop::handle timer_;
+    session_walk walk_;
 };
 
 } // namespace kelm_agent

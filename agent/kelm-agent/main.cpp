@@ -102,13 +102,15 @@ void reload(agent &running, metrics_exporter &metrics, const options &chosen, co
     sd_notify(0, "RELOADING=1");
     try {
         const agent_config config = load(chosen.config_file, log);
-        running.reconfigure(config);
         metrics.configure(config);
-        log.info("configuration reloaded");
+        running.reconfigure(config, [&log] {
+            log.info("configuration reloaded");
+            sd_notify(0, "READY=1");
+        });
     } catch (const std::exception &problem) {
         log.error(std::string("configuration not changed: ") + problem.what());
+        sd_notify(0, "READY=1");
     }
-    sd_notify(0, "READY=1");
 }
 
 // A reboot empties /run.

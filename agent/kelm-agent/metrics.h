@@ -1,21 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
-//
-// Metrics for Prometheus. Every session has all of its series in every state.
 #pragma once
 
-#include "kelm-agent/session_report.h"
+#include "kelm-agent/metrics_page.h"
 #include "kelm-agent/stream_server.h"
 
 namespace kelm_agent
 {
 
-// In the text exposition format; counters as kelm has told them last.
-std::string metrics_text(const agent &);
-
-// Answers a request for the metrics over HTTP/1. False while the request is incomplete.
-bool answer_http(agent &, const std::string &received, stream_server::reply);
-
-// Offers the metrics in the ways that the configuration asks for.
+// Offers the page of metrics in the ways that the configuration asks for.
 class metrics_exporter
 {
   public:
@@ -28,8 +20,13 @@ class metrics_exporter
     void configure(const agent_config &);
 
   private:
+    using reader = std::function<void(const std::string &page)>;
+
+    bool answer_http(const std::string &received, const stream_server::reply &);
+    // One page serves all who ask for it before it is complete.
+    void make_page(reader);
     void write_file();
-    void replace_file();
+    void replace_file(const std::string &page);
     void listen(const endpoint &);
 
     event_loop &loop_;
@@ -39,6 +36,9 @@ class metrics_exporter
     std::optional<endpoint> listening_;
     std::optional<stream_server> server_;
     event_loop::handle timer_;
+    std::vector<reader> waiting_;
+    std::optional<metrics_page> page_;
+    event_loop::handle work_; // on the page
 };
 
 } // namespace kelm_agent

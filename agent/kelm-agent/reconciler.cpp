@@ -7,18 +7,10 @@
 namespace kelm_agent
 {
 
-namespace
-{
-
-constexpr int most_sessions_a_round = 64; // others are to have their turn too
-
-} // namespace
-
 void reconciler::start(cause why, event_loop::callback done)
 {
     cause_ = why;
     done_ = std::move(done);
-    last_name_.clear();
     compared_ = 0;
     round_ = vrf_.begin_round();
     vrf_.dump(kelm::sync(0), [this](int error, const auto &reports) {
@@ -32,7 +24,7 @@ void reconciler::start(cause why, event_loop::callback done)
 void reconciler::stop()
 {
     is_done_ = false;
-    next_ = {};
+    walk_.stop();
 }
 
 // The dump is complete when the events of before have been read.
@@ -41,21 +33,14 @@ void reconciler::take(const std::vector<kelm::report> &dump)
     all_ = {};
     for (const auto &report : dump)
         all_.add(report);
-    vrf_.feed().read_to_end([this] { go_on(); });
-}
-
-void reconciler::go_on()
-{
-    auto next = sessions_.all().upper_bound(last_name_);
-    for (int i = 0; i < most_sessions_a_round && next != sessions_.all().end(); ++i, ++next) {
-        last_name_ = next->first;
-        if (&next->second->where() == &vrf_)
-            compare(*next->second);
-    }
-    if (next == sessions_.all().end())
-        finish();
-    else
-        next_ = loop_.soon([this] { go_on(); });
+    vrf_.feed().read_to_end([this] {
+        walk_.start(
+            [this](session_driver &each) {
+                if (&each.where() == &vrf_)
+                    compare(each);
+            },
+            [this] { finish(); });
+    });
 }
 
 void reconciler::compare(session_driver &compared)

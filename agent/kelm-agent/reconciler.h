@@ -5,7 +5,7 @@
 #pragma once
 
 #include "kelm-agent/restart.h"
-#include "kelm-agent/session_set.h"
+#include "kelm-agent/slices.h"
 
 namespace kelm_agent
 {
@@ -17,7 +17,8 @@ class reconciler
 
     reconciler(event_loop &loop, const logger &log, session_set &sessions, restart &earlier,
                vrf &where)
-        : loop_(loop), log_(log), sessions_(sessions), restart_(earlier), vrf_(where)
+        : loop_(loop), log_(log), sessions_(sessions), restart_(earlier), vrf_(where),
+          walk_(loop, sessions)
     {
     }
 
@@ -33,7 +34,6 @@ class reconciler
 
   private:
     void take(const std::vector<kelm::report> &dump);
-    void go_on();
     void compare(session_driver &);
     void finish();
 
@@ -47,10 +47,9 @@ class reconciler
     bool is_done_ = false;
     std::uint64_t round_ = 0;
     inventory all_;
-    std::string last_name_; // compared so far
+    session_walk walk_;
     std::size_t compared_ = 0;
     std::uint64_t overruns_ = 0;
-    event_loop::handle next_;
 };
 
 } // namespace kelm_agent

@@ -117,8 +117,7 @@ bool restart::is_unwanted(const session_set &sessions, const vrf &where,
 {
     if (sessions.is_retired(where, discriminator) || sessions.find(where, discriminator) != nullptr)
         return false;
-    return is_sole_agent_ ||
-           std::ranges::find(orphans_, orphan{where.netns(), discriminator}) != orphans_.end();
+    return is_sole_agent_ || orphans_.contains({where.netns(), discriminator});
 }
 
 void restart::mark_all(vrf &connected, event_loop::callback done)

@@ -28,9 +28,9 @@ class restart
     void end_claims();
 
     // In kelm, and wanted no more.
-    void add_orphan(orphan lost) { orphans_.push_back(std::move(lost)); }
-    void forget_orphan(const orphan &gone) { std::erase(orphans_, gone); }
-    const std::vector<orphan> &orphans() const { return orphans_; }
+    void add_orphan(orphan lost) { orphans_.insert(std::move(lost)); }
+    void forget_orphan(const orphan &gone) { orphans_.erase(gone); }
+    const std::set<orphan> &orphans() const { return orphans_; }
 
     // Takes over what is left of a session.
     void adopt(session_set &, session_driver &, const inventory &);
@@ -54,7 +54,7 @@ class restart
     const logger &log_;
     bool is_sole_agent_;
     std::map<std::string, saved_session> saved_; // not claimed yet
-    std::vector<orphan> orphans_;
+    std::set<orphan> orphans_;
     std::map<std::uint8_t, std::size_t, std::greater<>> adopted_; // how many, by state
     mark mark_;
     const vrf *marker_ = nullptr; // where the mark is under way

@@ -375,7 +375,7 @@ void session_driver::catch_up(const kelm_entry &in_kelm, std::uint64_t round)
 
 bool session_driver::mend(const kelm_entry &in_kelm, std::uint64_t round)
 {
-    if (!has_begun_ || stage_ != stage::running || !sync_->is_settled_since(round))
+    if (!has_begun_ || has_kept() || stage_ != stage::running || !sync_->is_settled_since(round))
         return false;
     if (is_missing(in_kelm)) {
         sync_->assume(in_kelm.has_packet, in_kelm.has_session);

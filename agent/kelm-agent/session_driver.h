@@ -42,6 +42,7 @@ class session_driver final : private kelm_sync::listener
     // Events of kelm are kept, those that say the same only once, until act().
     void keep(const kelm::packet_change &, const kelm::frame_info &);
     void keep(const kelm::session_failure &);
+    bool has_kept() const { return !inbox_.empty(); }
     void act();
 
     // Starts the session: nothing of it is in kelm.

@@ -10,18 +10,25 @@ namespace kelm_agent
 namespace
 {
 
-using json = nlohmann::ordered_json;
+template<typename Seconds, typename Nanoseconds>
+void add_time(json_writer &out, std::string_view key, Seconds sec, Nanoseconds nsec)
+{
+    out.begin_object(key);
+    out.add("sec", sec);
+    out.add("nsec", nsec);
+    out.end_object();
+}
 
-json time_json(wall_time time)
+void add_time(json_writer &out, std::string_view key, wall_time time)
 {
     using namespace std::chrono;
     const auto ns = duration_cast<nanoseconds>(time.time_since_epoch()).count();
-    return {{"sec", ns / 1'000'000'000}, {"nsec", ns % 1'000'000'000}};
+    add_time(out, key, ns / 1'000'000'000, ns % 1'000'000'000);
 }
 
-json time_json(kelm_time time)
+void add_time(json_writer &out, std::string_view key, kelm_time time)
 {
-    return {{"sec", time.sec}, {"nsec", time.nsec}};
+    add_time(out, key, time.sec, time.nsec);
 }
 
 std::string state_name(std::uint8_t state)
@@ -29,113 +36,138 @@ std::string state_name(std::uint8_t state)
     return kelm::name_of(kelm::state_names, state);
 }
 
-json report_past(const history &past)
+void add_past(json_writer &out, const history &past)
 {
-    json out = {{"up_count", past.up_count}, {"down_count", past.down_count}};
+    out.begin_object("changes");
+    out.add("up_count", past.up_count);
+    out.add("down_count", past.down_count);
     if (past.down_count > 0) {
-        out["last_down"] = time_json(past.last_down);
-        out["last_down_diagnostic"] = diag_words(past.last_down_diag);
-        out["last_down_reason"] = past.last_down_reason;
+        add_time(out, "last_down", past.last_down);
+        out.add("last_down_diagnostic", diag_words(past.last_down_diag));
+        out.add("last_down_reason", past.last_down_reason);
     }
-    return out;
+    out.end_object();
 }
 
-json report_peer(const session &bfd)
+void add_peer(json_writer &out, const session &bfd)
 {
-    if (!bfd.has_heard_peer())
-        return {{"state", "not heard"}};
-    const peer_timing &peer = bfd.timing().peer();
-    return {{"state", state_name(bfd.remote().state)},
-            {"diagnostic", diag_words(bfd.remote().diag)},
-            {"discriminator", bfd.remote_discriminator()},
-            {"multiplier", peer.detect_multiplier},
-            {"min_tx", peer.desired_min_tx},
-            {"min_rx", peer.required_min_rx},
-            {"demand", bfd.remote_demand()}};
+    out.begin_object("remote");
+    if (bfd.has_heard_peer()) {
+        const peer_timing &peer = bfd.timing().peer();
+        out.add("state", state_name(bfd.remote().state));
+        out.add("diagnostic", diag_words(bfd.remote().diag));
+        out.add("discriminator", bfd.remote_discriminator());
+        out.add("multiplier", peer.detect_multiplier);
+        out.add("min_tx", peer.desired_min_tx);
+        out.add("min_rx", peer.required_min_rx);
+        out.add("demand", bfd.remote_demand());
+    } else {
+        out.add("state", "not heard");
+    }
+    out.end_object();
 }
 
-json report_timing(const session &bfd)
+void add_timing(json_writer &out, const session &bfd)
 {
     const negotiation &timing = bfd.timing();
-    json out = {{"min_tx", bfd.config().timing.desired_min_tx},
-                {"min_rx", bfd.config().timing.required_min_rx},
-                {"multiplier", bfd.config().multiplier},
-                {"transmit_interval", timing.transmit_interval()}};
+    out.begin_object("timing");
+    out.add("min_tx", bfd.config().timing.desired_min_tx);
+    out.add("min_rx", bfd.config().timing.required_min_rx);
+    out.add("multiplier", bfd.config().multiplier);
+    out.add("transmit_interval", timing.transmit_interval());
     if (bfd.has_heard_peer()) {
-        out["receive_interval"] = timing.receive_interval();
-        out["detection_time"] = timing.detection_time();
+        out.add("receive_interval", timing.receive_interval());
+        out.add("detection_time", timing.detection_time());
     }
-    out["polling"] = bfd.polling();
-    return out;
+    out.add("polling", bfd.polling());
+    out.end_object();
 }
 
-json report_auth(const authentication &auth)
+void add_auth(json_writer &out, const authentication &auth)
 {
-    json out = {{"type", kelm::name_of(kelm::auth_type_names, auth.type)}};
+    out.begin_object("auth");
+    out.add("type", kelm::name_of(kelm::auth_type_names, auth.type));
     if (!auth.keys.empty())
-        out["sent_key"] = auth.keys.at(auth.sending).id;
+        out.add("sent_key", auth.keys.at(auth.sending).id);
     if (auth.keys.size() > 1)
-        out["other_key"] = auth.keys.at(1 - auth.sending).id;
-    return out;
+        out.add("other_key", auth.keys.at(1 - auth.sending).id);
+    out.end_object();
 }
 
-void add_counters(json &out, const counters &from)
+void add_received(json_writer &out, const kelm_msg_rx_stats &received)
 {
-    if (from.received) {
-        const auto &received = *from.received;
-        out["received"] = {
-            {"packets", received.num_received}, {"last", time_json(received.last_rx_time)},
-            {"interval", received.avg_period},  {"longest", received.max_period},
-            {"timeouts", received.num_timeout}, {"rejected", received.num_auth_fail},
-        };
-        if (received.max_rtt != 0)
-            out["rtt"] = {{"last", received.last_rtt},
-                          {"min", received.min_rtt},
-                          {"avg", received.avg_rtt},
-                          {"max", received.max_rtt}};
-    }
-    if (from.sent)
-        out["sent"] = {{"packets", from.sent->num_sent},
-                       {"interval", from.sent->avg_lateness},
-                       {"longest", from.sent->max_lateness},
-                       {"errors", from.sent->num_tx_errors}};
+    out.begin_object("received");
+    out.add("packets", received.num_received);
+    add_time(out, "last", received.last_rx_time);
+    out.add("interval", received.avg_period);
+    out.add("longest", received.max_period);
+    out.add("timeouts", received.num_timeout);
+    out.add("rejected", received.num_auth_fail);
+    out.end_object();
+    if (received.max_rtt == 0)
+        return;
+    out.begin_object("rtt");
+    out.add("last", received.last_rtt);
+    out.add("min", received.min_rtt);
+    out.add("avg", received.avg_rtt);
+    out.add("max", received.max_rtt);
+    out.end_object();
+}
+
+void add_sent(json_writer &out, const kelm_msg_tx_stats &sent)
+{
+    out.begin_object("sent");
+    out.add("packets", sent.num_sent);
+    out.add("interval", sent.avg_lateness);
+    out.add("longest", sent.max_lateness);
+    out.add("errors", sent.num_tx_errors);
+    out.end_object();
 }
 
 } // namespace
 
-json report_session(const session_driver &driver, const counters &counted)
+void add_session(json_writer &out, const session_driver &driver, const counters &counted)
 {
     const session &bfd = driver.bfd();
     const session_config &config = bfd.config();
-    json out = {{"session", config.name},
-                {"state", state_name(bfd.state().state)},
-                {"since", time_json(driver.past().since)},
-                {"now", time_json(std::chrono::system_clock::now())},
-                {"type", kind_name(config.kind)},
-                {"namespace", config.netns},
-                {"local", config.local.text()},
-                {"peer", config.peer.text()},
-                {"interface", config.interface}};
+    out.begin_object();
+    out.add("session", config.name);
+    out.add("state", state_name(bfd.state().state));
+    add_time(out, "since", driver.past().since);
+    add_time(out, "now", std::chrono::system_clock::now());
+    out.add("type", kind_name(config.kind));
+    out.add("namespace", config.netns);
+    out.add("local", config.local.text());
+    out.add("peer", config.peer.text());
+    out.add("interface", config.interface);
     if (!config.member.empty())
-        out["member"] = config.member;
-    if (std::string problem = driver.problem(); !problem.empty())
-        out["problem"] = std::move(problem);
-    out["diagnostic"] = diag_words(bfd.state().diag);
-    out["discriminator"] = bfd.discriminator();
-    out["role"] = config.passive ? "passive" : "active";
-    out["changes"] = report_past(driver.past());
-    out["timing"] = report_timing(bfd);
-    out["remote"] = report_peer(bfd);
-    out["auth"] = report_auth(config.auth);
-    add_counters(out, counted);
-    return out;
+        out.add("member", config.member);
+    if (const std::string problem = driver.problem(); !problem.empty())
+        out.add("problem", problem);
+    out.add("diagnostic", diag_words(bfd.state().diag));
+    out.add("discriminator", bfd.discriminator());
+    out.add("role", config.passive ? "passive" : "active");
+    add_past(out, driver.past());
+    add_timing(out, bfd);
+    add_peer(out, bfd);
+    add_auth(out, config.auth);
+    if (counted.received)
+        add_received(out, *counted.received);
+    if (counted.sent)
+        add_sent(out, *counted.sent);
+    out.end_object();
 }
 
-json report_change(const std::string &session, const change &from)
+void add_change(json_writer &out, const std::string &session, const change &from)
 {
-    return {{"time", time_json(from.when)},        {"session", session},
-            {"state", state_name(from.to)},        {"previous_state", state_name(from.from)},
-            {"diagnostic", diag_words(from.diag)}, {"reason", from.reason}};
+    out.begin_object();
+    add_time(out, "time", from.when);
+    out.add("session", session);
+    out.add("state", state_name(from.to));
+    out.add("previous_state", state_name(from.from));
+    out.add("diagnostic", diag_words(from.diag));
+    out.add("reason", from.reason);
+    out.end_object();
 }
 
 } // namespace kelm_agent

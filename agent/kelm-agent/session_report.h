@@ -3,14 +3,13 @@
 // A session as programs are told of it. Times are {"sec", "nsec"}, intervals are in microseconds.
 #pragma once
 
-#include <nlohmann/json.hpp>
-
 #include "kelm-agent/agent.h"
+#include "kelm-agent/json_writer.h"
 
 namespace kelm_agent
 {
 
-nlohmann::ordered_json report_session(const session_driver &, const counters &);
-nlohmann::ordered_json report_change(const std::string &session, const change &);
+void add_session(json_writer &, const session_driver &, const counters &);
+void add_change(json_writer &, const std::string &session, const change &);
 
 } // namespace kelm_agent

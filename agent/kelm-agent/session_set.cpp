@@ -76,21 +76,22 @@ session_driver *session_set::find(const vrf &where, const kelm::packet_change &c
 
 session_driver &session_set::retire(const std::string &name)
 {
-    auto node = by_name_.extract(name);
-    forget(*node.mapped());
-    return *retired_.emplace_back(std::move(node.mapped()));
+    std::unique_ptr<session_driver> taken = std::move(by_name_.extract(name).mapped());
+    forget(*taken);
+    auto &kept = retired_[taken->bfd().discriminator()];
+    kept = std::move(taken);
+    return *kept;
 }
 
 void session_set::drop(const session_driver &retired)
 {
-    std::erase_if(retired_, [&](const auto &each) { return each.get() == &retired; });
+    retired_.erase(retired.bfd().discriminator());
 }
 
 bool session_set::is_retired(const vrf &where, std::uint32_t discriminator) const
 {
-    return std::ranges::any_of(retired_, [&](const auto &each) {
-        return &each->where() == &where && each->bfd().discriminator() == discriminator;
-    });
+    const auto found = retired_.find(discriminator);
+    return found != retired_.end() && &found->second->where() == &where;
 }
 
 std::uint32_t session_set::new_discriminator() const
@@ -102,8 +103,7 @@ std::uint32_t session_set::new_discriminator() const
         if (getrandom(&drawn, sizeof drawn, 0) != sizeof drawn)
             kelm::throw_errno(errno, "no random numbers");
         const std::uint16_t port = source_port(session_kind::single_hop, drawn);
-        if (drawn != 0 && !by_discriminator_.contains(drawn) &&
-            !(has_free_port && ports_.contains(port)))
+        if (drawn != 0 && !contains(drawn) && !(has_free_port && ports_.contains(port)))
             return drawn;
     }
 }

@@ -3,7 +3,6 @@
 // All sessions: by name, by discriminator, and by where their packets come from.
 #pragma once
 
-#include <list>
 #include <map>
 #include <unordered_map>
 
@@ -17,6 +16,7 @@ class session_set
 {
   public:
     using by_name = std::map<std::string, std::unique_ptr<session_driver>>;
+    using by_discriminator = std::unordered_map<std::uint32_t, std::unique_ptr<session_driver>>;
 
     // The name is new. A session and its echo session find each other.
     session_driver &add(std::unique_ptr<session_driver>);
@@ -24,9 +24,10 @@ class session_set
     std::vector<std::string> names() const;
     std::size_t size() const { return by_name_.size(); }
 
+    // Retired ones included.
     bool contains(std::uint32_t discriminator) const
     {
-        return by_discriminator_.contains(discriminator);
+        return by_discriminator_.contains(discriminator) || retired_.contains(discriminator);
     }
     // Null where there is none.
     session_driver *find(const std::string &name) const;
@@ -36,7 +37,7 @@ class session_set
     // Takes it out of the lookups above. It is kept until it is dropped.
     session_driver &retire(const std::string &name);
     void drop(const session_driver &retired);
-    const std::list<std::unique_ptr<session_driver>> &retired() const { return retired_; }
+    const by_discriminator &retired() const { return retired_; }
     bool is_retired(const vrf &, std::uint32_t discriminator) const;
 
     // RFC 5880 section 10: unpredictable. Unique here, and so is the source port that follows from
@@ -52,7 +53,7 @@ class session_set
     std::unordered_map<std::uint32_t, session_driver *> by_discriminator_;
     std::unordered_multimap<kelm::ip_address, session_driver *, address_hash> by_source_;
     std::unordered_map<std::uint16_t, std::size_t> ports_; // in use, and how often
-    std::list<std::unique_ptr<session_driver>> retired_;   // tell their peers, and go
+    by_discriminator retired_;                             // tell their peers, and go
 };
 
 } // namespace kelm_agent

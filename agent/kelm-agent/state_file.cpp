@@ -5,6 +5,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "kelm-agent/json_writer.h"
 #include "kelm-agent/whole_file.h"
 
 namespace kelm_agent
@@ -40,21 +41,23 @@ wall_time time_at(const json &from, const char *key)
     return wall_time(std::chrono::microseconds(us));
 }
 
-json to_json(const saved_session &saved)
+void add_session(json_writer &out, const std::string &name, const saved_session &saved)
 {
-    return {{"identity", saved.identity},
-            {"netns", saved.netns},
-            {"discriminator", saved.discriminator},
-            {"state", saved.state},
-            {"admin_down", saved.admin_down},
-            {"tx_us", saved.in_effect.desired_min_tx},
-            {"rx_us", saved.in_effect.required_min_rx},
-            {"since_us", to_us(saved.past.since)},
-            {"up_count", saved.past.up_count},
-            {"down_count", saved.past.down_count},
-            {"last_down_us", to_us(saved.past.last_down)},
-            {"last_down_diag", saved.past.last_down_diag},
-            {"last_down_reason", saved.past.last_down_reason}};
+    out.begin_object(name);
+    out.add("identity", saved.identity);
+    out.add("netns", saved.netns);
+    out.add("discriminator", saved.discriminator);
+    out.add("state", saved.state);
+    out.add("admin_down", saved.admin_down);
+    out.add("tx_us", saved.in_effect.desired_min_tx);
+    out.add("rx_us", saved.in_effect.required_min_rx);
+    out.add("since_us", to_us(saved.past.since));
+    out.add("up_count", saved.past.up_count);
+    out.add("down_count", saved.past.down_count);
+    out.add("last_down_us", to_us(saved.past.last_down));
+    out.add("last_down_diag", saved.past.last_down_diag);
+    out.add("last_down_reason", saved.past.last_down_reason);
+    out.end_object();
 }
 
 saved_session session_from(const json &from)
@@ -84,8 +87,7 @@ saved_state state_from(const json &from)
     for (const auto &[name, saved] : from.at("sessions").items())
         state.sessions.emplace(name, session_from(saved));
     for (const auto &each : from.at("orphans"))
-        state.orphans.push_back(
-            {each.at("netns"), number_at<std::uint32_t>(each, "discriminator")});
+        state.orphans.insert({each.at("netns"), number_at<std::uint32_t>(each, "discriminator")});
     return state;
 }
 
@@ -104,13 +106,23 @@ saved_state load_state(const std::string &path)
 
 void save_state(const std::string &path, const saved_state &state)
 {
-    json out = {
-        {"version", format_version}, {"sessions", json::object()}, {"orphans", json::array()}};
+    json_writer out;
+    out.begin_object();
+    out.add("version", format_version);
+    out.begin_object("sessions");
     for (const auto &[name, saved] : state.sessions)
-        out["sessions"][name] = to_json(saved);
-    for (const auto &each : state.orphans)
-        out["orphans"].push_back({{"netns", each.netns}, {"discriminator", each.discriminator}});
-    replace_whole_file(path, out.dump(1) + "\n", 0600);
+        add_session(out, name, saved);
+    out.end_object();
+    out.begin_array("orphans");
+    for (const auto &each : state.orphans) {
+        out.begin_object();
+        out.add("netns", each.netns);
+        out.add("discriminator", each.discriminator);
+        out.end_object();
+    }
+    out.end_array();
+    out.end_object();
+    replace_whole_file(path, out.take() + "\n", 0600);
 }
 
 } // namespace kelm_agent

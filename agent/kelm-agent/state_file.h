@@ -7,8 +7,8 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
-#include <vector>
 
 #include "kelm-agent/history.h"
 #include "kelm-agent/model.h"
@@ -30,12 +30,12 @@ struct saved_session {
 struct orphan {
     std::string netns;
     std::uint32_t discriminator = 0;
-    bool operator==(const orphan &) const = default;
+    auto operator<=>(const orphan &) const = default;
 };
 
 struct saved_state {
     std::map<std::string, saved_session> sessions; // by name
-    std::vector<orphan> orphans;
+    std::set<orphan> orphans;
 };
 
 // An empty state if there is no file. Throws std::runtime_error if it cannot be read or is

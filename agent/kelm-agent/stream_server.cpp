@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <sys/socket.h>
+#include <utility>
 
 namespace kelm_agent
 {
@@ -37,6 +38,7 @@ void stream_server::accept_client()
     served.fd = std::move(fd);
     served.on_ready = loop_.on_io(served.fd.get(), EPOLLIN, [=, this] { read_from(added); });
     served.on_timeout = loop_.after(patience, [=, this] { clients_.erase(added); });
+    read_from(added); // the request may be there already
 }
 
 void stream_server::read_from(client_position from)
@@ -51,34 +53,44 @@ void stream_server::read_from(client_position from)
         return;
     }
     served.received.append(piece.data(), static_cast<std::size_t>(count));
-    const auto take_reply = [this, from, asker = std::weak_ptr(*from)](std::string text) {
+    const auto take_reply = [this, from, asker = std::weak_ptr(*from)](writer text) {
         if (!asker.expired())
             answer(from, std::move(text));
     };
     const bool is_complete = answer_(served.received, take_reply);
-    if (is_complete && served.answer.empty())
+    if (is_complete && !served.answer)
         served.on_ready = {};
 }
 
-void stream_server::answer(client_position to, std::string text)
+void stream_server::answer(client_position to, writer text)
 {
     client &served = **to;
     served.answer = std::move(text);
     served.on_ready = {}; // a descriptor is watched once
-    served.on_ready = loop_.on_io(served.fd.get(), EPOLLOUT, [=, this] { write_to(to); });
+    served.on_ready = loop_.on_io(
+        served.fd.get(), EPOLLOUT, [=, this] { write_to(to); }, event_loop::turn::first);
 }
 
 void stream_server::write_to(client_position to)
 {
     client &served = **to;
-    const std::string_view unsent = std::string_view(served.answer).substr(served.sent);
+    if (served.sent == served.piece.size()) {
+        served.piece = served.answer();
+        served.sent = 0;
+    }
+    const std::string_view unsent = std::string_view(served.piece).substr(served.sent);
     const ssize_t count = send(served.fd.get(), unsent.data(), unsent.size(), MSG_NOSIGNAL);
     if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     if (count > 0)
         served.sent += static_cast<std::size_t>(count);
-    if (count < 0 || served.sent == served.answer.size())
+    if (count < 0 || unsent.empty())
         clients_.erase(to);
+}
+
+stream_server::writer stream_server::whole(std::string text)
+{
+    return [rest = std::move(text)]() mutable { return std::exchange(rest, {}); };
 }
 
 } // namespace kelm_agent

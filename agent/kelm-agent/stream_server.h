@@ -17,8 +17,11 @@ namespace kelm_agent
 class stream_server
 {
   public:
-    // Takes the answer to a request, once, at any time; it ends the connection.
-    using reply = std::function<void(std::string)>;
+    // Writes the next piece of an answer; empty: there was no more. Called when the client can take
+    // it, so that a long answer keeps nobody waiting and takes little memory.
+    using writer = std::function<std::string()>;
+    // Takes the answer to a request, once, at any time; its end ends the connection.
+    using reply = std::function<void(writer)>;
     // Given all that has come so far: false while more is needed. Otherwise the reply will be
     // called; the client may be gone by then.
     using answerer = std::function<bool(const std::string &received, reply)>;
@@ -26,12 +29,16 @@ class stream_server
     // `listening` is a bound and listening stream socket.
     stream_server(event_loop &, kelm::unique_fd listening, answerer);
 
+    // An answer in one piece.
+    static writer whole(std::string);
+
   private:
     struct client {
         kelm::unique_fd fd;
         std::string received;
-        std::string answer;
-        std::size_t sent = 0; // of the answer
+        writer answer;
+        std::string piece;
+        std::size_t sent = 0; // of the piece
         event_loop::handle on_ready;
         event_loop::handle on_timeout;
     };
@@ -39,7 +46,7 @@ class stream_server
 
     void accept_client();
     void read_from(client_position);
-    void answer(client_position, std::string);
+    void answer(client_position, writer);
     void write_to(client_position);
 
     event_loop &loop_;

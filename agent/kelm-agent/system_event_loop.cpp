@@ -68,11 +68,14 @@ system_event_loop::system_event_loop()
     loop_.reset(made);
 }
 
-event_loop::handle system_event_loop::on_io(int fd, std::uint32_t events, callback work)
+event_loop::handle system_event_loop::on_io(int fd, std::uint32_t events, callback work, turn when)
 {
     auto made = std::make_unique<sd_source>(*this, std::move(work));
     check(sd_event_add_io(loop_.get(), &made->event, fd, events, sd_source::on_io, made.get()),
           "cannot watch a descriptor");
+    if (when == turn::first)
+        check(sd_event_source_set_priority(made->event, SD_EVENT_PRIORITY_IMPORTANT),
+              "cannot prefer a descriptor");
     return made;
 }
 
@@ -104,7 +107,7 @@ event_loop::handle system_event_loop::on_signal(int signal, callback work)
     auto made = std::make_unique<sd_source>(*this, std::move(work));
     check(sd_event_add_signal(loop_.get(), &made->event, signal, sd_source::on_signal, made.get()),
           "cannot watch a signal");
-    check(sd_event_source_set_priority(made->event, SD_EVENT_PRIORITY_IMPORTANT),
+    check(sd_event_source_set_priority(made->event, SD_EVENT_PRIORITY_IMPORTANT - 1),
           "cannot prefer a signal");
     return made;
 }

@@ -17,7 +17,7 @@ class system_event_loop final : public event_loop
     system_event_loop();
 
     time_point now() const override { return std::chrono::steady_clock::now(); }
-    handle on_io(int fd, std::uint32_t events, callback) override;
+    handle on_io(int fd, std::uint32_t events, callback, turn) override;
     handle after(std::chrono::microseconds delay, callback) override;
     handle soon(callback) override;
     handle on_idle(callback) override;

@@ -271,8 +271,8 @@ TEST(agent_reconcile, the_record_survives_being_written_and_read)
 
     const std::string good = content(path);
     const auto with = [&](const std::string &key, const std::string &value) {
-        const std::size_t at = good.find("\"" + key + "\": ") + key.size() + 4;
-        return good.substr(0, at) + value + good.substr(good.find_first_of(",\n", at));
+        const std::size_t at = good.find("\"" + key + "\":") + key.size() + 3;
+        return good.substr(0, at) + value + good.substr(good.find_first_of(",}", at));
     };
     std::ofstream(path) << with("state", "2");
     EXPECT_EQ(load_state(path).sessions.at("s").state, BFD_STATE_INIT);

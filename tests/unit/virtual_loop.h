@@ -14,7 +14,7 @@ class virtual_loop final : public kelm_agent::event_loop
 {
   public:
     time_point now() const override { return now_; }
-    handle on_io(int fd, std::uint32_t events, callback work) override
+    handle on_io(int fd, std::uint32_t events, callback work, turn) override
     {
         return add({kind::io, fd, static_cast<short>(events), {}, std::move(work)});
     }

@@ -4,10 +4,13 @@
 import json
 import os
 import signal
+import urllib.request
 
+from . import PATIENCE
 from .kelm_agent import KelmAgent
 from .topology import ip
 
+_METRICS_PORTS = {"near": 9816, "far": 9817}
 _ADDRESSES = {"near": "10.1.{}.{}", "far": "10.2.{}.{}"}  # a whole network is local to each end
 
 
@@ -21,16 +24,22 @@ class CrowdedAgent(KelmAgent):
     def __init__(self, link, side, sessions, interval_ms, multiplier):
         peer = {"near": "far", "far": "near"}[side]
         self.total, self.up, self.lines = sessions, set(), 0
+        self._metrics = f"127.0.0.1:{_METRICS_PORTS[side]}"
         super().__init__(
             [{"name": f"s{n}", "local": _address(side, n), "peer": _address(peer, n)}
              for n in range(sessions)],
-            namespace=getattr(link, f"{side}_ns"), interface=link.name,
+            agent={"metrics-listen": self._metrics}, namespace=getattr(link, f"{side}_ns"),
+            interface=link.name,
             min_tx=f"{interval_ms}ms", min_rx=f"{interval_ms}ms", multiplier=multiplier)
 
     def start(self):
         """Does not wait: how long it takes to be ready is for the caller to measure."""
         self._offset = 0
         self.launch()
+
+    def metrics(self):
+        with urllib.request.urlopen(f"http://{self._metrics}/metrics", timeout=PATIENCE) as page:
+            return page.read().decode()
 
     def follow(self):
         """Takes in the log's new lines."""
