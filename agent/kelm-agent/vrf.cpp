@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <sys/stat.h>
+#include <utility>
 
 #include "libkelm/error.h"
 #include "libkelm/netns.h"
@@ -26,20 +27,15 @@ std::optional<file_identity> namespace_called(const std::string &netns)
     return file_identity{status.st_dev, status.st_ino};
 }
 
-std::unique_ptr<kelm::client> subscribed(std::unique_ptr<kelm::channel> channel)
-{
-    auto client = std::make_unique<kelm::client>(std::move(channel));
-    client->subscribe(all_groups);
-    return client;
-}
-
 } // namespace
 
-vrf::connection::connection(vrf &owner, const opener &open)
+vrf::connection::connection(vrf &owner, opening opened)
     : links(owner.netns_), neighbour_table(owner.netns_), link_changes(owner.netns_),
-      requests(owner.loop_, open(owner.netns_), [&](const auto &why) { owner.disconnect(why); }),
-      dumps(owner.loop_, open(owner.netns_), [&](const auto &why) { owner.disconnect(why); }),
-      feed(owner.loop_, subscribed(open(owner.netns_)), owner),
+      requests(owner.loop_, std::move(opened.requests.channel),
+               [&](const auto &why) { owner.disconnect(why); }),
+      dumps(owner.loop_, std::move(opened.dumps.channel),
+            [&](const auto &why) { owner.disconnect(why); }),
+      feed(owner.loop_, std::make_unique<kelm::client>(std::move(opened.events.channel)), owner),
       on_link_changes(owner.loop_.on_io(link_changes.fd(), EPOLLIN, [this, &owner] {
           link_changes.drain();
           owner.listener_.on_links_changed(owner);
@@ -68,19 +64,57 @@ void vrf::connect()
 {
     namespace_ = namespace_called(netns_);
     try {
-        connection_ = std::make_unique<connection>(*this, open_);
+        opening_.emplace(begin_opening());
     } catch (const kelm::error &problem) {
-        retry_later(problem.what());
-        // Other problems are our own, or may pass: kelm may go on without us.
-        if (problem.number() == ECONNREFUSED || problem.number() == ENOENT)
-            listener_.on_gone(*this);
-        return;
+        return fail_to_open(problem);
+    }
+    go_on_opening();
+}
+
+vrf::opening vrf::begin_opening()
+{
+    opening begun;
+    begun.requests.channel = open_(netns_, 0);
+    begun.dumps.channel = open_(netns_, 0);
+    begun.events.channel = open_(netns_, all_groups);
+    begun.patience = loop_.after(kelm::answer_timeout, [this] {
+        fail_to_open({ETIMEDOUT, "kelmd does not answer"});
+    });
+    return begun;
+}
+
+bool vrf::is_open(opening::half_open &half)
+{
+    half.on_answer = {}; // a descriptor is watched once
+    if (half.channel->is_open())
+        return true;
+    half.on_answer = loop_.on_io(half.channel->fd(), EPOLLIN, [this] { go_on_opening(); });
+    return false;
+}
+
+void vrf::go_on_opening()
+{
+    try {
+        if (!is_open(opening_->requests) || !is_open(opening_->dumps) || !is_open(opening_->events))
+            return;
+        connection_ = std::make_unique<connection>(*this, *std::exchange(opening_, std::nullopt));
+    } catch (const kelm::error &problem) {
+        return fail_to_open(problem);
     }
     watch_name();
     if (has_complained_)
         log_.info(title() + ": connected to kelm");
     has_complained_ = false;
     listener_.on_connected(*this);
+}
+
+void vrf::fail_to_open(const kelm::error &problem)
+{
+    opening_.reset();
+    retry_later(problem.what());
+    // Other problems are our own, or may pass: kelm may go on without us.
+    if (problem.number() == ECONNREFUSED || problem.number() == ENOENT)
+        listener_.on_gone(*this);
 }
 
 // Our sockets would keep a namespace alive that has been deleted, and keep us from one that has its

@@ -42,8 +42,9 @@ class vrf final : private event_feed::listener
         virtual void on_links_changed(vrf &) = 0;
     };
 
-    // How connections are made; the default is kelm::transport::open.
-    using opener = std::function<std::unique_ptr<kelm::channel>(const std::string &netns)>;
+    // How connections are begun, see kelm::transport::begin.
+    using opener = std::function<std::unique_ptr<kelm::channel>(const std::string &netns,
+                                                                std::uint32_t groups)>;
     // 0, or the positive errno value with which kelm has refused.
     using answer = std::function<void(int error)>;
     using dump_answer = std::function<void(int error, const std::vector<kelm::report> &)>;
@@ -75,14 +76,24 @@ class vrf final : private event_feed::listener
     void disconnect(const std::string &why);
 
   private:
+    struct opening {
+        struct half_open {
+            std::unique_ptr<kelm::channel> channel;
+            event_loop::handle on_answer;
+        };
+        half_open requests;
+        half_open dumps; // apart, so that a long one delays nothing
+        half_open events;
+        event_loop::handle patience;
+    };
     struct connection {
-        connection(vrf &, const opener &);
+        connection(vrf &, opening);
 
         kelm::interfaces links;
         neighbours neighbour_table;
         link_watch link_changes;
         client_pump requests;
-        client_pump dumps; // apart, so that a long one delays nothing
+        client_pump dumps;
         event_feed feed;
         event_loop::handle on_link_changes;
     };
@@ -94,6 +105,10 @@ class vrf final : private event_feed::listener
 
     void submit(client_pump &, const kelm::request &, kelm::completion);
     void connect();
+    opening begin_opening();
+    bool is_open(opening::half_open &);
+    void go_on_opening();
+    void fail_to_open(const kelm::error &);
     void watch_name();
     void retry_later(const std::string &why);
 
@@ -102,6 +117,7 @@ class vrf final : private event_feed::listener
     std::string netns_;
     listener &listener_;
     opener open_;
+    std::optional<opening> opening_;
     std::unique_ptr<connection> connection_;
     std::unique_ptr<connection> lost_; // may still be running what has ended it
     std::uint64_t round_ = 0;

@@ -43,6 +43,10 @@ class channel
     // The kernel's unit, which has answered a request when send() returns; otherwise kelmd.
     virtual bool is_kernel() const = 0;
 
+    // Goes on with opening, without waiting. False: once more when fd() is readable; nothing else
+    // can be done with the channel until then. Throws error when the connection fails.
+    [[nodiscard]] virtual bool is_open() { return true; }
+
     // Receives the multicast groups of `mask` from now on (bit 0 is group 1), and no others.
     virtual void set_groups(std::uint32_t mask) = 0;
 

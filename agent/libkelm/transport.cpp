@@ -35,9 +35,10 @@ void enlarge_buffer(int fd, int forced_option, int option)
         (void)setsockopt(fd, SOL_SOCKET, option, &socket_buffer_size, sizeof socket_buffer_size);
 }
 
-unique_fd connect_to_daemon()
+// `flags`: SOCK_NONBLOCK or 0.
+unique_fd connect_to_daemon(int flags)
 {
-    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0));
     if (!fd)
         throw_errno(errno, "cannot open a socket");
 
@@ -73,16 +74,31 @@ transport::transport(unique_fd fd, bool is_kernel)
 
 std::unique_ptr<transport> transport::open(const std::string &netns)
 {
+    auto opened = begin(netns, 0, patience::some);
+    opened->wait_for_bind();
+    return opened;
+}
+
+std::unique_ptr<transport> transport::begin(const std::string &netns, std::uint32_t mask)
+{
+    return begin(netns, mask, patience::none);
+}
+
+std::unique_ptr<transport> transport::begin(const std::string &netns, std::uint32_t mask,
+                                            patience with)
+{
     std::unique_ptr<transport> opened;
     in_netns(netns, [&] {
         unique_fd kernel(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, KELM_NETLINK_UNIT));
         if (kernel) {
             opened.reset(new transport(std::move(kernel), true));
             opened->bind_kernel();
+            opened->set_groups(mask);
         } else {
-            opened.reset(new transport(connect_to_daemon(), false));
+            const int flags = with == patience::none ? SOCK_NONBLOCK : 0;
+            opened.reset(new transport(connect_to_daemon(flags), false));
             opened->verify_daemon();
-            opened->bind_daemon(0);
+            opened->send_bind(mask);
         }
     });
     return opened;
@@ -117,7 +133,7 @@ void transport::bind_kernel()
 }
 
 // The bind packet: a sockaddr_nl, shorter than any message, in both directions.
-void transport::bind_daemon(std::uint32_t mask)
+void transport::send_bind(std::uint32_t mask)
 {
     sockaddr_nl wanted = {};
     wanted.nl_family = AF_NETLINK;
@@ -129,15 +145,17 @@ void transport::bind_daemon(std::uint32_t mask)
             throw error(ETIMEDOUT, "kelmd does not read what it is sent");
         wait_for_socket(POLLOUT, deadline);
     }
-    for (;;) {
-        bytes datagram;
-        if (receive_raw(datagram) == outcome::nothing) {
-            if (now() >= deadline)
-                throw error(ETIMEDOUT, "kelmd does not answer the bind packet");
-            wait_for_socket(POLLIN, deadline);
-            continue;
-        }
-        if (datagram.size() != sizeof wanted) {
+    wanted_groups_ = mask;
+    is_binding_ = true;
+}
+
+bool transport::is_open()
+{
+    bytes datagram;
+    while (is_binding_) {
+        if (receive_raw(datagram) == outcome::nothing)
+            return false;
+        if (datagram.size() != sizeof(sockaddr_nl)) {
             early_.push_back(std::move(datagram));
             continue;
         }
@@ -146,7 +164,19 @@ void transport::bind_daemon(std::uint32_t mask)
             throw error(EADDRINUSE, "kelmd has given the port id to another client");
         port_id_ = got.nl_pid;
         groups_ = got.nl_groups;
-        return;
+        is_binding_ = false;
+        expect_groups();
+    }
+    return true;
+}
+
+void transport::wait_for_bind()
+{
+    const time_point deadline = now() + answer_timeout;
+    while (!is_open()) {
+        if (now() >= deadline)
+            throw error(ETIMEDOUT, "kelmd does not answer the bind packet");
+        wait_for_socket(POLLIN, deadline);
     }
 }
 
@@ -165,11 +195,19 @@ void transport::set_kernel_groups(std::uint32_t mask)
 
 void transport::set_groups(std::uint32_t mask)
 {
-    if (is_kernel_)
+    wanted_groups_ = mask;
+    if (is_kernel_) {
         set_kernel_groups(mask);
-    else
-        bind_daemon(mask);
-    if ((mask & ~groups_) != 0)
+        expect_groups();
+    } else {
+        send_bind(mask);
+        wait_for_bind();
+    }
+}
+
+void transport::expect_groups() const
+{
+    if ((wanted_groups_ & ~groups_) != 0)
         throw error(EPERM, "kelm's notifications require the network administration privilege "
                            "(CAP_NET_ADMIN): run as root, or give the program that capability");
 }

@@ -2,9 +2,12 @@
 """kelm-agent when kelmd ends and another one begins."""
 
 import contextlib
+import signal
+import time
 
 import pytest
 
+from lib import wait_until
 from lib.host import Kelmd
 from lib.kelm_agent import KelmAgent
 from lib.topology import Namespaces
@@ -38,3 +41,19 @@ def test_kelm_begins_anew(fresh_host):
             agent.wait_for_state("up")
             first = next(h for h in agent.ctl("history s") if h["previous_state"] == "up")
             assert (first["diagnostic"], first["reason"]) == ("forwarding plane reset", "kelm is gone")
+
+
+@pytest.mark.kelmd
+def test_a_stopped_kelm_holds_nobody_up(fresh_host):
+    """Whoever asks the agent is answered while kelmd is not."""
+    fresh_host.process.send_signal(signal.SIGSTOP)
+    agent = KelmAgent([{"name": "s", "local": "127.0.0.1", "peer": "127.0.0.2"}])
+    try:
+        began = time.monotonic()
+        assert agent.show()["problem"] == "not connected to kelm"
+        assert time.monotonic() - began < 5
+        fresh_host.process.send_signal(signal.SIGCONT)
+        wait_until(lambda: "problem" not in agent.show(), "a connection")
+    finally:
+        fresh_host.process.send_signal(signal.SIGCONT)
+        agent.close()

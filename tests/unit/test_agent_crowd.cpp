@@ -49,7 +49,11 @@ struct agent_crowd : testing::Test {
         }
         agent_options options;
         options.state_file = directory / "state.json";
-        options.open = [this](const std::string &) { return kelm.open(); };
+        options.open = [this](const std::string &, std::uint32_t groups) {
+            auto opened = kelm.open();
+            opened->set_groups(groups);
+            return opened;
+        };
         running = std::make_unique<agent>(loop, log, options, config);
         loop.run(100ms);
     }
