@@ -19,8 +19,8 @@ namespace kelm_agent
 struct agent_options {
     std::string state_file;
     bool sole_agent = false; // nobody else's sessions may be in kelm
-    vrf::opener open =
-        [](const std::string &netns, std::uint32_t groups) -> std::unique_ptr<kelm::channel> {
+    vrf::opener open = [](const std::string &netns,
+                          std::uint32_t groups) -> std::unique_ptr<kelm::channel> {
         return kelm::transport::begin(netns, groups);
     };
 };

@@ -21,12 +21,6 @@ constexpr std::chrono::milliseconds shortest_admin_down_hold{200};
 constexpr std::chrono::seconds longest_admin_down_hold{10};
 constexpr std::chrono::seconds retry_interval{1};
 
-constexpr int most_frames_a_round = 64; // others are to have their turn too
-
-// Of one session, until they are acted on. A peer that says something else each time must not fill
-// our memory.
-constexpr std::size_t most_kept_events = 16;
-
 // RFC 5880 section 6.8.16: the peer is to hear AdminDown for the time that it takes it to miss us.
 std::chrono::microseconds admin_down_hold(const session &bfd)
 {
@@ -38,13 +32,6 @@ std::chrono::microseconds admin_down_hold(const session &bfd)
                                                  longest_admin_down_hold);
 }
 
-// Whether the state machine cannot tell these from two of the later one.
-bool say_the_same(const kelm::bfd_fields &earlier, const kelm::bfd_fields &later)
-{
-    return earlier.state == later.state && earlier.my_discriminator == later.my_discriminator &&
-           (earlier.your_discriminator == 0) == (later.your_discriminator == 0);
-}
-
 // What is wanted after both.
 desired_state followed_by(const desired_state &earlier, desired_state later)
 {
@@ -54,22 +41,12 @@ desired_state followed_by(const desired_state &earlier, desired_state later)
     return later;
 }
 
-// What kelm compares to decide whether a packet is passed up: the mandatory section and the first
-// two bytes of the authentication section.
-kelm::bytes essence(const kelm::packet_change &change)
-{
-    constexpr std::size_t compared = BFD_CTRL_LEN + 2;
-    const kelm::byte_view control = kelm::byte_view(change.frame).subspan(change.bfd_offset);
-    const kelm::byte_view beginning = control.first(std::min(control.size(), compared));
-    return {beginning.begin(), beginning.end()};
-}
-
 } // namespace
 
 session_driver::session_driver(event_loop &loop, const logger &log, listener &listening,
                                vrf &lives_in, session_config config, std::uint32_t discriminator)
     : loop_(loop), log_(log), listener_(listening), vrf_(lives_in),
-      bfd_(std::move(config), discriminator)
+      bfd_(std::move(config), discriminator), member_(loop)
 {
     sync_.emplace(vrf_, discriminator, static_cast<kelm_sync::listener &>(*this));
     history_.since = std::chrono::system_clock::now();
@@ -115,17 +92,7 @@ void session_driver::take(const kelm::packet_change &change, const kelm::frame_i
         return;
     if (!is_news(change, frame) && bfd_.is_up() && sync_->is_settled())
         listener_.on_suspicion(*this);
-    kelm::bfd_fields heard = frame.bfd.fields;
-    if (!inbox_.empty() && inbox_.back().kind == kept::packet &&
-        say_the_same(inbox_.back().fields, heard)) {
-        heard.poll |= inbox_.back().fields.poll;
-        heard.final |= inbox_.back().fields.final;
-        inbox_.back().fields = heard;
-        return;
-    }
-    if (inbox_.size() >= most_kept_events)
-        inbox_.pop_front();
-    inbox_.push_back({kept::packet, heard});
+    inbox_.add_packet(frame.bfd.fields);
 }
 
 // kelm passes a session's packet up when it differs from the one before. Of an echo, what it
@@ -141,24 +108,26 @@ bool session_driver::is_news(const kelm::packet_change &change, const kelm::fram
 
 void session_driver::keep(const kelm::session_failure &failure)
 {
-    const bool is_ours = sync_->is_of_this_life(failure);
-    inbox_.push_back({is_ours ? kept::failure : kept::old_failure, {}});
+    if (sync_->is_of_this_life(failure))
+        inbox_.add_failure();
+    else
+        inbox_.add_old_failure();
 }
 
 void session_driver::act()
 {
-    if (inbox_.empty() || !has_begun_)
+    if (inbox_.is_empty() || !has_begun_)
         return;
     const auto now = loop_.now();
     desired_state wanted = bfd_.current();
-    for (const kept &each : std::exchange(inbox_, {})) {
-        if (each.kind == kept::old_failure) {
+    for (const inbox::entry &each : inbox_.take_all()) {
+        if (each.kind == inbox::entry::old_failure) {
             sync_->packet_may_differ(); // kelm may have latched it
             continue;
         }
         const kelm_microsecs waited = bfd_.timing().detection_time();
         const desired_state next =
-            each.kind == kept::packet
+            each.kind == inbox::entry::packet
                 ? advance([&](session &s) { return s.packet(each.fields, now); }, heard_reason)
                 : advance([&](session &s) { return s.timeout(now); },
                           [&](const session &) { return silence_reason(waited); });
@@ -290,7 +259,7 @@ void session_driver::on_missing(const std::string &what)
 void session_driver::begin()
 {
     has_begun_ = true;
-    inbox_.clear();
+    (void)inbox_.take_all();
     update_addressing();
     finish(bfd_.current());
 }
@@ -298,7 +267,7 @@ void session_driver::begin()
 void session_driver::adopt(const kelm_entry &left)
 {
     has_begun_ = true;
-    inbox_.clear();
+    (void)inbox_.take_all();
     const std::optional<saved_session> saved = std::exchange(saved_, std::nullopt);
     listener_.on_record_change();
     if (saved) {
@@ -341,7 +310,7 @@ bool session_driver::is_silent(const kelm_entry &in_kelm) const
 void session_driver::reconnect(const kelm_entry &in_kelm)
 {
     sync_->assume(in_kelm.has_packet, in_kelm.has_session);
-    inbox_.clear();
+    (void)inbox_.take_all();
     if (is_missing(in_kelm))
         return handle([](session &s) { return s.forgotten(); },
                       [](const session &) { return "kelm lost the session"; });
@@ -349,7 +318,7 @@ void session_driver::reconnect(const kelm_entry &in_kelm)
         if (const auto frame = kelm::decode_frame(*in_kelm.frame))
             take(*in_kelm.frame, *frame);
     if (is_silent(in_kelm))
-        inbox_.push_back({kept::failure, {}});
+        inbox_.add_failure();
     act();
     finish(bfd_.current());
 }
@@ -361,13 +330,11 @@ void session_driver::catch_up(const kelm_entry &in_kelm, std::uint64_t round)
     const auto frame = in_kelm.frame ? kelm::decode_frame(*in_kelm.frame) : std::nullopt;
     const bool is_known = !frame || !sync_->is_same_session_since(round) ||
                           essence(*in_kelm.frame) == last_passed_up_ ||
-                          std::ranges::any_of(inbox_, [&](const kept &each) {
-                              return each.kind == kept::packet && each.fields == frame->bfd.fields;
-                          });
+                          inbox_.contains_packet(frame->bfd.fields);
     if (!is_known) {
-        std::deque<kept> newer = std::exchange(inbox_, {});
+        const auto newer = inbox_.take_all();
         take(*in_kelm.frame, *frame);
-        std::ranges::move(newer, std::back_inserter(inbox_));
+        inbox_.add_all(newer);
     }
     act();
     mend(in_kelm, round);
@@ -384,7 +351,7 @@ bool session_driver::mend(const kelm_entry &in_kelm, std::uint64_t round)
         return true;
     }
     if (is_silent(in_kelm)) {
-        inbox_.push_back({kept::failure, {}});
+        inbox_.add_failure();
         act();
     }
     return false;
@@ -399,7 +366,7 @@ void session_driver::on_kelm_gone()
 
 void session_driver::on_disconnected()
 {
-    leave_member();
+    member_.leave();
     if (stage_ == stage::deleting)
         listener_.on_removed(*this, false);
 }
@@ -439,7 +406,7 @@ void session_driver::retire()
 {
     const auto hold = admin_down_hold(bfd_);
     unpair();
-    inbox_.clear();
+    (void)inbox_.take_all();
     finish(bfd_.set_admin_down(true));
     stage_ = stage::leaving;
     timer_ = loop_.after(hold, [this] { remove(); });
@@ -500,41 +467,22 @@ void session_driver::listen_to_member()
 {
     if (config().kind != session_kind::lag || !addressing_)
         return;
-    const std::uint32_t ifindex = addressing_->transmit_ifindex;
-    if (member_ && member_->member() == ifindex)
-        return;
-    on_member_ = {};
     try {
-        member_.emplace(vrf_.netns(), ifindex);
+        member_.listen(vrf_.netns(), addressing_->transmit_ifindex, [this] {
+            hear_member();
+            act();
+        });
     } catch (const kelm::error &problem) {
-        member_.reset();
         addressing_.reset();
         addressing_problem_ = problem.what();
-        return;
     }
-    on_member_ = loop_.on_io(member_->fd(), EPOLLIN, [this] {
-        hear_member();
-        act();
-    });
-}
-
-void session_driver::leave_member()
-{
-    on_member_ = {};
-    member_.reset();
 }
 
 void session_driver::hear_member()
 {
-    for (int i = 0; i < most_frames_a_round && member_ && addressing_; ++i) {
-        auto change = member_->next();
-        if (!change || !vrf_.is_connected())
-            return;
-        change->ifindex = addressing_->receive_ifindex;
-        const auto frame = kelm::decode_frame(*change);
-        if (frame && is_addressed_to(config(), *addressing_, *change, *frame))
-            take(*change, *frame);
-    }
+    if (addressing_ && vrf_.is_connected())
+        member_.hear(config(), *addressing_,
+                     [this](const auto &change, const auto &frame) { take(change, frame); });
 }
 
 // -- the echo function

@@ -4,14 +4,14 @@
 // then goes to kelm. The driver alone knows what is wrong with the session and why it is down.
 #pragma once
 
-#include <deque>
 #include <optional>
 
 #include "kelm-agent/event_loop.h"
 #include "kelm-agent/history.h"
+#include "kelm-agent/inbox.h"
 #include "kelm-agent/kelm_sync.h"
 #include "kelm-agent/log.h"
-#include "kelm-agent/member_listener.h"
+#include "kelm-agent/member_link.h"
 #include "kelm-agent/reconcile.h"
 #include "kelm-agent/state_file.h"
 #include "libkelm/frame.h"
@@ -42,7 +42,7 @@ class session_driver final : private kelm_sync::listener
     // Events of kelm are kept, those that say the same only once, until act().
     void keep(const kelm::packet_change &, const kelm::frame_info &);
     void keep(const kelm::session_failure &);
-    bool has_kept() const { return !inbox_.empty(); }
+    bool has_kept() const { return !inbox_.is_empty(); }
     void act();
 
     // Starts the session: nothing of it is in kelm.
@@ -102,11 +102,6 @@ class session_driver final : private kelm_sync::listener
   private:
     using event = std::function<desired_state(session &)>;
     using reason_maker = std::function<std::string(const session &)>;
-    // What kelm has told.
-    struct kept {
-        enum { packet, failure, old_failure } kind;
-        kelm::bfd_fields fields; // of a packet
-    };
     enum class stage { running, leaving, deleting };
 
     void on_settled() override;
@@ -122,7 +117,6 @@ class session_driver final : private kelm_sync::listener
     void set_timer();
     void look_again_later();
     void listen_to_member();
-    void leave_member();
     void hear_member();
     void take(const kelm::packet_change &, const kelm::frame_info &);
     bool is_news(const kelm::packet_change &, const kelm::frame_info &);
@@ -139,7 +133,7 @@ class session_driver final : private kelm_sync::listener
     session bfd_;
     std::optional<kelm_sync> sync_; // always one
     history history_;
-    std::deque<kept> inbox_;
+    inbox inbox_;
 
     std::optional<addressing> addressing_; // nothing where addressing_problem_ says why
     std::string addressing_problem_;
@@ -159,8 +153,7 @@ class session_driver final : private kelm_sync::listener
     event_loop::handle timer_;      // for the session's due()
     event_loop::handle look_again_; // for what its addressing lacks or may have got wrong
     event_loop::handle retry_;
-    std::optional<member_listener> member_; // of a LAG session
-    event_loop::handle on_member_;
+    member_link member_; // of a LAG session
 };
 
 } // namespace kelm_agent
