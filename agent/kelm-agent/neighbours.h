@@ -5,7 +5,7 @@
 #include <string>
 
 #include "libkelm/address.h"
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelm_agent
 {
@@ -22,6 +22,8 @@ class neighbours
     std::optional<kelm::mac_address> find(std::uint32_t ifindex, const kelm::ip_address &) const;
 
   private:
+    std::optional<kelm::mac_address> look_up(std::uint32_t ifindex, const kelm::ip_address &) const;
+
     kelm::unique_fd socket_;
 };
 
