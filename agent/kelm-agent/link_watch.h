@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelm_agent
 {

@@ -4,14 +4,14 @@
 #include <optional>
 #include <string>
 
-#include "libkelm/fd.h"
 #include "libkelm/report.h"
+#include "shared/unique_fd.h"
 
 namespace kelm_agent
 {
 
-// Hears the LAG packets (RFC 7130) of one member link that name no session yet: which link they
-// came over, kelm's host may not be able to tell.
+// Receives the LAG packets (RFC 7130) of one member link whose Your Discriminator is 0. kelm's host
+// may not know which link they arrived on.
 class member_listener
 {
   public:
@@ -21,8 +21,8 @@ class member_listener
     int fd() const { return fd_.get(); }
     std::uint32_t member() const { return member_; }
 
-    // The next of them as kelm would pass it up, but for its `ifindex`, which is the member's;
-    // nothing when there is none at the moment. What is no such packet is passed over.
+    // The next packet as kelm would pass it up, except that its `ifindex` is the member's; nothing
+    // if none is waiting. Other packets are skipped.
     std::optional<kelm::packet_change> next();
 
   private:
@@ -30,7 +30,7 @@ class member_listener
     std::uint32_t member_;
 };
 
-// The packet in a received Ethernet frame, by the same rules; nothing if it is none.
+// The packet in a received Ethernet frame, by the same rules; nothing if there is none.
 std::optional<kelm::packet_change> undirected_lag_packet(kelm::byte_view frame);
 
 } // namespace kelm_agent

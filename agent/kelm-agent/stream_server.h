@@ -9,7 +9,7 @@
 #include <string>
 
 #include "kelm-agent/event_loop.h"
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelm_agent
 {

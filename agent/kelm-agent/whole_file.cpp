@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "libkelm/error.h"
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelm_agent
 {

@@ -9,7 +9,7 @@
 #include <sys/un.h>
 
 #include "libkelm/error.h"
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelmctl
 {

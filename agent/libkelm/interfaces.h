@@ -5,7 +5,7 @@
 #include <string>
 
 #include "libkelm/address.h"
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelm
 {

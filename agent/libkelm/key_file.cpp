@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 
 #include "libkelm/error.h"
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelm
 {

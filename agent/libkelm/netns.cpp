@@ -7,7 +7,7 @@
 #include <sched.h>
 
 #include "libkelm/error.h"
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelm
 {

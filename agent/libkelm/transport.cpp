@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "libkelm/transport.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -14,15 +15,13 @@
 #include "libkelm/error.h"
 #include "libkelm/message.h"
 #include "libkelm/netns.h"
+#include "shared/daemon_socket.h"
 
 namespace kelm
 {
 
 namespace
 {
-
-// The abstract name of kelmd's socket; one per network namespace, as netlink units are.
-constexpr char daemon_name[] = "kelm-netlink-31";
 
 constexpr int socket_buffer_size = 1 << 20;
 constexpr std::size_t receive_size = 128 << 10; // to begin with: longer datagrams are made room for
@@ -48,9 +47,8 @@ unique_fd connect_to_daemon(int flags)
 
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path + 1, daemon_name, sizeof daemon_name - 1);
-    // An abstract name has neither terminator nor padding.
-    const socklen_t length = offsetof(sockaddr_un, sun_path) + sizeof daemon_name;
+    std::ranges::copy(daemon_socket_name, address.sun_path + 1);
+    const socklen_t length = offsetof(sockaddr_un, sun_path) + 1 + daemon_socket_name.size();
     if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), length) == 0)
         return fd;
     if (errno == ECONNREFUSED || errno == ENOENT)

@@ -10,7 +10,7 @@
 
 #include "libkelm/bytes.h"
 #include "libkelm/channel.h"
-#include "libkelm/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelm
 {

@@ -37,7 +37,7 @@ constexpr int subscriber_queue_bytes = 8 * 1024 * 1024;
 
 } // namespace
 
-agent_connection::agent_connection(event_loop &loop, net &ns, unique_fd socket,
+agent_connection::agent_connection(event_loop &loop, net &ns, kelm::unique_fd socket,
                                    const peer_process &opener, connection_quota::place place,
                                    std::function<void()> closed)
     : loop_(loop), net_(ns), socket_(std::move(socket)), opener_(opener), place_(std::move(place)),

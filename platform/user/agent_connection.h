@@ -16,9 +16,9 @@
 #include "platform/hosted/netlink.h"
 #include "platform/user/connection_quota.h"
 #include "platform/user/event_loop.h"
-#include "platform/user/fd.h"
 #include "platform/user/net.h"
 #include "platform/user/process.h"
+#include "shared/unique_fd.h"
 
 struct sockaddr_nl;
 
@@ -31,7 +31,7 @@ class agent_connection final : public hosted::netlink_port
     // Takes over a connected socket, non-blocking and with SO_PASSCRED, and serves it on the loop.
     // When the agent has closed its end, or cannot be served any more, closed is called, which
     // destroys the connection. Throws std::system_error.
-    agent_connection(event_loop &loop, net &ns, unique_fd socket, const peer_process &opener,
+    agent_connection(event_loop &loop, net &ns, kelm::unique_fd socket, const peer_process &opener,
                      connection_quota::place place, std::function<void()> closed);
     ~agent_connection() override;
 
@@ -57,7 +57,7 @@ class agent_connection final : public hosted::netlink_port
 
     event_loop &loop_;
     net &net_;
-    const unique_fd socket_;
+    const kelm::unique_fd socket_;
     const peer_process opener_;
     const connection_quota::place place_;
     std::function<void()> closed_;

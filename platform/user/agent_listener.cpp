@@ -28,22 +28,23 @@ constexpr int connections_per_turn = 16;
 constexpr auto accept_retry_interval = std::chrono::milliseconds(100);
 
 // No descriptor if there is none to be had; errno says why.
-unique_fd seqpacket_socket(const net &ns)
+kelm::unique_fd seqpacket_socket(const net &ns)
 {
     const in_namespace inside(ns);
     if (inside.error() != 0) {
         errno = inside.error();
         return {};
     }
-    return unique_fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    return kelm::unique_fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
 socklen_t fill_address(sockaddr_un &address)
 {
     address = {};
     address.sun_family = AF_UNIX;
-    agent_socket_name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
-    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + agent_socket_name.size());
+    kelm::daemon_socket_name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 +
+                                  kelm::daemon_socket_name.size());
 }
 
 bool get_peer(int fd, ucred &peer)
@@ -78,7 +79,8 @@ agent_listener::~agent_listener()
 void agent_listener::accept_some()
 {
     for (int i = 0; i < connections_per_turn; ++i) {
-        unique_fd socket(::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        kelm::unique_fd socket(
+            ::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!socket) {
             if (errno != EAGAIN)
                 accept_again_.arm(accept_retry_interval);
@@ -94,7 +96,7 @@ void agent_listener::accept_some()
     loop_.rearm(socket_.get());
 }
 
-void agent_listener::take(unique_fd socket)
+void agent_listener::take(kelm::unique_fd socket)
 {
     ucred peer{};
     if (!get_peer(socket.get(), peer))
@@ -110,7 +112,7 @@ void agent_listener::take(unique_fd socket)
 
 std::optional<pid_t> agent_socket_owner(const net &ns)
 {
-    const unique_fd socket = seqpacket_socket(ns);
+    const kelm::unique_fd socket = seqpacket_socket(ns);
     if (!socket)
         return 0;
     sockaddr_un address;

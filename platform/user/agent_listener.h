@@ -17,14 +17,14 @@
 #include "platform/net.h"
 #include "platform/user/connection_quota.h"
 #include "platform/user/event_loop.h"
-#include "platform/user/fd.h"
 #include "platform/user/loop_timer.h"
+#include "shared/daemon_socket.h"
+#include "shared/unique_fd.h"
 
 namespace kelmd
 {
 
 inline constexpr int agent_netlink_unit = 31;
-inline constexpr std::string_view agent_socket_name = "kelm-netlink-31";
 
 class agent_connection;
 
@@ -41,12 +41,12 @@ class agent_listener
 
   private:
     void accept_some();
-    void take(unique_fd socket);
+    void take(kelm::unique_fd socket);
 
     event_loop &loop_;
     connection_quota &quota_;
     net &net_;
-    const unique_fd socket_;
+    const kelm::unique_fd socket_;
     std::unordered_map<int, std::unique_ptr<agent_connection>> connections_;
     loop_timer accept_again_; // while there is no descriptor or memory for a connection
 };

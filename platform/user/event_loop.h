@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/hosted/mutex.h"
-#include "platform/user/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelmd
 {
@@ -58,8 +58,8 @@ class event_loop
     void run_posted();
 
     const std::thread::id owner_ = std::this_thread::get_id();
-    unique_fd epoll_;
-    unique_fd posted_event_;
+    kelm::unique_fd epoll_;
+    kelm::unique_fd posted_event_;
     std::unordered_map<int, watched> watched_;
     std::atomic<bool> stopped_ = false;
 

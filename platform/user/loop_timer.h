@@ -23,7 +23,7 @@ class loop_timer
 
   private:
     event_loop &loop_;
-    unique_fd timer_;
+    kelm::unique_fd timer_;
 };
 
 } // namespace kelmd

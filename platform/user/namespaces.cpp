@@ -35,7 +35,7 @@ constexpr long long retry_seconds = retry_interval.count();
 // A namespace as it is served. The first is the initial one, which has no names and is never let
 // go.
 struct namespace_set::served {
-    served(netns_key the_key, unique_fd handle) : key(the_key), view(std::move(handle)) {}
+    served(netns_key the_key, kelm::unique_fd handle) : key(the_key), view(std::move(handle)) {}
 
     [[nodiscard]] bool is_initial() const { return !view.handle; }
     [[nodiscard]] bool has_vrf() const { return view.agents != nullptr; }
@@ -123,7 +123,7 @@ std::string namespace_set::initial_obstacle(int error) const
 }
 
 // Without a handle: the initial one.
-namespace_set::served &namespace_set::take_up(netns_key key, unique_fd handle)
+namespace_set::served &namespace_set::take_up(netns_key key, kelm::unique_fd handle)
 {
     served &ns = *served_.emplace_back(std::make_unique<served>(key, std::move(handle)));
     ns.label = ns.is_initial() ? "the initial one" : "without a name";
@@ -189,7 +189,7 @@ void namespace_set::scan()
         return;
     }
     std::map<netns_key, std::set<std::string>> names;
-    std::map<netns_key, unique_fd> handles;
+    std::map<netns_key, kelm::unique_fd> handles;
     for (netns_name &entry : listing.names) {
         if (!options_.only.empty() && !options_.only.contains(entry.name))
             continue;

@@ -62,7 +62,7 @@ class namespace_set
   private:
     struct served;
 
-    served &take_up(netns_key key, unique_fd handle);
+    served &take_up(netns_key key, kelm::unique_fd handle);
     void announce(served &ns);
     void report(served &ns);
     void watch_names();

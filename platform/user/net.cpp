@@ -13,7 +13,7 @@
 #include "platform/user/context.h"
 #include "platform/user/host.h"
 
-net::net(kelmd::unique_fd the_handle) : handle(std::move(the_handle)) {}
+net::net(kelm::unique_fd the_handle) : handle(std::move(the_handle)) {}
 
 net::~net() = default;
 
@@ -35,7 +35,7 @@ in_namespace::in_namespace(const net &ns)
 {
     if (!ns.handle)
         return;
-    unique_fd origin(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    kelm::unique_fd origin(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
     if (origin && setns(ns.handle.get(), CLONE_NEWNET) == 0)
         origin_ = std::move(origin);
     else

@@ -9,8 +9,8 @@
 
 #include "platform/hosted/netlink.h"
 #include "platform/net.h"
-#include "platform/user/fd.h"
 #include "platform/user/obstacle.h"
+#include "shared/unique_fd.h"
 
 namespace kelmd
 {
@@ -26,12 +26,12 @@ struct net_device {
 
 struct net {
     // Without a handle: the initial namespace, in which kelmd was started.
-    explicit net(kelmd::unique_fd the_handle);
+    explicit net(kelm::unique_fd the_handle);
     ~net();
     net(const net &) = delete;
     net &operator=(const net &) = delete;
 
-    const kelmd::unique_fd handle; // an open descriptor keeps the namespace alive
+    const kelm::unique_fd handle; // an open descriptor keeps the namespace alive
 
     // Any thread.
     hosted::netlink_table netlink;
@@ -66,7 +66,7 @@ class in_namespace
 
   private:
     int error_ = 0;
-    unique_fd origin_; // if the thread has entered another one
+    kelm::unique_fd origin_; // if the thread has entered another one
 };
 
 } // namespace kelmd

@@ -33,10 +33,10 @@ bool is_no_namespace(int error)
 
 } // namespace
 
-unique_fd open_netns(const std::string &path, netns_key &key)
+kelm::unique_fd open_netns(const std::string &path, netns_key &key)
 {
     // O_NONBLOCK: it may be a FIFO.
-    unique_fd handle(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    kelm::unique_fd handle(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!handle && is_no_namespace(errno))
         return {};
     checked(path.c_str(), handle.get());
@@ -59,7 +59,7 @@ netns_listing list_netns(const std::string &directory)
          entry.increment(error)) {
         std::string name = entry->path().filename();
         netns_key key{};
-        if (unique_fd handle = open_netns(entry->path(), key))
+        if (kelm::unique_fd handle = open_netns(entry->path(), key))
             listing.names.push_back({std::move(name), key, std::move(handle)});
         else
             listing.unusable.push_back(std::move(name));

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "platform/user/event_loop.h"
-#include "platform/user/fd.h"
 #include "platform/user/netns_key.h"
+#include "shared/unique_fd.h"
 
 namespace kelmd
 {
@@ -18,7 +18,7 @@ namespace kelmd
 struct netns_name {
     std::string name;
     netns_key key;
-    unique_fd handle;
+    kelm::unique_fd handle;
 };
 
 struct netns_listing {
@@ -32,7 +32,7 @@ struct netns_listing {
 [[nodiscard]] netns_listing list_netns(const std::string &directory);
 
 // Opens a namespace's file; no descriptor if it is not one. Throws as list_netns does.
-[[nodiscard]] unique_fd open_netns(const std::string &path, netns_key &key);
+[[nodiscard]] kelm::unique_fd open_netns(const std::string &path, netns_key &key);
 
 class netns_directory
 {
@@ -52,7 +52,7 @@ class netns_directory
     event_loop &loop_;
     const std::string path_;
     const std::function<void()> changed_;
-    unique_fd inotify_;
+    kelm::unique_fd inotify_;
     int directory_watch_ = -1;
     int parent_watch_ = -1; // while the directory does not exist
 };

@@ -13,9 +13,9 @@
 #include <system_error>
 
 #include "platform/user/agent_listener.h"
-#include "platform/user/fd.h"
 #include "platform/user/net.h"
 #include "platform/user/process.h"
+#include "shared/unique_fd.h"
 
 namespace kelmd
 {
@@ -146,7 +146,7 @@ bool is_cleared(const net &ns)
     case obstacle::agent_socket_taken:
         return !agent_socket_owner(ns).has_value();
     case obstacle::port_taken: {
-        const unique_fd probe(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const kelm::unique_fd probe(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         sockaddr_in6 address{};
         address.sin6_family = AF_INET6;
         address.sin6_port = htons(met.port);
@@ -164,7 +164,7 @@ std::string explain(const net &ns, const obstacle &met)
     case obstacle::agent_socket_taken: {
         const auto owner = agent_socket_owner(ns);
         return (owner.value_or(0) != 0 ? describe_process(*owner) : "another process") +
-               " already serves agents there (socket @" + std::string(agent_socket_name) +
+               " already serves agents there (socket @" + std::string(kelm::daemon_socket_name) +
                "); stop it first";
     }
     case obstacle::port_taken:

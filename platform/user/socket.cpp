@@ -19,7 +19,7 @@
 namespace kelmd
 {
 
-host_sock::host_sock(net *ns, unique_fd socket, bool is_counted)
+host_sock::host_sock(net *ns, kelm::unique_fd socket, bool is_counted)
     : sock(ns), fd(std::move(socket)), counted(is_counted)
 {
     if (counted)
@@ -62,7 +62,8 @@ void host_sock::set_option(int option, int value)
     set_fd_option(fd.get(), option, value);
 }
 
-raw_sock::raw_sock(net *ns, unique_fd ipv6_socket, unique_fd ipv4_socket, bool is_counted)
+raw_sock::raw_sock(net *ns, kelm::unique_fd ipv6_socket, kelm::unique_fd ipv4_socket,
+                   bool is_counted)
     : host_sock(ns, std::move(ipv6_socket), is_counted), ipv4_fd(std::move(ipv4_socket))
 {
 }
@@ -90,15 +91,15 @@ void raw_sock::set_option(int option, int value)
 namespace
 {
 
-unique_fd open_socket(int family, int type, int protocol)
+kelm::unique_fd open_socket(int family, int type, int protocol)
 {
-    return unique_fd(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
+    return kelm::unique_fd(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
 }
 
 // Packets of protocol 255 that arrive are not wanted; the smallest of buffers keeps them out.
-unique_fd open_raw_socket(int family)
+kelm::unique_fd open_raw_socket(int family)
 {
-    unique_fd fd = open_socket(family, SOCK_RAW, IPPROTO_RAW);
+    kelm::unique_fd fd = open_socket(family, SOCK_RAW, IPPROTO_RAW);
     if (fd)
         set_buffer(fd.get(), SO_RCVBUF, 0);
     return fd;
@@ -106,10 +107,10 @@ unique_fd open_raw_socket(int family)
 
 std::unique_ptr<host_sock> make_raw(net *ns, bool counted)
 {
-    unique_fd ipv6 = open_raw_socket(AF_INET6);
+    kelm::unique_fd ipv6 = open_raw_socket(AF_INET6);
     if (!ipv6)
         return nullptr;
-    unique_fd ipv4 = open_raw_socket(AF_INET);
+    kelm::unique_fd ipv4 = open_raw_socket(AF_INET);
     if (!ipv4)
         return nullptr;
     return std::make_unique<raw_sock>(ns, std::move(ipv6), std::move(ipv4), counted);
@@ -119,7 +120,7 @@ std::unique_ptr<host_sock> make_raw(net *ns, bool counted)
 // nothing.
 std::unique_ptr<host_sock> make_packet(net *ns, bool counted)
 {
-    unique_fd fd = open_socket(AF_PACKET, SOCK_RAW, 0);
+    kelm::unique_fd fd = open_socket(AF_PACKET, SOCK_RAW, 0);
     return fd ? std::make_unique<host_sock>(ns, std::move(fd), counted) : nullptr;
 }
 

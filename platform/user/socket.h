@@ -8,7 +8,7 @@
 
 #include "platform/hosted/sock.h"
 #include "platform/socket.h"
-#include "platform/user/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelmd
 {
@@ -16,7 +16,7 @@ namespace kelmd
 // As it is: the packet socket.
 struct host_sock : sock {
     // counted: holds a reference on the namespace for its life.
-    host_sock(net *ns, unique_fd socket, bool is_counted);
+    host_sock(net *ns, kelm::unique_fd socket, bool is_counted);
     ~host_sock() override;
 
     // As ::bind; 0 or a negative error number.
@@ -28,7 +28,7 @@ struct host_sock : sock {
     // Sets a socket option of level SOL_SOCKET; as far as the system allows.
     virtual void set_option(int option, int value);
 
-    const unique_fd fd;
+    const kelm::unique_fd fd;
     const bool counted;
     sock_data_ready data_ready = nullptr;
     void *user_data = nullptr;
@@ -36,12 +36,12 @@ struct host_sock : sock {
 
 // A raw IPv6 socket for packets that carry their headers, with an IPv4 one behind it.
 struct raw_sock final : host_sock {
-    raw_sock(net *ns, unique_fd ipv6_socket, unique_fd ipv4_socket, bool is_counted);
+    raw_sock(net *ns, kelm::unique_fd ipv6_socket, kelm::unique_fd ipv4_socket, bool is_counted);
 
     ssize_t send(const msghdr &message, int flags) override;
     void set_option(int option, int value) override;
 
-    const unique_fd ipv4_fd;
+    const kelm::unique_fd ipv4_fd;
 };
 
 } // namespace kelmd

@@ -16,7 +16,7 @@
 
 #include "platform/hosted/mutex.h"
 #include "platform/hosted/wait.h"
-#include "platform/user/fd.h"
+#include "shared/unique_fd.h"
 
 struct epoll_event;
 
@@ -69,7 +69,7 @@ class softirq_thread
     void make_room(std::vector<epoll_event> &events);
 
     timer_base &timers_;
-    const unique_fd epoll_;
+    const kelm::unique_fd epoll_;
     std::atomic<bool> stopping_ = false;
     std::thread thread_;
 

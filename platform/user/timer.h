@@ -10,7 +10,7 @@
 #include "platform/hosted/mutex.h"
 #include "platform/hosted/timer_wheel.h"
 #include "platform/hosted/wait.h"
-#include "platform/user/fd.h"
+#include "shared/unique_fd.h"
 
 namespace kelmd
 {
@@ -55,7 +55,7 @@ class timer_base
     const hosted::wheel_timer *running_ = nullptr;
     int waiters_ = 0; // threads that wait for running_ to change
     hosted::wait_queue ran_;
-    const unique_fd clock_;
+    const kelm::unique_fd clock_;
     std::uint64_t clock_set_to_ = hosted::timer_wheel::never;
 };
 

@@ -122,7 +122,7 @@ void receive_batch::reset()
     }
 }
 
-udp_sock::udp_sock(net *ns, unique_fd socket, bool is_counted, softirq_thread &softirq,
+udp_sock::udp_sock(net *ns, kelm::unique_fd socket, bool is_counted, softirq_thread &softirq,
                    receive_batch &batch)
     : host_sock(ns, std::move(socket), is_counted), softirq_(softirq), batch_(batch)
 {
@@ -169,7 +169,7 @@ void udp_sock::receive(const msghdr &message, std::span<const std::uint8_t> payl
 
 std::unique_ptr<host_sock> make_udp_sock(net *ns, bool counted)
 {
-    unique_fd fd(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    kelm::unique_fd fd(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd)
         return nullptr;
     if (const int error = set_needed_options(fd.get()); error != 0) {

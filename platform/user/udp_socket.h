@@ -58,7 +58,7 @@ class receive_batch
 class udp_sock final : public host_sock, private receiver
 {
   public:
-    udp_sock(net *ns, unique_fd socket, bool is_counted, softirq_thread &softirq,
+    udp_sock(net *ns, kelm::unique_fd socket, bool is_counted, softirq_thread &softirq,
              receive_batch &batch);
     ~udp_sock() override;
 

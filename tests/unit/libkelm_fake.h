@@ -24,8 +24,8 @@
 #include "libkelm/bytes.h"
 #include "libkelm/channel.h"
 #include "libkelm/error.h"
-#include "libkelm/fd.h"
 #include "libkelm/message.h"
+#include "shared/unique_fd.h"
 
 namespace libkelm_fake
 {

@@ -11,8 +11,8 @@
 #include "platform/kthread.h"
 #include "platform/spinlock.h"
 #include "platform/user/context.h"
-#include "platform/user/fd.h"
 #include "platform/user/log.h"
+#include "shared/unique_fd.h"
 
 namespace
 {
@@ -24,9 +24,9 @@ TEST(log, keeps_the_order_cuts_long_lines_and_counts_what_a_full_ring_drops)
 {
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);
-    const unique_fd reader(ends[0]);
+    const kelm::unique_fd reader(ends[0]);
     {
-        const unique_fd writer(ends[1]);
+        const kelm::unique_fd writer(ends[1]);
         log_ring log(writer.get(), 3);
         for (const auto &line : {std::string("first"), std::string(2 * log_ring::max_line, 'x'),
                                  std::string(), std::string("lost"), std::string("lost too")})

@@ -61,13 +61,13 @@ TEST_F(without_memory, an_agent_hears_that_its_request_was_lost)
 {
     std::array<int, 2> ends{};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends.data()), 0);
-    const unique_fd agent(ends[1]);
+    const kelm::unique_fd agent(ends[1]);
     const int on = 1;
     setsockopt(ends[0], SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
     const netlink_kernel_cfg cfg{.groups = 2, .input = acknowledge};
     sock *const kernel = hosted::netlink_kernel_open(&ns, &cfg);
     std::optional<agent_connection> connection;
-    connection.emplace(host_.loop, ns, unique_fd(ends[0]), identify(getpid(), geteuid()),
+    connection.emplace(host_.loop, ns, kelm::unique_fd(ends[0]), identify(getpid(), geteuid()),
                        std::move(*host_.connections.take(0)), [&] { connection.reset(); });
 
     const nlmsghdr request{sizeof request, NLMSG_MIN_TYPE, NLM_F_REQUEST | NLM_F_ACK, 1, 0};
@@ -119,7 +119,7 @@ TEST_F(without_memory, the_engine_hears_that_a_datagram_was_lost)
     getsockname(static_cast<host_sock *>(sk)->fd.get(), reinterpret_cast<sockaddr *>(&address),
                 &len);
 
-    const unique_fd peer(::socket(AF_INET6, SOCK_DGRAM, 0));
+    const kelm::unique_fd peer(::socket(AF_INET6, SOCK_DGRAM, 0));
     for (const bool starved : {false, true, false}) {
         std::atomic<int> &count = starved ? seen.missing : seen.arrived;
         const int before = count;

@@ -11,15 +11,15 @@
 
 #include "platform/clock.h"
 #include "platform/timer.h"
-#include "platform/user/fd.h"
 #include "platform/user/host.h"
 #include "platform/user/softirq.h"
+#include "shared/unique_fd.h"
 
 namespace
 {
 
 using namespace std::chrono_literals;
-using kelmd::unique_fd;
+using kelm::unique_fd;
 
 void spin_until(const std::function<bool()> &done)
 {
@@ -61,7 +61,7 @@ class test_receiver : public kelmd::receiver
     }
 
   private:
-    const unique_fd event_{eventfd(0, EFD_NONBLOCK)};
+    const kelm::unique_fd event_{eventfd(0, EFD_NONBLOCK)};
     const std::function<void()> callback_;
 };
 
