@@ -13,7 +13,7 @@ namespace
 
 constexpr int most_events_a_round = 256; // others are to have their turn too
 
-// More than any queue holds. Who sends faster than we read cannot keep us from the end.
+// More than any queue holds: reading to the end ends even if kelm sends faster than we read.
 constexpr std::size_t longest_backlog = 1 << 15;
 
 } // namespace
@@ -21,7 +21,7 @@ constexpr std::size_t longest_backlog = 1 << 15;
 event_feed::event_feed(event_loop &loop, std::unique_ptr<kelm::client> client, listener &listening)
     : loop_(loop), client_(std::move(client)), listener_(listening), episode_{.began = loop.now()},
       on_events_(loop.on_io(client_->fd(), EPOLLIN, [this] { read(); })),
-      go_on_(loop.soon([this] { read(); })) // what came with the answer to the subscription
+      go_on_(loop.soon([this] { read(); })) // events that came with the answer to the subscription
 {
 }
 
@@ -48,7 +48,7 @@ void event_feed::read()
     }
 }
 
-// Whether there is nothing more.
+// Returns whether the queue is empty.
 bool event_feed::read_batch()
 {
     for (int i = 0; i < most_events_a_round; ++i) {

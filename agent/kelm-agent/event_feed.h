@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// kelm's events in one namespace: read in batches, and what to do when some are lost.
+// kelm's events in one namespace: reads them in batches, and recovers when some are lost.
 #pragma once
 
 #include "kelm-agent/event_loop.h"
@@ -9,10 +9,10 @@
 namespace kelm_agent
 {
 
-// Events are led to the listener one by one, and acted on when a batch ends. After an overrun the
-// backlog, which is older than what kelm can dump now, is dropped; then a reconciliation is asked
-// for, and no batch ends until it is done. Overruns that come meanwhile ask for one more, and not
-// sooner than the last one took.
+// Passes events to the listener one by one, and tells it when a batch ends. After an overrun it
+// drops the backlog, which is older than what kelm can dump now, and asks for a reconciliation; no
+// batch ends until that is done. Overruns during a reconciliation lead to one more, no sooner than
+// after the time that the last one took.
 class event_feed
 {
   public:
@@ -20,28 +20,28 @@ class event_feed
         virtual ~listener() = default;
         virtual void on_event(const kelm::report &) = 0;
         virtual void on_batch_end() = 0;
-        // To be answered with caught_up(), at any time later.
+        // The listener reconciles, and then calls caught_up().
         virtual void on_overrun() = 0;
         virtual void on_failure(const std::string &why) = 0;
     };
 
-    // A reconciliation and what led to it.
+    // A reconciliation and its cause.
     struct episode {
         event_loop::time_point began;
         std::uint64_t overruns = 0;
         std::uint64_t dropped = 0; // events
     };
 
-    // `client` has subscribed. Begins with a reconciliation that is under way, the caller's.
+    // `client` has subscribed. The feed starts in the middle of a reconciliation, the caller's.
     event_feed(event_loop &, std::unique_ptr<kelm::client>, listener &);
 
-    // Calls `then` when every event that kelm has sent before has been led to the listener.
+    // Calls `then` when every event that kelm has sent so far has been passed to the listener.
     void read_to_end(event_loop::callback then);
     // The reconciliation is done.
     void caught_up();
     bool is_following() const { return mode_ == mode::following; }
 
-    // The present one; between two, what has led to the next one.
+    // The current episode; between two, the one that is about to begin.
     const episode &current() const { return episode_; }
 
   private:

@@ -23,7 +23,8 @@ namespace
 
 constexpr std::size_t udp_length = 8;
 
-// Of an IP header in front of UDP, without options, which BFD packets do not have; 0 for others.
+// The length of an IP header that is followed by UDP; 0 for other frames, and for headers with
+// options, which BFD packets do not have.
 std::size_t ip_header_length(kelm::byte_view frame)
 {
     const std::size_t rest = frame.size() - ETH_HLEN;
@@ -36,8 +37,8 @@ std::size_t ip_header_length(kelm::byte_view frame)
     return 0;
 }
 
-// A link may carry millions of frames a second: the kernel is to hand over only those that arrive
-// for the port and name no session. An address is that of a field from the frame's beginning.
+// A link may carry millions of frames a second, so the kernel passes only those that are received,
+// for the port, and name no session. Offsets count from the start of the frame.
 void filter_frames(int fd)
 {
     constexpr std::uint32_t pass = 0x40000;
@@ -113,7 +114,7 @@ member_listener::member_listener(const std::string &netns, std::uint32_t member_
     : member_(member_ifindex)
 {
     kelm::in_netns(netns, [this] {
-        // Of no protocol until it is bound: nothing from other links gets in.
+        // No protocol until it is bound: nothing from other links gets in.
         fd_ = kelm::unique_fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         sockaddr_ll address = {};
         address.sll_family = AF_PACKET;

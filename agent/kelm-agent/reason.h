@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Why a session's state changed, in words.
+// Texts that say why a session's state changed.
 #pragma once
 
 #include <string>
@@ -10,12 +10,12 @@
 namespace kelm_agent
 {
 
-// RFC 5880 section 4.1, for people: "control detection time expired".
+// A diagnostic (RFC 5880 section 4.1) as text: "control detection time expired".
 std::string diag_words(std::uint8_t diag);
 
 // After a packet of the peer.
 std::string heard_reason(const session &);
-// After a detection time without one; `waited` is that time.
+// After a detection time, `waited`, without a packet.
 std::string silence_reason(kelm_microsecs waited);
 
 } // namespace kelm_agent

@@ -49,7 +49,7 @@ vrf::vrf(event_loop &loop, const logger &log, std::string netns, listener &liste
 {
 }
 
-// Requests that end with the connection find none.
+// The completions of requests that end here must see that there is no connection.
 vrf::~vrf()
 {
     const auto ended = std::move(connection_);
@@ -117,8 +117,7 @@ void vrf::fail_to_open(const kelm::error &problem)
         listener_.on_gone(*this);
 }
 
-// Our sockets would keep a namespace alive that has been deleted, and keep us from one that has its
-// name now.
+// Our sockets keep a deleted namespace alive; another one may have its name by now.
 void vrf::watch_name()
 {
     if (netns_.empty())
@@ -163,8 +162,8 @@ void vrf::dump(const kelm::request &request, dump_answer done)
     });
 }
 
-// Whatever is no answer of kelm ends the connection, if it is not the end of the connection that it
-// comes from.
+// Any error that is not kelm's refusal ends the connection. Completions of a connection that has
+// already ended are ignored.
 void vrf::submit(client_pump &to, const kelm::request &request, kelm::completion done)
 {
     const auto *const asked = connection_.get();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The connection to kelm in one network namespace. It is made as soon as namespace and kelm are
-// there, and again when it has been lost. Nothing here waits for an answer.
+// The connection to kelm in one network namespace. It is made as soon as both the namespace and
+// kelm exist, and made again when it is lost. Nothing here blocks.
 #pragma once
 
 #include <optional>
@@ -17,7 +17,7 @@
 namespace kelm_agent
 {
 
-// Which file a name stands for.
+// Identifies the file behind a name.
 struct file_identity {
     dev_t device;
     ino_t inode;
@@ -31,9 +31,9 @@ class vrf final : private event_feed::listener
         virtual ~listener() = default;
         // Requests can be made. Events are kept until feed().caught_up().
         virtual void on_connected(vrf &) = 0;
-        // The connection is lost: no request of before will be answered.
+        // The connection is lost: requests made before will not be answered.
         virtual void on_disconnected(vrf &) = 0;
-        // There is no kelm, or no namespace (any more).
+        // kelm or the namespace does not exist, or no longer does.
         virtual void on_gone(vrf &) = 0;
         virtual void on_event(vrf &, const kelm::report &) = 0;
         virtual void on_batch_end(vrf &) = 0;
@@ -59,9 +59,10 @@ class vrf final : private event_feed::listener
     std::string title() const;
     bool is_connected() const { return connection_ != nullptr; }
 
-    // The rest only while connected. An answer comes later, or never when the connection is lost.
+    // The rest may only be called while connected. An answer comes later, or never if the
+    // connection is lost.
     void ask(const kelm::request &, answer);
-    // Statistics, or a dump. They are answered one after the other, beside what ask() asks.
+    // Statistics, or a dump. Dumps run one at a time, independently of ask().
     void dump(const kelm::request &, dump_answer);
     // Counts dumps: a request that was made in an earlier round has been answered before this
     // round's dump began, or has not been answered yet.
@@ -72,7 +73,7 @@ class vrf final : private event_feed::listener
     const kelm::interfaces &links() const { return connection_->links; }
     const neighbours &neighbour_table() const { return connection_->neighbour_table; }
 
-    // Gives the connection up, and tries to make it again.
+    // Drops the connection and tries to make it again.
     void disconnect(const std::string &why);
 
   private:
@@ -82,7 +83,7 @@ class vrf final : private event_feed::listener
             event_loop::handle on_answer;
         };
         half_open requests;
-        half_open dumps; // apart, so that a long one delays nothing
+        half_open dumps; // separate, so that a long dump delays nothing
         half_open events;
         event_loop::handle patience;
     };
@@ -119,12 +120,12 @@ class vrf final : private event_feed::listener
     opener open_;
     std::optional<opening> opening_;
     std::unique_ptr<connection> connection_;
-    std::unique_ptr<connection> lost_; // may still be running what has ended it
+    std::unique_ptr<connection> lost_; // its code may still be running
     std::uint64_t round_ = 0;
     event_loop::handle end_;
     event_loop::handle retry_;
     event_loop::handle on_name_due_;
-    std::optional<file_identity> namespace_; // that we are connected in
+    std::optional<file_identity> namespace_; // the one we are connected in
     bool has_complained_ = false;
 };
 
