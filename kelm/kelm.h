@@ -49,7 +49,9 @@
  *   -ENOMSG   the type is not 16 to 31
  *   -EPERM    the type is one that only kelm sends, or it needs CAP_NET_ADMIN, which both the
  *             process that sends the request and the one that opened the socket must have: in the
- *             initial user namespace for kelm.ko, in kelmd's own for kelmd
+ *             initial user namespace for kelm.ko, in kelmd's own for kelmd. In strict mode every
+ *             request needs it, except KELM_MSG_GET_STATS with neither KELM_STATS_CLEAR nor
+ *             KELM_STATS_ALL_VRFS
  *   -ENODEV   the namespace has no vrf (yet, or any more)
  *   -EINVAL   the message is shorter than its body with the variable part that the body
  *             announces; checked before anything else in the body, nothing has changed
@@ -113,12 +115,11 @@
  *   interface, TTL or hop limit, and for an authenticated packet the key slot with its key id. A
  *   last sequence number other than 0 obliges a keyed peer not to go below it, and a meticulous one
  *   to stay within `multiplier` above it; reconfiguring keeps the number. A number that passes is
- *   kept even when the digest turns out to be wrong, see AUTHENTICATION in kelm(7). With
- *   KELM_RX_MYDISC_RTT the session's packets are our own, looped back, and yield round-trip times.
- *   Reconfiguring keeps the statistics; a changed period restarts those of intervals and round
- *   trips. The first packet that a new session accepts is passed up to the agent.
- *     -EINVAL        discriminator 0
- *     -EAFNOSUPPORT  `type` above KELM_RX_SESSION_SBFD_INITIATOR
+ *   kept even when the digest turns out to be wrong, except in strict mode; see AUTHENTICATION in
+ *   kelm(7). With KELM_RX_MYDISC_RTT the session's packets are our own, looped back, and yield
+ *   round-trip times. Reconfiguring keeps the statistics; a changed period restarts those of
+ *   intervals and round trips. The first packet that a new session accepts is passed up to the
+ * agent. -EINVAL        discriminator 0 -EAFNOSUPPORT  `type` above KELM_RX_SESSION_SBFD_INITIATOR
  *     -ENOMEM        an existing session is unchanged, a new one not created
  *     -ENXIO         a packet of `latch_tx_packets` does not exist; the session is kept and
  *                    configured, linked to the packets before that one. Its timer is untouched: one

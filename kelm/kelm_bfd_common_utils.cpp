@@ -85,13 +85,22 @@ void write_digest(std::uint8_t auth_type, std::uint8_t *packet, std::size_t len,
         sha1_cksum(packet, len, digest);
 }
 
+// In a time that does not tell how many of the bytes are equal.
+bool are_equal(const std::uint8_t *a, const std::uint8_t *b, std::size_t size)
+{
+    std::uint8_t difference = 0;
+    for (std::size_t i = 0; i < size; ++i)
+        difference |= a[i] ^ b[i];
+    return difference == 0;
+}
+
 bool digest_valid(std::uint8_t auth_type, std::uint8_t *packet, const std::uint8_t *key)
 {
     std::uint8_t received[BFD_SHA1_DIGEST_LEN];
     const std::size_t size = digest_len(auth_type);
     std::memcpy(received, packet + digest_at, size);
     write_digest(auth_type, packet, packet[len_at], key);
-    return std::memcmp(received, packet + digest_at, size) == 0;
+    return are_equal(received, packet + digest_at, size);
 }
 
 // The meticulous window is circular: past 4294967295 a peer's numbers go on at 0.
@@ -150,7 +159,7 @@ bool password_valid(const std::uint8_t *packet, const kelm_bfd_auth_key *key, ke
         trace(KELM_DLOG, load_be32(packet + your_discriminator_at), text.c_str());
         return false;
     }
-    return std::memcmp(packet + password_at, key->key, expected - BFD_AUTH_COMMON_LEN) == 0;
+    return are_equal(packet + password_at, key->key, expected - BFD_AUTH_COMMON_LEN);
 }
 
 // A null `seq_num` leaves the sequence number out of it.

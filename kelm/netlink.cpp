@@ -19,6 +19,7 @@
 #include "kelm/tx_schedule.h"
 #include "platform/capability.h"
 #include "platform/err.h"
+#include "platform/module.h"
 
 namespace
 {
@@ -68,6 +69,21 @@ constexpr auto handlers = [] {
     return table;
 }();
 
+// Whether a request only reads the statistics of the namespace that it comes from. One that is too
+// short changes nothing either, and is refused with an error of its own.
+bool only_reads_own_stats(const nlmsghdr *hdr)
+{
+    if (hdr->nlmsg_type != KELM_MSG_GET_STATS)
+        return false;
+    const auto *msg = request_body<kelm_msg_get_stats>(hdr);
+    return msg == nullptr || (msg->flags & (KELM_STATS_CLEAR | KELM_STATS_ALL_VRFS)) == 0;
+}
+
+bool needs_net_admin(const handler_entry &entry, const nlmsghdr *hdr)
+{
+    return entry.needs_net_admin || (kelm_strict && !only_reads_own_stats(hdr));
+}
+
 int process_message(sk_buff *skb, nlmsghdr *hdr, netlink_ext_ack *)
 {
     const unsigned type = hdr->nlmsg_type;
@@ -75,7 +91,7 @@ int process_message(sk_buff *skb, nlmsghdr *hdr, netlink_ext_ack *)
     if (type < KELM_MSG_MIN || type >= KELM_MSG_MAX)
         return -ENOMSG;
     const handler_entry &entry = handlers[type];
-    if (entry.needs_net_admin && !capable(CAP_NET_ADMIN))
+    if (needs_net_admin(entry, hdr) && !capable(CAP_NET_ADMIN))
         return -EPERM;
     const vrf_ref vrf = find_vrf(sock_net(skb_sk(skb)));
     if (!vrf)

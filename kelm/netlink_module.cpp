@@ -14,6 +14,8 @@
 #include "platform/kthread.h"
 #include "platform/module.h"
 
+constinit bool kelm_strict = false;
+
 namespace
 {
 constinit task_struct *kelm_vrf_cleanup_task = nullptr;
@@ -53,6 +55,8 @@ int kelm_init()
 {
     module_get_self();
     init_components();
+    if (kelm_strict)
+        netlink_log(1, "Strict mode");
 
     // Replays the devices that exist, and so creates the vrfs of all namespaces.
     int err = register_netdevice_notifier(&netdev_notifier);

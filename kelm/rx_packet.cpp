@@ -19,6 +19,7 @@
 #include "kelm/rx_table.h"
 #include "kelm/skb_ptr.h"
 #include "kelm/tx_schedule.h"
+#include "platform/module.h"
 #include "platform/socket.h"
 
 namespace
@@ -64,13 +65,19 @@ void r_trace(kelm_trace_type type, std::uint32_t disc, const char *str)
     rx_log(disc, type == KELM_VLOG ? 3 : 2, "%s", str);
 }
 
+// The library stores a sequence number before it compares the digest. In strict mode the session's
+// own changes only with a packet that is valid, so that a forged one cannot lock the peer out.
 bool auth_valid(rx_session *session, const received_frame &frame)
 {
-    return kelm_auth_valid(&session->auth, session->auth_key, &session->seq_num,
-                           &session->stats.num_auth_fail, &session->stats.num_auth_type_mismatch,
-                           session->multiplier, frame.header(), frame.ip_header(),
-                           frame.info.ifindex,
-                           static_cast<std::int32_t>(frame.bfd_len) - BFD_CTRL_LEN, r_trace);
+    std::uint32_t seq_num = session->seq_num;
+    const bool valid =
+        kelm_auth_valid(&session->auth, session->auth_key, &seq_num, &session->stats.num_auth_fail,
+                        &session->stats.num_auth_type_mismatch, session->multiplier, frame.header(),
+                        frame.ip_header(), frame.info.ifindex,
+                        static_cast<std::int32_t>(frame.bfd_len) - BFD_CTRL_LEN, r_trace);
+    if (valid || !kelm_strict)
+        session->seq_num = seq_num;
+    return valid;
 }
 
 bool content_changed(const rx_session *session, const received_frame &frame)

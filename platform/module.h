@@ -10,6 +10,10 @@ extern "C" {
 // Takes a reference on the module, so that the host refuses to unload it in the ordinary way.
 void module_get_self() KELM_PLATFORM(module_get_self);
 
+// Strict mode, for machines with local users or networks that are not to be trusted: what kelm.h
+// says of it. The host's choice, which it makes before kelm_init.
+extern bool kelm_strict;
+
 // Starts the engine. 0 or a negative error number; the host then proceeds as after kelm_exit.
 // Task context; once, or again after kelm_release.
 [[nodiscard]] int kelm_init();

@@ -156,6 +156,7 @@ int kelm_net_refcount(const struct net *net);
 void kelm_module_get_self(void);
 
 /* The engine's entry points: platform/module.h. */
+extern bool kelm_strict;
 int kelm_init(void);
 void kelm_exit(void);
 void kelm_release(void);

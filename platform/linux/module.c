@@ -11,6 +11,10 @@
 #include "platform/linux/glue.h"
 #include "platform/linux/netlink.h"
 
+module_param_named(strict, kelm_strict, bool, 0444);
+MODULE_PARM_DESC(strict, "Require CAP_NET_ADMIN for all but reading own statistics, and believe "
+                         "sequence numbers of authentic packets only");
+
 /*
  * Where the kernel has IPv6 or packet sockets as modules: a socket of theirs loads them, but the
  * engine makes its own under locks for which they would wait for ever.

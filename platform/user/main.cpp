@@ -28,6 +28,7 @@ using namespace kelmd;
 
 struct options {
     bool realtime = false;
+    bool strict = false;
     namespace_options namespaces;
 };
 
@@ -144,6 +145,7 @@ int run(const options &chosen)
     if (!check_privilege(chosen))
         return EXIT_FAILURE;
     raise_descriptor_limit();
+    kelm_strict = chosen.strict;
     const end_on_signals ending;
     const bool started = start(kelmd, chosen.realtime);
     if (started)
@@ -166,6 +168,10 @@ int parse_command_line(int argc, char **argv, options &chosen)
     app.set_version_flag("-V,--version", "kelmd " KELM_VERSION);
     app.add_flag("--realtime", chosen.realtime,
                  "Receive packets and run timers under a real-time scheduler, with memory locked");
+    app.add_flag(
+        "--strict", chosen.strict,
+        "Require CAP_NET_ADMIN for everything but reading statistics of the own namespace, "
+        "and believe the sequence numbers of authentic packets only");
     auto *const netns =
         app.add_option("--netns", names,
                        "Serve this named network namespace in addition to the one that kelmd is "

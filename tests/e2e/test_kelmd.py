@@ -17,14 +17,16 @@ import pytest
 
 from lib import PATIENCE, wait_until
 from lib import protocol as p
-from lib.agent import Agent
+from lib.agent import Agent, in_child
 from lib.bfd import Bfd
 from lib.host import KELMD, Kelmd
-from lib.netns import in_namespace
+from lib.netns import enter, in_namespace
+from lib.protocol import KelmError
 from lib.topology import Namespaces
 
 CAP_IPC_LOCK, CAP_SYS_NICE, PR_CAPBSET_DROP = 14, 23, 24
 SYS_PIDFD_GETFD, SCHED_DEADLINE = 438, 6
+NOBODY = 65534
 PTRACE_SEIZE, PTRACE_INTERRUPT, PTRACE_DETACH, WALL = 0x4206, 0x4207, 17, 0x40000000
 
 pytestmark = pytest.mark.kelmd
@@ -266,6 +268,27 @@ def without_realtime():
         assert libc.prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) == 0
     for limit in (resource.RLIMIT_MEMLOCK, resource.RLIMIT_RTPRIO):
         resource.setrlimit(limit, (0, 0))
+
+
+def test_strict(link):
+    """Ordinary users see the statistics of their namespace, and that is all."""
+    host = Kelmd("--strict")
+    host.wait_for_vrf(link.near_ns)
+
+    def become_nobody():
+        enter(link.near_ns)
+        os.setresuid(NOBODY, NOBODY, NOBODY)
+
+    def look_around():
+        with Agent() as agent:
+            agent.dump(p.GET_STATS, p.get_stats())
+            agent.request(p.TX_PATH_READY, p.tx_path_ready())
+    with pytest.raises(KelmError) as refused:
+        in_child(become_nobody, look_around)
+    assert refused.value.errno == errno.EPERM
+    with Agent(link.near_ns) as agent:
+        agent.request(p.TX_PATH_READY, p.tx_path_ready())
+    host.stop()
 
 
 def confined():

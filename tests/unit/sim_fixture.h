@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kelm.h"
+#include "platform/module.h"
 #include "platform/sim/world.h"
 
 namespace sim
@@ -54,6 +55,16 @@ bytes to_bytes(const T &object)
     const auto encoded = as_bytes(object);
     return {encoded.begin(), encoded.end()};
 }
+
+// While it lives, kelm is in strict mode.
+class strict_mode
+{
+  public:
+    strict_mode() { kelm_strict = true; }
+    ~strict_mode() { kelm_strict = false; }
+    strict_mode(const strict_mode &) = delete;
+    strict_mode &operator=(const strict_mode &) = delete;
+};
 
 inline void append(bytes &to, std::span<const std::uint8_t> more)
 {

@@ -98,18 +98,19 @@ TEST(dispatch, takes_each_type_from_those_who_may_send_it)
         std::uint16_t type;
         int privileged;
         int unprivileged;
+        int in_strict_mode; // unprivileged
     } cases[] = {
-        {KELM_MSG_TX_SET_PACKET, -EINVAL, -EPERM},
-        {KELM_MSG_TX_DELETE_PACKET, -EINVAL, -EPERM},
-        {KELM_MSG_RX_SET_SESSION, -EINVAL, -EPERM},
-        {KELM_MSG_RX_DELETE_SESSION, -EINVAL, -EPERM},
-        {KELM_MSG_GET_STATS, DUMP, DUMP},
-        {KELM_MSG_SYNC, DUMP, DUMP},
-        {KELM_MSG_SET_DEBUG_LEVEL, 0, -EPERM},
-        {KELM_MSG_TX_PATH_READY, 0, 0},
-        {KELM_MSG_SET_SESSION_STATS_INTERVAL, 0, -EPERM},
-        {32, -ENOMSG, -ENOMSG},
-        {0xffff, -ENOMSG, -ENOMSG},
+        {KELM_MSG_TX_SET_PACKET, -EINVAL, -EPERM, -EPERM},
+        {KELM_MSG_TX_DELETE_PACKET, -EINVAL, -EPERM, -EPERM},
+        {KELM_MSG_RX_SET_SESSION, -EINVAL, -EPERM, -EPERM},
+        {KELM_MSG_RX_DELETE_SESSION, -EINVAL, -EPERM, -EPERM},
+        {KELM_MSG_GET_STATS, DUMP, DUMP, DUMP},
+        {KELM_MSG_SYNC, DUMP, DUMP, -EPERM},
+        {KELM_MSG_SET_DEBUG_LEVEL, 0, -EPERM, -EPERM},
+        {KELM_MSG_TX_PATH_READY, 0, 0, -EPERM},
+        {KELM_MSG_SET_SESSION_STATS_INTERVAL, 0, -EPERM, -EPERM},
+        {32, -ENOMSG, -ENOMSG, -ENOMSG},
+        {0xffff, -ENOMSG, -ENOMSG, -ENOMSG},
     };
     world w;
     agent &privileged = w.open_agent(w.initial());
@@ -120,6 +121,11 @@ TEST(dispatch, takes_each_type_from_those_who_may_send_it)
         EXPECT_EQ(ask(unprivileged, c.type, zeroes), c.unprivileged) << "type " << c.type;
         privileged.read_messages();
         unprivileged.read_messages();
+        const strict_mode strict;
+        EXPECT_EQ(ask(privileged, c.type, zeroes), c.privileged) << "type " << c.type;
+        EXPECT_EQ(ask(unprivileged, c.type, zeroes), c.in_strict_mode) << "type " << c.type;
+        privileged.read_messages();
+        unprivileged.read_messages();
     }
     for (const std::uint16_t sent_by_the_module :
          {KELM_MSG_TX_STATS, KELM_MSG_TX_SYNC, KELM_MSG_RX_STATS, KELM_MSG_RX_PACKET_CHANGE,
@@ -128,6 +134,15 @@ TEST(dispatch, takes_each_type_from_those_who_may_send_it)
     // Mark and sweep are as free as the dump, clearing as free as reading.
     EXPECT_EQ(mark_or_sweep(unprivileged, KELM_SYNC_MARK | KELM_SYNC_SWEEP), 0);
     EXPECT_EQ(get_stats(unprivileged, 0, KELM_STATS_CLEAR | KELM_STATS_ALL_VRFS).error, 0);
+    // In strict mode neither is, nor is a look at other namespaces, or a single session's level.
+    const strict_mode strict;
+    EXPECT_EQ(mark_or_sweep(unprivileged, KELM_SYNC_MARK), -EPERM);
+    for (const std::uint32_t flag : {KELM_STATS_CLEAR, KELM_STATS_ALL_VRFS})
+        EXPECT_EQ(get_stats(unprivileged, 0, flag).error, -EPERM) << flag;
+    EXPECT_EQ(get_stats(unprivileged, 0, KELM_STATS_MODULE).error, 0);
+    EXPECT_EQ(ask(unprivileged, KELM_MSG_SET_DEBUG_LEVEL,
+                  to_bytes(kelm_msg_set_debug_level{{5}, 0, 1, {}})),
+              -EPERM);
 }
 
 TEST(dispatch, refuses_messages_that_hold_less_than_they_should)

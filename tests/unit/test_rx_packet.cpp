@@ -243,6 +243,25 @@ TEST_F(rx_packet, numbers_of_a_meticulous_peer_stay_within_the_session_s_multipl
     EXPECT_EQ(w.logged("seqnum failed received 106 expected > 100 and <= 105"), 1U);
 }
 
+TEST_F(rx_packet, a_forged_sequence_number_locks_the_peer_out_unless_kelm_is_strict)
+{
+    const datagram genuine = own_packet(BFD_AUTH_KEYED_SHA1);
+    datagram forged = genuine;
+    forged.payload[BFD_AUTH_OFFSET + offsetof(bfd_auth_sha1, seq_num)] = 0xff;
+    const rx session{.auth_type = BFD_AUTH_KEYED_SHA1};
+    const auto received_after_the_forged = [&] {
+        EXPECT_EQ(set_session(a, SESSION, session), 0);
+        EXPECT_TRUE(w.deliver(w.initial(), forged));
+        EXPECT_TRUE(w.deliver(w.initial(), genuine));
+        const std::uint64_t received = rx_stats(a, SESSION)->num_received;
+        EXPECT_EQ(delete_session(a, SESSION), 0);
+        return received;
+    };
+    EXPECT_EQ(received_after_the_forged(), 0U);
+    const strict_mode strict;
+    EXPECT_EQ(received_after_the_forged(), 1U);
+}
+
 TEST_F(rx_packet, what_the_library_tells_is_logged_at_level_2_or_3)
 {
     for (std::uint16_t level = 1; level <= 3; ++level) {
