@@ -121,10 +121,11 @@ void session_driver::act()
     const auto now = loop_.now();
     desired_state wanted = bfd_.current();
     for (const inbox::entry &each : inbox_.take_all()) {
-        if (each.kind == inbox::entry::old_failure) {
-            sync_->packet_may_differ(); // kelm may have latched it
+        // kelm has latched the packet, which what follows may lead back to as it was.
+        if (each.kind != inbox::entry::packet)
+            sync_->packet_may_differ();
+        if (each.kind == inbox::entry::old_failure)
             continue;
-        }
         const kelm_microsecs waited = bfd_.timing().detection_time();
         const desired_state next =
             each.kind == inbox::entry::packet

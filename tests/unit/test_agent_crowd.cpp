@@ -45,6 +45,7 @@ struct agent_crowd : testing::Test {
             session.local = *kelm::ip_address::parse("10.0.0.1");
             session.peer = *kelm::ip_address::parse("10.1." + std::to_string(i / 250) + "." +
                                                     std::to_string(i % 250 + 1));
+            session.timing.desired_min_tx = session.timing.required_min_rx = interval;
             config.sessions.push_back(session);
         }
         agent_options options;
@@ -70,7 +71,7 @@ struct agent_crowd : testing::Test {
         packet.bfd.final = final;
         packet.bfd.my_discriminator = 9;
         packet.bfd.your_discriminator = knows_us ? by.bfd().discriminator() : 0;
-        packet.bfd.min_tx_interval = packet.bfd.min_rx_interval = 300'000;
+        packet.bfd.min_tx_interval = packet.bfd.min_rx_interval = interval;
         kelm.hear(packet);
     }
 
@@ -113,6 +114,7 @@ struct agent_crowd : testing::Test {
         std::filesystem::remove_all(directory);
     }
 
+    kelm_microsecs interval = 300'000;
     captured_log said;
     logger log{log_form::text};
     std::string path = (std::filesystem::temp_directory_path() / "kelm-crowd-XXXXXX").string();
@@ -205,6 +207,18 @@ TEST_F(agent_crowd, what_is_told_together_is_acted_on_once)
     loop.run(1s);
     EXPECT_EQ(at(5).past().down_count, 1U);
     EXPECT_TRUE(at(5).bfd().is_up());
+}
+
+TEST_F(agent_crowd, a_failure_that_is_over_at_once_leaves_no_latched_packet)
+{
+    interval = 1'000'000; // the same when Down: the session is Up again with the very packet
+    bring_up(1);
+    kelm.fail(at(0).bfd().discriminator());
+    hear(at(0), BFD_STATE_DOWN);
+    hear(at(0), BFD_STATE_INIT);
+    loop.run(100ms);
+    EXPECT_TRUE(at(0).bfd().is_up());
+    EXPECT_GT(kelm.requests[KELM_MSG_TX_SET_PACKET], 0U);
 }
 
 TEST_F(agent_crowd, a_failure_of_an_earlier_life_is_ignored)
