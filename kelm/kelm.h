@@ -118,8 +118,9 @@
  *   kept even when the digest turns out to be wrong, except in strict mode; see AUTHENTICATION in
  *   kelm(7). With KELM_RX_MYDISC_RTT the session's packets are our own, looped back, and yield
  *   round-trip times. Reconfiguring keeps the statistics; a changed period restarts those of
- *   intervals and round trips. The first packet that a new session accepts is passed up to the
- * agent. -EINVAL        discriminator 0 -EAFNOSUPPORT  `type` above KELM_RX_SESSION_SBFD_INITIATOR
+ *   intervals and round trips. The first packet that a new session accepts is passed up.
+ *     -EINVAL        discriminator 0
+ *     -EAFNOSUPPORT  `type` above KELM_RX_SESSION_SBFD_INITIATOR
  *     -ENOMEM        an existing session is unchanged, a new one not created
  *     -ENXIO         a packet of `latch_tx_packets` does not exist; the session is kept and
  *                    configured, linked to the packets before that one. Its timer is untouched: one

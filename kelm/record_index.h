@@ -83,7 +83,9 @@ class record_index
 
   private:
     static constexpr std::uint32_t first_segment_buckets = 64;
-    static constexpr std::uint32_t segment_limit = 16; // two million buckets
+    // Half a million buckets; beyond, they get longer. A larger segment would take more memory in
+    // one piece than a kernel is sure to have.
+    static constexpr std::uint32_t segment_limit = 14;
     static constexpr std::uint32_t buckets_per_record = 2;
     // By one insertion. More than a record needs, to catch up when memory has been short.
     static constexpr int most_made = 2 * buckets_per_record;

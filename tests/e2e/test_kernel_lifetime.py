@@ -18,12 +18,14 @@ import pytest
 
 from lib import bfd, kernel, wait_until
 from lib import protocol as p
-from lib.agent import Agent, _connect, start_session
+from lib.agent import Agent, _connect, in_child, start_session
 from lib.bfd import Bfd
 from lib.netns import in_namespace, unshare_network, unshare_user
+from lib.protocol import KelmError
 
 pytestmark = pytest.mark.kernel
 
+NOBODY = 65534
 ALL_STATS = p.get_stats(flags=p.STATS_ALL_VRFS | p.STATS_MODULE)
 
 
@@ -237,6 +239,19 @@ def datagrams_to_every_port(link):
     for version in (4, 6):
         for port in p.RX_PORTS.values():
             link.send(Bfd(your_disc=7), version, dport=port)
+
+
+def test_strict(unloaded_host):
+    """The module's parameter: ordinary users see the statistics of their namespace, and no more."""
+    unloaded_host.load(strict=1)
+
+    def look_around():
+        with Agent() as agent:
+            agent.dump(p.GET_STATS, p.get_stats())
+            with pytest.raises(KelmError) as refused:
+                agent.request(p.TX_PATH_READY, p.tx_path_ready())
+            return refused.value.errno
+    assert in_child(lambda: os.setresuid(*[NOBODY] * 3), look_around) == errno.EPERM
 
 
 def test_a_forced_unload_under_agents(host, link):
