@@ -128,7 +128,7 @@ class Kelm:
     OPTIONS = []
 
     def __init__(self, namespace, timing):
-        self.namespace, self.timing, self.processes = namespace, timing, []
+        self.namespace, self.timing, self.programs = namespace, timing, []
         with in_namespace(namespace):
             self.kelmd = Kelmd("--no-netns", *self.OPTIONS)
         self.agent = None
@@ -140,7 +140,7 @@ class Kelm:
             return {**keys, "local": session.far, "peer": session.near} if far else keys
         with in_namespace(self.namespace):
             self.agent = KelmAgent([configuration(session) for session in sessions])
-        self.processes = [self.kelmd.process, self.agent.process]
+        self.programs = [self.kelmd, self.agent]
 
     def start(self):
         pass
@@ -230,12 +230,12 @@ def options():
     return parser.parse_args()
 
 
-def cpu_seconds(processes):
-    def of(process):
-        with open(f"/proc/{process.pid}/stat") as file:
+def cpu_seconds(programs):
+    def of(program):
+        with open(f"/proc/{program.process.pid}/stat") as file:
             fields = file.read().rpartition(")")[2].split()
         return (int(fields[11]) + int(fields[12])) / TICK
-    return sum(map(of, processes))
+    return sum(map(of, programs))
 
 
 @contextlib.contextmanager
@@ -261,12 +261,12 @@ def climb(chosen, processors, name, speaker, peer, gaps):
         time.sleep(CALM)
         with Stall() as stall, load(processors, rung):
             gaps.forget()
-            downs, used = peer.downs(), cpu_seconds(speaker.processes)
+            downs, used = peer.downs(), cpu_seconds(speaker.programs)
             deadline = time.monotonic() + chosen.seconds
             while time.monotonic() < deadline:
                 time.sleep(0.2)
                 gaps.drain()
-            used = cpu_seconds(speaker.processes) - used
+            used = cpu_seconds(speaker.programs) - used
             downs = peer.downs() - downs
         found = sorted(gaps.gaps)
         row = Rung(name, rung, downs, statistics.median(found), found[len(found) * 99 // 100],

@@ -275,7 +275,7 @@ class Scale:
         return ended.ru_utime + ended.ru_stime + sum(cpu_seconds(end.process) for end in ends)
 
     def log_lines(self):
-        logged = sum(end.lines for end in self.crowd.ends) if self.crowd else 0
+        logged = sum(end.lines_read for end in self.crowd.ends) if self.crowd else 0
         return logged + self.kelmd.log().count("\n")
 
     def measure(self, phase):

@@ -7,6 +7,7 @@ import pytest
 from lib import protocol
 from lib.agent import KERNEL, Agent
 from lib.host import Host
+from lib.kelm_agent import KelmAgent
 from lib.kernel import KernelLog
 from lib.stall import Stall
 from lib.topology import Namespaces
@@ -79,6 +80,20 @@ def agent(link):
     with Agent(link.near_ns, groups=(protocol.CONTROL, protocol.NOTIFICATION)) as agent:
         agent.request(protocol.TX_PATH_READY, protocol.tx_path_ready())
         yield agent
+
+
+@pytest.fixture
+def start():
+    """Starts kelm-agents, with these sessions, that end with the test."""
+    running = []
+
+    def start_one(*sessions, **options):
+        running.append(KelmAgent(sessions, **options))
+        return running[-1]
+
+    yield start_one
+    for agent in running:
+        agent.close()
 
 
 @pytest.fixture(autouse=True)

@@ -116,7 +116,7 @@ def test_an_old_packet_is_not_believed_after_a_restart(pair):
                "negotiation")
     pair.near.kill()
     pair.near.start()
-    pair.near.wait_for(lambda line: "still up" in line["message"], "'still up'")
+    pair.near.wait_for_line("still up")
     link.wire.send(old.raw)
     pair.near.ctl(f"down {type}")  # by then the packet has been looked at
     assert pair.near.changes() == [("up", "admin-down")]

@@ -4,122 +4,109 @@
 import os
 import pathlib
 import re
+import signal
 import socket
 import subprocess
 import tempfile
+import time
 import urllib.request
 
 import pytest
 
 from lib import PATIENCE, wait_until
 from lib import protocol as p
-from lib.agent import Agent
+from lib.agent import Agent, discriminators
 from lib.host import KELMCTL
 from lib.kelm_agent import KELM_AGENT, KelmAgent
-from lib.topology import ip
+from lib.topology import ip_batch
 
 BOTH_ENDS_ARE_KELMS = True
 
 
-@pytest.fixture
-def start():
-    running = []
-
-    def start_one(*sessions, arguments=(), agent=None, directory=None):
-        running.append(KelmAgent(sessions, *arguments, agent=agent, directory=directory,
-                                 min_tx="50ms", min_rx="50ms", multiplier=20))
-        return running[-1]
-
-    yield start_one
-    for agent in running:
-        agent.close()
-
-
-def end(link, side="near", **keys):
-    near, far = link.addresses(4)
-    local, peer = (near, far) if side == "near" else (far, near)
-    return {"name": "s", "namespace": getattr(link, f"{side}_ns"), "local": local, "peer": peer,
-            "interface": link.name, **keys}
-
-
-def discriminators(namespace):
-    with Agent(namespace) as admin:
-        return {m.disc for m in admin.dump(p.SYNC, p.sync())}
-
-
-def test_another_agents_sessions_are_left_alone(link, start):
-    with Agent(link.near_ns) as other:
-        other.request(p.RX_SET_SESSION, p.rx_set_session(5, failure=p.failure_message(5)))
-        agent, _ = start(end(link)), start(end(link, "far"))
-        agent.wait_for_change("up")
-        agent.kill()
-        agent.start()
-        agent.wait_for_state("up")
-        assert 5 in discriminators(link.near_ns)
-
-
-def test_the_sole_agent_clears_what_is_not_its_own(namespaces, link, start):
+def test_what_a_new_run_deletes(namespaces, link, start):
+    """Sessions that are not configured any more; another agent's if it is told that there is none."""
     elsewhere = namespaces.add()
     for namespace in (link.near_ns, elsewhere):
         with Agent(namespace) as other:
             other.request(p.RX_SET_SESSION, p.rx_set_session(5, failure=p.failure_message(5)))
-    agent = start(end(link), arguments=["--sole-agent"])
+    agent = start(link.session(), link.session(name="old", peer="10.0.0.9"))
+    own = agent.show()["discriminator"]
+    both = {own, agent.show("old")["discriminator"], 5}
+    wait_until(lambda: discriminators(link.near_ns) == both, "sessions")
+    agent.configure([link.session()])
+    agent.restart()
+    wait_until(lambda: discriminators(link.near_ns) == {own, 5}, "end of the old one")
+    agent.restart("--sole-agent")
     # Looking earlier would have kelm take us for an agent that needs the namespace.
-    agent.wait_for(lambda line: line["message"].startswith("cleared kelm"), "sweep")
+    agent.wait_for_line("cleared kelm")
     assert discriminators(elsewhere) == set()
-    assert discriminators(link.near_ns) == {agent.show()["discriminator"]}
-
-
-def test_sessions_that_are_no_longer_configured_are_deleted(link, start):
-    agent = start(end(link), end(link, name="old", peer="10.0.0.9"))
-    old = agent.show("old")["discriminator"]
-    assert wait_until(lambda: old in discriminators(link.near_ns), "session")
-    agent.kill()
-    agent.configure([end(link)])
-    agent.start()
-    wait_until(lambda: old not in discriminators(link.near_ns), "its end")
-    assert agent.show()["discriminator"] in discriminators(link.near_ns)
+    assert discriminators(link.near_ns) == {own}
 
 
 def test_restart_without_its_record(link, start):
     """The sessions are recognised by their packets' addresses."""
-    near, far = start(end(link)), start(end(link, "far"))
+    near, far = (start(link.session(side)) for side in ("near", "far"))
     near.wait_for_change("up")
     far.wait_for_change("up")
     before = near.show()["discriminator"]
-    near.kill()
     (near.directory / "state.json").write_text("rubbish")
-    near.start()
-    near.wait_for(lambda line: "still up" in line["message"], "'still up'")
+    near.restart()
+    near.wait_for_line("still up")
     assert near.show()["discriminator"] == before
     assert far.show()["changes"]["down_count"] == 0
 
 
 def test_an_interface_that_comes_later(link, start):
-    near, far = start(end(link, interface="later")), start(end(link, "far"))
+    near, far = start(link.session(interface="later")), start(link.session("far"))
     wait_until(lambda: near.show().get("problem") == "there is no interface later", "that problem")
-    ip("-n", link.near_ns, "link", "set", link.name, "down")
-    ip("-n", link.near_ns, "link", "set", link.name, "name", "later")
-    ip("-n", link.near_ns, "link", "set", "later", "up")
+    ip_batch(link.near_ns, f"link set {link.name} down\n"
+                           f"link set {link.name} name later\nlink set later up\n")
     near.wait_for_state("up")
     far.wait_for_state("up")
     assert "problem" not in near.show()
 
 
-def test_a_namespace_that_comes_later(namespaces, start):
-    agent = start({"name": "s", "namespace": "kelm-e2e-later", "local": "10.0.0.1",
-                   "peer": "10.0.0.2"})
-    assert agent.show()["problem"] == "not connected to kelm"
-    namespaces.add("kelm-e2e-later")
-    wait_until(lambda: agent.show()["discriminator"] in
-               discriminators_or_none("kelm-e2e-later"), "session in the new namespace")
+def test_a_namespace_that_comes_later_and_again(namespaces, start):
+    """Our connection does not keep the old one alive."""
+    name = "kelm-e2e-later"
+    agent = start({"name": "s", "namespace": name, "local": "10.0.0.1", "peer": "10.0.0.2"})
+    for again in (True, False):
+        wait_until(lambda: agent.show().get("problem") == "not connected to kelm", "that problem")
+        namespaces.add(name)
+        wait_until(lambda: agent.show()["discriminator"] in discriminators(name), "session")
+        if again:
+            namespaces.delete(name)
 
 
-def discriminators_or_none(namespace):
+@pytest.mark.kelmd
+def test_kelm_begins_anew(host, link, start):
+    """The sessions go down, say why, and come up again."""
+    # kelm is to be gone before a session fails in what is left of it.
+    pair = [start(link.session(side, multiplier=50)) for side in ("near", "far")]
+    for agent in pair:
+        agent.wait_for_change("up")
+    host.stop()
+    for agent in pair:
+        agent.wait_for_change("down")
+    host.start()
+    for agent in pair:
+        agent.wait_for_state("up")
+        first = next(h for h in agent.ctl("history s") if h["previous_state"] == "up")
+        assert (first["diagnostic"], first["reason"]) == ("forwarding plane reset", "kelm is gone")
+
+
+@pytest.mark.kelmd
+def test_a_stopped_kelm_holds_nobody_up(host, start):
+    """The agent answers while kelmd does not."""
+    host.process.send_signal(signal.SIGSTOP)
     try:
-        return discriminators(namespace)
-    except ConnectionRefusedError:
-        return set()
+        agent = start({"name": "s", "local": "127.0.0.1", "peer": "127.0.0.2"})
+        began = time.monotonic()
+        assert agent.show()["problem"] == "not connected to kelm"
+        assert time.monotonic() - began < 5
+    finally:
+        host.process.send_signal(signal.SIGCONT)
+    wait_until(lambda: "problem" not in agent.show(), "a connection")
 
 
 def test_the_examples_of_the_manual():
@@ -150,9 +137,9 @@ def test_metrics(link, start):
         port = probe.getsockname()[1]
     with tempfile.TemporaryDirectory() as directory:
         file = pathlib.Path(directory, "kelm.prom")
-        agent = start(end(link), end(link, name="never", peer="10.0.0.9"),
+        agent = start(link.session(), link.session(name="never", peer="10.0.0.9"),
                       agent={"metrics-file": str(file), "metrics-listen": f"127.0.0.1:{port}"})
-        start(end(link, "far"))
+        start(link.session("far"))
         agent.wait_for_change("up")
         with urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=PATIENCE) as page:
             assert page.headers["Content-Type"].startswith("text/plain; version=0.0.4")
@@ -173,16 +160,6 @@ def test_metrics(link, start):
             urllib.request.urlopen(f"http://127.0.0.1:{port}/", timeout=PATIENCE)
 
 
-def test_a_mistake_in_the_defaults_is_told_with_its_line():
-    with tempfile.TemporaryDirectory() as directory:
-        config = pathlib.Path(directory, "agent.toml")
-        config.write_text('[defaults]\n\nmin-rx = "5"\n[[session]]\nname = "s"\n'
-                          'local = "10.0.0.1"\npeer = "10.0.0.2"\n')
-        result = subprocess.run([KELM_AGENT, "--check", "--config", config], capture_output=True,
-                                text=True)
-    assert result.returncode == 1 and "agent.toml:3: 'min-rx' must be" in result.stderr
-
-
 def test_systemd_is_told(tmp_path):
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
         manager.bind(str(tmp_path / "notify"))
@@ -200,15 +177,3 @@ def test_completion_knows_the_sessions(start):
     words = [KELMCTL, "__complete", "agent", "down", "socket", agent.socket, "al"]
     result = subprocess.run(words, capture_output=True, text=True, timeout=PATIENCE)
     assert result.stdout.split() == ["alpha"]
-
-
-def test_a_namespace_that_is_made_anew(namespaces, start):
-    """Our connection does not keep the old one alive."""
-    name = namespaces.add("kelm-e2e-anew")
-    agent = start({"name": "s", "namespace": name, "local": "10.0.0.1", "peer": "10.0.0.2"})
-    wait_until(lambda: agent.show()["discriminator"] in discriminators_or_none(name), "session")
-    namespaces.delete(name)
-    wait_until(lambda: agent.show().get("problem") == "not connected to kelm", "that problem")
-    namespaces.add(name)
-    wait_until(lambda: agent.show()["discriminator"] in discriminators_or_none(name),
-               "session in the new namespace")

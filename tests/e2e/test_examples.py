@@ -37,13 +37,11 @@ def test_a_session_through_its_life(namespaces):
             with Agent(link.near_ns) as kelm:
                 wait_until(lambda: remembers_state(kelm, bfd.UP), "the peer's state in kelm")
             first.stop(signal.SIGKILL, -signal.SIGKILL)
-        peer.read()
-        heard = len(peer.lines)
+        heard = len(peer.lines())
         with Agent(link.near_ns) as kelm, agent(*near_agent) as second:
             second.expect("up")
-            assert second.lines == [f"{far}: up, diagnostic no-diagnostic"]
-            peer.read()
-            assert len(peer.lines) == heard, "the peer noticed the restart"
+            assert second.lines() == [f"{far}: up, diagnostic no-diagnostic"]
+            assert len(peer.lines()) == heard, "the peer noticed the restart"
             sent, received = kelm.stats(5)
             assert (sent.num_latches, received.num_timeout) == (0, 0)
 
@@ -74,7 +72,7 @@ def test_a_peer_that_has_lost_us_comes_back_with_what_it_said_before(link):
         first.stop(signal.SIGKILL, -signal.SIGKILL)
     link.send(back)  # heard by kelm alone
     with agent(*near_agent) as second:
-        wait_until(lambda: link.send(back) and second.read(0.1), "news of the peer")
+        wait_until(lambda: link.send(back) and second.lines(), "news of the peer")
         second.expect("up, diagnostic no-diagnostic")
         link.wire.drain()
         second.stop()

@@ -222,7 +222,7 @@ def test_sending_while_an_interface_goes_down_and_comes_back(agent, link):
     ip("-n", link.near_ns, "link", "set", "renamed", "down")
     ip("-n", link.near_ns, "link", "set", "renamed", "name", link.name)
     ip_batch(link.near_ns, f"link set {link.name} up\nlink set {link.name} down\n" * 30)
-    link.set_up_near()  # the kernel may have lost a route or address over this
+    link.set_up("near")  # the kernel may have lost a route or address over this
     expect_packets(link, IN4, IN6, L2)
 
 
@@ -234,7 +234,7 @@ def test_sending_while_an_interface_moves_away_and_ends(agent, link, namespaces)
     expect_errors(agent, IN4, IN6, L2)
     ip("-n", elsewhere, "link", "set", link.name, "netns", link.near_ns)
     assert index_of(link.near_ns, link.name) == link.near_ifindex
-    link.set_up_near()
+    link.set_up("near")
     expect_packets(link, IN4, IN6, L2)
 
     ip("-n", link.near_ns, "link", "delete", link.name)

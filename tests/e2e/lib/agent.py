@@ -167,6 +167,15 @@ class Agent:
             events.append(msg)
 
 
+def discriminators(namespace):
+    """Those of all sessions; none where kelm does not serve the namespace."""
+    try:
+        with Agent(namespace) as admin:
+            return {m.disc for m in admin.dump(protocol.SYNC, protocol.sync())}
+    except ConnectionRefusedError:
+        return set()
+
+
 def start_session(link, disc=7):
     """A packet and a session at the near end that are never idle."""
     with Agent(link.near_ns) as agent:

@@ -2,7 +2,6 @@
 """Many sessions between two namespaces, a kelm-agent at each end."""
 
 import json
-import os
 import signal
 import urllib.request
 
@@ -23,7 +22,7 @@ class CrowdedAgent(KelmAgent):
 
     def __init__(self, link, side, sessions, interval_ms, multiplier):
         peer = {"near": "far", "far": "near"}[side]
-        self.total, self.up, self.lines = sessions, set(), 0
+        self.total, self.up, self.lines_read = sessions, set(), 0
         self._metrics = f"127.0.0.1:{_METRICS_PORTS[side]}"
         super().__init__(
             [{"name": f"s{n}", "local": _address(side, n), "peer": _address(peer, n)}
@@ -35,7 +34,7 @@ class CrowdedAgent(KelmAgent):
     def start(self):
         """Does not wait: how long it takes to be ready is for the caller to measure."""
         self._offset = 0
-        self.launch()
+        self.begin()
 
     def metrics(self):
         with urllib.request.urlopen(f"http://{self._metrics}/metrics", timeout=PATIENCE) as page:
@@ -43,11 +42,11 @@ class CrowdedAgent(KelmAgent):
 
     def follow(self):
         """Takes in the log's new lines."""
-        new = os.pread(self.log_file.fileno(), 1 << 28, self._offset)
-        new = new[:new.rfind(b"\n") + 1]
-        self._offset += len(new)
+        new = self.text(self._offset)
+        new = new[:new.rfind("\n") + 1]
+        self._offset += len(new.encode())
         for line in new.splitlines():
-            self.lines += 1
+            self.lines_read += 1
             fields = json.loads(line)
             if "state" in fields:
                 (self.up.add if fields["state"] == "up" else self.up.discard)(fields["session"])
@@ -80,7 +79,7 @@ class Crowd:
         self.link.set("down", "far")
 
     def mend(self):
-        self.link.set_up_far()
+        self.link.set_up("far")
         self._route("far")
 
     def up(self):

@@ -6,12 +6,12 @@ import contextlib
 import dataclasses
 import os
 import pathlib
-import subprocess
 import tempfile
 
-from . import PATIENCE, wait_until
+from . import wait_until
 from .host import serving
 from .netns import in_namespace
+from .program import Program
 from .topology import Link, Namespaces
 
 
@@ -56,9 +56,8 @@ class Session:
 
     def configuration(self, **keys):
         """kelm-agent's end."""
-        kind = {"type": "multihop"} if self.multihop else {"interface": self.link.name}
-        return {"name": self.name, "namespace": self.link.near_ns, "local": self.near,
-                "peer": self.far, **kind, **keys}
+        kind = {"type": "multihop", "interface": None} if self.multihop else {}
+        return self.link.session(version=self.version, name=self.name, **kind, **keys)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -82,17 +81,14 @@ class Peer(abc.ABC):
         self.namespace, self.timing = namespace, timing
         self.sessions, self.auth = [], {}
         self._directory = tempfile.TemporaryDirectory()
-        self._log = open(self.path("log"), "w+")
-        self.processes = []
+        self.programs = []
 
     def path(self, name):
         return pathlib.Path(self._directory.name, name)
 
     def spawn(self, *command):
         with in_namespace(self.namespace):
-            self.processes.append(subprocess.Popen(
-                list(map(str, command)), stdin=subprocess.DEVNULL, stdout=self._log,
-                stderr=self._log, preexec_fn=lambda: os.nice(-20)))
+            self.programs.append(Program(*command, preexec_fn=lambda: os.nice(-20)))
 
     def wait_for_ports(self):
         """Until kelm would not take the namespace any more."""
@@ -103,7 +99,7 @@ class Peer(abc.ABC):
         wait_until(holds_them, lambda: f"UDP ports of the peer; it said: {self.log()}")
 
     def log(self):
-        return self.path("log").read_text(errors="replace")
+        return "".join(program.text() for program in self.programs)
 
     def configure(self, sessions=None, timing=None, auth=None):
         """What is not given stays as it was. `auth` is by interface."""
@@ -113,15 +109,11 @@ class Peer(abc.ABC):
         self.apply()
 
     def kill(self):
-        for process in self.processes:
-            process.kill()
-            process.wait(PATIENCE)
-        self.processes = []
-        self._log.truncate(0)
+        while self.programs:
+            self.programs.pop().kill()
 
     def close(self):
         self.kill()
-        self._log.close()
         self._directory.cleanup()
 
     @abc.abstractmethod
@@ -138,7 +130,7 @@ class Peer(abc.ABC):
 
     def wait_for(self, sessions, state):
         def are_they():
-            assert all(p.poll() is None for p in self.processes), f"the peer ended: {self.log()}"
+            assert all(p.process.poll() is None for p in self.programs), f"it ended: {self.log()}"
             return all(seen.state == state for seen in self.seen(sessions))
         wait_until(are_they, lambda: f"state {state} at the peer; it said: {self.log()}", poll=0.1)
 
@@ -174,8 +166,7 @@ class Bed:
     @staticmethod
     def restore(link):
         """Makes a link work again that was down at its far end, or lost packets."""
-        link.set("up", "far")
-        link.set_up_near()
-        link.set_up_far()
+        for side in ("far", "near"):
+            link.set_up(side)
         with contextlib.suppress(OSError):  # that the link was down
             link.wire.drain()

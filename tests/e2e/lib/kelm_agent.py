@@ -9,10 +9,16 @@ import socket
 import subprocess
 import tempfile
 
-from . import PATIENCE, wait_until
+from . import PATIENCE
 from .host import BUILD, KELMCTL
+from .program import Program
 
 KELM_AGENT = os.path.join(BUILD, "bin", "kelm-agent")
+
+# Machines that run tests stop for tenths of a second.
+FAST = {"min_tx": "50ms", "min_rx": "50ms", "multiplier": 24}
+DETECTION = 1.2
+DETECTION_US = 1_200_000
 
 
 def toml(value):
@@ -24,66 +30,55 @@ def toml(value):
     return json.dumps(value)  # text, numbers and booleans are the same
 
 
-def configuration(sessions, agent=None, defaults=None):
-    """Sessions are dicts with the keys of the file, '_' for '-'."""
-    def table(name, values):
-        return f"{name}\n" + "".join(f"{key.replace('_', '-')} = {toml(value)}\n"
-                                     for key, value in values.items())
-    parts = [table("[agent]", agent or {}), table("[defaults]", defaults or {})]
-    return "\n".join(parts + [table("[[session]]", session) for session in sessions])
+def table(name, values):
+    """Keys are as the file has them, but with '_' for '-'; None stands for no key."""
+    return f"{name}\n" + "".join(f"{key.replace('_', '-')} = {toml(value)}\n"
+                                 for key, value in values.items() if value is not None)
 
 
-class KelmAgent:
-    """One kelm-agent with a directory of its own, in which it can be stopped and started again."""
+class KelmAgent(Program):
+    """One kelm-agent with a directory of its own, in which it can be stopped and started again.
+    What its sessions do not say is in `defaults`."""
 
-    def __init__(self, sessions, *arguments, directory=None, agent=None, env=None, **defaults):
+    def __init__(self, sessions, arguments=(), *, directory=None, agent=None, env=None, **defaults):
         self._directory = tempfile.TemporaryDirectory()
         self.directory = pathlib.Path(directory or self._directory.name)
         self.config_file = self.directory / "agent.toml"
         self.socket = self.directory / "control.sock"
-        self.agent_table, self.defaults, self.arguments = agent, defaults, arguments
-        self.env = env
-        self.logs = []
+        self.agent_table, self.arguments, self.env = agent or {}, arguments, env
+        self.defaults = FAST | defaults
         self.configure(sessions)
         self.start()
 
     def configure(self, sessions):
-        self.config_file.write_text(configuration(sessions, self.agent_table, self.defaults))
+        self.config_file.write_text("\n".join([
+            table("[agent]", self.agent_table), table("[defaults]", self.defaults),
+            *(table("[[session]]", session) for session in sessions)]))
 
     def start(self):
-        self.launch()
-        self.wait_for(lambda line: line["message"].startswith("ready"), "'ready'")
+        self.begin()
+        self.wait_for_line("ready")
 
-    def launch(self):
-        self.log_file = tempfile.TemporaryFile("w+")
-        self.process = subprocess.Popen(
-            [KELM_AGENT, "--config", self.config_file, "--state", self.directory / "state.json",
-             "--socket", self.socket, "--log", "json", *self.arguments],
-            stdin=subprocess.DEVNULL, stderr=self.log_file, env=self.env)
+    def begin(self):
+        """Does not wait until it is ready."""
+        self.launch(KELM_AGENT, "--config", self.config_file, "--state",
+                    self.directory / "state.json", "--socket", self.socket, "--log", "json",
+                    *self.arguments, env=self.env)
 
-    def reload(self, sessions=None):
+    def restart(self, *arguments):
+        """As after a crash."""
+        self.kill()
+        self.arguments = arguments
+        self.start()
+
+    def reload(self, sessions):
         """Takes a new configuration; returns the line that tells how it went."""
-        if sessions is not None:
-            self.configure(sessions)
-        def outcomes():
-            return [line for line in self.log() if line["message"].startswith("configuration ")]
-        before = len(outcomes())
+        self.configure(sessions)
+        since = len(self.log())
         self.process.send_signal(signal.SIGHUP)
-        return wait_until(lambda: outcomes()[before:], "answer to SIGHUP")[0]
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait(PATIENCE)
-
-    def stop(self):
-        """Ends it, and expects it to end well."""
-        self.process.send_signal(signal.SIGTERM)
-        try:
-            status = self.process.wait(PATIENCE)
-        except subprocess.TimeoutExpired:
-            self.kill()
-            raise AssertionError(f"kelm-agent did not end: {self.text()}") from None
-        assert status == 0, f"exit status {status}: {self.text()}"
+        return self.wait_for(lambda: next(
+            (line for line in self.log()[since:] if line["message"].startswith("configuration ")),
+            None), "the outcome of reloading")
 
     def ctl(self, words, json_output=True, status=0):
         """kelmctl agent; the answer, or the complaint."""
@@ -115,27 +110,25 @@ class KelmAgent:
         return text
 
     def wait_for_state(self, state, session="s"):
-        wait_until(lambda: self.show(session)["state"] == state,
-                   lambda: f"state {state}; the agent said: {self.text()}")
+        self.wait_for(lambda: self.show(session)["state"] == state, f"state {state}")
 
-    def text(self):
-        return os.pread(self.log_file.fileno(), 1 << 24, 0).decode(errors="replace")
+    def wait_for_rate(self, detection_time, session="s"):
+        """Up, and past the slow beginning."""
+        self.wait_for_state("up", session)
+        self.wait_for(lambda: self.show(session)["timing"]["detection_time"] == detection_time,
+                      f"detection time of {detection_time} us")
 
     def log(self):
         """The lines since the last start."""
-        text = self.text()
         try:
-            return [json.loads(line) for line in text[:text.rfind("\n") + 1].splitlines()]
+            return list(map(json.loads, self.lines()))
         except ValueError:
-            raise AssertionError(text) from None
+            raise AssertionError(self.text()) from None
 
-    def wait_for(self, wanted, what):
-        """The first line of the log that is wanted."""
-        def look():
-            found = next((line for line in self.log() if wanted(line)), None)
-            assert found or self.process.poll() is None, f"kelm-agent ended: {self.text()}"
-            return found
-        return wait_until(look, lambda: f"{what} from kelm-agent; it said: {self.text()}")
+    def wait_for_line(self, text, since=0):
+        """The first line of the log with this text; `since` skips earlier ones."""
+        return self.wait_for(lambda: next((line for line in self.log()[since:]
+                                           if text in line["message"]), None), repr(text))
 
     def changes(self, session=None):
         """(previous state, state) of each change that it has logged."""
@@ -144,13 +137,9 @@ class KelmAgent:
 
     def wait_for_change(self, state, session=None, since=0):
         """The line that tells of the session's change to this state; `since` skips earlier ones."""
-        def is_it(line):
-            return line.get("state") == state and session in (None, line["session"])
-        def look():
-            found = [line for line in self.log()[since:] if is_it(line)]
-            assert found or self.process.poll() is None, f"kelm-agent ended: {self.text()}"
-            return found
-        return wait_until(look, lambda: f"change to {state}; it said: {self.text()}")[0]
+        return self.wait_for(lambda: next(
+            (line for line in self.log()[since:] if line.get("state") == state
+             and session in (None, line["session"])), None), f"change to {state}")
 
     def close(self):
         if self.process.poll() is None:

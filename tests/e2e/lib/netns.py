@@ -79,3 +79,11 @@ def delete(name):
     path = f"/run/netns/{name}"
     _call("umount2", path.encode(), _MNT_DETACH)
     os.unlink(path)
+
+
+def sysctl(namespace, **settings):
+    """Below net/; names have '__' for '/'."""
+    with in_namespace(namespace):
+        for name, value in settings.items():
+            with open("/proc/sys/net/" + name.replace("__", "/"), "w") as file:
+                file.write(str(value))

@@ -10,8 +10,8 @@ from .protocol import NLM_F_ACK, NLM_F_REQUEST, message, parse
 
 _NLM_F_REPLACE, _NLM_F_EXCL, _NLM_F_CREATE = 0x100, 0x200, 0x400
 _RTM_NEWLINK, _RTM_NEWADDR, _RTM_NEWNEIGH = 16, 20, 28
-_IFLA_ADDRESS, _IFLA_IFNAME, _IFLA_LINKINFO, _IFLA_AF_SPEC, _IFLA_NET_NS_FD = 1, 3, 18, 26, 28
-_IFLA_INFO_KIND, _IFLA_INFO_DATA, _VETH_INFO_PEER, _IFLA_INET6_ADDR_GEN_MODE = 1, 2, 1, 8
+_IFLA_ADDRESS, _IFLA_IFNAME, _IFLA_LINKINFO, _IFLA_NET_NS_FD = 1, 3, 18, 28
+_IFLA_INFO_KIND, _IFLA_INFO_DATA, _VETH_INFO_PEER = 1, 2, 1
 _IFA_ADDRESS, _IFA_LOCAL, _IFA_F_NODAD = 1, 2, 0x02
 _NDA_DST, _NDA_LLADDR, _NUD_PERMANENT = 1, 2, 0x80
 _IFF_UP = 1
@@ -71,13 +71,6 @@ def add_veth(name, *ends):
 def set_link(namespace, interface, up):
     _request(namespace, _RTM_NEWLINK,
              _link(ifindex(namespace, interface), _IFF_UP if up else 0, _IFF_UP))
-
-
-def no_addresses_of_its_own(namespace, interface):
-    """Link-local ones, which the kernel would make."""
-    none = _attribute(_IFLA_INET6_ADDR_GEN_MODE, b"\1")
-    _request(namespace, _RTM_NEWLINK, _link(ifindex(namespace, interface)) +
-             _attribute(_IFLA_AF_SPEC, _attribute(socket.AF_INET6, none)))
 
 
 def replace_address(namespace, interface, address, prefix):

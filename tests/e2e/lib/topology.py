@@ -9,7 +9,7 @@ import subprocess
 import time
 
 from . import PATIENCE, bfd, netns, rtnetlink
-from .netns import in_namespace
+from .netns import in_namespace, sysctl
 
 _SO_TIMESTAMPNS = 35
 _ETH_P_ALL = 3
@@ -91,23 +91,28 @@ class Link:
         self.near6, self.far6 = f"fd00:{n + 1}::1", f"fd00:{n + 1}::2"
         self.near_mac, self.far_mac = f"02:00:00:00:0{n}:01", f"02:00:00:00:0{n}:02"
         rtnetlink.add_veth(self.name, (near, self.near_mac), (far, self.far_mac))
-        self.near_ifindex = self.set_up_near()
-        self.set_up_far()
+        self.near_ifindex = self.set_up("near")
+        self.set_up("far")
         self.wire = Wire(far, self.name)
 
-    def set_up_near(self):
-        """For the near interface as it is when new, or after changes; returns its index."""
-        return self._set_up(self.near_ns, (self.near4, self.near6), (self.far4, self.far6),
-                            self.far_mac)
+    def _end(self, side):
+        """(namespace, own addresses, peer's addresses, peer's MAC address)"""
+        near, far = (self.near4, self.near6), (self.far4, self.far6)
+        return (self.near_ns, near, far, self.far_mac) if side == "near" else \
+            (self.far_ns, far, near, self.near_mac)
 
-    def set_up_far(self):
-        return self._set_up(self.far_ns, (self.far4, self.far6), (self.near4, self.near6),
-                            self.near_mac)
+    def session(self, side="near", version=4, **keys):
+        """As the configuration of kelm-agent at this end has it."""
+        namespace, own, peers, _ = self._end(side)
+        return {"name": "s", "namespace": namespace, "interface": self.name,
+                "local": own[version == 6], "peer": peers[version == 6], **keys}
 
-    def _set_up(self, namespace, own, peers, peer_mac):
-        """Addresses and neighbours that are known, so that no test waits for their discovery."""
+    def set_up(self, side):
+        """The interface as it is when new, or after changes; returns its index. Its neighbours are
+        known, so that no test waits for their discovery, and it has no address of its own."""
+        namespace, own, peers, peer_mac = self._end(side)
         where = namespace, self.name
-        rtnetlink.no_addresses_of_its_own(*where)
+        sysctl(namespace, **{f"ipv6__conf__{self.name}__addr_gen_mode": 1})
         for address, prefix in zip(own, (24, 64)):
             rtnetlink.replace_address(*where, address, prefix)
         rtnetlink.set_link(*where, True)
@@ -154,13 +159,12 @@ class Link:
 
     def set(self, state, side="near"):
         """Up or down."""
-        rtnetlink.set_link(self.near_ns if side == "near" else self.far_ns, self.name, state == "up")
+        rtnetlink.set_link(self._end(side)[0], self.name, state == "up")
 
     def lose(self, version=4, side="near"):
         """Packets from this side get lost from now on, those to it do not."""
-        near, far = self.addresses(version)
-        namespace, peer = (self.near_ns, far) if side == "near" else (self.far_ns, near)
-        rtnetlink.replace_neighbour(namespace, self.name, peer, "02:00:00:00:ff:ff")
+        namespace, _, peers, _ = self._end(side)
+        rtnetlink.replace_neighbour(namespace, self.name, peers[version == 6], "02:00:00:00:ff:ff")
 
 
 class Namespaces:
