@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // Socket buffers, and the frames that are built in them.
-#include <cerrno>
 #include <numeric>
 
 #include "hex.h"
@@ -33,59 +32,6 @@ class skbuff : public testing::Test
 };
 
 using skbuff_death = skbuff;
-
-TEST_F(skbuff, expansion_gives_room_at_both_ends_and_keeps_everything_else)
-{
-    sk_buff *skb = hosted::skb_copy_bytes(counted(20), 5, GFP_KERNEL);
-    skb->mac_header = 1;
-    skb->network_header = 3;
-    sk_buff *clone = hosted::skb_clone(skb, GFP_KERNEL);
-    ASSERT_EQ(pskb_expand_head(skb, 40, 7, GFP_ATOMIC), 0);
-    EXPECT_EQ(contents(skb), counted(20));
-    EXPECT_EQ(skb_data(skb) - skb_mac_header(skb), 4);
-    EXPECT_EQ(skb_data(skb) - skb_network_header(skb), 2);
-    EXPECT_EQ(skb_tailroom(skb), 7U);
-    std::memset(skb_push(skb, 45), 0, 45);
-    EXPECT_EQ(contents(clone), counted(20));
-    consume_skb(clone);
-
-    const bytes before = contents(skb);
-    w.fail(service::skb_reallocation, -ENOMEM);
-    EXPECT_EQ(pskb_expand_head(skb, 40, 0, GFP_ATOMIC), -ENOMEM);
-    EXPECT_EQ(contents(skb), before);
-    consume_skb(skb);
-}
-
-TEST_F(skbuff, linearize_cow_makes_data_contiguous_and_private)
-{
-    sk_buff *plain = hosted::skb_copy_bytes(counted(30), 4, GFP_KERNEL);
-    const std::uint8_t *data = skb_data(plain);
-    w.fail(service::skb_reallocation, -ENOMEM); // not asked for
-    EXPECT_EQ(skb_linearize_cow(plain), 0);
-    EXPECT_EQ(skb_data(plain), data);
-    w.fail(service::skb_reallocation, 0);
-
-    sk_buff *clone = hosted::skb_clone(plain, GFP_KERNEL);
-    ASSERT_EQ(skb_linearize_cow(plain), 0);
-    skb_data(plain)[0] = 0xff;
-    EXPECT_EQ(contents(clone), counted(30));
-    consume_skb(plain);
-
-    for (const unsigned int keep : {0U, 1U, 29U, 30U}) {
-        sk_buff *split = hosted::skb_copy_bytes(counted(30), 4, GFP_KERNEL);
-        ASSERT_TRUE(hosted::skb_make_nonlinear(split, keep));
-        EXPECT_EQ(skb_len(split), 30U);
-        EXPECT_EQ(skb_tailroom(split), 0U);
-        w.fail(service::allocation, -ENOMEM);
-        EXPECT_EQ(skb_linearize_cow(split), -ENOMEM);
-        EXPECT_EQ(skb_len(split), 30U);
-        ASSERT_EQ(skb_linearize_cow(split), 0);
-        EXPECT_EQ(contents(split), counted(30));
-        EXPECT_EQ(skb_data(split) - skb_head(split), 4);
-        consume_skb(split);
-    }
-    consume_skb(clone);
-}
 
 TEST_F(skbuff_death, running_over_the_room_ends_the_process)
 {
