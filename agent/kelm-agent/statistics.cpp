@@ -9,7 +9,12 @@ namespace kelm_agent
 namespace
 {
 
-constexpr std::chrono::milliseconds patience{50};
+// How long kelm may take before the last known numbers have to do.
+std::chrono::microseconds patience(std::size_t sessions)
+{
+    using namespace std::chrono_literals;
+    return 20ms + sessions * 5us;
+}
 
 } // namespace
 
@@ -43,7 +48,7 @@ void statistics::refresh(const std::vector<const session_driver *> &wanted,
     made->awaited = 1; // until all have been asked
     for (const auto &[where, discriminators] : by_vrf)
         ask(*where, discriminators.size() == 1 ? discriminators.front() : 0, made);
-    made->patience = loop_.after(patience, [made] { made->end(); });
+    made->patience = loop_.after(patience(wanted.size()), [made] { made->end(); });
     made->on_answer();
 }
 
