@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <deque>
+#include <filesystem>
+#include <glob.h>
 #include <map>
 #include <set>
 #include <sys/socket.h>
@@ -19,10 +22,10 @@ namespace
 
 constexpr std::int64_t most_32_bits = 0xffffffff;
 
-// Keys allowed in [defaults].
+// Keys allowed in [defaults] and in profiles.
 constexpr std::string_view default_keys[] = {
-    "namespace",  "interface", "local",        "min-tx", "min-rx",
-    "multiplier", "role",      "ttl-security", "auth",   "type",
+    "namespace",  "interface", "local",        "min-tx", "min-rx",    "type",
+    "multiplier", "role",      "ttl-security", "auth",   "on-change",
 };
 
 // Needs no quoting in a log line or a metric.
@@ -76,8 +79,13 @@ class reader
     agent_config read(const toml::table &root);
 
   private:
+    void include(const toml::array &patterns);
+    void include_matches(const toml::node &at, const std::string &pattern);
     void read_agent(const toml::table &, agent_config &);
+    void read_profiles(config_section &);
+    void read_sessions(config_section &, agent_config &);
     void check_defaults(const toml::table &);
+    std::vector<const toml::table *> others_for(const toml::table &session);
     void read_session(const toml::table &, agent_config &);
     std::string read_name(config_section &);
     void read_place(config_section &, session_config &);
@@ -85,6 +93,7 @@ class reader
     void read_timing(config_section &, session_config &);
     void read_security(config_section &, session_config &);
     void read_kind(config_section &, session_config &);
+    void read_on_change(config_section &, session_config &);
     void read_echo(config_section &, session_config &);
     void read_peer_mac(config_section &, session_config &);
     void add_guard(config_section &, agent_config &, const session_config &);
@@ -94,7 +103,10 @@ class reader
 
     std::string file_;
     std::vector<std::string> &warnings_;
-    const toml::table *defaults_ = nullptr; // not a copy: copies lose their line numbers
+    // Not copies: those lose their line numbers.
+    const toml::table *defaults_ = nullptr;
+    std::map<std::string, const toml::table *, std::less<>> profiles_;
+    std::deque<toml::table> included_;
     std::set<std::string> names_;
     std::map<std::string, std::string> identities_; // session names, by identity
     // Names of sessions with an interface, by their identity without it.
@@ -104,16 +116,68 @@ class reader
 agent_config reader::read(const toml::table &root)
 {
     agent_config config;
-    config_section section(root, file_);
-    if (const auto *agent = section.find("agent"))
-        read_agent(section.as_table(*agent, "agent"), config);
-    if (const auto *defaults = section.find("defaults"))
-        check_defaults(section.as_table(*defaults, "defaults"));
+    std::deque<config_section> sections;
+    config_section &main = sections.emplace_back(root, file_);
+    if (const auto *patterns = main.find("include"))
+        include(main.as_array(*patterns, "include"));
+    for (const auto &each : included_)
+        sections.emplace_back(each, file_);
+    if (const auto *agent = main.find("agent"))
+        read_agent(main.as_table(*agent, "agent"), config);
+    if (const auto *defaults = main.find("defaults")) {
+        defaults_ = &main.as_table(*defaults, "defaults");
+        check_defaults(*defaults_);
+    }
+    for (auto &each : sections)
+        read_profiles(each);
+    for (auto &each : sections) {
+        read_sessions(each, config);
+        each.expect_no_more();
+    }
+    return config;
+}
+
+void reader::include(const toml::array &patterns)
+{
+    config_section any({}, file_);
+    for (const auto &each : patterns)
+        include_matches(each, any.as_text(each, "include"));
+}
+
+// In the order of their names. A pattern may match nothing, a name must exist.
+void reader::include_matches(const toml::node &at, const std::string &pattern)
+{
+    const std::string path = std::filesystem::path(file_).parent_path() / pattern;
+    glob_t found = {};
+    const int result = glob(path.c_str(), 0, nullptr, &found);
+    const std::unique_ptr<glob_t, void (*)(glob_t *)> owner(&found, globfree);
+    const bool is_pattern = pattern.find_first_of("*?[") != std::string::npos;
+    if (result != 0 && !(result == GLOB_NOMATCH && is_pattern))
+        throw config_error(file_, at.source().begin.line, "cannot include " + path);
+    for (std::size_t i = 0; i < found.gl_pathc; ++i) {
+        const std::string name = found.gl_pathv[i];
+        included_.push_back(toml::parse(read_whole_file(name), name));
+    }
+}
+
+void reader::read_profiles(config_section &section)
+{
+    const toml::node *profiles = section.find("profile");
+    if (profiles == nullptr)
+        return;
+    for (const auto &[name, node] : section.as_table(*profiles, "profile")) {
+        const toml::table &profile = section.as_table(node, "profile");
+        check_defaults(profile);
+        if (!profiles_.emplace(name.str(), &profile).second)
+            section.fail(node, "duplicate profile '" + std::string(name.str()) + "'");
+    }
+}
+
+void reader::read_sessions(config_section &section, agent_config &config)
+{
     if (const auto *sessions = section.find("session"))
         for (const auto &each : section.as_array(*sessions, "session"))
             read_session(section.as_table(each, "session"), config);
-    section.expect_no_more();
-    return config;
 }
 
 void reader::read_agent(const toml::table &table, agent_config &config)
@@ -139,12 +203,29 @@ void reader::check_defaults(const toml::table &table)
     (void)section.address("local");
     read_timing(section, any);
     read_security(section, any);
-    defaults_ = &table;
+    read_on_change(section, any);
+}
+
+// Where a session's values come from that it does not have itself.
+std::vector<const toml::table *> reader::others_for(const toml::table &session)
+{
+    std::vector<const toml::table *> others;
+    config_section section(session, file_);
+    if (const auto *profile = section.find("profile")) {
+        const auto found = profiles_.find(section.as_text(*profile, "profile"));
+        if (found == profiles_.end())
+            section.fail(*profile, "there is no such profile");
+        others.push_back(found->second);
+    }
+    if (defaults_ != nullptr)
+        others.push_back(defaults_);
+    return others;
 }
 
 void reader::read_session(const toml::table &table, agent_config &config)
 {
-    config_section section(table, file_, defaults_);
+    config_section section(table, file_, others_for(table));
+    (void)section.find_own("profile");
     session_config session;
     session.name = read_name(section);
     session.admin_down = section.flag("admin-down", false);
@@ -154,6 +235,7 @@ void reader::read_session(const toml::table &table, agent_config &config)
     read_timing(section, session);
     read_security(section, session);
     read_kind(section, session);
+    read_on_change(section, session);
     const std::vector<std::string> members = read_members(section, session);
     section.expect_no_more();
 
@@ -259,6 +341,15 @@ void reader::read_kind(config_section &section, session_config &session)
             section.require("remote-discriminator"), "remote-discriminator", 1, most_32_bits));
 }
 
+void reader::read_on_change(config_section &section, session_config &session)
+{
+    session.on_change = section.text("on-change", "");
+    if (!session.on_change.empty() && !session.on_change.starts_with('/'))
+        section.fail(section.require("on-change"),
+                     "'on-change' must be the full path of a program, as in "
+                     "\"/usr/local/bin/bfd-changed\"");
+}
+
 void reader::read_echo(config_section &section, session_config &session)
 {
     if (session.kind == session_kind::single_hop)
@@ -362,7 +453,9 @@ agent_config parse_config(const std::string &text, const std::string &file,
     try {
         return reader(file, warnings).read(toml::parse(text, file));
     } catch (const toml::parse_error &problem) {
-        throw config_error(file, problem.source().begin.line, std::string(problem.description()));
+        const auto &path = problem.source().path;
+        throw config_error(path ? *path : file, problem.source().begin.line,
+                           std::string(problem.description()));
     }
 }
 

@@ -39,7 +39,8 @@ bool is_ipv4_in_ipv6(const kelm::ip_address &address)
 
 void config_section::fail(const toml::node &at, const std::string &text) const
 {
-    throw config_error(file_, at.source().begin.line, text);
+    const toml::source_region &where = at.source();
+    throw config_error(where.path ? *where.path : file_, where.begin.line, text);
 }
 
 const toml::node *config_section::find_own(std::string_view key)
@@ -51,7 +52,9 @@ const toml::node *config_section::find_own(std::string_view key)
 const toml::node *config_section::find(std::string_view key)
 {
     const toml::node *found = find_own(key);
-    return found == nullptr && defaults_ != nullptr ? defaults_->get(key) : found;
+    for (auto other = others_.begin(); found == nullptr && other != others_.end(); ++other)
+        found = (*other)->get(key);
+    return found;
 }
 
 const toml::node &config_section::require(std::string_view key)
@@ -158,7 +161,8 @@ void config_section::expect_no_more() const
         std::string keys;
         for (const auto &known : known_)
             keys += (keys.empty() ? "" : ", ") + known;
-        throw config_error(file_, key.source().begin.line,
+        const toml::source_region &where = key.source();
+        throw config_error(where.path ? *where.path : file_, where.begin.line,
                            "unknown key " + quoted(key.str()) + "; known here: " + keys);
     }
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // One table of the configuration file, read key by key. Each accessor checks type and range, and
-// throws config_error with the line of the mistake.
+// throws config_error with file and line of the mistake.
 #pragma once
 
 #include <functional>
@@ -16,16 +16,17 @@ namespace kelm_agent
 class config_section
 {
   public:
-    // `defaults`, which outlives the section, provides values for missing keys.
+    // The others, which outlive the section, provide values for missing keys: the first one that
+    // has it.
     config_section(const toml::table &table, std::string file,
-                   const toml::table *defaults = nullptr)
-        : table_(table), file_(std::move(file)), defaults_(defaults)
+                   std::vector<const toml::table *> others = {})
+        : table_(table), file_(std::move(file)), others_(std::move(others))
     {
     }
 
     // Null if the key is missing. Registers the key as a known one.
     const toml::node *find(std::string_view key);
-    // The same without the defaults.
+    // The same without the other tables.
     const toml::node *find_own(std::string_view key);
     const toml::node &require(std::string_view key);
 
@@ -50,12 +51,13 @@ class config_section
     [[noreturn]] void fail(const toml::node &at, const std::string &text) const;
     [[noreturn]] void fail(const std::string &text) const { fail(table_, text); }
 
+    // The main file, whose directory relative paths begin in.
     const std::string &file() const { return file_; }
 
   private:
     const toml::table &table_;
     std::string file_;
-    const toml::table *defaults_;
+    std::vector<const toml::table *> others_;
     std::set<std::string, std::less<>> known_;
 };
 

@@ -52,7 +52,9 @@ struct session_config {
     kelm_microsecs min_echo_rx = 0; // how often the peer may send echo packets; 0: never
 
     kelm::ip_address source; // echo: the packets' source address, if not `local`
-    std::string guards;      // echo: the session that fails with it, RFC 5880 section 6.8.5
+    std::string on_change;   // program to run when the state changes; empty: none
+
+    std::string guards; // echo: the session that fails with it, RFC 5880 section 6.8.5
 
     bool operator==(const session_config &) const = default;
 };

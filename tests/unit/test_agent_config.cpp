@@ -130,7 +130,8 @@ TEST(agent_config, mistakes_are_told_with_their_line)
         std::string told;
     } cases[] = {
         {"[[session]\n", "1: "},
-        {"\n[sesion]\n", "2: unknown key 'sesion'; known here: agent, defaults, session"},
+        {"\n[sesion]\n",
+         "2: unknown key 'sesion'; known here: agent, defaults, include, profile, session"},
         {"[[session]]\nlocal = \"10.0.0.1\"\n", "1: 'name' is missing"},
         {"[[session]]\nname = \"a b\"\n", "2: 'name' must be a word"},
         {"[[session]]\nname = \"s\"\nlocal = \"10.0.0.300\"\n", "3: 'local' must be an IPv4"},
@@ -187,6 +188,10 @@ TEST(agent_config, mistakes_are_told_with_their_line)
         {"[agent]\nmetrics-listen = \"[::1]:0\"\n", "2: 'metrics-listen' must be an address"},
         {"[defaults]\nname = \"s\"\n", "2: unknown key 'name'"},
         {"session = 5\n", "1: 'session' must be a list"},
+        {"include = [\"missing.toml\"]\n", "1: cannot include missing.toml"},
+        {"[profile.p]\nmin-tx = 5\n", "2: 'min-tx' must be a time"},
+        {"[[session]]\nname = \"s\"\nprofile = \"p\"\n", "3: there is no such profile"},
+        {"[defaults]\non-change = \"program\"\n", "2: 'on-change' must be the full path"},
     };
     for (const auto &c : cases)
         EXPECT_EQ(complaint(c.text).substr(0, c.told.size()), c.told) << c.text;
@@ -236,6 +241,32 @@ TEST(agent_config, keys_come_from_files_beside_the_configuration)
     EXPECT_THROW(parse_config(auth("long"), file, warnings), config_error);
     EXPECT_THROW(parse_config(auth("new", 9, 9), file, warnings), config_error);
     EXPECT_THROW(parse_config(auth("new", 7, 8), file, warnings), config_error); // none to send
+}
+
+// A session's own values come first, then those of its profile, then the defaults.
+TEST(agent_config, profiles_and_included_files)
+{
+    namespace fs = std::filesystem;
+    std::string pattern = fs::temp_directory_path() / "kelm-test-XXXXXX";
+    const fs::path directory = mkdtemp(pattern.data());
+    std::ofstream(directory / "b.toml") << start << "profile = \"fast\"\nmultiplier = 9\n";
+    std::ofstream(directory / "a.toml") << "[profile.fast]\nmin-tx = \"10ms\"\nmultiplier = 7\n";
+    const std::string file = directory / "agent.toml";
+    const std::string text = "include = [\"[ab].toml\", \"none-*\"]\n"
+                             "[defaults]\nmin-tx = \"1s\"\nmin-rx = \"2s\"\n";
+    const session_config session = parse(text, file).sessions.at(0);
+    EXPECT_EQ(session.timing, (intervals{10'000, 2'000'000}));
+    EXPECT_EQ(session.multiplier, 9);
+    for (const char *mistake : {"[agent]\n", "[profile.fast]\nmin-tx = 5\n", "oops"}) {
+        std::ofstream(directory / "a.toml") << mistake;
+        try {
+            parse(text, file);
+            ADD_FAILURE() << mistake;
+        } catch (const config_error &problem) {
+            EXPECT_NE(std::string(problem.what()).find("/a.toml:"), std::string::npos);
+        }
+    }
+    fs::remove_all(directory);
 }
 
 } // namespace
