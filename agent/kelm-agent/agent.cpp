@@ -136,6 +136,8 @@ void agent::retire(const std::string &name)
 {
     session_driver &retired = sessions_.retire(name);
     log_.info("session " + name + ": removed", {{"session", name}});
+    changes_.tell(retired, {std::chrono::system_clock::now(), retired.bfd().state().state,
+                            BFD_STATE_ADMIN_DOWN, retired.bfd().state().diag, "removed"});
     statistics_.forget(retired.bfd().discriminator());
     restart_.add_orphan({retired.where().netns(), retired.bfd().discriminator()});
     retired.retire();
@@ -206,11 +208,12 @@ void agent::refresh_statistics(const std::vector<std::string> &names, event_loop
     statistics_.refresh(wanted, std::move(done));
 }
 
-std::vector<namespace_counters> agent::counted_by_namespace() const
+std::vector<namespace_report> agent::report_by_namespace() const
 {
-    std::vector<namespace_counters> all;
+    std::vector<namespace_report> all;
     for (const auto &[netns, each] : places_)
-        all.push_back({netns, each->reconciling.overruns(), each->watch.lost()});
+        all.push_back({netns, each->connection.is_connected() ? 1U : 0U, each->to_act.size(),
+                       each->reconciling.overruns(), each->watch.lost()});
     return all;
 }
 

@@ -6,6 +6,7 @@
 
 #include <deque>
 
+#include "kelm-agent/change_feed.h"
 #include "kelm-agent/loss_watch.h"
 #include "kelm-agent/reconciler.h"
 #include "kelm-agent/slices.h"
@@ -25,11 +26,13 @@ struct agent_options {
     };
 };
 
-// What went wrong between kelm and the agent in one namespace, since the agent started.
-struct namespace_counters {
+// How it goes between kelm and the agent in one namespace.
+struct namespace_report {
     std::string netns;
-    std::uint64_t overruns; // of the queue of kelm's events
-    std::uint64_t lost;     // sessions that kelm no longer had
+    std::uint64_t connected; // 1, or 0
+    std::uint64_t waiting;   // sessions with events that have not been acted on
+    std::uint64_t overruns;  // of the queue of kelm's events, since the agent started
+    std::uint64_t lost;      // sessions that kelm no longer had
 };
 
 class agent final : private vrf::listener, private session_driver::listener
@@ -53,7 +56,10 @@ class agent final : private vrf::listener, private session_driver::listener
     // Asks kelm for what it has counted for these sessions; `done` is called soon in any case.
     void refresh_statistics(const std::vector<std::string> &names, event_loop::callback done);
     const counters &counted(const session_driver &session) const { return statistics_.of(session); }
-    std::vector<namespace_counters> counted_by_namespace() const;
+    std::vector<namespace_report> report_by_namespace() const;
+
+    // Changes of state of all sessions.
+    change_feed &changes() { return changes_; }
 
   private:
     // One namespace.
@@ -79,6 +85,10 @@ class agent final : private vrf::listener, private session_driver::listener
     void on_links_changed(vrf &) override;
 
     void on_state_change() override { record_.change_of_state(); }
+    void on_change(const session_driver &changed, const change &what) override
+    {
+        changes_.tell(changed, what);
+    }
     void on_record_change() override { record_.change(); }
     void on_suspicion(session_driver &) override;
     void on_removed(session_driver &, bool is_certain) override;
@@ -101,6 +111,7 @@ class agent final : private vrf::listener, private session_driver::listener
     event_loop &loop_;
     const logger &log_;
     agent_options options_;
+    change_feed changes_;
     restart restart_;
     std::map<std::string, std::unique_ptr<place>> places_; // by namespace; outlive the sessions
     session_set sessions_;

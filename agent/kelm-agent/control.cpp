@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include "kelm-agent/change_stream.h"
 #include "kelm-agent/session_report.h"
 #include "libkelm/error.h"
 
@@ -106,23 +107,45 @@ stream_server::writer show_history(const agent &running, const std::vector<std::
     });
 }
 
-void answer(agent &running, const json &request, const stream_server::reply &reply)
+void answer(agent &running, reloader &configuration, const json &request,
+            const stream_server::reply &reply)
 {
     const std::string command = request.at("command");
     const std::vector<std::string> names = names_in(running, request);
-    if (command == "show")
-        return running.refresh_statistics(
-            names, [&running, names, reply] { reply(show(running, names)); });
-    if (command == "history")
-        return reply(show_history(running, names));
-    if (command == "down" || command == "up") {
-        if (!request.contains("sessions") || request.at("sessions").empty())
+    const bool is_of_all = !request.contains("sessions") || request.at("sessions").empty();
+    if (command == "show") {
+        running.refresh_statistics(names,
+                                   [&running, names, reply] { reply(show(running, names)); });
+    } else if (command == "history") {
+        reply(show_history(running, names));
+    } else if (command == "subscribe") {
+        change_stream::send(running, names, is_of_all, reply);
+    } else if (command == "reload") {
+        configuration.reload([reply](const std::string &problem) {
+            reply(stream_server::whole(short_answer(problem)));
+        });
+    } else if (command == "down" || command == "up") {
+        if (is_of_all)
             throw std::out_of_range("no sessions given");
         for (const auto &name : names)
             running.set_admin_down(name, command == "down");
-        return reply(stream_server::whole(short_answer("")));
+        reply(stream_server::whole(short_answer("")));
+    } else {
+        throw std::out_of_range("unknown command '" + command + "'");
     }
-    throw std::out_of_range("unknown command '" + command + "'");
+}
+
+// A request may have any content; it is answered now or soon.
+void answer_text(agent &running, reloader &configuration, const std::string &request,
+                 const stream_server::reply &reply)
+{
+    try {
+        answer(running, configuration, json::parse(request), reply);
+    } catch (const std::out_of_range &problem) {
+        reply(stream_server::whole(short_answer(problem.what())));
+    } catch (const json::exception &) {
+        reply(stream_server::whole(short_answer("malformed request")));
+    }
 }
 
 sockaddr_un address_of(const std::string &path)
@@ -174,32 +197,21 @@ kelm::unique_fd listen_at(const std::string &path)
 
 } // namespace
 
-void answer_control_request(agent &running, const std::string &request, stream_server::reply reply)
-{
-    try {
-        answer(running, json::parse(request), reply);
-    } catch (const std::out_of_range &problem) {
-        reply(stream_server::whole(short_answer(problem.what())));
-    } catch (const json::exception &) {
-        reply(stream_server::whole(short_answer("malformed request")));
-    }
-}
-
 control_socket::control_socket(event_loop &loop, const std::string &path)
     : loop_(loop), path_(path), listening_(listen_at(path))
 {
 }
 
-void control_socket::serve(agent &running)
+void control_socket::serve(agent &running, reloader &configuration)
 {
-    server_.emplace(loop_, std::move(listening_),
-                    [&running](const std::string &received, stream_server::reply reply) {
-                        const std::size_t end = received.find('\n');
-                        if (end == std::string::npos)
-                            return false;
-                        answer_control_request(running, received.substr(0, end), std::move(reply));
-                        return true;
-                    });
+    const auto answer = [&](const std::string &received, const stream_server::reply &reply) {
+        const std::size_t end = received.find('\n');
+        if (end == std::string::npos)
+            return false;
+        answer_text(running, configuration, received.substr(0, end), reply);
+        return true;
+    };
+    server_.emplace(loop_, std::move(listening_), answer);
 }
 
 control_socket::~control_socket()

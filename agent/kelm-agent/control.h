@@ -6,19 +6,18 @@
 //   {"command": "show", "sessions": ["name", ...]}        all sessions if none is named
 //   {"command": "history", "sessions": ["name", ...]}
 //   {"command": "down", "sessions": ["name", ...]}        and "up": administratively
+//   {"command": "reload"}                                 answered when the outcome is known
+//   {"command": "subscribe", "sessions": ["name", ...]}   answered with a line for each session,
+//                                                         then with one for every change
 //
 //   {"ok": true, "sessions": [{...}, ...]}                 or "changes", or neither
 //   {"ok": false, "error": "a sentence"}
 #pragma once
 
-#include "kelm-agent/agent.h"
-#include "kelm-agent/stream_server.h"
+#include "kelm-agent/reloader.h"
 
 namespace kelm_agent
 {
-
-// Answers one request, of any content, now or soon. The agent outlives the answer.
-void answer_control_request(agent &, const std::string &request, stream_server::reply);
 
 class control_socket
 {
@@ -30,7 +29,7 @@ class control_socket
     control_socket &operator=(const control_socket &) = delete;
 
     // Requests are answered from now on.
-    void serve(agent &);
+    void serve(agent &, reloader &);
 
   private:
     event_loop &loop_;

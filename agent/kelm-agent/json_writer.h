@@ -35,6 +35,12 @@ class json_writer
 
     // What has been written since the last call.
     std::string take() { return std::exchange(text_, {}); }
+    // The same as a line of its own; another value may follow.
+    std::string take_line()
+    {
+        needs_comma_ = false;
+        return take() + "\n";
+    }
 
   private:
     void begin(std::string_view key, char bracket);

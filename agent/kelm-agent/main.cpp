@@ -7,10 +7,8 @@
 #include <iostream>
 #include <systemd/sd-daemon.h>
 
-#include "kelm-agent/agent.h"
-#include "kelm-agent/config.h"
+#include "kelm-agent/change_programs.h"
 #include "kelm-agent/control.h"
-#include "kelm-agent/metrics.h"
 #include "kelm-agent/system_event_loop.h"
 
 namespace
@@ -77,15 +75,6 @@ std::string count_of_sessions(const agent_config &config)
     return std::to_string(count) + (count == 1 ? " session" : " sessions");
 }
 
-agent_config load(const std::string &file, const logger &log)
-{
-    std::vector<std::string> warnings;
-    agent_config config = load_config(file, warnings);
-    for (const auto &warning : warnings)
-        log.warning(warning);
-    return config;
-}
-
 int check_config(const options &chosen)
 {
     std::vector<std::string> warnings;
@@ -94,23 +83,6 @@ int check_config(const options &chosen)
         std::cerr << "kelm-agent: warning: " << warning << '\n';
     std::cout << chosen.config_file << ": " << count_of_sessions(config) << '\n';
     return EXIT_SUCCESS;
-}
-
-// An invalid configuration changes nothing.
-void reload(agent &running, metrics_exporter &metrics, const options &chosen, const logger &log)
-{
-    sd_notify(0, "RELOADING=1");
-    try {
-        const agent_config config = load(chosen.config_file, log);
-        metrics.configure(config);
-        running.reconfigure(config, [&log] {
-            log.info("configuration reloaded");
-            sd_notify(0, "READY=1");
-        });
-    } catch (const std::exception &problem) {
-        log.error(std::string("configuration not changed: ") + problem.what());
-        sd_notify(0, "READY=1");
-    }
 }
 
 // A reboot empties /run.
@@ -149,14 +121,16 @@ class watchdog
 int run(const options &chosen, const logger &log)
 {
     system_event_loop loop;
-    const agent_config config = load(chosen.config_file, log);
+    const agent_config config = load_config_with_log(chosen.config_file, log);
     make_directory_of(chosen.control_socket);
     make_directory_of(chosen.state_file);
     control_socket control(loop, chosen.control_socket); // first: fails if another agent is running
     agent running(loop, log, {chosen.state_file, chosen.sole_agent}, config);
-    control.serve(running);
+    const change_programs programs(loop, log, running.changes());
     metrics_exporter metrics(loop, log, running);
     metrics.configure(config);
+    reloader configuration(chosen.config_file, log, running, metrics);
+    control.serve(running, configuration);
 
     const auto stop = [&] {
         sd_notify(0, "STOPPING=1");
@@ -167,7 +141,8 @@ int run(const options &chosen, const logger &log)
     };
     const auto on_term = loop.on_signal(SIGTERM, stop);
     const auto on_interrupt = loop.on_signal(SIGINT, stop);
-    const auto on_hangup = loop.on_signal(SIGHUP, [&] { reload(running, metrics, chosen, log); });
+    const auto on_hangup =
+        loop.on_signal(SIGHUP, [&] { configuration.reload([](const auto &) {}); });
     const watchdog alive(loop);
     log.info("ready: " + count_of_sessions(config));
     sd_notify(0, "READY=1");

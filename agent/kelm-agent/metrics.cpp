@@ -76,7 +76,7 @@ void metrics_exporter::make_page(reader then)
     if (waiting_.size() > 1)
         return;
     running_.refresh_statistics(running_.sessions().names(), [this] {
-        page_.emplace(running_);
+        page_.emplace(running_, reload_);
         work_ = in_slices(loop_, [this] {
             const bool goes_on = page_->step();
             if (!goes_on)
@@ -99,6 +99,13 @@ void metrics_exporter::configure(const agent_config &config)
     listening_ = config.metrics_listen;
     if (listening_)
         listen(*listening_);
+}
+
+void metrics_exporter::note_reload(bool was_successful)
+{
+    reload_.was_successful = was_successful;
+    if (was_successful)
+        reload_.succeeded = std::chrono::system_clock::now();
 }
 
 void metrics_exporter::listen(const endpoint &at)

@@ -18,6 +18,8 @@ class metrics_exporter
 
     // What cannot be offered is logged.
     void configure(const agent_config &);
+    // How the configuration file was taken, the last time.
+    void note_reload(bool was_successful);
 
   private:
     using reader = std::function<void(const std::string &page)>;
@@ -32,6 +34,7 @@ class metrics_exporter
     event_loop &loop_;
     const logger &log_;
     agent &running_;
+    last_reload reload_;
     std::string file_;
     std::optional<endpoint> listening_;
     std::optional<stream_server> server_;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "kelm-agent/metrics_page.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -139,15 +140,28 @@ void add_head(std::string &out, const std::string &name, const char *type, const
     out += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
 }
 
-void add_namespace_counter(std::string &out, const std::string &name, const char *help,
-                           const std::vector<namespace_counters> &all,
-                           std::uint64_t namespace_counters::*value)
+void add_gauge(std::string &out, const std::string &name, const char *help, double value)
 {
-    add_head(out, name, "counter", help);
-    for (const auto &each : all)
-        out += name + "{namespace=\"" + escaped(each.netns) + "\"} " + std::to_string(each.*value) +
-               "\n";
+    add_head(out, name, "gauge", help);
+    out += name + " ";
+    add_number(out, value);
+    out += "\n";
 }
+
+constexpr struct {
+    const char *name, *type, *help;
+    std::uint64_t namespace_report::*value;
+} namespace_table[] = {
+    {"kelm_agent_connected", "gauge", "Whether the agent is connected to kelm.",
+     &namespace_report::connected},
+    {"kelm_agent_waiting_sessions", "gauge", "Sessions with events that have not been acted on.",
+     &namespace_report::waiting},
+    {"kelm_agent_event_overruns_total", "counter",
+     "Times that events of kelm were lost because the queue was full.",
+     &namespace_report::overruns},
+    {"kelm_agent_lost_sessions_total", "counter",
+     "Sessions that kelm no longer had and that were made again.", &namespace_report::lost},
+};
 
 } // namespace
 
@@ -157,7 +171,10 @@ struct metrics_page::sample {
     std::array<measure, std::size(table)> values;
 };
 
-metrics_page::metrics_page(const agent &of) : agent_(of), names_(of.sessions().names()) {}
+metrics_page::metrics_page(const agent &of, const last_reload &reload)
+    : agent_(of), reload_(reload), names_(of.sessions().names())
+{
+}
 metrics_page::~metrics_page() = default;
 
 bool metrics_page::step()
@@ -170,7 +187,9 @@ bool metrics_page::step()
         return false;
     if (written_ == std::size(table)) {
         add_states();
-        add_counters();
+        add_sessions();
+        add_namespaces();
+        add_agent();
     }
     return true;
 }
@@ -214,15 +233,35 @@ void metrics_page::add_states()
                 .append(each.state == state.number ? "\"} 1\n" : "\"} 0\n");
 }
 
-void metrics_page::add_counters()
+void metrics_page::add_sessions()
 {
-    const auto by_namespace = agent_.counted_by_namespace();
-    add_namespace_counter(text_, "kelm_agent_event_overruns_total",
-                          "Times that events of kelm were lost because the queue was full.",
-                          by_namespace, &namespace_counters::overruns);
-    add_namespace_counter(text_, "kelm_agent_lost_sessions_total",
-                          "Sessions that kelm no longer had and that were made again.",
-                          by_namespace, &namespace_counters::lost);
+    const std::string name = "kelm_agent_sessions";
+    add_head(text_, name, "gauge", "Sessions in this state.");
+    for (const auto &state : kelm::state_names)
+        text_ += name + "{state=\"" + std::string(state.name) + "\"} " +
+                 std::to_string(std::ranges::count(samples_, state.number, &sample::state)) + "\n";
+}
+
+void metrics_page::add_namespaces()
+{
+    const auto reports = agent_.report_by_namespace();
+    for (const auto &[name, type, help, value] : namespace_table) {
+        add_head(text_, name, type, help);
+        for (const auto &each : reports)
+            text_ += std::string(name) + "{namespace=\"" + escaped(each.netns) + "\"} " +
+                     std::to_string(each.*value) + "\n";
+    }
+}
+
+void metrics_page::add_agent()
+{
+    add_head(text_, "kelm_agent_build_info", "gauge", "Always 1; tells the agent's version.");
+    text_ += "kelm_agent_build_info{version=\"" KELM_VERSION "\"} 1\n";
+    add_gauge(text_, "kelm_agent_config_last_reload_successful",
+              "Whether the configuration file was valid when it was last read.",
+              reload_.was_successful ? 1 : 0);
+    add_gauge(text_, "kelm_agent_config_last_reload_success_timestamp_seconds",
+              "When the configuration was last read and valid.", seconds(reload_.succeeded));
 }
 
 } // namespace kelm_agent

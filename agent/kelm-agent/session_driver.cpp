@@ -157,7 +157,7 @@ desired_state session_driver::advance(const event &happened, const reason_maker 
         const std::string why = reason(bfd_);
         add_change(before, why);
         listener_.on_state_change();
-        log_change(before, why);
+        tell_change(before, why);
     }
     if (bfd_.state() != before) {
         look_again_later();
@@ -192,7 +192,7 @@ void session_driver::add_change(const condition &before, const std::string &reas
     history_.add({std::chrono::system_clock::now(), before.state, now.state, now.diag, reason});
 }
 
-void session_driver::log_change(const condition &before, const std::string &reason)
+void session_driver::tell_change(const condition &before, const std::string &reason)
 {
     const condition &now = bfd_.state();
     const auto state = kelm::name_of(kelm::state_names, now.state);
@@ -204,6 +204,7 @@ void session_driver::log_change(const condition &before, const std::string &reas
                {"diagnostic", diag_words(now.diag)},
                {"reason", reason},
                {"peer", config().peer.text()}});
+    listener_.on_change(*this, history_.changes().back());
 }
 
 void session_driver::set_timer()
@@ -284,7 +285,7 @@ void session_driver::adopt(const kelm_entry &left)
         left.has_session || left.has_packet ? "state found at restart" : "state found at start";
     add_change(before, reason);
     if (before.state != bfd_.state().state)
-        log_change(before, reason);
+        tell_change(before, reason);
     // A packet that is older than the last one heard is none of the peer's.
     if (left.frame && addressing_)
         (void)is_authentic(config(), *addressing_, *left.frame, bfd_.is_up(), last_sequence_);

@@ -26,6 +26,8 @@ class session_driver final : private kelm_sync::listener
         virtual ~listener() = default;
         // Before kelm, and with it the peer, or the log learns of it.
         virtual void on_state_change() = 0;
+        // After that: what the history has as its last.
+        virtual void on_change(const session_driver &, const change &) = 0;
         // Something changed that the record of the session holds.
         virtual void on_record_change() = 0;
         // kelm may have lost the session.
@@ -113,7 +115,7 @@ class session_driver final : private kelm_sync::listener
     void finish(const desired_state &);
     void apply(const desired_state &);
     void add_change(const condition &before, const std::string &reason);
-    void log_change(const condition &before, const std::string &reason);
+    void tell_change(const condition &before, const std::string &reason);
     void set_timer();
     void look_again_later();
     void listen_to_member();

@@ -124,7 +124,40 @@ void add_sent(json_writer &out, const kelm_msg_tx_stats &sent)
     out.end_object();
 }
 
+void add_event_head(json_writer &out, const char *event, wall_time when,
+                    const session_driver &driver)
+{
+    const session_config &config = driver.config();
+    out.begin_object();
+    out.add("event", event);
+    add_time(out, "time", when);
+    out.add("session", config.name);
+    out.add("type", kind_name(config.kind));
+    out.add("namespace", config.netns);
+    out.add("local", config.local.text());
+    out.add("peer", config.peer.text());
+    out.add("interface", config.interface);
+}
+
 } // namespace
+
+void add_state(json_writer &out, const session_driver &driver)
+{
+    add_event_head(out, "state", driver.past().since, driver);
+    out.add("state", state_name(driver.bfd().state().state));
+    out.add("diagnostic", diag_words(driver.bfd().state().diag));
+    out.end_object();
+}
+
+void add_change_of_state(json_writer &out, const session_driver &driver, const change &what)
+{
+    add_event_head(out, "change", what.when, driver);
+    out.add("state", state_name(what.to));
+    out.add("previous_state", state_name(what.from));
+    out.add("diagnostic", diag_words(what.diag));
+    out.add("reason", what.reason);
+    out.end_object();
+}
 
 void add_session(json_writer &out, const session_driver &driver, const counters &counted)
 {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The object "agent": the sessions of a running kelm-agent.
+#include <map>
+
 #include "kelmctl/agent_request.h"
 #include "kelmctl/arguments.h"
 #include "kelmctl/context.h"
@@ -12,12 +14,22 @@ namespace kelmctl
 namespace
 {
 
-agent_json ask(const arguments &args, const char *command)
+std::string socket_of(const arguments &args)
+{
+    return args.text("socket").value_or(default_agent_socket);
+}
+
+agent_json request_for(const arguments &args, const char *command)
 {
     agent_json request = {{"command", command}};
     if (!args.operands().empty())
         request["sessions"] = args.operands();
-    return ask_agent(args.text("socket").value_or(default_agent_socket), request);
+    return request;
+}
+
+agent_json ask(const arguments &args, const char *command)
+{
+    return ask_agent(socket_of(args), request_for(args, command));
 }
 
 kelm_time time_in(const agent_json &from)
@@ -135,13 +147,71 @@ record change_record(const agent_json &from)
     return made;
 }
 
+bool is_wanted(const agent_json &session, const arguments &args)
+{
+    const auto is_as_asked = [&](const char *key) {
+        const auto asked = args.text(key);
+        return !asked || session.value(key, "") == *asked;
+    };
+    return is_as_asked("state") && is_as_asked("peer");
+}
+
+// "3 sessions: 1 down, 2 up"
+std::string count_line(const std::map<std::string, std::size_t> &by_state)
+{
+    std::size_t total = 0;
+    std::string parts;
+    for (const auto &[state, count] : by_state) {
+        total += count;
+        parts += (parts.empty() ? ": " : ", ") + std::to_string(count) + ' ' + state;
+    }
+    return std::to_string(total) + (total == 1 ? " session" : " sessions") + parts;
+}
+
 void run_show(context &ctx, const arguments &args)
 {
     const agent_json reply = ask(args, "show");
     std::vector<record> records;
+    std::map<std::string, std::size_t> by_state;
     for (const auto &session : part(reply, "sessions"))
-        records.push_back(session_record(session));
-    ctx.out.list(std::move(records), !args.operands().empty());
+        if (is_wanted(session, args)) {
+            records.push_back(session_record(session));
+            ++by_state[session.value("state", "")];
+        }
+    const bool is_table = args.operands().empty() && !ctx.opts().statistics;
+    ctx.out.list(std::move(records), !is_table);
+    if (is_table && !ctx.opts().json)
+        ctx.out.text_at_once({count_line(by_state)});
+}
+
+record event_record(const agent_json &from)
+{
+    record made = change_record(from);
+    reader(made, from).text("peer", "peer").text("interface", "on");
+    made.full();
+    reader(made, from)
+        .text("event", "")
+        .text("type", "type")
+        .text("namespace", "namespace")
+        .text("local", "local");
+    return made;
+}
+
+void run_monitor(context &ctx, const arguments &args)
+{
+    const auto count = args.number("count", 1, 0xffffffff);
+    std::uint32_t shown = 0;
+    follow_agent(socket_of(args), request_for(args, "subscribe"), [&](const agent_json &event) {
+        ctx.out.event(event_record(event));
+        return ++shown != count;
+    });
+}
+
+void run_reload(context &ctx, const arguments &args)
+{
+    ask(args, "reload");
+    if (!ctx.opts().json)
+        ctx.out.text_at_once({"configuration reloaded"});
 }
 
 void run_history(context &ctx, const arguments &args)
@@ -167,11 +237,26 @@ constexpr parameter parameters[] = {
     {"socket", "PATH", "the agent's control socket (default /run/kelm-agent/control.sock)"},
 };
 
+constexpr parameter show_parameters[] = {
+    {"state", "STATE", "only sessions in this state", &kelm::state_names},
+    {"peer", "ADDRESS", "only sessions with this peer"},
+    parameters[0],
+};
+
+constexpr parameter monitor_parameters[] = {
+    {"count", "N", "stop after this many lines"},
+    parameters[0],
+};
+
 constexpr command commands[] = {
     {"show", "[SESSION...]",
      "show kelm-agent's sessions: all in a table, or all details of those that are named\n"
      "State and its age, the reason for the last failure, intervals, and kelm's counters.",
-     parameters, run_show},
+     show_parameters, run_show},
+    {"monitor", "[SESSION...]",
+     "show the state of the sessions, and then every change of it as it happens, one a line\n"
+     "With -j, a JSON object a line. Sessions that are added later are shown too if none is named.",
+     monitor_parameters, run_monitor},
     {"history", "[SESSION...]", "show the changes of state of the sessions, each with its reason",
      parameters, run_history},
     {"down", "SESSION...",
@@ -179,6 +264,10 @@ constexpr command commands[] = {
      "They stay down until 'up', even if the agent restarts.",
      parameters, run_down},
     {"up", "SESSION...", "bring sessions back that were taken down", parameters, run_up},
+    {"reload", "",
+     "have kelm-agent read its configuration again, and wait until it is in use\n"
+     "A mistake in it is told, and changes nothing.",
+     parameters, run_reload},
 };
 
 } // namespace

@@ -50,20 +50,38 @@ void send_all(const kelm::unique_fd &fd, const std::string &text)
     }
 }
 
-std::string receive_all(const kelm::unique_fd &fd)
+void send_request(const kelm::unique_fd &fd, const agent_json &request)
 {
-    std::string text;
+    send_all(fd, request.dump(-1, ' ', false, agent_json::error_handler_t::replace) + "\n");
+}
+
+// Appends what comes next; false: that was all.
+bool receive_more(const kelm::unique_fd &fd, std::string &text)
+{
     std::array<char, 65536> piece;
-    for (;;) {
-        const ssize_t count = recv(fd.get(), piece.data(), piece.size(), 0);
-        if (count < 0 && errno == EAGAIN)
-            throw kelm::error(ETIMEDOUT, "kelm-agent does not answer");
-        if (count < 0)
-            kelm::throw_errno(errno, "cannot receive from kelm-agent");
-        if (count == 0)
-            return text;
-        text.append(piece.data(), static_cast<std::size_t>(count));
+    const ssize_t count = recv(fd.get(), piece.data(), piece.size(), 0);
+    if (count < 0 && errno == EAGAIN)
+        throw kelm::error(ETIMEDOUT, "kelm-agent does not answer");
+    if (count < 0)
+        kelm::throw_errno(errno, "cannot receive from kelm-agent");
+    text.append(piece.data(), static_cast<std::size_t>(count));
+    return count > 0;
+}
+
+agent_json parse(std::string_view text)
+{
+    try {
+        return agent_json::parse(text);
+    } catch (const agent_json::exception &) {
+        throw kelm::error(EPROTO, "malformed answer from kelm-agent: version mismatch?");
     }
+}
+
+// Throws the agent's own words when it refuses.
+void expect_agreement(const agent_json &reply)
+{
+    if (!reply.value("ok", false))
+        throw kelm::error(EINVAL, "kelm-agent: " + reply.value("error", "request refused"));
 }
 
 } // namespace
@@ -71,17 +89,33 @@ std::string receive_all(const kelm::unique_fd &fd)
 agent_json ask_agent(const std::string &socket_path, const agent_json &request)
 {
     const kelm::unique_fd fd = connect_to(socket_path);
-    const auto encoded = request.dump(-1, ' ', false, agent_json::error_handler_t::replace);
-    send_all(fd, encoded + "\n");
-    agent_json reply;
-    try {
-        reply = agent_json::parse(receive_all(fd));
-        if (reply.at("ok").get<bool>())
-            return reply;
-    } catch (const agent_json::exception &) {
-        throw kelm::error(EPROTO, "malformed answer from kelm-agent: version mismatch?");
+    send_request(fd, request);
+    std::string text;
+    while (receive_more(fd, text)) {
     }
-    throw kelm::error(EINVAL, "kelm-agent: " + reply.value("error", "request refused"));
+    agent_json reply = parse(text);
+    expect_agreement(reply);
+    return reply;
+}
+
+void follow_agent(const std::string &socket_path, const agent_json &request,
+                  const std::function<bool(const agent_json &)> &take)
+{
+    constexpr timeval for_ever = {};
+    const kelm::unique_fd fd = connect_to(socket_path);
+    send_request(fd, request);
+    (void)setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &for_ever, sizeof for_ever);
+    std::string text;
+    while (receive_more(fd, text))
+        for (std::size_t end = 0; (end = text.find('\n')) != std::string::npos;) {
+            const agent_json line = parse(std::string_view(text).substr(0, end));
+            text.erase(0, end + 1);
+            if (line.contains("error") || !line.contains("event"))
+                expect_agreement(line);
+            else if (!take(line))
+                return;
+        }
+    throw kelm::error(ECONNRESET, "kelm-agent has ended the connection");
 }
 
 } // namespace kelmctl

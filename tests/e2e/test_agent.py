@@ -2,6 +2,7 @@
 """kelm-agent: two of them, at the ends of a link, over one kelm. How their sessions go up and down is
 in lib/scenarios.py."""
 
+import json
 import signal
 import time
 
@@ -10,7 +11,9 @@ import pytest
 from lib import bfd, wait_until
 from lib import protocol as p
 from lib.agent import Agent, discriminators
+from lib.host import KELMCTL
 from lib.kelm_agent import DETECTION, DETECTION_US
+from lib.program import Program
 
 BOTH_ENDS_ARE_KELMS = True
 
@@ -107,6 +110,32 @@ def test_reload(link, pair):
     assert told["level"] == "error" and "agent.toml:" in told["message"]
     assert "'min-tx' must be a time" in told["message"]
     assert near.show()["state"] == "up"
+
+
+def test_programs_hear_of_changes(link, pair):
+    """Those that subscribe, and the one that a session names."""
+    near, far = pair
+    program = near.directory / "changed"
+    program.write_text("""#!/bin/sh
+        echo "$1 is $2, was $KELM_PREVIOUS_STATE: $KELM_REASON"; exit 3""")
+    program.chmod(0o755)
+    near.configure([link.session(on_change=str(program))])
+    assert near.ctl("reload", json_output=False) == "configuration reloaded\n"
+    with Program(KELMCTL, "-j", "agent", "monitor", "socket", near.socket) as monitor:
+        monitor.expect('"event":"state"')
+        far.ctl("down s")
+        near.wait_for_line("s is down, was up: peer signaled admin-down")
+        near.wait_for_line("failed with status 3")
+        state, change = map(json.loads, monitor.lines())
+        assert (state["state"], state["peer"]) == ("up", link.far4)
+        assert (change["state"], change["previous_state"]) == ("down", "up")
+        assert near.ctl("show state up") == []
+        assert "1 session: 1 down" in near.ctl("show state down", json_output=False)
+        near.configure([link.session(min_tx="fast")])
+        assert "'min-tx' must be a time" in near.ctl("reload", status=1)
+        near.configure([])
+        near.ctl("reload", json_output=False)
+        monitor.expect('"reason":"removed"')
 
 
 def test_only_one_agent(pair, start):
