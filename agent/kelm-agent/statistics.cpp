@@ -9,11 +9,13 @@ namespace kelm_agent
 namespace
 {
 
-// How long kelm may take before the last known numbers have to do.
+// How long kelm may take before the last known numbers have to do. With thousands of sessions the
+// rest of the answer takes its time, too.
 std::chrono::microseconds patience(std::size_t sessions)
 {
     using namespace std::chrono_literals;
-    return 20ms + sessions * 5us;
+    constexpr std::size_t many = 1000;
+    return sessions < many ? 50ms : 20ms + sessions * 5us;
 }
 
 } // namespace
