@@ -55,7 +55,8 @@ bool is_authentic(const session_config &config, const addressing &addresses,
                   std::optional<std::uint32_t> &last_sequence)
 {
     const auto frame = kelm::decode_frame(change);
-    if (!frame || !is_from_peer(config, addresses, change, *frame))
+    if (!frame || frame->ttl < config.minimum_ttl ||
+        !is_from_peer(config, addresses, change, *frame))
         return false;
     const kelm::bfd_packet &packet = frame->bfd;
     if (!is_checked_echo(config, packet) && !is_valid(config, addresses, change))

@@ -336,6 +336,8 @@ void reader::read_kind(config_section &section, session_config &session)
     if (is_alone(session.kind) && session.passive)
         section.fail(section.require("role"), "this type of session cannot be passive");
     read_echo(section, session);
+    if (session.kind == session_kind::multihop)
+        session.minimum_ttl = static_cast<std::uint8_t>(section.number("minimum-ttl", 1, 255, 1));
     if (session.kind == session_kind::sbfd)
         session.remote_discriminator = static_cast<std::uint32_t>(section.as_number(
             section.require("remote-discriminator"), "remote-discriminator", 1, most_32_bits));

@@ -189,6 +189,8 @@ TEST(agent_config, mistakes_are_told_with_their_line)
         {"[defaults]\nname = \"s\"\n", "2: unknown key 'name'"},
         {"session = 5\n", "1: 'session' must be a list"},
         {"include = [\"missing.toml\"]\n", "1: cannot include missing.toml"},
+        {start + "minimum-ttl = 250\n", "5: unknown key 'minimum-ttl'"},
+        {start + "type = \"multihop\"\nminimum-ttl = 0\n", "6: 'minimum-ttl' must be a number"},
         {"[profile.p]\nmin-tx = 5\n", "2: 'min-tx' must be a time"},
         {"[[session]]\nname = \"s\"\nprofile = \"p\"\n", "3: there is no such profile"},
         {"[defaults]\non-change = \"program\"\n", "2: 'on-change' must be the full path"},

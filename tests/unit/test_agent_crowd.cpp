@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_kelm.h"
-#include "kelm-agent/agent.h"
+#include "kelm-agent/change_stream.h"
 #include "virtual_loop.h"
 
 namespace
@@ -60,12 +60,13 @@ struct agent_crowd : testing::Test {
     }
 
     void hear(const session_driver &by, std::uint8_t state, bool knows_us = true, bool poll = false,
-              bool final = false)
+              bool final = false, std::uint8_t ttl = 255)
     {
         kelm::packet_settings packet;
         packet.source = by.config().peer;
         packet.destination = by.config().local;
         packet.ethernet.emplace();
+        packet.ttl = ttl;
         packet.bfd.state = state;
         packet.bfd.poll = poll;
         packet.bfd.final = final;
@@ -328,6 +329,46 @@ TEST_F(agent_crowd, statistics_do_not_wait_for_kelm)
     bool is_answered = false;
     running->refresh_statistics(running->sessions().names(), [&] { is_answered = true; });
     EXPECT_TRUE(loop.run(100ms, [&] { return is_answered; }));
+}
+
+TEST_F(agent_crowd, packets_from_too_far_away_change_nothing)
+{
+    start(1);
+    const session_driver &driver = *running->sessions().find("s0");
+    agent_config config;
+    config.sessions = {driver.config()};
+    config.sessions[0].minimum_ttl = 200;
+    running->reconfigure(config, [] {});
+    loop.run(1s);
+    for (std::uint8_t ttl = 199; ttl <= 200; ++ttl) {
+        hear(driver, BFD_STATE_DOWN, true, false, false, ttl);
+        loop.run(1s);
+        EXPECT_EQ(driver.bfd().state().state, ttl < 200 ? BFD_STATE_DOWN : BFD_STATE_INIT);
+    }
+}
+
+// It hears of the sessions first, and of its end last.
+TEST_F(agent_crowd, a_subscriber_that_does_not_read_is_dropped)
+{
+    constexpr std::size_t most_kept = 5 << 20;
+    start(20);
+    const std::vector<std::string> names = running->sessions().names();
+    stream_server::writer next;
+    change_stream::send(*running, names, true, [&](stream_server::writer answer) {
+        next = std::move(answer);
+        return [] {};
+    });
+    std::string told = *next();
+    EXPECT_EQ(std::ranges::count(told, '\n'), 20);
+    EXPECT_EQ(next(), std::nullopt);
+    for (int i = 0; i < 1500; ++i)
+        for (const auto &name : names)
+            running->set_admin_down(name, i % 2 == 0);
+    told = *next();
+    EXPECT_LT(told.size(), most_kept);
+    EXPECT_NE(told.rfind("\"dropped\""), std::string::npos);
+    EXPECT_GT(told.rfind("\"dropped\""), told.rfind("\"change\""));
+    EXPECT_EQ(next(), "");
 }
 
 } // namespace
