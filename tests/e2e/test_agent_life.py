@@ -21,6 +21,7 @@ from lib.kelm_agent import KELM_AGENT, KelmAgent
 from lib.topology import ip_batch
 
 BOTH_ENDS_ARE_KELMS = True
+MONITORING = pathlib.Path(__file__).parents[2] / "examples/monitoring"
 
 
 def test_what_a_new_run_deletes(namespaces, link, start):
@@ -156,6 +157,9 @@ def test_metrics(link, start):
                'type="single-hop"} 1' in samples
         assert set(row.split()[2] for row in file.read_text().splitlines() if "# TYPE" in row) == \
             set(row.split()[2] for row in text.splitlines() if "# TYPE" in row)
+        queried = {name for example in MONITORING.iterdir()
+                   for name in re.findall(r"kelm_agent_\w+", example.read_text())}
+        assert queried <= {row.split()[2] for row in text.splitlines() if "# TYPE" in row}
         with pytest.raises(urllib.error.HTTPError, match="404"):
             urllib.request.urlopen(f"http://127.0.0.1:{port}/", timeout=PATIENCE)
 
