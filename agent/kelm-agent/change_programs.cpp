@@ -95,7 +95,8 @@ class spawn_settings
 
 } // namespace
 
-// A running program. It has ended when nobody holds the other end of its output any more.
+// A running program. It has ended when nobody holds the other end of its output any more, or when
+// it has been killed.
 class change_programs::child
 {
   public:
@@ -133,12 +134,13 @@ class change_programs::child
         const ssize_t count = ::read(output_.get(), piece.data(), piece.size());
         if (count < 0 && (errno == EAGAIN || errno == EINTR))
             return;
-        for (const char c :
-             std::string_view(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))))
+        for (const char c : std::string_view(
+                 piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)))) {
+            if (c != '\n')
+                line_ += c;
             if (c == '\n' || line_.size() == longest_line)
                 tell(std::exchange(line_, {}));
-            else
-                line_ += c;
+        }
         if (count <= 0)
             collect();
     }
@@ -170,6 +172,7 @@ class change_programs::child
         log_.warning("session " + session_ + ": " + program_ + " has run for " +
                      std::to_string(time_limit.count()) + " s: killing it");
         (void)::kill(-pid_, SIGKILL);
+        collect(); // what has left its process group may still hold the output
     }
 
     event_loop &loop_;
