@@ -5,7 +5,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -13,7 +12,6 @@
 
 #include "kelm-agent/reason.h"
 #include "libkelm/error.h"
-#include "libkelm/names.h"
 #include "shared/unique_fd.h"
 
 namespace kelm_agent
@@ -26,11 +24,6 @@ constexpr std::size_t most_at_once = 32;
 constexpr std::chrono::seconds time_limit{10};
 constexpr std::chrono::milliseconds second_look{20};
 constexpr std::size_t longest_line = 1024;
-
-std::string state_name(std::uint8_t state)
-{
-    return kelm::name_of(kelm::state_names, state);
-}
 
 std::vector<std::string> environment_for(const session_config &config, const change &what)
 {

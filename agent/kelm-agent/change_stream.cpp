@@ -18,10 +18,10 @@ std::string notice_of_end()
 {
     json_writer out;
     out.begin_object();
-    out.add("event", "dropped");
+    out.add("ok", false);
     out.add("error", "changes come faster than they are read");
     out.end_object();
-    return out.take() + "\n";
+    return out.take_line();
 }
 
 } // namespace
@@ -47,11 +47,11 @@ std::optional<std::string> change_stream::next()
 {
     json_writer out;
     std::string piece;
-    for (const std::size_t end = std::min(names_.size(), told_ + lines_a_piece); told_ < end;
-         ++told_)
+    for (std::size_t lines = 0; told_ < names_.size() && lines < lines_a_piece; ++told_)
         if (const auto *const driver = running_.sessions().find(names_[told_])) {
             add_state(out, *driver);
             piece += out.take_line();
+            ++lines;
         }
     if (piece.empty())
         piece = std::exchange(waiting_, {});

@@ -2,6 +2,7 @@
 #include "kelm-agent/config.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <deque>
 #include <filesystem>
@@ -79,8 +80,8 @@ class reader
     agent_config read(const toml::table &root);
 
   private:
-    void include(const toml::array &patterns);
-    void include_matches(const toml::node &at, const std::string &pattern);
+    void include(config_section &main);
+    void include_matches(const config_section &main, const toml::node &pattern);
     void read_agent(const toml::table &, agent_config &);
     void read_profiles(config_section &);
     void read_sessions(config_section &, agent_config &);
@@ -118,8 +119,7 @@ agent_config reader::read(const toml::table &root)
     agent_config config;
     std::deque<config_section> sections;
     config_section &main = sections.emplace_back(root, file_);
-    if (const auto *patterns = main.find("include"))
-        include(main.as_array(*patterns, "include"));
+    include(main);
     for (const auto &each : included_)
         sections.emplace_back(each, file_);
     if (const auto *agent = main.find("agent"))
@@ -137,23 +137,30 @@ agent_config reader::read(const toml::table &root)
     return config;
 }
 
-void reader::include(const toml::array &patterns)
+void reader::include(config_section &main)
 {
-    config_section any({}, file_);
-    for (const auto &each : patterns)
-        include_matches(each, any.as_text(each, "include"));
+    if (const auto *patterns = main.find("include"))
+        for (const auto &each : main.as_array(*patterns, "include"))
+            include_matches(main, each);
 }
 
-// In the order of their names. A pattern may match nothing, a name must exist.
-void reader::include_matches(const toml::node &at, const std::string &pattern)
+// In the order of their names. A pattern may match nothing, but not because a directory cannot be
+// read: its sessions would be gone without a word.
+void reader::include_matches(const config_section &main, const toml::node &pattern)
 {
-    const std::string path = std::filesystem::path(file_).parent_path() / pattern;
+    const std::string text = main.as_text(pattern, "include");
+    const std::string path = std::filesystem::path(file_).parent_path() / text;
+    const auto is_failure = [](const char *, int error) {
+        return error == ENOENT || error == ENOTDIR ? 0 : 1;
+    };
     glob_t found = {};
-    const int result = glob(path.c_str(), 0, nullptr, &found);
+    const int result = glob(path.c_str(), 0, is_failure, &found);
     const std::unique_ptr<glob_t, void (*)(glob_t *)> owner(&found, globfree);
-    const bool is_pattern = pattern.find_first_of("*?[") != std::string::npos;
-    if (result != 0 && !(result == GLOB_NOMATCH && is_pattern))
-        throw config_error(file_, at.source().begin.line, "cannot include " + path);
+    const bool is_pattern = text.find_first_of("*?[") != std::string::npos;
+    if (result == GLOB_NOMATCH && !is_pattern)
+        main.fail(pattern, "there is no file " + path + " to include");
+    if (result != 0 && result != GLOB_NOMATCH)
+        main.fail(pattern, "cannot look for files to include at " + path);
     for (std::size_t i = 0; i < found.gl_pathc; ++i) {
         const std::string name = found.gl_pathv[i];
         included_.push_back(toml::parse(read_whole_file(name), name));
@@ -214,7 +221,8 @@ std::vector<const toml::table *> reader::others_for(const toml::table &session)
     if (const auto *profile = section.find("profile")) {
         const auto found = profiles_.find(section.as_text(*profile, "profile"));
         if (found == profiles_.end())
-            section.fail(*profile, "there is no such profile");
+            section.fail(*profile, "there is no table [profile." +
+                                       section.as_text(*profile, "profile") + "]");
         others.push_back(found->second);
     }
     if (defaults_ != nullptr)
@@ -337,7 +345,7 @@ void reader::read_kind(config_section &section, session_config &session)
         section.fail(section.require("role"), "this type of session cannot be passive");
     read_echo(section, session);
     if (session.kind == session_kind::multihop)
-        session.minimum_ttl = static_cast<std::uint8_t>(section.number("minimum-ttl", 1, 255, 1));
+        session.minimum_ttl = static_cast<std::uint8_t>(section.number("minimum-ttl", 1, 255, 0));
     if (session.kind == session_kind::sbfd)
         session.remote_discriminator = static_cast<std::uint32_t>(section.as_number(
             section.require("remote-discriminator"), "remote-discriminator", 1, most_32_bits));

@@ -18,7 +18,7 @@ class metrics_exporter
 
     // What cannot be offered is logged.
     void configure(const agent_config &);
-    // How the configuration file was taken, the last time.
+    // Whether the configuration file was valid when it was last read.
     void note_reload(bool was_successful);
 
   private:

@@ -48,7 +48,7 @@ struct session_config {
     bool admin_down = false;
     std::uint8_t ttl = 255;        // or hop limit, of packets sent
     std::uint8_t required_ttl = 0; // KELM_AUTH_TTL_*, of packets received
-    std::uint8_t minimum_ttl = 1;  // the same; packets with less tell the state machine nothing
+    std::uint8_t minimum_ttl = 0;  // the same; packets with less tell the state machine nothing
     authentication auth;
     kelm_microsecs min_echo_rx = 0; // how often the peer may send echo packets; 0: never
 

@@ -7,6 +7,11 @@
 namespace kelm_agent
 {
 
+std::string state_name(std::uint8_t state)
+{
+    return kelm::name_of(kelm::state_names, state);
+}
+
 std::string diag_words(std::uint8_t diag)
 {
     return kelm::text_of(kelm::diagnostic_names, diag);
@@ -15,7 +20,7 @@ std::string diag_words(std::uint8_t diag)
 std::string heard_reason(const session &about)
 {
     const condition &peer = about.remote();
-    std::string reason = "peer signaled " + kelm::name_of(kelm::state_names, peer.state);
+    std::string reason = "peer signaled " + state_name(peer.state);
     if (peer.diag != BFD_DIAG_NONE)
         reason += " (" + diag_words(peer.diag) + ")";
     return reason;

@@ -10,6 +10,9 @@
 namespace kelm_agent
 {
 
+// "admin-down"
+std::string state_name(std::uint8_t state);
+
 // A diagnostic (RFC 5880 section 4.1) as text: "control detection time expired".
 std::string diag_words(std::uint8_t diag);
 

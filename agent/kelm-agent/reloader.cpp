@@ -18,26 +18,26 @@ agent_config load_config_with_log(const std::string &file, const logger &log)
 void reloader::reload(const outcome &done)
 {
     sd_notify(0, "RELOADING=1");
-    waiting_.push_back(done);
     try {
         const agent_config config = load_config_with_log(file_, log_);
         metrics_.configure(config);
-        running_.reconfigure(config, [this] {
-            log_.info("configuration reloaded");
-            end("");
-        });
+        metrics_.note_reload(true);
+        waiting_.push_back(done);
+        running_.reconfigure(config, [this] { end(); });
     } catch (const std::exception &problem) {
         log_.error(std::string("configuration not changed: ") + problem.what());
-        end(problem.what());
+        metrics_.note_reload(false);
+        sd_notify(0, "READY=1");
+        done(problem.what());
     }
 }
 
-void reloader::end(const std::string &problem)
+void reloader::end()
 {
+    log_.info("configuration reloaded");
     sd_notify(0, "READY=1");
-    metrics_.note_reload(problem.empty());
     for (const auto &each : std::exchange(waiting_, {}))
-        each(problem);
+        each("");
 }
 
 } // namespace kelm_agent

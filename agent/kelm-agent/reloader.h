@@ -20,18 +20,18 @@ class reloader
     {
     }
 
-    // An invalid configuration changes nothing. Of several requests at once, all hear the outcome
-    // of the last.
+    // An invalid configuration changes nothing. A valid one takes the place of an earlier one that
+    // is still being put to use; who asked for that hears when the later one is in use.
     void reload(const outcome &);
 
   private:
-    void end(const std::string &problem);
+    void end();
 
     std::string file_;
     const logger &log_;
     agent &running_;
     metrics_exporter &metrics_;
-    std::vector<outcome> waiting_;
+    std::vector<outcome> waiting_; // for a valid configuration to be in use
 };
 
 // Logs the file's warnings. Throws like load_config.

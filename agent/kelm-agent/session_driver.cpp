@@ -195,8 +195,8 @@ void session_driver::add_change(const condition &before, const std::string &reas
 void session_driver::tell_change(const condition &before, const std::string &reason)
 {
     const condition &now = bfd_.state();
-    const auto state = kelm::name_of(kelm::state_names, now.state);
-    const auto previous = kelm::name_of(kelm::state_names, before.state);
+    const auto state = state_name(now.state);
+    const auto previous = state_name(before.state);
     log_.info("session " + config().name + ": " + state + " (was " + previous + "): " + reason,
               {{"session", config().name},
                {"state", state},

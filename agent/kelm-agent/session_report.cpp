@@ -31,11 +31,6 @@ void add_time(json_writer &out, std::string_view key, kelm_time time)
     add_time(out, key, time.sec, time.nsec);
 }
 
-std::string state_name(std::uint8_t state)
-{
-    return kelm::name_of(kelm::state_names, state);
-}
-
 void add_past(json_writer &out, const history &past)
 {
     out.begin_object("changes");

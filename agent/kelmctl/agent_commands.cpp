@@ -147,14 +147,22 @@ record change_record(const agent_json &from)
     return made;
 }
 
-bool is_wanted(const agent_json &session, const arguments &args)
-{
-    const auto is_as_asked = [&](const char *key) {
-        const auto asked = args.text(key);
-        return !asked || session.value(key, "") == *asked;
-    };
-    return is_as_asked("state") && is_as_asked("peer");
-}
+// Which sessions are to be shown.
+struct show_filter {
+    explicit show_filter(const arguments &args)
+        : state(args.choice("state", kelm::state_names)), peer(args.address("peer"))
+    {
+    }
+
+    bool wants(const agent_json &session) const
+    {
+        return (!state || session.value("state", "") == kelm::name_of(kelm::state_names, *state)) &&
+               (!peer || session.value("peer", "") == peer->text());
+    }
+
+    std::optional<std::uint32_t> state;
+    std::optional<kelm::ip_address> peer;
+};
 
 // "3 sessions: 1 down, 2 up"
 std::string count_line(const std::map<std::string, std::size_t> &by_state)
@@ -170,11 +178,12 @@ std::string count_line(const std::map<std::string, std::size_t> &by_state)
 
 void run_show(context &ctx, const arguments &args)
 {
+    const show_filter wanted(args);
     const agent_json reply = ask(args, "show");
     std::vector<record> records;
     std::map<std::string, std::size_t> by_state;
     for (const auto &session : part(reply, "sessions"))
-        if (is_wanted(session, args)) {
+        if (wanted.wants(session)) {
             records.push_back(session_record(session));
             ++by_state[session.value("state", "")];
         }
@@ -255,7 +264,8 @@ constexpr command commands[] = {
      show_parameters, run_show},
     {"monitor", "[SESSION...]",
      "show the state of the sessions, and then every change of it as it happens, one a line\n"
-     "With -j, a JSON object a line. Sessions that are added later are shown too if none is named.",
+     "With -j, a JSON object a line. Changes of sessions that are added later are shown, too, if "
+     "none is named.",
      monitor_parameters, run_monitor},
     {"history", "[SESSION...]", "show the changes of state of the sessions, each with its reason",
      parameters, run_history},

@@ -68,20 +68,19 @@ bool receive_more(const kelm::unique_fd &fd, std::string &text)
     return count > 0;
 }
 
-agent_json parse(std::string_view text)
+// A line of the agent. Throws its own words when it refuses.
+agent_json parse(std::string_view line)
 {
+    std::string refusal;
     try {
-        return agent_json::parse(text);
+        agent_json reply = agent_json::parse(line);
+        if (reply.contains("event") || reply.at("ok").get<bool>())
+            return reply;
+        refusal = reply.value("error", "request refused");
     } catch (const agent_json::exception &) {
         throw kelm::error(EPROTO, "malformed answer from kelm-agent: version mismatch?");
     }
-}
-
-// Throws the agent's own words when it refuses.
-void expect_agreement(const agent_json &reply)
-{
-    if (!reply.value("ok", false))
-        throw kelm::error(EINVAL, "kelm-agent: " + reply.value("error", "request refused"));
+    throw kelm::error(EINVAL, "kelm-agent: " + refusal);
 }
 
 } // namespace
@@ -93,9 +92,7 @@ agent_json ask_agent(const std::string &socket_path, const agent_json &request)
     std::string text;
     while (receive_more(fd, text)) {
     }
-    agent_json reply = parse(text);
-    expect_agreement(reply);
-    return reply;
+    return parse(text);
 }
 
 void follow_agent(const std::string &socket_path, const agent_json &request,
@@ -106,15 +103,14 @@ void follow_agent(const std::string &socket_path, const agent_json &request,
     send_request(fd, request);
     (void)setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &for_ever, sizeof for_ever);
     std::string text;
-    while (receive_more(fd, text))
-        for (std::size_t end = 0; (end = text.find('\n')) != std::string::npos;) {
-            const agent_json line = parse(std::string_view(text).substr(0, end));
-            text.erase(0, end + 1);
-            if (line.contains("error") || !line.contains("event"))
-                expect_agreement(line);
-            else if (!take(line))
+    while (receive_more(fd, text)) {
+        std::size_t begin = 0;
+        for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos;
+             begin = end + 1)
+            if (!take(parse(std::string_view(text).substr(begin, end - begin))))
                 return;
-        }
+        text.erase(0, begin);
+    }
     throw kelm::error(ECONNRESET, "kelm-agent has ended the connection");
 }
 

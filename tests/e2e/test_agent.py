@@ -126,10 +126,12 @@ def test_programs_hear_of_changes(link, pair):
         far.ctl("down s")
         near.wait_for_line("s is down, was up: peer signaled admin-down")
         near.wait_for_line("failed with status 3")
+        monitor.expect('"event":"change"')
         state, change = map(json.loads, monitor.lines())
         assert (state["state"], state["peer"]) == ("up", link.far4)
         assert (change["state"], change["previous_state"]) == ("down", "up")
-        assert near.ctl("show state up") == []
+        assert near.ctl("show state up") == near.ctl("show peer 10.0.0.99") == []
+        assert "'uP' is not one of" in near.ctl("show state uP", status=2)
         assert "1 session: 1 down" in near.ctl("show state down", json_output=False)
         near.configure([link.session(min_tx="fast")])
         assert "'min-tx' must be a time" in near.ctl("reload", status=1)

@@ -148,6 +148,9 @@ def test_metrics(link, start):
         line = re.compile(r'^kelm_agent_session_\w+\{session="(s|never)",namespace="[\w-]+",'
                           r'peer="[\d.]+",type="single-hop"(,state="[\w-]+")?\} [\d.e+-]+$')
         samples = [row for row in text.splitlines() if row.startswith("kelm_agent_session_")]
+        for sample in ('sessions{state="up"} 1', 'sessions{state="down"} 1',
+                       f'connected{{namespace="{link.near_ns}"}} 1', "config_last_reload_successful 1"):
+            assert f"\nkelm_agent_{sample}\n" in text
         assert f'kelm_agent_lost_sessions_total{{namespace="{link.near_ns}"}} 0' in text
         assert all(line.match(row) for row in samples), text
         series = {name: sorted(row.split("{")[0] for row in samples if f'"{name}"' in row)

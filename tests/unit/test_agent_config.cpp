@@ -188,11 +188,11 @@ TEST(agent_config, mistakes_are_told_with_their_line)
         {"[agent]\nmetrics-listen = \"[::1]:0\"\n", "2: 'metrics-listen' must be an address"},
         {"[defaults]\nname = \"s\"\n", "2: unknown key 'name'"},
         {"session = 5\n", "1: 'session' must be a list"},
-        {"include = [\"missing.toml\"]\n", "1: cannot include missing.toml"},
+        {"include = [\"missing.toml\"]\n", "1: there is no file missing.toml to include"},
         {start + "minimum-ttl = 250\n", "5: unknown key 'minimum-ttl'"},
         {start + "type = \"multihop\"\nminimum-ttl = 0\n", "6: 'minimum-ttl' must be a number"},
         {"[profile.p]\nmin-tx = 5\n", "2: 'min-tx' must be a time"},
-        {"[[session]]\nname = \"s\"\nprofile = \"p\"\n", "3: there is no such profile"},
+        {"[[session]]\nname = \"s\"\nprofile = \"p\"\n", "3: there is no table [profile.p]"},
         {"[defaults]\non-change = \"program\"\n", "2: 'on-change' must be the full path"},
     };
     for (const auto &c : cases)
