@@ -20,8 +20,8 @@
 #include <sys/uio.h>
 #include <vector>
 
-#include "libkelm/fd.h"
 #include "libkelm/packet.h"
+#include "shared/unique_fd.h"
 
 namespace
 {
