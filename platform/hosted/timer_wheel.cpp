@@ -31,6 +31,18 @@ void append(wheel_link &head, wheel_link &link)
     head.prev = &link;
 }
 
+// Moves all of another list to the end.
+void take_all(wheel_link &head, wheel_link &other)
+{
+    if (is_empty(other))
+        return;
+    other.next->prev = head.prev;
+    other.prev->next = &head;
+    head.prev->next = other.next;
+    head.prev = other.prev;
+    make_empty(other);
+}
+
 void unlink(wheel_link &link)
 {
     link.prev->next = link.next;
@@ -90,6 +102,7 @@ wheel_timer *timer_wheel::pop_due(std::uint64_t up_to, std::uint64_t choice)
         wheel_timer &timer = choose_due(choice);
         if (timer.due <= position_) {
             take_out(timer);
+            __builtin_prefetch(due_list_.next, 1); // while the timer's callback runs
             return &timer;
         }
         unlink(timer);
@@ -112,15 +125,34 @@ wheel_timer &timer_wheel::choose_due(std::uint64_t choice)
 
 std::uint64_t timer_wheel::next_event() const
 {
-    if (!is_empty(due_list_))
-        return position_;
+    return is_empty(due_list_) ? std::min(next_near(), next_far()) : position_;
+}
+
+// The tick of the first near bucket in use after the position.
+std::uint64_t timer_wheel::next_near() const
+{
+    std::uint64_t tick = position_ + 1;
+    std::uint64_t bits = occupied_[tick % near_count / 64] >> tick % 64;
+    for (unsigned int words = 0; words <= near_count / 64; ++words) {
+        if (bits != 0)
+            return tick + static_cast<unsigned int>(std::countr_zero(bits));
+        tick = (tick | 63) + 1;
+        bits = occupied_[tick % near_count / 64];
+    }
+    return never;
+}
+
+// The first tick of the first far bucket in use. All of a level come before those of the next.
+std::uint64_t timer_wheel::next_far() const
+{
     for (unsigned int level = 0; level < level_count; ++level) {
-        if (occupied_[level] == 0)
+        const std::uint64_t digits = occupied_[near_count / 64 + level];
+        if (digits == 0)
             continue;
-        const unsigned int shift = level * digit_bits;
+        const unsigned int shift = near_bits + level * digit_bits;
         const std::uint64_t lower_digits =
             shift + digit_bits < 64 ? (std::uint64_t{1} << (shift + digit_bits)) - 1 : never;
-        const auto digit = static_cast<std::uint64_t>(std::countr_zero(occupied_[level]));
+        const auto digit = static_cast<std::uint64_t>(std::countr_zero(digits));
         return (position_ & ~lower_digits) | digit << shift;
     }
     return never;
@@ -130,13 +162,21 @@ void timer_wheel::file(wheel_timer &timer)
 {
     if (timer.due <= position_) {
         append(due_list_, timer);
-        return;
+    } else if (timer.due - position_ < near_count) {
+        file_in(timer.due % near_count, timer);
+    } else {
+        const std::uint64_t difference = (timer.due ^ position_) >> near_bits;
+        const unsigned int level =
+            (static_cast<unsigned int>(std::bit_width(difference)) - 1) / digit_bits;
+        const unsigned int digit = (timer.due >> (near_bits + level * digit_bits)) % digit_count;
+        file_in(near_count + level * digit_count + digit, timer);
     }
-    const auto highest_bit = static_cast<unsigned int>(std::bit_width(timer.due ^ position_)) - 1;
-    const unsigned int level = highest_bit / digit_bits;
-    const unsigned int digit = (timer.due >> (level * digit_bits)) % bucket_count;
-    append(buckets_[level * bucket_count + digit], timer);
-    occupied_[level] |= std::uint64_t{1} << digit;
+}
+
+void timer_wheel::file_in(unsigned int bucket, wheel_timer &timer)
+{
+    append(buckets_[bucket], timer);
+    occupied_[bucket / 64] |= std::uint64_t{1} << bucket % 64;
 }
 
 void timer_wheel::take_out(wheel_timer &timer)
@@ -147,23 +187,30 @@ void timer_wheel::take_out(wheel_timer &timer)
     if (head == nullptr || head == &due_list_)
         return;
     // It was alone between its bucket's head and itself.
-    const auto index = static_cast<std::size_t>(head - buckets_.data());
-    occupied_[index / bucket_count] &= ~(std::uint64_t{1} << (index % bucket_count));
+    const auto bucket = static_cast<std::size_t>(head - buckets_.data());
+    occupied_[bucket / 64] &= ~(std::uint64_t{1} << bucket % 64);
 }
 
-// Moves the position to a tick that next_event gave, and that event's bucket down with it. All
-// other timers stay at their level: their digit there is still ahead.
+// Moves the position to a tick that next_event gave, and what lies in its buckets down: near timers
+// are due, far ones are filed anew.
 void timer_wheel::move_down(std::uint64_t tick)
 {
-    unsigned int level = 0;
-    while (occupied_[level] == 0)
-        ++level;
-    const auto digit = static_cast<unsigned int>(std::countr_zero(occupied_[level]));
-    wheel_link &head = buckets_[level * bucket_count + digit];
-    occupied_[level] &= occupied_[level] - 1;
+    wheel_link far;
+    make_empty(far);
+    if (next_far() == tick) {
+        unsigned int word = near_count / 64;
+        while (occupied_[word] == 0)
+            ++word;
+        const auto digit = static_cast<unsigned int>(std::countr_zero(occupied_[word]));
+        occupied_[word] &= occupied_[word] - 1;
+        take_all(far, buckets_[word * 64 + digit]);
+    }
     position_ = tick;
-    while (!is_empty(head)) {
-        wheel_timer &timer = timer_of(*head.next);
+    const unsigned int near = tick % near_count;
+    take_all(due_list_, buckets_[near]);
+    occupied_[near / 64] &= ~(std::uint64_t{1} << near % 64);
+    while (!is_empty(far)) {
+        wheel_timer &timer = timer_of(*far.next);
         unlink(timer);
         file(timer);
     }

@@ -3,9 +3,11 @@
 // A hierarchical timing wheel on 64-bit ticks: exact to the tick at any distance, constant cost
 // to arm and to cancel.
 //
-// A timer lies at the level of the highest 6-bit digit in which its due tick differs from the
-// wheel's position, in the bucket of its own digit there. When the position reaches a bucket of
-// a higher level, the bucket's timers move down; those of the lowest level are due.
+// Near timers, which are due less than 1024 ticks after the wheel's position, lie in the bucket of
+// their tick modulo 1024; when the position reaches it, they are due. A far timer lies at the level
+// of the highest digit in which its due tick differs from the position, in the bucket of its own
+// digit there. Digits are of 6 bits, above those of the near ticks. When the position reaches such
+// a bucket, its timers move down.
 //
 // A pending timer that is armed for a later tick stays in its bucket, which costs a store: what is
 // restarted again and again, as detection timers are, is filed anew only when its bucket is
@@ -69,19 +71,26 @@ class timer_wheel
     [[nodiscard]] std::size_t size() const { return count_; }
 
   private:
+    static constexpr unsigned int near_bits = 10;
+    static constexpr unsigned int near_count = 1U << near_bits;
     static constexpr unsigned int digit_bits = 6;
-    static constexpr unsigned int bucket_count = 1U << digit_bits;
-    static constexpr unsigned int level_count = (64 + digit_bits - 1) / digit_bits;
+    static constexpr unsigned int digit_count = 1U << digit_bits;
+    static constexpr unsigned int level_count = (64 - near_bits + digit_bits - 1) / digit_bits;
+    static constexpr unsigned int bucket_count = near_count + level_count * digit_count;
 
     void file(wheel_timer &timer);
+    void file_in(unsigned int bucket, wheel_timer &timer);
     void take_out(wheel_timer &timer);
+    [[nodiscard]] std::uint64_t next_near() const;
+    [[nodiscard]] std::uint64_t next_far() const;
     void move_down(std::uint64_t tick);
     wheel_timer &choose_due(std::uint64_t choice);
 
     std::uint64_t position_; // every timer due up to here is in the due list, perhaps with others
     std::size_t count_ = 0;
-    std::array<std::uint64_t, level_count> occupied_{}; // per level, one bit for each bucket in use
-    std::array<wheel_link, std::size_t{level_count} * bucket_count> buckets_;
+    // One bit for each bucket in use; 64 of them are the buckets of one far level.
+    std::array<std::uint64_t, bucket_count / 64> occupied_{};
+    std::array<wheel_link, bucket_count> buckets_; // the near ones, then those of each level
     wheel_link due_list_;
 };
 
