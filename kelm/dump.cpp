@@ -18,7 +18,7 @@ using fill_fn = int (*)(sk_buff *skb, Record *record, const dump_request &reques
 // The frame that was passed up last, if any.
 int fill_packet_change(sk_buff *skb, rx_session *session, const dump_request &request)
 {
-    const stored_frame &frame = session->packet;
+    const stored_bytes &frame = session->packet;
     if (frame.len == 0)
         return 0;
     const std::size_t body_len = sizeof(kelm_msg_rx_packet_change) + frame.len;

@@ -66,10 +66,10 @@ void rx_timeout(timer_list *timer)
     // may have stopped or restarted the timer.
     if (!session->timer_armed || timer_pending(&session->timer))
         return;
-    ++session->stats.num_timeout;
+    ++session->stats.counters.num_timeout;
     session->timer_active = false;
     session->timer_armed = false;
-    session->stats.last_state_change = wall_clock();
+    session->stats.counters.last_state_change = wall_clock();
     send_failure(session);
     latch_tx_packets(session);
 }

@@ -70,11 +70,11 @@ void r_trace(kelm_trace_type type, std::uint32_t disc, const char *str)
 bool auth_valid(rx_session *session, const received_frame &frame)
 {
     std::uint32_t seq_num = session->seq_num;
-    const bool valid =
-        kelm_auth_valid(&session->auth, session->auth_key, &seq_num, &session->stats.num_auth_fail,
-                        &session->stats.num_auth_type_mismatch, session->multiplier, frame.header(),
-                        frame.ip_header(), frame.info.ifindex,
-                        static_cast<std::int32_t>(frame.bfd_len) - BFD_CTRL_LEN, r_trace);
+    rx_counters &counters = session->stats.counters;
+    const bool valid = kelm_auth_valid(
+        &session->auth, session->auth_key, &seq_num, &counters.num_auth_fail,
+        &counters.num_auth_type_mismatch, session->multiplier, frame.header(), frame.ip_header(),
+        frame.info.ifindex, static_cast<std::int32_t>(frame.bfd_len) - BFD_CTRL_LEN, r_trace);
     if (valid || !kelm_strict)
         session->seq_num = seq_num;
     return valid;
@@ -121,17 +121,13 @@ bool must_pass_up(const rx_session *session, const received_frame &frame)
 // none, so that the next packet is passed up.
 bool store_frame(rx_session *session, const received_frame &frame)
 {
-    ++session->stats.num_passup;
-    kfree(session->packet.data);
+    ++session->stats.counters.num_passup;
     session->info = frame.info;
-    session->packet.len = frame.len();
-    session->packet.data = static_cast<std::uint8_t *>(kmalloc(frame.len(), GFP_ATOMIC));
-    if (session->packet.data == nullptr) {
-        ++session->stats.packet_alloc_fail;
-        session->packet.len = 0;
+    if (!store(session->packet, session->room, frame.link_header, frame.len())) {
+        ++session->stats.counters.packet_alloc_fail;
+        forget(session->packet, session->room);
         return false;
     }
-    std::memcpy(session->packet.data, frame.link_header, frame.len());
     return true;
 }
 
@@ -172,7 +168,7 @@ void pass_up_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const rece
     if (err != 0) {
         KELM_LOG("Rx", 2, "failed to expand skb %d", err);
         if (session != nullptr)
-            ++session->stats.pskb_expand_fail;
+            ++session->stats.counters.pskb_expand_fail;
         else
             count(vrf->stats.pskb_expand_fail);
         skb.drop();
@@ -187,7 +183,7 @@ void session_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const rece
 {
     if (!auth_valid(session, frame)) {
         rx_log(session->discriminator, 2, "Packet failed auth check");
-        ++session->stats.num_auth_fail;
+        ++session->stats.counters.num_auth_fail;
         return;
     }
     record_reception(session,
@@ -209,6 +205,7 @@ void valid_packet(kelm_vrf *vrf, skb_ptr &skb, const received_frame &frame)
     }
     softirq_guard table(rx_lock);
     if (rx_session *session = vrf->sessions.find(disc)) {
+        prefetch_for_packet(*session);
         softirq_guard lock(session->lock);
         table.unlock();
         session_packet(vrf, session, skb, frame);

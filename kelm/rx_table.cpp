@@ -100,7 +100,7 @@ int configure(rx_session *session, kelm_vrf *vrf, sk_buff *fail_skb,
     if (err != 0)
         return err;
     configure_detection(session);
-    session->stats.last_state_change = wall_clock();
+    session->stats.counters.last_state_change = wall_clock();
     return 0;
 }
 
@@ -142,7 +142,7 @@ void free_session(rx_session *session)
         rx_log(disc, 2, "Consumed fail_skb for %u", disc);
         consume_skb(session->fail_skb);
     }
-    kfree(session->packet.data);
+    forget(session->packet, session->room);
     kelm_netlink_put_vrf(session->vrf);
     delete_record(session);
 }

@@ -63,10 +63,11 @@ struct tx_counters {
 // A record's statistics. What happens regularly is recorded twice: for its lifetime, and since the
 // last periodic report (snapshot).
 template<typename Block, typename Counters>
-struct record_stats : Counters {
+struct record_stats {
+    timespec64 last_event = {}; // wall clock; 0 for none to measure an interval from
     Block lifetime;
     Block snapshot;
-    timespec64 last_event = {}; // wall clock; 0 for none to measure an interval from
+    Counters counters;
 
     // A new period makes the intervals so far meaningless.
     void restart() { lifetime = snapshot = {}; }

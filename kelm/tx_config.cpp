@@ -94,17 +94,12 @@ int change_type(tx_packet *packet, std::uint32_t type)
 
 int copy_packet(tx_packet *packet, const kelm_msg_tx_set_packet &msg)
 {
-    auto *data = static_cast<std::uint8_t *>(kmalloc(msg.packet_len, GFP_ATOMIC));
-    if (data == nullptr) {
+    if (!store(packet->packet, packet->room, msg.packet, msg.packet_len)) {
         tx_log(packet->discriminator, 2, "Failed to allocate packet data");
         return -ENOMEM;
     }
     tx_log(packet->discriminator, 2, "Copying packet data of %d byte",
            static_cast<int>(msg.packet_len));
-    kfree(packet->packet);
-    packet->packet = data;
-    packet->packet_len = msg.packet_len;
-    std::memcpy(data, msg.packet, msg.packet_len);
     return 0;
 }
 

@@ -73,8 +73,7 @@ void __put_packet(tx_packet *packet, bool force)
     if (packet->refcount.fetch_sub(1, std::memory_order_acq_rel) > 1)
         return;
     tx_log(packet->discriminator, 3, "Unlinking tx %u on last ref", packet->discriminator);
-    kfree(packet->packet);
-    packet->packet = nullptr;
+    forget(packet->packet, packet->room);
     packet->sk = nullptr;
     warn_broken_invariants(packet);
     alive_packets.unlink(*packet);

@@ -66,14 +66,14 @@ int apply_latch(tx_packet *packet)
         return 0;
     tx_log(disc, 2, "Packet %u latched to diag %u", disc, diag);
     packet->period = packet->latch_period;
-    ++packet->stats.num_latches;
+    ++packet->stats.counters.num_latches;
     if (!packet->layout().bfd_header_fits()) {
-        ++packet->stats.num_latch_errors;
+        ++packet->stats.counters.num_latch_errors;
         tx_log(disc, 2, "Packet too short to modify (disc %u len %zu < %lu)", disc,
-               packet->packet_len, std::size_t{packet->latch_offset} + BFD_CTRL_LEN);
+               packet->packet.len, std::size_t{packet->latch_offset} + BFD_CTRL_LEN);
         return EINVAL;
     }
-    std::uint8_t *bfd = packet->packet + packet->latch_offset;
+    std::uint8_t *bfd = packet->packet.data + packet->latch_offset;
     bfd[0] = static_cast<std::uint8_t>((bfd[0] & BFD_VERSION_MASK) | (diag & BFD_DIAG_MASK));
     bfd[1] = static_cast<std::uint8_t>((bfd[1] & ~BFD_STATE_MASK) |
                                        (packet->latch_state << BFD_STATE_SHIFT));
@@ -86,14 +86,14 @@ int apply_latch(tx_packet *packet)
 int update_packet(tx_packet *packet)
 {
     if (packet->layout().bfd_header_fits()) {
-        std::uint8_t *bfd = packet->packet + packet->latch_offset;
+        std::uint8_t *bfd = packet->packet.data + packet->latch_offset;
         stamp_rtt(packet, bfd);
         clear_final_bit(packet, bfd);
     }
     const int err = apply_latch(packet);
     // Last, so that the digest covers what was changed.
     if (err == 0)
-        kelm_auth_process(packet->packet, packet->packet_len, packet->latch_offset,
+        kelm_auth_process(packet->packet.data, packet->packet.len, packet->latch_offset,
                           static_cast<kelm_tx_session_types>(packet->type), packet->auth.type,
                           &packet->seq_num, &packet->auth_hdr, r_trace);
     return err;
@@ -101,8 +101,8 @@ int update_packet(tx_packet *packet)
 
 int send(const tx_packet *packet, const kernel_msghdr &msg)
 {
-    const kvec vec = {packet->packet, packet->packet_len};
-    return kernel_sendmsg(packet->sk, &msg, &vec, 1, packet->packet_len);
+    const kvec vec = {packet->packet.data, packet->packet.len};
+    return kernel_sendmsg(packet->sk, &msg, &vec, 1, packet->packet.len);
 }
 
 sockaddr_inet6 destination_of(const ip_addresses &ip)
@@ -139,7 +139,7 @@ std::size_t fill_pktinfo(pktinfo *info, const ip_addresses &ip, std::uint32_t if
 
 int send_ip(const tx_packet *packet)
 {
-    const ip_addresses ip(packet->packet);
+    const ip_addresses ip(packet->packet.data);
     const sockaddr_inet6 address = destination_of(ip);
     kernel_msghdr msg = {&address, sizeof(address), MSG_DONTWAIT, nullptr, 0};
     pktinfo info;
@@ -159,7 +159,7 @@ int send_frame(const tx_packet *packet)
     address.family = AF_PACKET;
     address.ifindex = static_cast<std::int32_t>(packet->ifindex);
     address.halen = 6;
-    std::memcpy(address.addr, packet->packet, 6); // Ethernet destination
+    std::memcpy(address.addr, packet->packet.data, 6); // Ethernet destination
     return send(packet, {&address, sizeof(address), MSG_DONTWAIT, nullptr, 0});
 }
 // The number of bytes sent or a negative error number; a packet without a socket, or without the
@@ -183,14 +183,14 @@ bool can_send(tx_packet *packet)
         tx_log(disc, 3, "Reached dead tx %u", disc);
         return false;
     }
-    if (packet->packet == nullptr) {
+    if (packet->packet.data == nullptr) {
         tx_log(disc, 2, "No packet to send!");
-        ++packet->stats.num_empty_packets;
+        ++packet->stats.counters.num_empty_packets;
         return false;
     }
-    if (packet->packet_len < min_packet_len) {
-        tx_log(disc, 2, "Packet too short. %lu bytes", packet->packet_len);
-        ++packet->stats.num_short_packets;
+    if (packet->packet.len < min_packet_len) {
+        tx_log(disc, 2, "Packet too short. %lu bytes", packet->packet.len);
+        ++packet->stats.counters.num_short_packets;
         return false;
     }
     return true;
@@ -212,9 +212,9 @@ bool transmit(tx_packet *packet)
         return false;
     }
     const int sent = send_packet(packet);
-    if (sent < 0 || static_cast<std::size_t>(sent) != packet->packet_len) {
+    if (sent < 0 || static_cast<std::size_t>(sent) != packet->packet.len) {
         tx_log(packet->discriminator, 2, "Error Txing: %d", sent);
-        ++packet->stats.num_tx_errors;
+        ++packet->stats.counters.num_tx_errors;
     }
     if (!packet->send_oob_packet)
         record_transmission(packet);
@@ -243,7 +243,10 @@ void tx_trigger_init()
 
 void tx_trigger_callback(timer_list *timer)
 {
-    tx_trigger(container_of(timer, &tx_packet::timer), true);
+    tx_packet *packet = container_of(timer, &tx_packet::timer);
+    prefetch(packet->discriminator, packet->type, packet->stats.last_event, packet->stats.snapshot,
+             packet->room);
+    tx_trigger(packet, true);
 }
 
 void tx_trigger(tx_packet *packet, bool is_callback)
@@ -280,11 +283,11 @@ void update_udp_checksum(tx_packet *packet, bool force)
     if ((packet->auth.type == BFD_AUTH_NONE && !force) || !packet->layout().udp_headers_fit())
         return;
     const auto udp_len =
-        static_cast<std::uint32_t>(packet->packet_len - packet->latch_offset + udp_header_len);
-    std::uint8_t *udp = packet->packet + packet->latch_offset - udp_header_len;
+        static_cast<std::uint32_t>(packet->packet.len - packet->latch_offset + udp_header_len);
+    std::uint8_t *udp = packet->packet.data + packet->latch_offset - udp_header_len;
     store_host<std::uint16_t>(udp + udp_check_offset, 0);
     const std::uint32_t sum = csum_partial(udp, static_cast<int>(udp_len), 0);
-    const ip_addresses ip(packet->packet + packet->ip_hdr_offset);
+    const ip_addresses ip(packet->packet.data + packet->ip_hdr_offset);
     const std::uint16_t check =
         ip.v4
             ? csum_tcpudp_magic(load_host<std::uint32_t>(ip.source),

@@ -27,7 +27,8 @@ class heap
     heap(const heap &) = delete;
     heap &operator=(const heap &) = delete;
 
-    [[nodiscard]] void *allocate(std::size_t size);
+    // Uninitialised, at a multiple of the alignment.
+    [[nodiscard]] void *allocate(std::size_t size, std::size_t alignment);
     void release(const void *memory);
 
     [[nodiscard]] std::size_t bytes() const { return total_; }

@@ -89,11 +89,11 @@ void release(spinlock_t *storage, bool bh)
 void spin_lock_init(spinlock_t *storage, unsigned int rank, const char *name)
 {
     new (storage->storage) lock{.magic = lock::magic_number,
-                                .rank = rank,
-                                .name = name,
-                                .holder = nullptr,
                                 .waiters = 0,
-                                .bh = false};
+                                .rank = static_cast<std::uint8_t>(rank),
+                                .bh = false,
+                                .holder = nullptr,
+                                .name = name};
 }
 
 void spin_lock(spinlock_t *lock)

@@ -14,11 +14,11 @@ struct lock {
     static constexpr std::uint32_t magic_number = 0x10c4ed;
 
     std::uint32_t magic;
-    unsigned int rank;
-    const char *name;
-    context *holder;
-    unsigned int waiters;
+    std::uint16_t waiters;
+    std::uint8_t rank;
     bool bh; // taken with bottom halves off
+    context *holder;
+    const char *name;
 };
 
 } // namespace sim

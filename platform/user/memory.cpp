@@ -4,6 +4,7 @@
 #include "platform/memory.h"
 
 #include <cstdlib>
+#include <cstring>
 
 #include "platform/user/context.h"
 
@@ -27,7 +28,12 @@ void *kmalloc(std::size_t size, gfp_t gfp)
 void *kzalloc(std::size_t size, gfp_t gfp)
 {
     check(gfp);
-    return std::calloc(1, size);
+    void *memory = nullptr;
+    if (size < cache_line)
+        return std::calloc(1, size);
+    if (posix_memalign(&memory, cache_line, size) != 0)
+        return nullptr;
+    return std::memset(memory, 0, size);
 }
 
 void kfree(const void *ptr)

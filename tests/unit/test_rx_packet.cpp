@@ -322,20 +322,27 @@ TEST_F(rx_packet, type_ttl_and_interface_admit_a_packet)
 
 TEST_F(rx_packet, without_memory_a_packet_counts_and_is_not_passed_up)
 {
-    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = BFD_AUTH_PASSWORD}), 0);
+    // Longer than what needs no memory besides the session's.
+    const auto long_packet = [](const control_packet &header) {
+        datagram packet = arriving(header);
+        packet.payload = with_section(header, auth_section(BFD_AUTH_PASSWORD));
+        packet.link_len = 64;
+        return packet;
+    };
     const auto passed_up_without = [this](service failing, const datagram &packet) {
         w.fail(failing, -ENOMEM);
         return passed_up(packet);
     };
     // No copy: the next packet tries again.
-    EXPECT_EQ(passed_up_without(service::allocation, arriving({})), 0U);
+    EXPECT_EQ(passed_up_without(service::allocation, long_packet({})), 0U);
     // No headroom: the copy is there, so that the next one is no change.
-    EXPECT_EQ(passed_up_without(service::skb_reallocation, arriving({})), 0U);
+    EXPECT_EQ(passed_up_without(service::skb_reallocation, long_packet({})), 0U);
     EXPECT_EQ(w.logged("kelm Rx: failed to expand skb -12"), 1U);
-    EXPECT_EQ(passed_up(arriving({})), 0U);
+    EXPECT_EQ(passed_up(long_packet({})), 0U);
     EXPECT_EQ(module_stats(a).pskb_expand_fail, 0U);
     // A failed copy forgets the old one.
-    const datagram changed = arriving({.state = BFD_STATE_INIT});
+    const datagram changed = long_packet({.state = BFD_STATE_INIT});
     EXPECT_EQ(passed_up_without(service::allocation, changed), 0U);
     EXPECT_EQ(names(sync_dump(a).messages), strings{"rx_sync 5"});
     EXPECT_EQ(passed_up(changed), 1U);
