@@ -1,20 +1,24 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/softirq.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <future>
 #include <memory>
 #include <new>
 #include <sched.h>
 #include <sys/epoll.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "platform/clock.h"
+#include "platform/user/clock.h"
 #include "platform/user/context.h"
 #include "platform/user/log.h"
 #include "platform/user/system_call.h"
@@ -90,6 +94,32 @@ void raise_priority()
     setpriority(PRIO_PROCESS, 0, highest); // 0: this thread
 }
 
+// Datagrams less than this apart are a burst, nanoseconds.
+constexpr std::int64_t burst_gap = 100'000;
+// For how long the next ones of a burst are waited for. At most one of ten datagrams wakes the
+// thread when a peer sends as fast as it can.
+constexpr std::int64_t gather_time = 50'000;
+
+constexpr std::int64_t ns_per_second = 1'000'000'000;
+
+std::int64_t nanoseconds(const timespec &time)
+{
+    return time.tv_sec * ns_per_second + time.tv_nsec;
+}
+
+std::int64_t monotonic_now()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return nanoseconds(now);
+}
+
+void sleep_until(std::int64_t monotonic)
+{
+    const timespec when{monotonic / ns_per_second, monotonic % ns_per_second};
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr);
+}
+
 } // namespace
 
 softirq_thread::softirq_thread(timer_base &timers)
@@ -105,6 +135,7 @@ void softirq_thread::start(bool realtime)
     const auto scheduled = std::make_shared<std::promise<void>>();
     thread_ = start_thread("kelmd-softirq", [this, realtime, scheduled] {
         raise_priority();
+        prctl(PR_SET_TIMERSLACK, 1); // nanosecond
         if (realtime)
             raise_to_realtime();
         scheduled->set_value();
@@ -134,10 +165,13 @@ void softirq_thread::run()
             return;
         const int ready =
             epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), timeout);
+        bool received = false;
         for (int i = 0; i < ready; ++i)
-            drain(events[static_cast<std::size_t>(i)]);
+            received |= drain(events[static_cast<std::size_t>(i)]);
         if (timeout == 0)
             timers_.run(now);
+        if (received)
+            gather();
     }
 }
 
@@ -149,13 +183,13 @@ void softirq_thread::make_room(std::vector<epoll_event> &events)
         events.resize(2 * receivers_.size() + 1);
 }
 
-// Drains the receiver that an event was for, unless it has been removed since.
-void softirq_thread::drain(const epoll_event &event)
+// Drains the receiver that an event was for, unless it has been removed since. Whether it did.
+bool softirq_thread::drain(const epoll_event &event)
 {
     auto *const source = static_cast<receiver *>(event.data.ptr); // null for the timers' clock
     guard held(lock_);
     if (!receivers_.contains(source))
-        return;
+        return false;
     draining_ = source;
     held.unlock();
     source->drain();
@@ -163,6 +197,19 @@ void softirq_thread::drain(const epoll_event &event)
     draining_ = nullptr;
     if (waiters_ != 0)
         drained_.wake_all();
+    return true;
+}
+
+// Within a burst, lets more datagrams arrive, but no timer become due.
+void softirq_thread::gather()
+{
+    const std::int64_t now = monotonic_now();
+    const bool in_burst = now - last_reception_ < burst_gap;
+    last_reception_ = now;
+    if (!in_burst)
+        return;
+    last_reception_ = std::min(now + gather_time, nanoseconds(tick_start(get_jiffies_64() + 1)));
+    sleep_until(last_reception_);
 }
 
 int softirq_thread::add(receiver &source)

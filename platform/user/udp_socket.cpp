@@ -98,19 +98,21 @@ receive_batch::receive_batch()
 {
     for (std::size_t i = 0; i < size; ++i)
         vectors_[i] = {.iov_base = payloads_[i].data(), .iov_len = longest_payload};
+    reset(size);
 }
 
 std::size_t receive_batch::receive(int fd)
 {
-    reset();
+    reset(used_);
     const int count = recvmmsg(fd, messages_.data(), size, MSG_DONTWAIT, nullptr);
-    return count > 0 ? static_cast<std::size_t>(count) : 0;
+    used_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+    return used_;
 }
 
-// Undoes what a receive call writes into its arguments.
-void receive_batch::reset()
+// Undoes what a receive call writes into its arguments, of the first ones.
+void receive_batch::reset(std::size_t count)
 {
-    for (std::size_t i = 0; i < size; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         msghdr &header = messages_[i].msg_hdr;
         header = {};
         header.msg_name = &sources_[i];

@@ -45,8 +45,9 @@ class receive_batch
         alignas(cmsghdr) std::array<std::uint8_t, control_room> bytes;
     };
 
-    void reset();
+    void reset(std::size_t count);
 
+    std::size_t used_ = 0; // of the arrays, by the last receive
     std::array<mmsghdr, size> messages_;
     std::array<iovec, size> vectors_;
     std::array<sockaddr_in6, size> sources_;
