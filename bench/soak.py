@@ -6,7 +6,8 @@
     sessions 1, 2, ...         <-- veth -->     sessions 1000001, 1000002, ...
 
 One kelmd serves both ends, so that everything it sends it also has to receive. Meanwhile an agent
-dumps all statistics in a loop, and every processor is hogged by a process that never sleeps.
+dumps all statistics in a loop, and every processor is hogged by a process that never sleeps. In the
+middle all agents stop to read for ten detection times, the dumping one within a dump.
 
 A failed session is a false failure: both ends are there all the time. A datagram is lost when one
 end's count of transmissions stays ahead of the other end's count of accepted packets.
@@ -39,8 +40,6 @@ from lib.host import Kelmd  # noqa: E402
 from lib.netns import in_namespace  # noqa: E402
 from lib.topology import Namespaces, ip  # noqa: E402
 
-PERIOD = 100_000
-DUE_MS = PERIOD / 1000 - 1  # half a tick is taken off the period, which makes a whole one
 FAR = 1_000_000  # the far end's discriminators are the near end's and this
 EVERY_NTH_WITHOUT_JITTER = 5
 JITTERED_PORT, PLAIN_PORT = 49152, 49153  # UDP source ports tell the wire's watcher who is who
@@ -51,6 +50,7 @@ def options():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--seconds", type=float, default=300)
     parser.add_argument("--sessions", type=int, default=500)
+    parser.add_argument("--period", type=int, default=100, help="milliseconds")
     parser.add_argument("--multiplier", type=int, default=3,
                         help="packets that a session can miss before it fails")
     parser.add_argument("--realtime", action="store_true", help="run kelmd --realtime")
@@ -64,13 +64,13 @@ class End:
 
     def __init__(self, agent, address, peer, first, peer_first, chosen):
         self.agent, self.address, self.peer = agent, address, peer
-        self.multiplier = chosen.multiplier
+        self.multiplier, self.period = chosen.multiplier, chosen.period * 1000
         self.pairs = [(first + n, peer_first + n) for n in range(1, chosen.sessions + 1)]
 
     def receive(self, flags=0):
         for mine, _ in self.pairs:
             self.agent.request(p.RX_SET_SESSION, p.rx_set_session(
-                mine, flags=flags, period=PERIOD, multiplier=self.multiplier,
+                mine, flags=flags, period=self.period, multiplier=self.multiplier,
                 failure=p.failure_message(mine)))
 
     def transmit(self):
@@ -80,11 +80,11 @@ class End:
                                      bfd.Bfd(my_disc=mine, your_disc=theirs).pack(),
                                      sport=PLAIN_PORT if plain else JITTERED_PORT)
             self.agent.request(p.TX_SET_PACKET, p.tx_set_packet(
-                mine, packet, period=PERIOD, jitter=p.JITTER_NONE if plain else p.JITTER_75))
+                mine, packet, period=self.period, jitter=p.JITTER_NONE if plain else p.JITTER_75))
 
-    def stats(self):
-        """Statistics by discriminator: of transmission and of reception."""
-        found = self.agent.stats()
+    def stats(self, disc=0):
+        """Statistics by discriminator, of all or of one: of transmission and of reception."""
+        found = self.agent.stats(disc)
         return ({s.disc: s for s in found if hasattr(s, "num_sent")},
                 {s.disc: s for s in found if hasattr(s, "num_received")})
 
@@ -94,17 +94,24 @@ def lost(ends):
 
     Nothing stops for the count. Read after the receiver, the sender's count is ahead by what was
     lost, and by what was sent or under way in between; the least of several readings, taken when
-    the session happened to be silent, is the loss alone.
+    the session happened to be silent, is the loss alone. Of many sessions few are silent during
+    both dumps: the others are asked one by one.
     """
     least = {}
 
+    for sender, receiver in (ends, ends[::-1]):
+        received = receiver.stats()[1]
+        sent = sender.stats()[0]
+        for mine, theirs in sender.pairs:
+            least[mine] = sent[mine].num_sent - received[theirs].num_received
+
     def count():
         for sender, receiver in (ends, ends[::-1]):
-            received = receiver.stats()[1]
-            sent = sender.stats()[0]
             for mine, theirs in sender.pairs:
-                ahead = sent[mine].num_sent - received[theirs].num_received
-                least[mine] = min(ahead, least.get(mine, ahead))
+                if least[mine]:
+                    received = receiver.stats(theirs)[1][theirs]
+                    sent = sender.stats(mine)[0][mine]
+                    least[mine] = min(least[mine], sent.num_sent - received.num_received)
         return not any(least.values())
     with contextlib.suppress(AssertionError):
         wait_until(count, "datagram that was sent", timeout=SETTLING, poll=0.05)
@@ -135,13 +142,16 @@ class Dumper(threading.Thread):
     def __init__(self, namespace):
         super().__init__(daemon=True)
         self.agent = Agent(namespace)
-        self.ending = threading.Event()
+        self.ending, self.reading = threading.Event(), threading.Event()
+        self.reading.set()
         self.dumps = 0
 
     def run(self):
         body = p.get_stats(flags=p.STATS_ALL_VRFS | p.STATS_MODULE)
         while not self.ending.is_set():
-            self.agent.finish_dump(self.agent.start_dump(p.GET_STATS, body))
+            dump = self.agent.start_dump(p.GET_STATS, body)
+            self.reading.wait()
+            self.agent.finish_dump(dump)
             self.dumps += 1
 
     def end(self):
@@ -158,7 +168,9 @@ class Watcher:
     SO_ATTACH_FILTER, SO_RCVBUFFORCE, SO_TIMESTAMPNS = 26, 33, 35
     SOL_PACKET, PACKET_STATISTICS = 263, 6
 
-    def __init__(self, namespace, interface):
+    def __init__(self, namespace, interface, period):
+        # Half a tick is taken off the period, which makes a whole one.
+        self.due_ms = period - 1
         with in_namespace(namespace):
             self.sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
         self._keep_only_plain()
@@ -186,7 +198,7 @@ class Watcher:
                 disc = struct.unpack_from("!I", frame, self.MY_DISC)[0]
                 now = seconds * 1000 + nanoseconds / 1e6
                 if record and disc in self.last:
-                    self.lateness.append(now - self.last[disc] - DUE_MS)
+                    self.lateness.append(now - self.last[disc] - self.due_ms)
                 self.last[disc] = now
 
     def overlooked(self):
@@ -233,17 +245,22 @@ def print_intervals(sent):
     print(f"  longest {max(s.max_lateness for s in sent) / 1000:.1f} ms")
 
 
-def soak(watcher, listeners, dumper, seconds):
-    """The busy time itself; returns the failures that were reported."""
+def soak(watcher, listeners, dumper, seconds, stop):
+    """The busy time itself; returns the failures that were reported. Agents stop for some time."""
     failed = []
     watcher.drain(record=False)
     dumper.start()
     with hogged():
-        deadline = time.monotonic() + seconds
-        while time.monotonic() < deadline:
-            time.sleep(0.2)
+        begin = time.monotonic()
+        while (elapsed := time.monotonic() - begin) < seconds:
+            time.sleep(0.1)
             watcher.drain()
-            failed += failures(listeners)
+            if abs(elapsed - seconds / 2) < stop / 2:
+                dumper.reading.clear()
+            else:
+                dumper.reading.set()
+                failed += failures(listeners)
+        dumper.reading.set()
         dumper.end()
     watcher.drain()
     return failed + failures(listeners)
@@ -274,7 +291,7 @@ def main():
             end.receive()
         for end in ends:
             end.transmit()
-        watcher = Watcher(link.near_ns, link.name)
+        watcher = Watcher(link.near_ns, link.name, chosen.period)
         stack.callback(watcher.sock.close)
         near.agent.request(p.TX_PATH_READY, p.tx_path_ready())
         wait_until(lambda: all(s.num_received for end in ends for s in end.stats()[1].values()),
@@ -282,12 +299,15 @@ def main():
         for end in ends:
             end.receive(p.TIMER_ACTIVE)
 
-        print(f"{chosen.sessions} sessions between two namespaces, every {PERIOD / 1000:.0f} ms in "
-              f"both directions, detection after {chosen.multiplier * PERIOD / 1000:.0f} ms; "
+        detection_ms = chosen.multiplier * chosen.period
+        stop = min(detection_ms / 100, chosen.seconds / 2)  # ten detection times, if the run allows
+        print(f"{chosen.sessions} sessions between two namespaces, every {chosen.period} ms in "
+              f"both directions, detection after {detection_ms} ms; "
               f"{chosen.seconds:.0f} s with {len(os.sched_getaffinity(0))} processors hogged"
-              f"{', kelmd --realtime' if chosen.realtime else ''}")
+              f"{', kelmd --realtime' if chosen.realtime else ''}, agents stopped for {stop:.1f} s")
         dumper = Dumper(link.near_ns)
-        reported = soak(watcher, listeners, dumper, chosen.seconds)
+        reported = soak(watcher, listeners, dumper, chosen.seconds, stop)
+        overlooked = watcher.overlooked()
 
         missing = lost(ends)
         sent = [s for end in ends for s in end.stats()[0].values()]
@@ -298,7 +318,7 @@ def main():
         print(f"datagrams lost: {sum(missing.values())} in {len(missing)} sessions, of "
               f"{sum(s.num_sent for s in sent)} sent ({errors} could not be sent)")
         print_lateness(watcher.lateness)
-        if overlooked := watcher.overlooked():
+        if overlooked:
             print(f"  {overlooked} packets went by unseen, and made others look late")
         print_intervals(sent)
         print(f"dumps of everything meanwhile: {dumper.dumps}")
