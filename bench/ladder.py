@@ -137,7 +137,8 @@ class Kelm:
         def configuration(session):
             keys = session.configuration(**self.timing.keys())
             del keys["namespace"]
-            return {**keys, "local": session.far, "peer": session.near} if far else keys
+            local, peer = (session.far, session.near) if far else (session.near, session.far)
+            return {**keys, "local": local, "peer": peer}
         with in_namespace(self.namespace):
             self.agent = KelmAgent([configuration(session) for session in sessions])
         self.programs = [self.kelmd, self.agent]
