@@ -177,10 +177,10 @@ steady::duration pass_period(sim::world &world)
     return time_of([&] { world.run_timers(); });
 }
 
-// Datagrams come in batches, as kelmd reads them: made, which is not timed, and then received.
-// make and receive are given a place in the round.
-template<typename Make, typename Receive>
-steady::duration receive_round(std::size_t count, Make make, Receive receive)
+// Datagrams come in batches, as kelmd reads them: made, which is not timed, announced and received.
+// make and receive are given a place in the round, announce the number of datagrams.
+template<typename Make, typename Announce, typename Receive>
+steady::duration receive_round(std::size_t count, Make make, Announce announce, Receive receive)
 {
     steady::duration spent{};
     for (std::size_t first = 0; first < count; first += BATCH) {
@@ -189,6 +189,7 @@ steady::duration receive_round(std::size_t count, Make make, Receive receive)
             make(i);
         const sim::softirq_scope softirq;
         spent += time_of([&] {
+            announce(end - first);
             for (std::size_t i = first; i < end; ++i)
                 receive(i);
         });
@@ -226,6 +227,12 @@ class reception
                             packets.size(),
                             [this](std::size_t i) {
                                 buffers[i % BATCH] = hosted::udp_frame_skb(packets[i], arrival);
+                            },
+                            [this](std::size_t count) {
+                                std::array<kvec, BATCH> payloads;
+                                for (std::size_t i = 0; i < count; ++i)
+                                    payloads[i] = {skb_data(buffers[i]), skb_len(buffers[i])};
+                                sk.data_ahead(&sk, payloads.data(), count);
                             },
                             [this](std::size_t i) {
                                 sk.first = sk.last = buffers[i % BATCH];
@@ -369,8 +376,10 @@ double receive_services_cost(std::uint32_t sessions)
         spin_unlock(&session);
         consume_skb(taken);
     };
-    return median_cost(
-        sessions, [&] { return pass_period(host.world) + receive_round(sessions, make, receive); });
+    return median_cost(sessions, [&] {
+        return pass_period(host.world) + receive_round(
+                                             sessions, make, [](std::size_t) {}, receive);
+    });
 }
 
 // What a transmission asks of the platform, its UDP checksum aside.

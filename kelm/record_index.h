@@ -43,6 +43,21 @@ class record_index
         return record;
     }
 
+    // Calls visit for the records of these discriminators, as far as there are any. What is on the
+    // way to them is fetched for all at once, not for one after the other.
+    template<typename Visit>
+    void fetch(const std::uint32_t *discriminators, std::size_t count, Visit visit)
+    {
+        for (std::size_t i = 0; i < count; ++i)
+            __builtin_prefetch(&bucket_of(discriminators[i]));
+        for (std::size_t i = 0; i < count; ++i)
+            __builtin_prefetch(bucket_of(discriminators[i]), 1);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (const Record *record = find(discriminators[i]))
+                visit(*record);
+        }
+    }
+
     // Adds a record; no other one in the index has its discriminator.
     void insert(Record &record)
     {

@@ -26,6 +26,13 @@ class record_table
     // The record with this discriminator, or null.
     [[nodiscard]] Record *find(std::uint32_t discriminator) { return index_.find(discriminator); }
 
+    // See record_index.
+    template<typename Visit>
+    void fetch(const std::uint32_t *discriminators, std::size_t count, Visit visit)
+    {
+        index_.fetch(discriminators, count, visit);
+    }
+
     // Adds a record that has its discriminator, which no other one in the table has, and is in no
     // table.
     void append(Record &record)

@@ -26,6 +26,9 @@ namespace
 {
 constinit relaxed<bool> first_packet(true);
 
+// Of how many datagrams the sessions are fetched ahead. They have to stay in the nearest cache.
+constexpr std::size_t most_ahead = 32;
+
 constexpr unsigned packet_change_headroom = NLMSG_HDRLEN + sizeof(kelm_msg_rx_packet_change);
 
 // A received datagram as part of its frame. Pointers into a buffer are good until it is expanded.
@@ -244,6 +247,20 @@ kelm_msg_rx_packet_change packet_change_message(std::uint32_t discriminator, con
 void rx_packet_init()
 {
     first_packet = true;
+}
+
+void rx_data_ahead(sock *sk, const kvec *payloads, std::size_t count)
+{
+    auto *vrf = static_cast<kelm_vrf *>(sock_user_data(sk));
+    std::uint32_t discs[most_ahead];
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < count && found < most_ahead; ++i) {
+        if (payloads[i].iov_len >= BFD_CTRL_LEN)
+            discs[found++] = load_be32(static_cast<const std::uint8_t *>(payloads[i].iov_base) +
+                                       offsetof(bfd_ctrl, your_discriminator));
+    }
+    softirq_guard table(rx_lock);
+    vrf->sessions.fetch(discs, found, prefetch_for_packet);
 }
 
 void rx_data_ready(sock *sk)

@@ -9,6 +9,7 @@
 #include "kelm/kelm.h"
 
 struct frame_info;
+struct kvec;
 struct sock;
 
 // Module load.
@@ -16,6 +17,9 @@ void rx_packet_init();
 
 // The data-ready callback of every receive socket, whose user data is its vrf: one datagram.
 void rx_data_ready(sock *sk);
+
+// The data-ahead callback: has the processor fetch the sessions of datagrams that come next.
+void rx_data_ahead(sock *sk, const kvec *payloads, std::size_t count);
 
 // The fixed part of a KELM_MSG_RX_PACKET_CHANGE for a frame of that length.
 [[nodiscard]] kelm_msg_rx_packet_change

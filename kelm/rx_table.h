@@ -75,7 +75,7 @@ static_assert(in_one_line(offsetof(rx_session, room) + 42,
 // To be called as soon as it is known that a packet of the session is to be received.
 inline void prefetch_for_packet(const rx_session &session)
 {
-    prefetch(session.info, session.stats.snapshot, session.timer, session.room[62]);
+    prefetch(session.lock, session.info, session.stats.snapshot, session.timer, session.room[62]);
 }
 
 // Guards the session tables of all vrfs.

@@ -51,6 +51,7 @@ int create_rx_socket(kelm_vrf *vrf, std::uint32_t type)
     // Before the bind: a datagram that came in between would get no callback, and the socket
     // would stay one datagram behind for ever.
     sock_set_data_ready(sk, rx_data_ready, vrf);
+    sock_set_data_ahead(sk, rx_data_ahead);
     err = bind_socket(sk, type_to_port[type]);
     if (err != 0) {
         KELM_LOG("Rx", 1, "Failed to bind Rx socket type %d %d", static_cast<int>(type), err);

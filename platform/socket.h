@@ -29,6 +29,7 @@ struct kvec {
 extern "C" {
 
 using sock_data_ready = void (*)(sock *sk);
+using sock_data_ahead = void (*)(sock *sk, const kvec *payloads, std::size_t count);
 
 // Creates a socket in a namespace. With kern 0 it holds a reference on the namespace, of which
 // net_refcount counts every one, until its release; with kern 1 none. 0, or a negative error
@@ -48,6 +49,10 @@ void sock_release(sock *sk) KELM_PLATFORM(sock_release);
 // that __skb_recv_udp then returns, possibly on several processors at once.
 void sock_set_data_ready(sock *sk, sock_data_ready callback, void *user_data)
     KELM_PLATFORM(sock_set_data_ready);
+// Installs a callback that hosts which read several datagrams at once call before the data-ready
+// callbacks of these: what they will need can be fetched meanwhile. Softirq context; the payloads
+// are as they came, unchecked, and good until it returns. Likewise before the bind.
+void sock_set_data_ahead(sock *sk, sock_data_ahead callback) KELM_PLATFORM(sock_set_data_ahead);
 [[nodiscard]] void *sock_user_data(const sock *sk) KELM_PLATFORM(sock_user_data);
 
 // Options of a transmit socket: how it allocates, the priority of what it sends, and the size

@@ -120,6 +120,10 @@ int kelm___sock_create(struct net *net, int family, int type, int protocol, stru
 int kelm_kernel_bind(struct sock *sk, const void *addr, int addrlen);
 void kelm_sock_release(struct sock *sk);
 void kelm_sock_set_data_ready(struct sock *sk, void (*callback)(struct sock *sk), void *user_data);
+struct kvec;
+void kelm_sock_set_data_ahead(struct sock *sk,
+                              void (*callback)(struct sock *sk, const struct kvec *payloads,
+                                               size_t count));
 void *kelm_sock_user_data(const struct sock *sk);
 void kelm_sock_set_allocation(struct sock *sk, engine_gfp gfp);
 void kelm_sock_set_priority(struct sock *sk, uint32_t priority);

@@ -88,6 +88,7 @@ SAME(__sock_create);
 SAME(kernel_bind);
 SAME(sock_release);
 SAME(sock_set_data_ready);
+SAME(sock_set_data_ahead);
 SAME(sock_user_data);
 SAME(sock_set_allocation);
 SAME(sock_set_priority);

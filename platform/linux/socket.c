@@ -146,6 +146,13 @@ void kelm_sock_set_data_ready(struct sock *sk, void (*callback)(struct sock *sk)
     WRITE_ONCE(sk->sk_data_ready, udp_data_ready);
 }
 
+/* The kernel hands out datagrams one at a time. */
+void kelm_sock_set_data_ahead(struct sock *sk,
+                              void (*callback)(struct sock *sk, const struct kvec *payloads,
+                                               size_t count))
+{
+}
+
 void *kelm_sock_user_data(const struct sock *sk)
 {
     return engine_socket(sk)->user_data;

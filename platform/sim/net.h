@@ -28,6 +28,7 @@ struct packet_sock : sock {
     bool counted = false; // it holds a reference on its namespace
     std::uint16_t port = 0;
     sock_data_ready data_ready = nullptr;
+    sock_data_ahead data_ahead = nullptr;
     void *user_data = nullptr;
     gfp_t allocation = GFP_KERNEL;
     std::uint32_t priority = 0;

@@ -223,6 +223,11 @@ void sock_set_data_ready(sock *sk, sock_data_ready callback, void *user_data)
     packet(sk).user_data = user_data;
 }
 
+void sock_set_data_ahead(sock *sk, sock_data_ahead callback)
+{
+    packet(sk).data_ahead = callback;
+}
+
 void *sock_user_data(const sock *sk)
 {
     return static_cast<const packet_sock *>(sk)->user_data;

@@ -69,12 +69,16 @@ void enqueue(packet_sock &sk, sk_buff *skb)
     sk.last = skb;
 }
 
-void run_data_ready(packet_sock &sk)
+void run_data_ready(packet_sock &sk, const sk_buff *arrived)
 {
     context &self = the_machine().sched.current();
     const sock *outer = std::exchange(self.running_sock, &sk);
     {
         const softirq_scope softirq;
+        if (sk.data_ahead != nullptr && arrived != nullptr && arrived->fragment == nullptr) {
+            const kvec payload{skb_data(arrived), skb_len(arrived)};
+            sk.data_ahead(&sk, &payload, 1);
+        }
         sk.data_ready(&sk);
     }
     self.running_sock = outer;
@@ -236,7 +240,7 @@ bool world::deliver(net &ns, const datagram &arriving)
     if (arriving.form == buffer_form::cloned)
         listening.emplace(skb);
     enqueue(*sk, skb);
-    run_data_ready(*sk);
+    run_data_ready(*sk, skb);
     machine_->settle();
     return true;
 }
@@ -246,7 +250,7 @@ bool world::call_without_datagram(net &ns, std::uint16_t port)
     packet_sock *sk = find_port(ns, port);
     if (sk == nullptr)
         return false;
-    run_data_ready(*sk);
+    run_data_ready(*sk, nullptr);
     machine_->settle();
     return true;
 }

@@ -206,6 +206,11 @@ void sock_set_data_ready(sock *sk, sock_data_ready callback, void *user_data)
     native(sk).user_data = user_data;
 }
 
+void sock_set_data_ahead(sock *sk, sock_data_ahead callback)
+{
+    native(sk).data_ahead = callback;
+}
+
 void *sock_user_data(const sock *sk)
 {
     return static_cast<const host_sock *>(sk)->user_data;

@@ -31,6 +31,7 @@ struct host_sock : sock {
     const kelm::unique_fd fd;
     const bool counted;
     sock_data_ready data_ready = nullptr;
+    sock_data_ahead data_ahead = nullptr;
     void *user_data = nullptr;
 };
 

@@ -155,9 +155,21 @@ void udp_sock::drain()
     for (std::size_t total = 0; total < drain_limit && count == receive_batch::size;
          total += count) {
         count = batch_.receive(fd.get());
+        announce(count);
         for (std::size_t i = 0; i < count; ++i)
             receive(batch_.message(i), batch_.payload(i));
     }
+}
+
+void udp_sock::announce(std::size_t count)
+{
+    constexpr std::size_t worthwhile = 4;
+    if (data_ahead == nullptr || count < worthwhile)
+        return;
+    std::array<kvec, receive_batch::size> payloads;
+    for (std::size_t i = 0; i < count; ++i)
+        payloads[i] = {batch_.payload(i).data(), batch_.payload(i).size()};
+    data_ahead(this, payloads.data(), count);
 }
 
 void udp_sock::receive(const msghdr &message, std::span<const std::uint8_t> payload)

@@ -72,6 +72,7 @@ class udp_sock final : public host_sock, private receiver
   private:
     [[nodiscard]] int receive_fd() const override { return fd.get(); }
     void drain() override;
+    void announce(std::size_t count);
     void receive(const msghdr &message, std::span<const std::uint8_t> payload);
 
     softirq_thread &softirq_;
