@@ -100,9 +100,10 @@ wheel_timer *timer_wheel::pop_due(std::uint64_t up_to, std::uint64_t choice)
             move_down(tick);
         }
         wheel_timer &timer = choose_due(choice);
+        // The next one is here already; the one after it comes while this one's callback runs.
+        __builtin_prefetch(timer.next->next, 1);
         if (timer.due <= position_) {
             take_out(timer);
-            __builtin_prefetch(due_list_.next, 1); // while the timer's callback runs
             return &timer;
         }
         unlink(timer);
