@@ -26,6 +26,8 @@ SIZE = 8, 4.5  # inches
 def save(figure, path):
     figure.tight_layout()
     figure.savefig(path, metadata=METADATA)
+    declaration, rest = path.read_text().split("\n", 1)
+    path.write_text(f"{declaration}\n<!-- SPDX-License-Identifier: GPL-2.0 -->\n{rest}")
     plt.close(figure)
     print(path)
 
