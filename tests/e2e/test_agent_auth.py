@@ -114,6 +114,8 @@ def test_an_old_packet_is_not_believed_after_a_restart(pair):
     pair.up()
     wait_until(lambda: pair.near.show(type)["timing"]["detection_time"] == 1_000_000,
                "negotiation")
+    record = pair.near.directory / "state.json"
+    wait_until(lambda: f'"state":{bfd.UP}' in record.read_text().replace(" ", ""), "its record")
     pair.near.kill()
     pair.near.start()
     pair.near.wait_for_line("still up")
