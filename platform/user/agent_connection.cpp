@@ -37,11 +37,11 @@ constexpr int subscriber_queue_bytes = 8 * 1024 * 1024;
 
 } // namespace
 
-agent_connection::agent_connection(event_loop &loop, net &ns, kelm::unique_fd socket,
-                                   const peer_process &opener, connection_quota::place place,
-                                   std::function<void()> closed)
-    : loop_(loop), net_(ns), socket_(std::move(socket)), opener_(opener), place_(std::move(place)),
-      closed_(std::move(closed))
+agent_connection::agent_connection(event_loop &loop, socket_closer &closer, net &ns,
+                                   kelm::unique_fd socket, const peer_process &opener,
+                                   connection_quota::place place, std::function<void()> closed)
+    : loop_(loop), closer_(closer), net_(ns), socket_(std::move(socket)), opener_(opener),
+      place_(std::move(place)), closed_(std::move(closed))
 {
     set_buffer(socket_.get(), SO_SNDBUF, queue_bytes);
     loop_.watch(socket_.get(), EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET,
@@ -54,6 +54,7 @@ agent_connection::~agent_connection()
     loop_.unwatch(socket_.get());
     net_.netlink.close(*this);
     put_net(net_);
+    closer_.close(std::move(socket_), std::move(place_));
 }
 
 // Handles edge-triggered readiness.
@@ -83,10 +84,23 @@ agent_connection::outcome agent_connection::on_ready(std::uint32_t events)
     return (events & ~EPOLLOUT) != 0 ? read_some() : outcome::wait;
 }
 
+// Whether the next datagram holds descriptors, for which an agent has no use. To receive them, with
+// room or without, would mean to close them here.
+bool agent_connection::descriptors_come() const
+{
+    alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(ucred))];
+    msghdr message{};
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    return recvmsg(socket_.get(), &message, MSG_PEEK) >= 0 && (message.msg_flags & MSG_CTRUNC) != 0;
+}
+
 agent_connection::outcome agent_connection::read_some()
 {
     std::array<std::uint8_t, request_room> buffer;
     for (std::size_t used = 0; used < turn_bytes;) {
+        if (descriptors_come())
+            return outcome::closed;
         iovec room{buffer.data(), buffer.size()};
         alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(ucred))];
         msghdr message{};

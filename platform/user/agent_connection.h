@@ -18,6 +18,7 @@
 #include "platform/user/event_loop.h"
 #include "platform/user/net.h"
 #include "platform/user/process.h"
+#include "platform/user/socket_closer.h"
 #include "shared/unique_fd.h"
 
 struct sockaddr_nl;
@@ -31,8 +32,9 @@ class agent_connection final : public hosted::netlink_port
     // Takes over a connected socket, non-blocking and with SO_PASSCRED, and serves it on the loop.
     // When the agent has closed its end, or cannot be served any more, closed is called, which
     // destroys the connection. Throws std::system_error.
-    agent_connection(event_loop &loop, net &ns, kelm::unique_fd socket, const peer_process &opener,
-                     connection_quota::place place, std::function<void()> closed);
+    agent_connection(event_loop &loop, socket_closer &closer, net &ns, kelm::unique_fd socket,
+                     const peer_process &opener, connection_quota::place place,
+                     std::function<void()> closed);
     ~agent_connection() override;
 
   protected:
@@ -50,16 +52,18 @@ class agent_connection final : public hosted::netlink_port
     void serve(std::uint32_t events);
     outcome on_ready(std::uint32_t events);
     outcome read_some();
+    [[nodiscard]] bool descriptors_come() const;
     outcome handle(std::span<const std::uint8_t> buffer, std::size_t len);
     outcome handle_bind(const sockaddr_nl &wanted);
     void answer_bind();
     int refuse_overlong(std::span<const std::uint8_t> beginning);
 
     event_loop &loop_;
+    socket_closer &closer_;
     net &net_;
-    const kelm::unique_fd socket_;
+    kelm::unique_fd socket_;
     const peer_process opener_;
-    const connection_quota::place place_;
+    connection_quota::place place_;
     std::function<void()> closed_;
     // Of the datagram that is being handled: its sender and, once a handler has asked, the
     // capabilities that the sender and the opener share.

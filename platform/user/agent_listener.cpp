@@ -55,8 +55,9 @@ bool get_peer(int fd, ucred &peer)
 
 } // namespace
 
-agent_listener::agent_listener(event_loop &loop, connection_quota &quota, net &ns)
-    : loop_(loop), quota_(quota), net_(ns), socket_(seqpacket_socket(ns)),
+agent_listener::agent_listener(event_loop &loop, connection_quota &quota, socket_closer &closer,
+                               net &ns)
+    : loop_(loop), quota_(quota), closer_(closer), net_(ns), socket_(seqpacket_socket(ns)),
       accept_again_(loop, [this] { accept_some(); })
 {
     checked("agent socket", socket_.get());
@@ -74,11 +75,16 @@ agent_listener::agent_listener(event_loop &loop, connection_quota &quota, net &n
 agent_listener::~agent_listener()
 {
     loop_.unwatch(socket_.get());
+    closer_.close(std::move(socket_), std::nullopt); // with connections that were not taken
 }
 
 void agent_listener::accept_some()
 {
     for (int i = 0; i < connections_per_turn; ++i) {
+        if (closer_.is_behind()) {
+            accept_again_.arm(accept_retry_interval);
+            return;
+        }
         kelm::unique_fd socket(
             ::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!socket) {
@@ -99,14 +105,14 @@ void agent_listener::accept_some()
 void agent_listener::take(kelm::unique_fd socket)
 {
     ucred peer{};
-    if (!get_peer(socket.get(), peer))
+    auto place = get_peer(socket.get(), peer) ? quota_.take(peer.uid) : std::nullopt;
+    if (!place) {
+        closer_.close(std::move(socket), std::nullopt);
         return;
-    auto place = quota_.take(peer.uid);
-    if (!place)
-        return;
+    }
     const int fd = socket.get();
     connections_[fd] = std::make_unique<agent_connection>(
-        loop_, net_, std::move(socket), identify(peer.pid, peer.uid), std::move(*place),
+        loop_, closer_, net_, std::move(socket), identify(peer.pid, peer.uid), std::move(*place),
         [this, fd] { connections_.erase(fd); });
 }
 

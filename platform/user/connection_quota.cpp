@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/connection_quota.h"
 
+#include <mutex>
+
 namespace kelmd
 {
 
@@ -8,6 +10,7 @@ std::optional<connection_quota::place> connection_quota::take(uid_t user)
 {
     if (user == 0)
         return place(nullptr, user);
+    const std::lock_guard held(mutex_);
     if (total_ >= limit_of_users)
         return std::nullopt;
     int &used = used_[user];
@@ -22,6 +25,7 @@ connection_quota::place::~place()
 {
     if (quota_ == nullptr)
         return;
+    const std::lock_guard held(quota_->mutex_);
     --quota_->total_;
     const auto used = quota_->used_.find(user_);
     if (--used->second == 0)

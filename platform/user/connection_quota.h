@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // How many agents' connections there may be: enough for the tools of every user, too few for users
-// other than root to use up kelmd's descriptors. Control thread.
+// other than root to use up kelmd's descriptors. Any thread.
 #pragma once
 
 #include <map>
 #include <optional>
 #include <sys/types.h>
 #include <utility>
+
+#include "platform/hosted/mutex.h"
 
 namespace kelmd
 {
@@ -41,6 +43,7 @@ class connection_quota
     [[nodiscard]] std::optional<place> take(uid_t user);
 
   private:
+    hosted::mutex mutex_;
     std::map<uid_t, int> used_;
     int total_ = 0;
 };

@@ -10,6 +10,7 @@
 #include "platform/user/event_loop.h"
 #include "platform/user/log.h"
 #include "platform/user/namespaces.h"
+#include "platform/user/socket_closer.h"
 #include "platform/user/softirq.h"
 #include "platform/user/timer.h"
 #include "platform/user/udp_socket.h"
@@ -30,6 +31,7 @@ struct host {
     softirq_thread softirq{timers};
     const std::unique_ptr<receive_batch> batch = std::make_unique<receive_batch>();
     connection_quota connections;
+    socket_closer closer;
     namespace_set namespaces;
 };
 

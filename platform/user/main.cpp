@@ -106,6 +106,7 @@ bool check_privilege(const options &chosen)
 // Starts the engine. Whether it serves the initial namespace.
 bool start(host &kelmd, bool realtime)
 {
+    kelmd.closer.start();
     kelmd.softirq.start(realtime);
     if (realtime)
         lock_memory();

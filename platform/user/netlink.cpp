@@ -23,8 +23,8 @@ sock *netlink_kernel_create(net *net, int unit, const netlink_kernel_cfg *cfg)
     if (unit != agent_netlink_unit)
         return nullptr;
     try {
-        net->agents =
-            std::make_unique<agent_listener>(the_host().loop, the_host().connections, *net);
+        net->agents = std::make_unique<agent_listener>(the_host().loop, the_host().connections,
+                                                       the_host().closer, *net);
     } catch (const std::system_error &error) {
         const int code = error.code().value();
         net->obstacle = {.what =

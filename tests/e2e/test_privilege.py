@@ -135,3 +135,30 @@ def test_the_opener_counts(link, opener_lives):
             expect_refusals(agent)
     if opener_lives:
         os.waitpid(child, 0)
+
+
+@pytest.mark.kelmd
+def test_descriptors_sent_along_hold_nobody_up(host, link):
+    """The last end of a TCP connection that lingers for data nobody takes."""
+    with socket.create_server(("127.0.0.1", 0)) as server, contextlib.ExitStack() as stack:
+        lingering = []
+        for _ in range(4):
+            sock = socket.create_connection(server.getsockname())
+            stack.enter_context(server.accept()[0])
+            sock.setblocking(False)
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    sock.send(bytes(1 << 16))
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 60))
+            lingering.append(sock)
+        with Agent(link.near_ns) as agent:
+            senders = [stack.enter_context(Agent(link.near_ns)) for _ in lingering]
+            os.kill(host.process.pid, signal.SIGSTOP)  # the last to close them is to be kelmd
+            for sender, sock in zip(senders, lingering):
+                socket.send_fds(sender.sock, [bytes(20)], [sock.fileno()])
+                sock.close()
+            os.kill(host.process.pid, signal.SIGCONT)
+            agent.request(p.TX_PATH_READY, p.tx_path_ready())
+        for sender in senders:
+            with pytest.raises(ConnectionResetError):
+                sender.sock.recv(1)

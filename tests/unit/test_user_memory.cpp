@@ -67,8 +67,9 @@ TEST_F(without_memory, an_agent_hears_that_its_request_was_lost)
     const netlink_kernel_cfg cfg{.groups = 2, .input = acknowledge};
     sock *const kernel = hosted::netlink_kernel_open(&ns, &cfg);
     std::optional<agent_connection> connection;
-    connection.emplace(host_.loop, ns, kelm::unique_fd(ends[0]), identify(getpid(), geteuid()),
-                       std::move(*host_.connections.take(0)), [&] { connection.reset(); });
+    connection.emplace(host_.loop, host_.closer, ns, kelm::unique_fd(ends[0]),
+                       identify(getpid(), geteuid()), std::move(*host_.connections.take(0)),
+                       [&] { connection.reset(); });
 
     const nlmsghdr request{sizeof request, NLMSG_MIN_TYPE, NLM_F_REQUEST | NLM_F_ACK, 1, 0};
     const auto serve = [&] { host_.loop.run_ready(); };
