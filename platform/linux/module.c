@@ -9,6 +9,7 @@
 
 #include "platform/linux/clock.h"
 #include "platform/linux/glue.h"
+#include "platform/linux/net.h"
 #include "platform/linux/netlink.h"
 
 module_param_named(strict, kelm_strict, bool, 0444);
@@ -58,6 +59,7 @@ static int __init kelm_module_init(void)
 
 static void __exit kelm_module_exit(void)
 {
+    net_close();
     kelm_exit();
     take_down();
 }

@@ -2,8 +2,11 @@
 /*
  * Network namespaces and the device notifier.
  */
+#include "platform/linux/net.h"
+
 #include <linux/netdevice.h>
 #include <linux/notifier.h>
+#include <net/net_namespace.h>
 #include <net/sock.h>
 
 #include "platform/linux/compat.h"
@@ -13,6 +16,7 @@
 #define CONDEMNED_WAIT (10 * HZ)
 
 static engine_notifier *engine_notifier_block;
+static bool closed; /* to namespaces that are made */
 static bool unregistering;
 static struct net *condemned; /* see let_go() */
 
@@ -45,11 +49,24 @@ static int device_event(struct notifier_block *nb, unsigned long event, void *in
     if (event != NETDEV_REGISTER)
         return engine_notifier_block->notifier_call(engine_notifier_block, event, info);
     /* The replay goes over namespaces, too, that are dead and wait to be taken apart. */
-    if (!maybe_get_net(net))
+    if (READ_ONCE(closed) || !maybe_get_net(net))
         return NOTIFY_DONE;
     result = engine_notifier_block->notifier_call(engine_notifier_block, event, info);
     put_net(net);
     return result;
+}
+
+/*
+ * For the engine's cleanup thread, which lets go of a namespace whose making fails, must still run
+ * then. Registering anything for all namespaces waits until those that are being made are done.
+ */
+void net_close(void)
+{
+    static struct pernet_operations nothing;
+
+    WRITE_ONCE(closed, true);
+    if (!register_pernet_subsys(&nothing))
+        unregister_pernet_subsys(&nothing);
 }
 
 static struct notifier_block device_events = {.notifier_call = device_event};
