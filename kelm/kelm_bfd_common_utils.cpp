@@ -12,6 +12,7 @@
 #include "platform/clock.h"
 #include "sha1.h"
 #include "trace_text.h"
+#include "wipe.h"
 
 namespace
 {
@@ -70,6 +71,7 @@ void sha1_cksum(const void *data, std::size_t datalen, std::uint8_t *digest)
     kelm_sha1_init(&ctxt);
     kelm_sha1_loop(&ctxt, data, datalen);
     kelm_sha1_result(&ctxt, digest);
+    wipe(&ctxt, sizeof ctxt);
 }
 
 // RFC 5880 sections 6.7.3 and 6.7.4: the digest covers the packet with the key in its place.
@@ -340,7 +342,9 @@ std::uint32_t kelm_auth_header_len_hdr(std::uint8_t auth_type, const bfd_auth_hd
         std::memcpy(key.key, section + offsetof(bfd_auth_password_full, password),
                     len - BFD_AUTH_COMMON_LEN);
     }
-    return kelm_auth_header_len(auth_type, &key);
+    const std::uint32_t len = kelm_auth_header_len(auth_type, &key);
+    wipe(&key, sizeof key);
+    return len;
 }
 
 std::uint32_t kelm_auth_header_len_for_python(std::uint8_t auth_type, kelm_bfd_auth_key key)

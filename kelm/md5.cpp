@@ -6,6 +6,8 @@
 #include <bit>
 #include <cstring>
 
+#include "wipe.h"
+
 namespace
 {
 
@@ -100,6 +102,7 @@ void md5_cksum_block(const std::uint8_t *data, std::size_t datalen, std::size_t 
     store_le32(last + length_offset, static_cast<std::uint32_t>(bits));
     store_le32(last + length_offset + 4, static_cast<std::uint32_t>(bits >> 32));
     compress(results, last);
+    wipe(last, sizeof last);
 }
 
 } // namespace

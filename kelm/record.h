@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// Records on the heap of the host.
+// Records on the heap of the host. What they held is wiped when they go.
 #pragma once
 
 #include <new>
 
+#include "kelm/wipe.h"
 #include "platform/memory.h"
 
 // A value-initialised T in zeroed memory, or null.
@@ -19,5 +20,6 @@ template<class T>
 void delete_record(T *record)
 {
     record->~T();
+    wipe(record, sizeof(T));
     kfree(record);
 }

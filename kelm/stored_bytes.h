@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "kelm/wipe.h"
 #include "platform/memory.h"
 
 // Enough for a frame over IPv6, and for a packet with authentication over IPv4.
@@ -24,6 +25,8 @@ struct stored_bytes {
 
 inline void forget(stored_bytes &bytes, packet_room &room)
 {
+    if (bytes.data != nullptr)
+        wipe(bytes.data, bytes.len);
     if (bytes.data != room)
         kfree(bytes.data);
     bytes = {};

@@ -102,6 +102,7 @@ int netlink_table::receive(netlink_port &port, std::span<const std::uint8_t> dat
     held.unlock();
 
     skb->sk = sk;
+    skb->secret = true; // it may bring keys
     skb->portid = port.port_id_;
     netlink_port *outer = exchange_current_sender(&port);
     sk->input(skb);
@@ -243,6 +244,7 @@ void acknowledge(sk_buff *request, const nlmsghdr *nlh, int error)
         table.note_overrun(portid);
         return;
     }
+    skb->secret = request->secret;
     nlmsghdr *ack = __nlmsg_put(skb, portid, nlh->nlmsg_seq, NLMSG_ERROR, static_cast<int>(body),
                                 error != 0 ? 0 : NLM_F_CAPPED);
     std::uint8_t *message = message_body(ack);

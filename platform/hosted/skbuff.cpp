@@ -95,6 +95,8 @@ void consume_skb(sk_buff *skb)
 {
     if (skb == nullptr || skb->users.fetch_sub(1, std::memory_order_acq_rel) != 1)
         return;
+    if (skb->secret)
+        explicit_bzero(skb->block->bytes, skb->tail); // what has been pulled, too
     block_put(skb->block);
     block_put(skb->fragment);
     kfree(skb);

@@ -43,6 +43,7 @@ struct sk_buff {
     sock *sk = nullptr;
     std::uint32_t portid = 0;
     std::atomic<int> users = 1;
+    bool secret = false; // the data is wiped when the buffer goes
 };
 
 namespace hosted

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/memory.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
 #include <new>
+#include <span>
 #include <string>
 
 #include "platform/sim/failure.h"
@@ -89,6 +91,9 @@ void heap::release(const void *memory)
     block_header &block = header_of(memory);
     if (block.magic != in_use)
         fatal("kfree of something that is not allocated");
+    const std::span content(static_cast<const std::uint8_t *>(memory), block.size);
+    if (!secret.empty() && !std::ranges::search(content, secret).empty())
+        on_failure("a secret is left in memory that is released");
     block.magic = 0;
     block.prev->next = block.next;
     block.next->prev = block.prev;

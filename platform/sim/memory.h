@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace sim
 {
@@ -30,6 +31,9 @@ class heap
     // Uninitialised, at a multiple of the alignment.
     [[nodiscard]] void *allocate(std::size_t size, std::size_t alignment);
     void release(const void *memory);
+
+    // What no block may hold when it is released; nothing if empty. A failure otherwise.
+    std::span<const std::uint8_t> secret;
 
     [[nodiscard]] std::size_t bytes() const { return total_; }
 

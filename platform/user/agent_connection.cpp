@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "platform/user/agent_connection.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -123,7 +124,9 @@ agent_connection::outcome agent_connection::read_some()
         capabilities_.reset();
 
         const auto len = static_cast<std::size_t>(received);
-        if (handle(buffer, len) == outcome::closed)
+        const outcome handled = handle(buffer, len);
+        explicit_bzero(buffer.data(), std::min(len, buffer.size())); // keys
+        if (handled == outcome::closed)
             return outcome::closed;
         used += datagram_overhead + len;
     }

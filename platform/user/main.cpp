@@ -12,6 +12,7 @@
 #include <linux/capability.h>
 #include <string>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 #include <vector>
@@ -103,6 +104,19 @@ bool check_privilege(const options &chosen)
     return true;
 }
 
+// Keys are not for core dumps, nor for debuggers of the same user. What a takeover of kelmd could
+// do is limited to what kelmd itself does; only without CAP_SYS_PTRACE does it need the
+// capabilities of those whom it looks at.
+void harden()
+{
+    static constexpr std::array used{CAP_NET_RAW,    CAP_NET_ADMIN,       CAP_SYS_ADMIN,
+                                     CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_SYS_NICE,
+                                     CAP_IPC_LOCK};
+    prctl(PR_SET_DUMPABLE, 0);
+    if (have_capability(CAP_SYS_PTRACE))
+        keep_capabilities(used);
+}
+
 // Starts the engine. Whether it serves the initial namespace.
 bool start(host &kelmd, bool realtime)
 {
@@ -141,6 +155,7 @@ void stop(host &kelmd, bool started)
 // The exit status.
 int run(const options &chosen)
 {
+    harden();
     host kelmd(chosen.namespaces);
     kelmd.log.start();
     if (!check_privilege(chosen))

@@ -10,7 +10,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <linux/capability.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -168,6 +170,24 @@ bool have_capability(int capability)
     const auto text = read_file("/proc/thread-self/status");
     const auto status = text ? parse_status(*text) : std::nullopt;
     return status && has_bit(status->effective_capabilities, capability);
+}
+
+void keep_capabilities(std::span<const int> capabilities)
+{
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> kept;
+    if (syscall(SYS_capget, &header, kept.data()) != 0)
+        return;
+    std::array<__u32, _LINUX_CAPABILITY_U32S_3> wanted{};
+    for (const int capability : capabilities)
+        wanted[static_cast<std::size_t>(CAP_TO_INDEX(capability))] |=
+            static_cast<__u32>(CAP_TO_MASK(capability));
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        kept[i].effective &= wanted[i];
+        kept[i].permitted &= wanted[i];
+        kept[i].inheritable = 0;
+    }
+    syscall(SYS_capset, &header, kept.data());
 }
 
 std::string describe_process(pid_t pid)

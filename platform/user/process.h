@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -51,6 +52,9 @@ struct process_status {
 
 // Whether kelmd itself holds a capability.
 [[nodiscard]] bool have_capability(int capability);
+
+// Gives up all other capabilities, for the calling thread and those that it starts.
+void keep_capabilities(std::span<const int> capabilities);
 
 // "name (pid 123)".
 [[nodiscard]] std::string describe_process(pid_t pid);

@@ -24,7 +24,7 @@ from lib.netns import enter, in_namespace
 from lib.protocol import KelmError
 from lib.topology import Namespaces
 
-CAP_IPC_LOCK, CAP_SYS_NICE, PR_CAPBSET_DROP = 14, 23, 24
+CAP_IPC_LOCK, CAP_SYS_MODULE, CAP_SYS_NICE, PR_CAPBSET_DROP = 14, 16, 23, 24
 SYS_PIDFD_GETFD, SCHED_DEADLINE = 438, 6
 NOBODY = 65534
 PTRACE_SEIZE, PTRACE_INTERRUPT, PTRACE_DETACH, WALL = 0x4206, 0x4207, 17, 0x40000000
@@ -312,8 +312,10 @@ def test_realtime(become):
         assert policy == SCHED_DEADLINE
     assert become is not confined or policy != SCHED_DEADLINE or os.cpu_count() == 1
     assert become is not without_realtime or policy == os.SCHED_OTHER
-    with open(f"/proc/{host.process.pid}/status") as status:
-        locked = int(re.search(r"VmLck:\s+(\d+)", status.read())[1])
+    with open(f"/proc/{host.process.pid}/status") as file:
+        status = file.read()
+    locked = int(re.search(r"VmLck:\s+(\d+)", status)[1])
+    assert int(re.search(r"CapPrm:\s+(\w+)", status)[1], 16) & 1 << CAP_SYS_MODULE == 0
     if not is_sanitized():  # a sanitizer does not let memory be locked
         assert (locked == 0) == ("CAP_IPC_LOCK" in host.log())
     with Agent():

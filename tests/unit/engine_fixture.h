@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/sim/machine.h"
 #include "wire_fixture.h"
 
 namespace sim
@@ -184,6 +185,13 @@ inline strings names(const std::vector<message> &messages)
 
 // An engine with one agent, for tests of the session or packet 5.
 struct engine_test : testing::Test {
+    engine_test()
+    {
+        // Not the beginning, which is a password that packets carry.
+        static const bytes end_of_key(KEY.begin() + 10, KEY.end());
+        the_machine().memory.secret = end_of_key;
+    }
+
     static constexpr std::uint32_t SESSION = 5;
     static constexpr std::uint64_t DETECTION = 900; // ticks until a session of `rx` times out
     static constexpr std::uint64_t INTERVAL = 299;  // ticks between the packets of `tx`
