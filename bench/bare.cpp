@@ -26,13 +26,13 @@
 namespace
 {
 
-constexpr std::uint32_t PEER_DISCRIMINATORS = 1'000'000; // theirs is ours and this
-constexpr long NS_PER_SECOND = 1'000'000'000;
-constexpr long NS_PER_BURST = 1'000'000;
-constexpr timeval LONGEST_SILENCE{.tv_sec = 1, .tv_usec = 0};
-constexpr int RECEIVE_BUFFER = 16 * 1024 * 1024;
-constexpr std::size_t BATCH = 32;
-constexpr std::size_t LONGEST_PAYLOAD = 2048;
+constexpr std::uint32_t peer_discriminators = 1'000'000; // theirs is ours and this
+constexpr long ns_per_second = 1'000'000'000;
+constexpr long ns_per_burst = 1'000'000;
+constexpr timeval longest_silence{.tv_sec = 1, .tv_usec = 0};
+constexpr int receive_buffer = 16 * 1024 * 1024;
+constexpr std::size_t batch = 32;
+constexpr std::size_t longest_payload = 2048;
 
 [[noreturn]] void fail(const char *what)
 {
@@ -44,12 +44,12 @@ long clock_ns(clockid_t clock)
 {
     timespec now{};
     clock_gettime(clock, &now);
-    return now.tv_sec * NS_PER_SECOND + now.tv_nsec;
+    return now.tv_sec * ns_per_second + now.tv_nsec;
 }
 
 void sleep_until(long monotonic_ns)
 {
-    const timespec when{monotonic_ns / NS_PER_SECOND, monotonic_ns % NS_PER_SECOND};
+    const timespec when{monotonic_ns / ns_per_second, monotonic_ns % ns_per_second};
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr) == EINTR)
         continue;
 }
@@ -78,7 +78,7 @@ std::vector<kelm::bytes> packets_of(const send_options &options)
     settings.bfd.state = BFD_STATE_UP;
     std::vector<kelm::bytes> packets;
     for (std::uint32_t disc = 1; disc <= options.sessions; ++disc) {
-        settings.bfd.my_discriminator = disc + PEER_DISCRIMINATORS;
+        settings.bfd.my_discriminator = disc + peer_discriminators;
         settings.bfd.your_discriminator = disc;
         packets.push_back(kelm::build_packet(settings).packet);
     }
@@ -103,10 +103,10 @@ void send_all(const send_options &options)
 
     std::uint64_t sent = 0;
     const std::uint64_t burst =
-        options.rate != 0 ? options.rate * NS_PER_BURST / NS_PER_SECOND : packets.size();
+        options.rate != 0 ? options.rate * ns_per_burst / ns_per_second : packets.size();
     const long cpu_before = clock_ns(CLOCK_PROCESS_CPUTIME_ID);
     long now = clock_ns(CLOCK_MONOTONIC);
-    const long end = now + options.seconds * NS_PER_SECOND;
+    const long end = now + options.seconds * ns_per_second;
     for (long due = now; now < end; now = clock_ns(CLOCK_MONOTONIC)) {
         for (std::uint64_t i = 0; i < burst; ++i) {
             kelm::bytes &packet = packets[sent++ % packets.size()];
@@ -115,7 +115,7 @@ void send_all(const send_options &options)
                 fail("sendmsg");
         }
         if (options.rate != 0)
-            sleep_until(due += NS_PER_BURST);
+            sleep_until(due += ns_per_burst);
     }
     report(sent, clock_ns(CLOCK_PROCESS_CPUTIME_ID) - cpu_before);
 }
@@ -127,23 +127,23 @@ void receive_all(std::uint16_t port)
     any.sin6_family = AF_INET6;
     any.sin6_port = htons(port);
     if (!fd ||
-        setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER) ||
-        setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &LONGEST_SILENCE, sizeof LONGEST_SILENCE) ||
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer, sizeof receive_buffer) ||
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &longest_silence, sizeof longest_silence) ||
         bind(fd.get(), reinterpret_cast<const sockaddr *>(&any), sizeof any))
         fail("a UDP socket");
 
-    static std::array<std::array<std::uint8_t, LONGEST_PAYLOAD>, BATCH> payloads;
-    std::array<iovec, BATCH> vectors{};
-    std::array<mmsghdr, BATCH> messages{};
-    for (std::size_t i = 0; i < BATCH; ++i) {
-        vectors[i] = {.iov_base = payloads[i].data(), .iov_len = LONGEST_PAYLOAD};
+    static std::array<std::array<std::uint8_t, longest_payload>, batch> payloads;
+    std::array<iovec, batch> vectors{};
+    std::array<mmsghdr, batch> messages{};
+    for (std::size_t i = 0; i < batch; ++i) {
+        vectors[i] = {.iov_base = payloads[i].data(), .iov_len = longest_payload};
         messages[i].msg_hdr.msg_iov = &vectors[i];
         messages[i].msg_hdr.msg_iovlen = 1;
     }
     std::uint64_t received = 0;
     const long cpu_before = clock_ns(CLOCK_PROCESS_CPUTIME_ID);
     for (;;) {
-        const int count = recvmmsg(fd.get(), messages.data(), BATCH, MSG_WAITFORONE, nullptr);
+        const int count = recvmmsg(fd.get(), messages.data(), batch, MSG_WAITFORONE, nullptr);
         if (count > 0)
             received += static_cast<std::uint64_t>(count);
         else if (errno == EAGAIN && received != 0)

@@ -43,16 +43,16 @@ namespace
 using sim::bytes;
 using steady = std::chrono::steady_clock;
 
-constexpr std::array<std::uint32_t, 4> SESSION_COUNTS{100, 1'000, 10'000, 100'000};
-constexpr kelm_microsecs PERIOD = 100'000;
-constexpr std::uint64_t PERIOD_TICKS = 100;
-constexpr std::uint64_t DETECTION_TICKS = 3 * PERIOD_TICKS;
-constexpr std::uint16_t PORT = kelm::port_single_hop;
-constexpr std::uint8_t MULTIPLIER = 3;
+constexpr std::array<std::uint32_t, 4> session_counts{100, 1'000, 10'000, 100'000};
+constexpr kelm_microsecs period = 100'000;
+constexpr std::uint64_t period_ticks = 100;
+constexpr std::uint64_t detection_ticks = 3 * period_ticks;
+constexpr std::uint16_t port = kelm::port_single_hop;
+constexpr std::uint8_t multiplier = 3;
 
-constexpr auto LEAST_TIME = std::chrono::milliseconds(200); // of one figure, timed parts alone
-constexpr std::size_t LEAST_ROUNDS = 5;
-constexpr std::size_t BATCH = 32;
+constexpr auto least_time = std::chrono::milliseconds(200); // of one figure, timed parts alone
+constexpr std::size_t least_rounds = 5;
+constexpr std::size_t batch = 32;
 
 steady::duration time_of(const std::function<void()> &timed)
 {
@@ -65,7 +65,7 @@ steady::duration time_of(const std::function<void()> &timed)
 double median_cost(std::size_t items, const std::function<steady::duration()> &round)
 {
     std::vector<double> rounds;
-    for (steady::duration total{}; total < LEAST_TIME || rounds.size() < LEAST_ROUNDS;) {
+    for (steady::duration total{}; total < least_time || rounds.size() < least_rounds;) {
         const steady::duration spent = round();
         total += spent;
         rounds.push_back(std::chrono::duration<double, std::nano>(spent).count() /
@@ -105,8 +105,8 @@ kelm::built_packet packet_between(const char *from, const char *to, std::uint32_
     settings.bfd.state = BFD_STATE_UP;
     settings.bfd.my_discriminator = mine;
     settings.bfd.your_discriminator = yours;
-    settings.bfd.min_tx_interval = PERIOD;
-    settings.bfd.min_rx_interval = PERIOD;
+    settings.bfd.min_tx_interval = period;
+    settings.bfd.min_rx_interval = period;
     settings.auth = authentication(auth_type);
     return kelm::build_packet(settings);
 }
@@ -161,8 +161,8 @@ kelm::request session_request(std::uint32_t discriminator, std::uint8_t auth_typ
     kelm_msg_rx_set_session settings{};
     settings.header.discriminator = discriminator;
     settings.flags = KELM_RX_TIMER_ACTIVE;
-    settings.multiplier = MULTIPLIER;
-    settings.period = PERIOD;
+    settings.multiplier = multiplier;
+    settings.period = period;
     settings.auth.type = auth_type;
     settings.auth.flags = KELM_AUTH_TTL_255;
     if (auth_type != BFD_AUTH_NONE)
@@ -173,7 +173,7 @@ kelm::request session_request(std::uint32_t discriminator, std::uint8_t auth_typ
 // A period goes by. How long the timers take that are due meanwhile, or have been moved.
 steady::duration pass_period(sim::world &world)
 {
-    world.pass(PERIOD_TICKS);
+    world.pass(period_ticks);
     return time_of([&] { world.run_timers(); });
 }
 
@@ -183,8 +183,8 @@ template<typename Make, typename Announce, typename Receive>
 steady::duration receive_round(std::size_t count, Make make, Announce announce, Receive receive)
 {
     steady::duration spent{};
-    for (std::size_t first = 0; first < count; first += BATCH) {
-        const std::size_t end = std::min(first + BATCH, count);
+    for (std::size_t first = 0; first < count; first += batch) {
+        const std::size_t end = std::min(first + batch, count);
         for (std::size_t i = first; i < end; ++i)
             make(i);
         const sim::softirq_scope softirq;
@@ -202,41 +202,41 @@ class reception
 {
   public:
     reception(std::uint32_t sessions, std::uint8_t auth_type)
-        : host(sessions), sk(*host.world.initial().udp_ports.at(PORT))
+        : host(sessions), sk_(*host.world.initial().udp_ports.at(port))
     {
-        arrival.source = sim::address("10.0.0.2");
-        arrival.destination = sim::address("10.0.0.1");
-        arrival.source_port = 49152;
-        arrival.destination_port = PORT;
-        arrival.ttl = 255;
-        arrival.iif = 2;
+        arrival_.source = sim::address("10.0.0.2");
+        arrival_.destination = sim::address("10.0.0.1");
+        arrival_.source_port = 49152;
+        arrival_.destination_port = port;
+        arrival_.ttl = 255;
+        arrival_.iif = 2;
         for (std::uint32_t disc = 1; disc <= sessions; ++disc) {
             host.request(session_request(disc, auth_type));
-            packets.push_back(peers_packet(disc, auth_type));
+            packets_.push_back(peers_packet(disc, auth_type));
         }
-        std::ranges::shuffle(packets, std::mt19937(1));
+        std::ranges::shuffle(packets_, std::mt19937(1));
         round();
     }
 
     // A period goes by, and all the peers send.
     steady::duration round()
     {
-        ++rounds;
+        ++rounds_;
         const steady::duration timers = pass_period(host.world);
         return timers + receive_round(
-                            packets.size(),
+                            packets_.size(),
                             [this](std::size_t i) {
-                                buffers[i % BATCH] = hosted::udp_frame_skb(packets[i], arrival);
+                                buffers_[i % batch] = hosted::udp_frame_skb(packets_[i], arrival_);
                             },
                             [this](std::size_t count) {
-                                std::array<kvec, BATCH> payloads;
+                                std::array<kvec, batch> payloads;
                                 for (std::size_t i = 0; i < count; ++i)
-                                    payloads[i] = {skb_data(buffers[i]), skb_len(buffers[i])};
-                                sk.data_ahead(&sk, payloads.data(), count);
+                                    payloads[i] = {skb_data(buffers_[i]), skb_len(buffers_[i])};
+                                sk_.data_ahead(&sk_, payloads.data(), count);
                             },
                             [this](std::size_t i) {
-                                sk.first = sk.last = buffers[i % BATCH];
-                                sk.data_ready(&sk);
+                                sk_.first = sk_.last = buffers_[i % batch];
+                                sk_.data_ready(&sk_);
                             });
     }
 
@@ -252,7 +252,7 @@ class reception
             if (message.header.nlmsg_type != KELM_MSG_RX_STATS)
                 continue;
             std::memcpy(&stats, message.body.data(), sizeof stats);
-            expect(stats.num_received == rounds && stats.num_passup == 1 && stats.num_timeout == 0,
+            expect(stats.num_received == rounds_ && stats.num_passup == 1 && stats.num_timeout == 0,
                    "received packets were not as they should be");
             ++found;
         }
@@ -262,11 +262,11 @@ class reception
     machine host;
 
   private:
-    sim::packet_sock &sk;
-    hosted::udp_arrival arrival{};
-    std::vector<bytes> packets;
-    std::array<sk_buff *, BATCH> buffers{};
-    std::uint64_t rounds = 0;
+    sim::packet_sock &sk_;
+    hosted::udp_arrival arrival_{};
+    std::vector<bytes> packets_;
+    std::array<sk_buff *, batch> buffers_{};
+    std::uint64_t rounds_ = 0;
 };
 
 double receive_cost(std::uint32_t sessions, std::uint8_t auth_type)
@@ -286,7 +286,7 @@ kelm::request packet_request(std::uint32_t discriminator, std::uint8_t auth_type
     kelm_msg_tx_set_packet settings{};
     settings.header.discriminator = discriminator;
     settings.jitter_type = BFD_TX_JITTER_75;
-    settings.period = PERIOD;
+    settings.period = period;
     settings.latch_period = 1'000'000;
     settings.latch_state = BFD_STATE_DOWN;
     built.apply_to(settings, auth_type);
@@ -321,7 +321,7 @@ class armed_timers
     {
         for (timer_list &timer : timers) {
             timer_setup(&timer, function);
-            mod_timer(&timer, get_jiffies_64() + DETECTION_TICKS);
+            mod_timer(&timer, get_jiffies_64() + detection_ticks);
         }
     }
     ~armed_timers()
@@ -342,7 +342,7 @@ double restart_cost(std::uint32_t sessions)
     return median_cost(sessions, [&] {
         return pass_period(host.world) + time_of([&] {
                    for (timer_list &timer : armed.timers)
-                       mod_timer(&timer, get_jiffies_64() + DETECTION_TICKS);
+                       mod_timer(&timer, get_jiffies_64() + detection_ticks);
                });
     });
 }
@@ -358,13 +358,13 @@ double receive_services_cost(std::uint32_t sessions)
     spin_lock_init(&table, 0, "table");
     spin_lock_init(&session, 1, "session");
     const bytes payload(sizeof(bfd_ctrl));
-    std::array<sk_buff *, BATCH> buffers{};
+    std::array<sk_buff *, batch> buffers{};
 
     const auto make = [&](std::size_t i) {
-        buffers[i % BATCH] = hosted::udp_frame_skb(payload, {});
+        buffers[i % batch] = hosted::udp_frame_skb(payload, {});
     };
     const auto receive = [&](std::size_t i) {
-        sk.first = sk.last = buffers[i % BATCH];
+        sk.first = sk.last = buffers[i % batch];
         sk_buff *const taken = __skb_recv_udp(&sk);
         expect(skb_linearize_cow(taken) == 0, "a buffer cannot be made contiguous");
         spin_lock(&table);
@@ -372,7 +372,7 @@ double receive_services_cost(std::uint32_t sessions)
         spin_unlock(&table);
         timespec64 now;
         ktime_get_real_ts64(&now);
-        mod_timer(&armed.timers[i], get_jiffies_64() + __usecs_to_jiffies(MULTIPLIER * PERIOD));
+        mod_timer(&armed.timers[i], get_jiffies_64() + __usecs_to_jiffies(multiplier * period));
         spin_unlock(&session);
         consume_skb(taken);
     };
@@ -401,8 +401,8 @@ struct transmit_services {
         timespec64 now;
         ktime_get_real_ts64(&now);
         const unsigned long last = get_jiffies_64();
-        const unsigned long jitter = __usecs_to_jiffies(prandom_u32() % (PERIOD / 4));
-        const unsigned long due = last + __usecs_to_jiffies(PERIOD) - jitter;
+        const unsigned long jitter = __usecs_to_jiffies(prandom_u32() % (period / 4));
+        const unsigned long due = last + __usecs_to_jiffies(period) - jitter;
         mod_timer(timer, std::max<unsigned long>(due, get_jiffies_64() + 1));
         spin_unlock_bh(&lock);
     }
@@ -421,7 +421,7 @@ double transmit_services_cost(std::uint32_t sessions)
     transmit_services services(&host.world.initial());
     sender = &services;
     const armed_timers armed(sessions, [](timer_list *timer) { sender->send(timer); });
-    host.world.pass(DETECTION_TICKS);
+    host.world.pass(detection_ticks);
     host.world.run_timers();
     return median_cost(sessions, [&] { return pass_period(host.world); });
 }
@@ -431,7 +431,7 @@ struct row {
     std::function<double(std::uint32_t)> cost;
 };
 
-const std::array<row, 9> ROWS{{
+const std::array<row, 9> rows{{
     {"received unchanged, no authentication",
      [](std::uint32_t n) { return receive_cost(n, BFD_AUTH_NONE); }},
     {"received unchanged, MD5",
@@ -453,11 +453,11 @@ int main()
 {
     std::printf(
         "The engine on the simulation: nanoseconds each, by the number of sessions\n\n%-40s", "");
-    for (const std::uint32_t sessions : SESSION_COUNTS)
+    for (const std::uint32_t sessions : session_counts)
         std::printf("%10u", sessions);
-    for (const row &row : ROWS) {
+    for (const row &row : rows) {
         std::printf("\n%-40s", row.name);
-        for (const std::uint32_t sessions : SESSION_COUNTS) {
+        for (const std::uint32_t sessions : session_counts) {
             std::printf("%10.0f", row.cost(sessions));
             std::fflush(stdout);
         }

@@ -162,6 +162,7 @@ int send_frame(const tx_packet *packet)
     std::memcpy(address.addr, packet->packet.data, 6); // Ethernet destination
     return send(packet, {&address, sizeof(address), MSG_DONTWAIT, nullptr, 0});
 }
+
 // The number of bytes sent or a negative error number; a packet without a socket, or without the
 // headers that its settings name, is not sent.
 int send_packet(const tx_packet *packet)

@@ -86,6 +86,7 @@ void *heap::allocate(std::size_t size, std::size_t alignment)
     total_ += size;
     return memory;
 }
+
 void heap::release(const void *memory)
 {
     block_header &block = header_of(memory);

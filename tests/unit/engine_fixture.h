@@ -17,18 +17,18 @@ namespace sim
 {
 
 // For agent_options.groups.
-inline constexpr std::uint32_t CONTROL = 1U << (KELM_NLG_NUM_CONTROL - 1);
-inline constexpr std::uint32_t NOTIFICATION = 1U << (KELM_NLG_NUM_NOTIFICATION - 1);
+inline constexpr std::uint32_t control_group = 1U << (KELM_NLG_NUM_CONTROL - 1);
+inline constexpr std::uint32_t notification_group = 1U << (KELM_NLG_NUM_NOTIFICATION - 1);
 
 using strings = std::vector<std::string>;
 
 // The result of a request that was not acknowledged.
-inline constexpr int UNANSWERED = 1;
+inline constexpr int unanswered = 1;
 
 // Sends a request and returns what its acknowledgement says: 0 or a negative error number.
 inline int ask(agent &a, std::uint16_t type, std::span<const std::uint8_t> body)
 {
-    return a.request(type, body).value_or(UNANSWERED);
+    return a.request(type, body).value_or(unanswered);
 }
 
 template<typename Body>
@@ -188,13 +188,13 @@ struct engine_test : testing::Test {
     engine_test()
     {
         // Not the beginning, which is a password that packets carry.
-        static const bytes end_of_key(KEY.begin() + 10, KEY.end());
+        static const bytes end_of_key(test_key.begin() + 10, test_key.end());
         the_machine().memory.secret = end_of_key;
     }
 
-    static constexpr std::uint32_t SESSION = 5;
-    static constexpr std::uint64_t DETECTION = 900; // ticks until a session of `rx` times out
-    static constexpr std::uint64_t INTERVAL = 299;  // ticks between the packets of `tx`
+    static constexpr std::uint32_t own_disc = 5;
+    static constexpr std::uint64_t detection_ticks = 900; // ticks until a session of `rx` times out
+    static constexpr std::uint64_t interval_ticks = 299;  // ticks between the packets of `tx`
 
     // The ticks, counted from now, at which packets go out while time goes by.
     std::vector<std::uint64_t> sent_during(std::uint64_t ticks)
@@ -209,7 +209,7 @@ struct engine_test : testing::Test {
     }
 
     // The first frame that goes out meanwhile.
-    frame next_frame(std::uint64_t ticks = INTERVAL)
+    frame next_frame(std::uint64_t ticks = interval_ticks)
     {
         EXPECT_FALSE(sent_during(ticks).empty());
         return w.frames().empty() ? frame{} : w.frames().front();
@@ -230,7 +230,7 @@ struct engine_test : testing::Test {
 
     world w;
     agent &a = w.open_agent(w.initial());
-    agent &listener = w.open_agent(w.initial(), {.groups = NOTIFICATION});
+    agent &listener = w.open_agent(w.initial(), {.groups = notification_group});
 };
 
 } // namespace sim

@@ -10,10 +10,10 @@ namespace
 
 using namespace kelm_agent;
 
-constexpr std::uint8_t A = BFD_STATE_ADMIN_DOWN;
-constexpr std::uint8_t D = BFD_STATE_DOWN;
-constexpr std::uint8_t I = BFD_STATE_INIT;
-constexpr std::uint8_t U = BFD_STATE_UP;
+constexpr std::uint8_t a = BFD_STATE_ADMIN_DOWN;
+constexpr std::uint8_t d = BFD_STATE_DOWN;
+constexpr std::uint8_t i = BFD_STATE_INIT;
+constexpr std::uint8_t u = BFD_STATE_UP;
 constexpr std::uint8_t earlier = BFD_DIAG_CTRL_TIMEOUT; // left by an earlier failure
 constexpr std::uint8_t none = BFD_DIAG_NONE;
 constexpr std::uint8_t signalled = BFD_DIAG_NEIGH_DOWN;
@@ -26,16 +26,16 @@ struct transition {
 
 // RFC 5880 section 6.8.6.
 constexpr transition peer_transitions[] = {
-    {D, A, {D, earlier}},   {D, D, {I, earlier}},   {D, I, {U, none}},    {D, U, {D, earlier}},
-    {I, A, {D, signalled}}, {I, D, {I, earlier}},   {I, I, {U, none}},    {I, U, {U, none}},
-    {U, A, {D, signalled}}, {U, D, {D, signalled}}, {U, I, {U, earlier}}, {U, U, {U, earlier}},
-    {A, A, {A, earlier}},   {A, D, {A, earlier}},   {A, I, {A, earlier}}, {A, U, {A, earlier}},
+    {d, a, {d, earlier}},   {d, d, {i, earlier}},   {d, i, {u, none}},    {d, u, {d, earlier}},
+    {i, a, {d, signalled}}, {i, d, {i, earlier}},   {i, i, {u, none}},    {i, u, {u, none}},
+    {u, a, {d, signalled}}, {u, d, {d, signalled}}, {u, i, {u, earlier}}, {u, u, {u, earlier}},
+    {a, a, {a, earlier}},   {a, d, {a, earlier}},   {a, i, {a, earlier}}, {a, u, {a, earlier}},
 };
 
 // RFC 7880 section 7.3.2: a reflector only ever says Up or AdminDown.
 constexpr transition reflector_transitions[] = {
-    {D, A, {D, earlier}}, {D, U, {U, none}},    {U, A, {D, signalled}},
-    {U, U, {U, earlier}}, {U, D, {U, earlier}}, {A, U, {A, earlier}},
+    {d, a, {d, earlier}}, {d, u, {u, none}},    {u, a, {d, signalled}},
+    {u, u, {u, earlier}}, {u, d, {u, earlier}}, {a, u, {a, earlier}},
 };
 
 TEST(agent_fsm, packets)
@@ -50,10 +50,10 @@ TEST(agent_fsm, packets)
 
 TEST(agent_fsm, silence)
 {
-    EXPECT_EQ(after_timeout({U, none}, BFD_DIAG_ECHO_FAIL), (condition{D, BFD_DIAG_ECHO_FAIL}));
-    EXPECT_EQ(after_timeout({I, none}, BFD_DIAG_CTRL_TIMEOUT),
-              (condition{D, BFD_DIAG_CTRL_TIMEOUT}));
-    EXPECT_EQ(after_timeout({D, signalled}, BFD_DIAG_CTRL_TIMEOUT), (condition{D, signalled}));
+    EXPECT_EQ(after_timeout({u, none}, BFD_DIAG_ECHO_FAIL), (condition{d, BFD_DIAG_ECHO_FAIL}));
+    EXPECT_EQ(after_timeout({i, none}, BFD_DIAG_CTRL_TIMEOUT),
+              (condition{d, BFD_DIAG_CTRL_TIMEOUT}));
+    EXPECT_EQ(after_timeout({d, signalled}, BFD_DIAG_CTRL_TIMEOUT), (condition{d, signalled}));
     EXPECT_EQ(after_timeout(administratively_down(), BFD_DIAG_CTRL_TIMEOUT),
               administratively_down());
 }

@@ -12,8 +12,8 @@ namespace
 
 using namespace sim;
 
-constexpr std::uint32_t SESSION = 5;
-constexpr int DUMP = UNANSWERED; // is not acknowledged
+constexpr std::uint32_t own_disc = 5;
+constexpr int dump_type = unanswered; // is not acknowledged
 
 // A world in which requests find something to change: a packet that is being sent, a session that
 // has passed up a frame and has its timer running, periodic statistics.
@@ -21,9 +21,9 @@ struct busy_world {
     explicit busy_world(std::uint64_t seed = 1) : w({.seed = seed})
     {
         EXPECT_EQ(path_ready(a), 0);
-        EXPECT_EQ(set_packet(a, SESSION), 0);
-        EXPECT_EQ(set_session(a, SESSION, rx{.multiplier = 200, .latch = {SESSION}}), 0);
-        EXPECT_TRUE(receive(w, SESSION));
+        EXPECT_EQ(set_packet(a, own_disc), 0);
+        EXPECT_EQ(set_session(a, own_disc, rx{.multiplier = 200, .latch = {own_disc}}), 0);
+        EXPECT_TRUE(receive(w, own_disc));
         EXPECT_EQ(set_interval(a, 1), 0);
     }
 
@@ -47,7 +47,7 @@ struct busy_world {
 
     world w;
     agent &a = w.open_agent(w.initial());
-    agent &observer = w.open_agent(w.initial(), {.groups = CONTROL});
+    agent &observer = w.open_agent(w.initial(), {.groups = control_group});
 };
 
 struct valid_request {
@@ -61,13 +61,13 @@ struct valid_request {
 std::vector<valid_request> valid_requests()
 {
     return {
-        {KELM_MSG_TX_SET_PACKET, set_request(SESSION, {}, tx{.period = 100'000}),
+        {KELM_MSG_TX_SET_PACKET, set_request(own_disc, {}, tx{.period = 100'000}),
          offsetof(kelm_msg_tx_set_packet, packet_len), 0},
-        {KELM_MSG_TX_DELETE_PACKET, to_bytes(kelm_msg_tx_delete_packet{{SESSION}}), 0, 0},
-        {KELM_MSG_RX_SET_SESSION, set_request(SESSION, rx{.period = 100'000}, bytes(16)),
+        {KELM_MSG_TX_DELETE_PACKET, to_bytes(kelm_msg_tx_delete_packet{{own_disc}}), 0, 0},
+        {KELM_MSG_RX_SET_SESSION, set_request(own_disc, rx{.period = 100'000}, bytes(16)),
          offsetof(kelm_msg_rx_set_session, failure_packet_len), 0},
-        {KELM_MSG_RX_DELETE_SESSION, to_bytes(kelm_msg_rx_delete_session{{SESSION}}), 0, 0},
-        {KELM_MSG_GET_STATS, stats_request(0, KELM_STATS_MODULE), 0, DUMP},
+        {KELM_MSG_RX_DELETE_SESSION, to_bytes(kelm_msg_rx_delete_session{{own_disc}}), 0, 0},
+        {KELM_MSG_GET_STATS, stats_request(0, KELM_STATS_MODULE), 0, dump_type},
         {KELM_MSG_SYNC, to_bytes(kelm_msg_sync{{0}, KELM_SYNC_SWEEP}), 0, 0},
         {KELM_MSG_SET_DEBUG_LEVEL, to_bytes(kelm_msg_set_debug_level{{0}, 0, 3, {}}), 0, 0},
         {KELM_MSG_TX_PATH_READY, to_bytes(kelm_msg_tx_path_ready{{0}}), 0, 0},
@@ -88,7 +88,7 @@ int acknowledged(agent &a, std::span<const std::uint8_t> datagram)
 {
     EXPECT_EQ(a.send(datagram), 0);
     const std::vector<message> answers = a.read_messages();
-    return answers.empty() ? UNANSWERED : read_as<int>(answers.back().body);
+    return answers.empty() ? unanswered : read_as<int>(answers.back().body);
 }
 
 TEST(dispatch, takes_each_type_from_those_who_may_send_it)
@@ -104,8 +104,8 @@ TEST(dispatch, takes_each_type_from_those_who_may_send_it)
         {KELM_MSG_TX_DELETE_PACKET, -EINVAL, -EPERM, -EPERM},
         {KELM_MSG_RX_SET_SESSION, -EINVAL, -EPERM, -EPERM},
         {KELM_MSG_RX_DELETE_SESSION, -EINVAL, -EPERM, -EPERM},
-        {KELM_MSG_GET_STATS, DUMP, DUMP, DUMP},
-        {KELM_MSG_SYNC, DUMP, DUMP, -EPERM},
+        {KELM_MSG_GET_STATS, dump_type, dump_type, dump_type},
+        {KELM_MSG_SYNC, dump_type, dump_type, -EPERM},
         {KELM_MSG_SET_DEBUG_LEVEL, 0, -EPERM, -EPERM},
         {KELM_MSG_TX_PATH_READY, 0, 0, -EPERM},
         {KELM_MSG_SET_SESSION_STATS_INTERVAL, 0, -EPERM, -EPERM},

@@ -19,10 +19,10 @@ namespace
 
 using namespace sim;
 
-constexpr std::uint32_t CLEAR = KELM_STATS_CLEAR;
-constexpr std::uint32_t NO_REPORT = KELM_STATS_NO_REPORT;
-constexpr std::uint32_t MODULE = KELM_STATS_MODULE;
-constexpr std::uint32_t ALL_VRFS = KELM_STATS_ALL_VRFS;
+constexpr std::uint32_t clear = KELM_STATS_CLEAR;
+constexpr std::uint32_t no_report = KELM_STATS_NO_REPORT;
+constexpr std::uint32_t module_wide = KELM_STATS_MODULE;
+constexpr std::uint32_t all_vrfs = KELM_STATS_ALL_VRFS;
 
 TEST(get_stats, answers_each_request_with_what_it_asks_for)
 {
@@ -45,13 +45,13 @@ TEST(get_stats, answers_each_request_with_what_it_asks_for)
         {6, 0, {"tx_stats 6", "ack 0"}},
         {8, 0, {"ack -2"}},
         {9, 0, {"ack -2"}}, // of another vrf
-        {5, CLEAR, {"rx_stats 5", "tx_stats 5", "done 0"}},
-        {69, CLEAR, {"rx_stats 69", "done 0"}},
-        {101, CLEAR, {"done 0"}},
+        {5, clear, {"rx_stats 5", "tx_stats 5", "done 0"}},
+        {69, clear, {"rx_stats 69", "done 0"}},
+        {101, clear, {"done 0"}},
         {5, 0x80, {"rx_stats 5", "tx_stats 5", "done 0"}}, // unknown flags are flags
-        {5, MODULE, {"rx_stats 5", "tx_stats 5", "module_stats", "done 0"}},
+        {5, module_wide, {"rx_stats 5", "tx_stats 5", "module_stats", "done 0"}},
         {5,
-         ALL_VRFS | MODULE,
+         all_vrfs | module_wide,
          {"module_stats", "rx_stats 5", "module_stats", "rx_stats 5", "tx_stats 5", "module_stats",
           "done 0"}},
         {0,
@@ -59,11 +59,11 @@ TEST(get_stats, answers_each_request_with_what_it_asks_for)
          {"rx_stats 37", "rx_stats 5", "rx_stats 69", "rx_stats 7", "tx_stats 5", "tx_stats 6",
           "done 0"}},
         {0,
-         ALL_VRFS,
+         all_vrfs,
          {"tx_stats 9", "rx_stats 5", "rx_stats 37", "rx_stats 5", "rx_stats 69", "rx_stats 7",
           "tx_stats 5", "tx_stats 6", "done 0"}},
-        {0, NO_REPORT | MODULE, {"done 0"}},
-        {0, NO_REPORT | CLEAR | MODULE | ALL_VRFS, {"done 0"}},
+        {0, no_report | module_wide, {"done 0"}},
+        {0, no_report | clear | module_wide | all_vrfs, {"done 0"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << "session " << c.discriminator << ", flags " << c.flags);
@@ -138,10 +138,10 @@ TEST(get_stats, reports_and_clears_the_counters_of_the_vrf)
                            s.session_stats_send_stats_fail,
                            s.session_stats_broadcast_fail};
     };
-    // CLEAR without MODULE leaves them, with NO_REPORT it clears them unread.
-    ASSERT_EQ(get_stats(a, 0, CLEAR).error, 0);
+    // clear without module_wide leaves them, with no_report it clears them unread.
+    ASSERT_EQ(get_stats(a, 0, clear).error, 0);
     EXPECT_EQ(counters(), (std::vector<std::uint64_t>{1, 2, 9, 4, 7, 5, 6, 7, 0, 10}));
-    ASSERT_EQ(get_stats(a, 0, CLEAR | NO_REPORT | MODULE).error, 0);
+    ASSERT_EQ(get_stats(a, 0, clear | no_report | module_wide).error, 0);
     EXPECT_EQ(counters(), std::vector<std::uint64_t>(10, 0));
 }
 
@@ -149,14 +149,14 @@ TEST(get_stats, counts_a_reply_that_cannot_be_delivered)
 {
     world w;
     agent &a = w.open_agent(w.initial(), {.queue_limit = 0});
-    ASSERT_EQ(set_session(a, 5), UNANSWERED);
-    ASSERT_EQ(set_debug_level(a, 2), UNANSWERED);
+    ASSERT_EQ(set_session(a, 5), unanswered);
+    ASSERT_EQ(set_debug_level(a, 2), unanswered);
     const kelm_vrf *vrf = find_vrf(&w.initial()).get();
     ASSERT_EQ(a.send(make_message(KELM_MSG_GET_STATS, NLM_F_REQUEST, 1, stats_request(5, 0))), 0);
     EXPECT_EQ(w.logged("kelm Netlink: Error sending stats -11"), 1U);
     EXPECT_EQ(vrf->stats.netlink_stats_fail, 1);
     a.set_queue_limit(100);
-    ASSERT_EQ(get_stats(a, 0, CLEAR | MODULE).error, 0);
+    ASSERT_EQ(get_stats(a, 0, clear | module_wide).error, 0);
     EXPECT_EQ(vrf->stats.netlink_stats_fail, 0);
 }
 
@@ -289,10 +289,10 @@ struct periodic : testing::Test {
     world w{{.namespaces = {"red"}}};
     net &red = w.find("red");
     agent &a = w.open_agent(w.initial());
-    agent &observer = w.open_agent(w.initial(), {.groups = CONTROL});
+    agent &observer = w.open_agent(w.initial(), {.groups = control_group});
 };
 
-const strings ONE_RUN = {"module_stats", "module_stats"};
+const strings one_run = {"module_stats", "module_stats"};
 
 TEST_F(periodic, runs_at_once_and_then_at_each_interval)
 {
@@ -309,14 +309,14 @@ TEST_F(periodic, runs_at_once_and_then_at_each_interval)
         SCOPED_TRACE(interval);
         w.pass(result == 0 ? 4000 : 0); // an interval counts from its request
         EXPECT_EQ(set_interval(a, interval, discriminator), result);
-        EXPECT_EQ(received(), result == 0 ? ONE_RUN : strings{});
+        EXPECT_EQ(received(), result == 0 ? one_run : strings{});
         for (int run = 0; run < 3; ++run) {
             w.pass(ticks - 1);
             w.run_timers();
             EXPECT_EQ(received(), strings{});
             w.pass(1);
             w.run_timers();
-            EXPECT_EQ(received(), ONE_RUN);
+            EXPECT_EQ(received(), one_run);
         }
     }
     ASSERT_EQ(set_interval(a, 0), 0);
@@ -326,8 +326,8 @@ TEST_F(periodic, runs_at_once_and_then_at_each_interval)
 
 TEST_F(periodic, holds_everything_of_every_vrf_the_newest_first)
 {
-    agent &theirs = w.open_agent(red, {.groups = CONTROL | NOTIFICATION});
-    agent &other_group = w.open_agent(w.initial(), {.groups = NOTIFICATION});
+    agent &theirs = w.open_agent(red, {.groups = control_group | notification_group});
+    agent &other_group = w.open_agent(w.initial(), {.groups = notification_group});
     ASSERT_EQ(set_session(a, 5), 0);
     set_packets(2);
     ASSERT_EQ(set_session(theirs, 8), 0);

@@ -23,8 +23,8 @@ struct stage {
     world w{{.namespaces = {"red"}, .start = false}};
     bool running = false;
     std::vector<std::string> namespaces = {"initial", "red"};
-    agent &ours = w.open_agent(w.initial(), {.groups = CONTROL | NOTIFICATION});
-    agent &theirs = w.open_agent(w.find("red"), {.groups = CONTROL});
+    agent &ours = w.open_agent(w.initial(), {.groups = control_group | notification_group});
+    agent &theirs = w.open_agent(w.find("red"), {.groups = control_group});
 };
 
 struct scenario {
@@ -213,7 +213,7 @@ void empty(agent &a)
 void live(world &w, agent &control)
 {
     net &ns = w.create_namespace("afterwards");
-    agent &a = w.open_agent(ns, {.groups = CONTROL | NOTIFICATION});
+    agent &a = w.open_agent(ns, {.groups = control_group | notification_group});
     ASSERT_EQ(path_ready(a), 0);
     ASSERT_EQ(set_packet(a, 1), 0);
     ASSERT_EQ(set_session(a, 5, rx{.latch = {1}}), 0);
@@ -268,14 +268,14 @@ class fault_sweep : public testing::TestWithParam<scenario>
 
 TEST_P(fault_sweep, leaves_an_engine_as_good_as_new)
 {
-    constexpr std::uint64_t LIMIT = 500;
+    constexpr std::uint64_t limit = 500;
     std::uint64_t faults_met = 0;
     for (const fault &f : faults) {
         for (const std::uint64_t times : {std::uint64_t{1}, fault_plan::always}) {
             std::uint64_t nth = 1;
-            while (nth < LIMIT && !HasFailure() && run_with_fault(GetParam(), f, nth, times))
+            while (nth < limit && !HasFailure() && run_with_fault(GetParam(), f, nth, times))
                 ++nth;
-            ASSERT_LT(nth, LIMIT) << f.name;
+            ASSERT_LT(nth, limit) << f.name;
             faults_met += nth - 1;
         }
     }

@@ -40,19 +40,19 @@ class detection_checker
 
     void configured(const record_id &id, std::uint64_t detection_ticks, std::uint64_t now)
     {
-        sessions[id] = {detection_ticks, now + detection_ticks};
+        sessions_[id] = {detection_ticks, now + detection_ticks};
     }
     void accepted(const record_id &id, std::uint64_t now)
     {
-        const auto found = sessions.find(id);
-        if (found != sessions.end() && found->second.deadline)
+        const auto found = sessions_.find(id);
+        if (found != sessions_.end() && found->second.deadline)
             found->second.deadline = now + found->second.ticks;
     }
 
     void failed(const record_id &id, std::uint64_t now)
     {
-        const auto found = sessions.find(id);
-        if (found == sessions.end())
+        const auto found = sessions_.find(id);
+        if (found == sessions_.end())
             return complaints_.add(now, id, "failure of a session that does not exist");
         std::optional<std::uint64_t> &deadline = found->second.deadline;
         if (!deadline)
@@ -65,7 +65,7 @@ class detection_checker
     // All timers that are due have run.
     void timers_have_run(std::uint64_t now)
     {
-        for (auto &[id, each] : sessions) {
+        for (auto &[id, each] : sessions_) {
             if (!each.deadline || now < *each.deadline)
                 continue;
             complaints_.add(now, id, "no failure at " + std::to_string(*each.deadline));
@@ -79,7 +79,7 @@ class detection_checker
         std::optional<std::uint64_t> deadline; // none after a failure
     };
     complaints &complaints_;
-    std::map<record_id, detection> sessions;
+    std::map<record_id, detection> sessions_;
 };
 
 // Transmission: only what exists, well-formed, neither too soon nor too late, numbered without
@@ -91,7 +91,7 @@ class transmission_checker
 
     void configured(const record_id &id, std::uint64_t period_ticks, std::uint64_t now)
     {
-        const auto [found, is_new] = packets.try_emplace(id);
+        const auto [found, is_new] = packets_.try_emplace(id);
         packet &p = found->second;
         if (is_new) // what was never sent counts from its creation
             p.last = now;
@@ -104,15 +104,15 @@ class transmission_checker
 
     void latched(const record_id &id, std::uint64_t now)
     {
-        if (const auto found = packets.find(id); found != packets.end())
+        if (const auto found = packets_.find(id); found != packets_.end())
             found->second.latch_asked = now;
     }
 
     void sent(const frame &sent)
     {
         const record_id id{sent.netns, ntohl(ctrl_in(sent.data).my_discriminator)};
-        const auto found = packets.find(id);
-        if (found == packets.end())
+        const auto found = packets_.find(id);
+        if (found == packets_.end())
             return complaints_.add(sent.tick, id, "transmission of what does not exist");
         packet &p = found->second;
         if (!udp_checksum_right(sent.data))
@@ -135,7 +135,7 @@ class transmission_checker
     // All timers that are due have run.
     void timers_have_run(std::uint64_t now)
     {
-        for (auto &[id, p] : packets) {
+        for (auto &[id, p] : packets_) {
             if (now <= p.latest)
                 continue;
             complaints_.add(now, id, "no transmission by " + std::to_string(p.latest));
@@ -177,7 +177,7 @@ class transmission_checker
     }
 
     complaints &complaints_;
-    std::map<record_id, packet> packets;
+    std::map<record_id, packet> packets_;
 };
 
 struct options {
@@ -222,23 +222,24 @@ struct flight {
 class run
 {
   public:
-    explicit run(const options &wanted) : o(wanted) {}
+    explicit run(const options &wanted) : o_(wanted) {}
 
     void go()
     {
         const auto outer = std::exchange(
             on_failure, [this](const std::string &text) { found.list.push_back(text); });
-        for (std::uint64_t i = 0; i < o.namespaces; ++i)
+        for (std::uint64_t i = 0; i < o_.namespaces; ++i)
             create_namespace();
-        EXPECT_EQ(path_ready(*agents.at(&w.initial())), 0);
+        EXPECT_EQ(path_ready(*agents_.at(&w_.initial())), 0);
         observe();
-        for (session &s : sessions) // from a random delay on
-            transmission.configured(s.id, s.period, w.tick());
-        for (const std::uint64_t end = w.tick() + o.ticks; w.tick() < end && found.list.empty();) {
+        for (session &s : sessions_) // from a random delay on
+            transmission_.configured(s.id, s.period, w_.tick());
+        for (const std::uint64_t end = w_.tick() + o_.ticks;
+             w_.tick() < end && found.list.empty();) {
             misfortunes();
             step();
         }
-        w.stop();
+        w_.stop();
         on_failure = outer;
     }
 
@@ -246,29 +247,29 @@ class run
     std::uint64_t failures = 0;
 
   private:
-    bool chance(std::uint64_t per_thousand) { return random.below(1000) < per_thousand; }
+    bool chance(std::uint64_t per_thousand) { return random_.below(1000) < per_thousand; }
     static net &ns_of(const session &s) { return *const_cast<net *>(s.id.first); }
 
     void create_namespace()
     {
-        const std::string name = "n" + std::to_string(agents.size());
-        net &ns = agents.empty() ? w.initial() : w.create_namespace(name);
-        monitors[&ns] = &w.open_agent(ns, {.groups = NOTIFICATION});
-        agents[&ns] = &w.open_agent(ns);
-        for (std::uint64_t i = 0; i < o.sessions; ++i) {
+        const std::string name = "n" + std::to_string(agents_.size());
+        net &ns = agents_.empty() ? w_.initial() : w_.create_namespace(name);
+        monitors_[&ns] = &w_.open_agent(ns, {.groups = notification_group});
+        agents_[&ns] = &w_.open_agent(ns);
+        for (std::uint64_t i = 0; i < o_.sessions; ++i) {
             session s{};
-            s.id = {&ns, static_cast<std::uint32_t>(1 + random.below(3) * 32 + 3 * i)};
-            s.period = 5 + random.below(60);
-            s.multiplier = static_cast<std::uint8_t>(1 + random.below(4));
-            s.auth_type = random.below(2) == 0 ? BFD_AUTH_PASSWORD : BFD_AUTH_NONE;
-            sessions.push_back(s);
-            configure(sessions.back());
+            s.id = {&ns, static_cast<std::uint32_t>(1 + random_.below(3) * 32 + 3 * i)};
+            s.period = 5 + random_.below(60);
+            s.multiplier = static_cast<std::uint8_t>(1 + random_.below(4));
+            s.auth_type = random_.below(2) == 0 ? BFD_AUTH_PASSWORD : BFD_AUTH_NONE;
+            sessions_.push_back(s);
+            configure(sessions_.back());
         }
     }
 
     void configure(session &s)
     {
-        agent &a = *agents.at(s.id.first);
+        agent &a = *agents_.at(s.id.first);
         const auto usecs = static_cast<kelm_microsecs>(s.period * 1000);
         outgoing packet;
         packet.payload = with_section({.my_discriminator = s.id.second, .your_discriminator = 77},
@@ -276,47 +277,47 @@ class run
         EXPECT_EQ(set(a, s.id.second, packet,
                       tx{.period = usecs, .jitter_type = BFD_TX_JITTER_75, .latch_period = usecs}),
                   0);
-        transmission.configured(s.id, s.period, w.tick());
+        transmission_.configured(s.id, s.period, w_.tick());
         EXPECT_EQ(set_session(a, s.id.second,
                               rx{.multiplier = s.multiplier,
                                  .period = usecs,
                                  .latch = {s.id.second},
                                  .auth_type = s.auth_type}),
                   0);
-        detection.configured(s.id, s.period * s.multiplier, w.tick());
+        detection_.configured(s.id, s.period * s.multiplier, w_.tick());
     }
 
     void peers_send()
     {
-        for (session &s : sessions) {
-            if (s.silent || w.tick() < s.peer_sends_at)
+        for (session &s : sessions_) {
+            if (s.silent || w_.tick() < s.peer_sends_at)
                 continue;
-            s.peer_sends_at = w.tick() + s.period * (75 + random.below(25)) / 100;
+            s.peer_sends_at = w_.tick() + s.period * (75 + random_.below(25)) / 100;
             send(s);
         }
     }
 
     void send(session &s)
     {
-        if (random.below(10) == 0)
-            s.peer_state = static_cast<std::uint8_t>(1 + random.below(3));
+        if (random_.below(10) == 0)
+            s.peer_state = static_cast<std::uint8_t>(1 + random_.below(3));
         datagram packet;
         packet.payload = with_section(
             {.your_discriminator = s.id.second,
              .state = s.peer_state,
-             .flags = random.below(20) == 0 ? std::uint8_t{BFD_FLAG_POLL} : std::uint8_t{0}},
+             .flags = random_.below(20) == 0 ? std::uint8_t{BFD_FLAG_POLL} : std::uint8_t{0}},
             auth_section(s.auth_type));
-        if (chance(o.odd_buffer)) {
-            packet.form = random.below(2) == 0 ? buffer_form::fragmented : buffer_form::cloned;
-            packet.linear_len = static_cast<std::uint32_t>(random.below(30));
+        if (chance(o_.odd_buffer)) {
+            packet.form = random_.below(2) == 0 ? buffer_form::fragmented : buffer_form::cloned;
+            packet.linear_len = static_cast<std::uint32_t>(random_.below(30));
         }
-        const bool acceptable = !chance(o.damage);
+        const bool acceptable = !chance(o_.damage);
         if (!acceptable)
             damage(packet.payload);
-        for (int copies = chance(o.duplication) ? 2 : 1; copies > 0; --copies) {
-            if (!chance(o.loss))
-                in_flight.emplace(w.tick() + (chance(o.delay) ? random.below(40) : 0),
-                                  flight{packet, s.id, acceptable});
+        for (int copies = chance(o_.duplication) ? 2 : 1; copies > 0; --copies) {
+            if (!chance(o_.loss))
+                in_flight_.emplace(w_.tick() + (chance(o_.delay) ? random_.below(40) : 0),
+                                   flight{packet, s.id, acceptable});
         }
     }
 
@@ -328,80 +329,80 @@ class run
             {1, BFD_FLAG_AUTH_PRESENT},
             {2, 3},
             {8, 0x80}}; // the last: another session's
-        if (random.below(5) == 0)
-            return packet.resize(random.below(packet.size()));
-        const auto &[at, bits] = flips[random.below(std::size(flips))];
+        if (random_.below(5) == 0)
+            return packet.resize(random_.below(packet.size()));
+        const auto &[at, bits] = flips[random_.below(std::size(flips))];
         packet[at] ^= bits;
     }
 
     void deliver(const flight &arriving)
     {
-        w.deliver(*const_cast<net *>(arriving.id.first), arriving.packet);
+        w_.deliver(*const_cast<net *>(arriving.id.first), arriving.packet);
         if (arriving.acceptable)
-            detection.accepted(arriving.id, w.tick());
+            detection_.accepted(arriving.id, w_.tick());
     }
 
     void deliver_what_is_due()
     {
-        while (!in_flight.empty() && in_flight.begin()->first <= w.tick()) {
-            deliver(in_flight.begin()->second);
-            in_flight.erase(in_flight.begin());
+        while (!in_flight_.empty() && in_flight_.begin()->first <= w_.tick()) {
+            deliver(in_flight_.begin()->second);
+            in_flight_.erase(in_flight_.begin());
         }
     }
 
     void misfortunes()
     {
-        session &s = sessions[random.below(sessions.size())];
-        if (chance(o.silence))
+        session &s = sessions_[random_.below(sessions_.size())];
+        if (chance(o_.silence))
             s.silent = !s.silent;
-        if (chance(o.reconfiguration)) {
-            s.period = 5 + random.below(60);
+        if (chance(o_.reconfiguration)) {
+            s.period = 5 + random_.below(60);
             configure(s);
         }
-        if (chance(o.clock_step))
-            w.step_wall_clock(static_cast<std::int64_t>(random.below(2'000'000'000'000)) -
-                              1'000'000'000'000);
-        if (chance(o.late_timers)) {
-            w.pass(1 + random.below(80));
+        if (chance(o_.clock_step))
+            w_.step_wall_clock(static_cast<std::int64_t>(random_.below(2'000'000'000'000)) -
+                               1'000'000'000'000);
+        if (chance(o_.late_timers)) {
+            w_.pass(1 + random_.below(80));
             deliver_what_is_due(); // before the timers: that is the hosts' promise
-            w.run_timers();
+            w_.run_timers();
             observe();
         }
     }
 
     void observe()
     {
-        for (const auto &[ns, monitor] : monitors) {
+        for (const auto &[ns, monitor] : monitors_) {
             for (const message &m : monitor->read_messages()) {
                 const record_id id{ns, read_as<kelm_msg_header>(m.body).discriminator};
                 ++failures;
-                detection.failed(id, w.tick());
-                transmission.latched(id, w.tick());
+                detection_.failed(id, w_.tick());
+                transmission_.latched(id, w_.tick());
             }
         }
-        for (const frame &each : w.take_frames())
-            transmission.sent(each);
-        detection.timers_have_run(w.tick());
-        transmission.timers_have_run(w.tick());
+        for (const frame &each : w_.take_frames())
+            transmission_.sent(each);
+        detection_.timers_have_run(w_.tick());
+        transmission_.timers_have_run(w_.tick());
     }
 
     void step()
     {
         peers_send();
         deliver_what_is_due();
-        w.advance(1);
+        w_.advance(1);
         observe();
     }
 
-    options o;
-    random_source random{o.seed};
-    world w{{.seed = o.seed}};
-    detection_checker detection{found};
-    transmission_checker transmission{found};
-    std::vector<session> sessions;
-    std::map<const net *, agent *> monitors; // hear failures
-    std::map<const net *, agent *> agents;
-    std::multimap<std::uint64_t, flight> in_flight;
+    options o_;
+    random_source random_{o_.seed};
+    world w_{{.seed = o_.seed}};
+    detection_checker detection_{found};
+    transmission_checker transmission_{found};
+    std::vector<session> sessions_;
+    std::map<const net *, agent *> monitors_; // hear failures
+    std::map<const net *, agent *> agents_;
+    std::multimap<std::uint64_t, flight> in_flight_;
 };
 
 std::uint64_t from_environment(const char *name, std::uint64_t otherwise)

@@ -16,8 +16,8 @@ namespace
 
 using namespace sim;
 
-constexpr int UNIT = KELM_NETLINK_UNIT;
-constexpr std::uint16_t TYPE = 20;
+constexpr int unit = KELM_NETLINK_UNIT;
+constexpr std::uint16_t message_type = 20;
 
 // What the kernel socket of the running test does with a message.
 std::function<int(sk_buff *, const nlmsghdr *)> handler;
@@ -47,7 +47,7 @@ class netlink : public testing::Test
     sock *open_socket()
     {
         const netlink_kernel_cfg cfg{.groups = 3, .input = input};
-        return netlink_kernel_create(&ns, UNIT, &cfg);
+        return netlink_kernel_create(&ns, unit, &cfg);
     }
 
     // Something runs, on another processor, while `lock` is held for the first time.
@@ -61,7 +61,7 @@ class netlink : public testing::Test
     static sk_buff *message_buffer()
     {
         sk_buff *skb = alloc_skb(NLMSG_SPACE(10), GFP_KERNEL);
-        __nlmsg_put(skb, 0, 0, TYPE, 10, 0);
+        __nlmsg_put(skb, 0, 0, message_type, 10, 0);
         return skb;
     }
     int multicast(std::uint32_t group, std::uint32_t except = 0)
@@ -80,7 +80,7 @@ class netlink : public testing::Test
 
 TEST_F(netlink, a_message_reaches_the_step_and_is_acknowledged_by_the_rules)
 {
-    constexpr std::uint16_t REQUEST = NLM_F_REQUEST, ASKS = NLM_F_ACK;
+    constexpr std::uint16_t a_request = NLM_F_REQUEST, asks = NLM_F_ACK;
     const struct {
         const char *what;
         std::uint16_t type, flags;
@@ -88,15 +88,15 @@ TEST_F(netlink, a_message_reaches_the_step_and_is_acknowledged_by_the_rules)
         bool step_runs;
         std::optional<int> acknowledgement;
     } cases[] = {
-        {"asks for nothing", 16, REQUEST, 0, true, std::nullopt},
-        {"asks for an acknowledgement", 16, REQUEST | ASKS, 0, true, 0},
-        {"fails", 16, REQUEST, -EPERM, true, -EPERM},
-        {"fails and asks", 31, REQUEST | ASKS, -EINVAL, true, -EINVAL},
-        {"starts a dump", 31, REQUEST | ASKS, -EINTR, true, std::nullopt},
+        {"asks for nothing", 16, a_request, 0, true, std::nullopt},
+        {"asks for an acknowledgement", 16, a_request | asks, 0, true, 0},
+        {"fails", 16, a_request, -EPERM, true, -EPERM},
+        {"fails and asks", 31, a_request | asks, -EINVAL, true, -EINVAL},
+        {"starts a dump", 31, a_request | asks, -EINTR, true, std::nullopt},
         {"is no request", 16, 0, -EPERM, false, std::nullopt},
-        {"is no request and asks", 16, ASKS, -EPERM, false, 0},
-        {"is of a control type", 15, REQUEST, -EPERM, false, std::nullopt},
-        {"is of a control type and asks", 15, REQUEST | ASKS, -EPERM, false, 0},
+        {"is no request and asks", 16, asks, -EPERM, false, 0},
+        {"is of a control type", 15, a_request, -EPERM, false, std::nullopt},
+        {"is of a control type and asks", 15, a_request | asks, -EPERM, false, 0},
     };
     agent &a = w.open_agent(ns);
     for (const auto &c : cases) {
@@ -135,7 +135,7 @@ TEST_F(netlink, a_datagram_ends_before_a_message_that_does_not_fit)
         std::uint32_t last_seen;
     } cases[] = {{0, 21, 2}, {3, 21, 2}, {4, 21, 1}, {0, 0, 1}, {0, 15, 1}, {0, 0xffffffff, 1}};
     agent &a = w.open_agent(ns);
-    const bytes first = make_message(TYPE, NLM_F_REQUEST, 1, bytes(5));
+    const bytes first = make_message(message_type, NLM_F_REQUEST, 1, bytes(5));
     for (const auto &c : cases) {
         std::uint32_t last_seen = 0;
         handler = [&](sk_buff *, const nlmsghdr *nlh) {
@@ -143,7 +143,7 @@ TEST_F(netlink, a_datagram_ends_before_a_message_that_does_not_fit)
             return 0;
         };
         bytes datagram = first;
-        append(datagram, make_message(TYPE, NLM_F_REQUEST, 2, bytes(5)));
+        append(datagram, make_message(message_type, NLM_F_REQUEST, 2, bytes(5)));
         std::memcpy(datagram.data() + first.size(), &c.last_len, sizeof c.last_len);
         a.send(std::span(datagram).first(datagram.size() - c.missing));
         EXPECT_EQ(last_seen, c.last_seen) << c.missing << ' ' << c.last_len;
@@ -154,7 +154,7 @@ TEST_F(netlink, without_memory_or_kernel_socket_a_request_fails_at_its_sender)
 {
     agent &a = w.open_agent(ns);
     handler = [](sk_buff *, const nlmsghdr *) { return -EPERM; };
-    const bytes request = make_message(TYPE, NLM_F_REQUEST, 1, {});
+    const bytes request = make_message(message_type, NLM_F_REQUEST, 1, {});
     w.fail(service::allocation, -ENOMEM);
     EXPECT_EQ(a.send(request), -ENOBUFS);
     // An acknowledgement that cannot be made is a message that was lost.
@@ -181,7 +181,7 @@ TEST_F(netlink, releasing_the_kernel_socket_waits_for_an_input_that_runs)
         netlink_kernel_release(std::exchange(sk, nullptr));
         order += "released";
     });
-    w.open_agent(ns).request(TYPE, {});
+    w.open_agent(ns).request(message_type, {});
     EXPECT_EQ(order, "in release out released");
 }
 
@@ -225,7 +225,7 @@ TEST_F(netlink, a_unicast_tells_its_length_or_why_not)
     EXPECT_EQ(unicast(a.id()), 28);
     EXPECT_EQ(unicast(a.id()), -EAGAIN);
     EXPECT_EQ(unicast(a.id() + 1), -ECONNREFUSED);
-    EXPECT_EQ(a.read_messages().at(0).header.nlmsg_type, TYPE);
+    EXPECT_EQ(a.read_messages().at(0).header.nlmsg_type, message_type);
     EXPECT_EQ(a.read_messages().at(0).header.nlmsg_type, NLMSG_OVERRUN);
     EXPECT_EQ(unicast(a.id()), 28);
 }
@@ -259,7 +259,7 @@ int fill_of_plan(sk_buff *skb, netlink_callback *cb)
     for (; plan.left > 0; --plan.left) {
         if (skb_tailroom(skb) < NLMSG_SPACE(plan.body_len))
             return 1;
-        __nlmsg_put(skb, netlink_skb_portid(cb->skb), cb->nlh->nlmsg_seq, TYPE,
+        __nlmsg_put(skb, netlink_skb_portid(cb->skb), cb->nlh->nlmsg_seq, message_type,
                     static_cast<int>(plan.body_len), 0);
     }
     return plan.result_at_end;
@@ -289,7 +289,7 @@ class netlink_dump : public netlink
 
     // How many messages the next datagram has.
     std::size_t read() { return parse_messages(a.read().value_or(bytes{})).size(); }
-    int send() { return a.send(make_message(TYPE, NLM_F_REQUEST, 1, {})); }
+    int send() { return a.send(make_message(message_type, NLM_F_REQUEST, 1, {})); }
 
     agent &a = w.open_agent(ns, {.groups = 1});
 };
@@ -298,7 +298,7 @@ TEST_F(netlink_dump, ends_with_nlmsg_done_that_tells_its_error)
 {
     plan.left = 3;
     plan.result_at_end = -ENODEV;
-    EXPECT_EQ(a.request(TYPE, {}), std::nullopt);
+    EXPECT_EQ(a.request(message_type, {}), std::nullopt);
     EXPECT_EQ(plan.ends, 1);
     const std::vector<message> messages = a.read_messages();
     ASSERT_EQ(messages.size(), 4U);
@@ -308,10 +308,10 @@ TEST_F(netlink_dump, ends_with_nlmsg_done_that_tells_its_error)
 
     // A failed start is the request's result.
     plan.start = [] { return -ENOMEM; };
-    EXPECT_EQ(a.request(TYPE, {}), -ENOMEM);
+    EXPECT_EQ(a.request(message_type, {}), -ENOMEM);
     EXPECT_EQ(plan.fills + plan.ends, 2);
     plan.start = [] { return 0; };
-    EXPECT_EQ(a.dump(TYPE, {}).error, -ENODEV);
+    EXPECT_EQ(a.dump(message_type, {}).error, -ENODEV);
 }
 
 TEST_F(netlink_dump, the_next_datagram_is_made_when_everything_was_read)
@@ -335,7 +335,7 @@ TEST_F(netlink_dump, room_is_8_kib_or_whatever_a_first_message_needs)
     const auto datagrams_of = [this](int messages, std::size_t body_len) {
         plan.left = messages;
         plan.body_len = body_len;
-        const dump_result result = a.dump(TYPE, {});
+        const dump_result result = a.dump(message_type, {});
         EXPECT_EQ(result.error, 0);
         EXPECT_EQ(result.messages.size(), static_cast<std::size_t>(messages));
         return result.datagrams;

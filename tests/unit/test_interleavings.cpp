@@ -22,7 +22,7 @@ struct scene {
     explicit scene(std::uint64_t seed, bool path_is_ready = true);
     world w;
     agent &a = w.open_agent(w.initial());
-    agent &listener = w.open_agent(w.initial(), {.groups = NOTIFICATION});
+    agent &listener = w.open_agent(w.initial(), {.groups = notification_group});
     agent *agents[2] = {&w.open_agent(w.initial()), &w.open_agent(w.initial())}; // of processors
     std::size_t memory = 0;
     // What had been sent when something returned after which nothing of it may come.
@@ -84,7 +84,7 @@ void perform(scene &s, operation what, agent &a)
         EXPECT_EQ(set(a, packet_disc, {}, tx{.flags = KELM_TX_SEND_OOB}), 0);
         return s.last_frames.reset();
     case operation::tx_remove:
-        EXPECT_NE(delete_packet(a, packet_disc), UNANSWERED);
+        EXPECT_NE(delete_packet(a, packet_disc), unanswered);
         s.last_frames = s.w.frames().size();
         return;
     case operation::sweep:
@@ -202,7 +202,7 @@ TEST(interleavings, a_namespace_that_goes_takes_everything_along)
         scene s(seed, seed % 2 == 0);
         net &red = s.w.create_namespace("red");
         agent &there = s.w.open_agent(red);
-        agent &hears = s.w.open_agent(red, {.groups = NOTIFICATION});
+        agent &hears = s.w.open_agent(red, {.groups = notification_group});
         ASSERT_EQ(set_packet(there, 8), 0);
         ASSERT_EQ(
             set_session(there, 8, rx{.multiplier = 1, .period = 25'000, .latch = {8, packet_disc}}),

@@ -92,14 +92,18 @@ TEST_F(c_interface_and_kelmd, requests_are_those_of_kelm_h)
         std::function<int()> execute;
     } cases[] = {
         {kelm::set_packet(packet, blob), &packet, blob,
-         [&] { return kelm_client_set_packet(c, &packet, blob.data(), blob.size()); }},
+         [&, message = &packet] {
+             return kelm_client_set_packet(c, message, blob.data(), blob.size());
+         }},
         {kelm::delete_packet(5), &five, {}, [&] { return kelm_client_delete_packet(c, 5); }},
         {kelm::set_session(session, blob), &session, blob,
-         [&] { return kelm_client_set_session(c, &session, blob.data(), blob.size()); }},
+         [&, message = &session] {
+             return kelm_client_set_session(c, message, blob.data(), blob.size());
+         }},
         {kelm::set_session(session, kelm::failure_message(6)),
          &session,
          {},
-         [&] { return kelm_client_set_session(c, &session, nullptr, 0); }},
+         [&, message = &session] { return kelm_client_set_session(c, message, nullptr, 0); }},
         {kelm::delete_session(5), &five, {}, [&] { return kelm_client_delete_session(c, 5); }},
         {kelm::tx_path_ready(), &plain, {}, [&] { return kelm_client_tx_path_ready(c); }},
         {kelm::sync(KELM_SYNC_MARK), &mark, {}, [&] { return kelm_client_sync_mark(c); }},

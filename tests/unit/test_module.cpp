@@ -12,7 +12,7 @@ namespace
 
 using namespace sim;
 
-constexpr std::uint64_t CLEANUP_PERIOD = 25; // ticks
+constexpr std::uint64_t cleanup_period = 25; // ticks
 
 // Everything that the log says.
 strings lines(const world &w)
@@ -77,12 +77,12 @@ TEST(vrf, goes_within_25_ticks_once_only_its_sockets_hold_the_namespace)
     agent &a = w.open_agent(red);
     ASSERT_EQ(set_debug_level(a, 2), 0);
     w.abandon(red);
-    w.advance(10 * CLEANUP_PERIOD);
+    w.advance(10 * cleanup_period);
     EXPECT_TRUE(has_vrf(a)); // whose socket holds the namespace
 
     a.close();
     w.clear_log();
-    w.advance(CLEANUP_PERIOD);
+    w.advance(cleanup_period);
     EXPECT_FALSE(w.alive(red));
     EXPECT_LT(w.memory_in_use(), memory);
     EXPECT_EQ(w.logged("kelm Netlink: Removing vrf"), 1U);
@@ -90,10 +90,10 @@ TEST(vrf, goes_within_25_ticks_once_only_its_sockets_hold_the_namespace)
     EXPECT_EQ(w.logged("type 6 for dev lo(1)"), 1U);
 
     // At whatever time between two looks of the cleanup thread its last user leaves.
-    for (std::uint64_t phase = 0; phase <= CLEANUP_PERIOD; ++phase) {
+    for (std::uint64_t phase = 0; phase <= cleanup_period; ++phase) {
         net &ns = w.create_namespace("ns" + std::to_string(phase));
         w.abandon(ns);
-        w.advance(CLEANUP_PERIOD);
+        w.advance(cleanup_period);
         EXPECT_FALSE(w.alive(ns)) << phase;
         w.advance(2);
     }
@@ -111,7 +111,7 @@ TEST(vrf, that_a_dump_visits_is_unlinked_and_lives_until_the_dump_lets_go)
     theirs.close();
     start_dump(a);
     w.abandon(red);
-    w.advance(4 * CLEANUP_PERIOD);
+    w.advance(4 * cleanup_period);
     EXPECT_TRUE(w.alive(red));
 
     // It is in no list any more: neither a request nor the dump itself gets from it to others.
@@ -124,7 +124,7 @@ TEST(vrf, that_a_dump_visits_is_unlinked_and_lives_until_the_dump_lets_go)
     EXPECT_EQ(told.size(), 201U);
     EXPECT_EQ(told[199].substr(0, 8), "tx_stats");
     EXPECT_EQ(told[200], "done 0");
-    w.advance(CLEANUP_PERIOD);
+    w.advance(cleanup_period);
     EXPECT_FALSE(w.alive(red));
 }
 
@@ -133,7 +133,7 @@ TEST(vrf, that_a_dump_visits_is_unlinked_and_lives_until_the_dump_lets_go)
 void set_up_everything(world &w)
 {
     for (const char *ns : {"initial", "red"}) {
-        agent &a = w.open_agent(w.find(ns), {.groups = CONTROL | NOTIFICATION});
+        agent &a = w.open_agent(w.find(ns), {.groups = control_group | notification_group});
         ASSERT_EQ(path_ready(a), 0);
         for (std::uint32_t discriminator = 1; discriminator <= 200; ++discriminator)
             ASSERT_EQ(set_packet(a, discriminator), 0);
@@ -160,7 +160,7 @@ TEST(stop, leaves_nothing_of_all_that_runs)
     ASSERT_EQ(w.start(), 0);
     w.clear_log();
     w.take_frames();
-    agent &a = w.open_agent(w.initial(), {.groups = CONTROL});
+    agent &a = w.open_agent(w.initial(), {.groups = control_group});
     ASSERT_EQ(set_packet(a, 1), 0);
     EXPECT_EQ(module_stats(a).seq_num, 1U);
     w.advance(3000);

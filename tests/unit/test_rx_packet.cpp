@@ -36,7 +36,7 @@ struct rx_packet : engine_test {
     }
 
     // The next datagram that kelm itself sends, with this authentication, as it arrives.
-    datagram own_packet(std::uint8_t auth_type, std::uint8_t key_id = KEY_ID)
+    datagram own_packet(std::uint8_t auth_type, std::uint8_t key_id = test_key_id)
     {
         outgoing packet{.payload = with_section({.my_discriminator = 77}, auth_section(auth_type))};
         packet.payload[BFD_AUTH_OFFSET + 2] = key_id;
@@ -49,7 +49,7 @@ struct rx_packet : engine_test {
         return result;
     }
 
-    agent &control = w.open_agent(w.initial(), {.groups = CONTROL});
+    agent &control = w.open_agent(w.initial(), {.groups = control_group});
 };
 
 TEST_F(rx_packet, packet_change_carries_the_frame)
@@ -77,7 +77,7 @@ TEST_F(rx_packet, packet_change_carries_the_frame)
             SCOPED_TRACE(testing::Message() << each.host << " link " << each.link_len << " extra "
                                             << each.extra << " session " << with_session);
             if (with_session) {
-                ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+                ASSERT_EQ(set_session(a, own_disc, rx{}), 0);
             }
             datagram packet = arriving({});
             packet.payload.insert(packet.payload.end(), each.extra, 0xcc);
@@ -95,7 +95,7 @@ TEST_F(rx_packet, packet_change_carries_the_frame)
             const std::uint32_t bfd = each.link_len + (each.host[0] == '1' ? 20 : 40) + 8;
             const auto len = static_cast<std::uint32_t>(bfd + packet.payload.size());
             const nlmsghdr header{16 + 24 + len, KELM_MSG_RX_PACKET_CHANGE, 0, 0, 0};
-            const kelm_msg_rx_packet_change head{{SESSION},     0x01020304, 0x05060708,
+            const kelm_msg_rx_packet_change head{{own_disc},    0x01020304, 0x05060708,
                                                  each.link_len, bfd,        len};
             ASSERT_EQ(message->size(), header.nlmsg_len);
             const std::span body(*message);
@@ -103,7 +103,7 @@ TEST_F(rx_packet, packet_change_carries_the_frame)
             EXPECT_EQ(hex(body.subspan(16, 24)), hex(as_bytes(head).first(24)));
             EXPECT_EQ(body[40 + each.link_len] >> 4, each.host[0] == '1' ? 4 : 6);
             EXPECT_EQ(hex(body.subspan(40 + bfd)), hex(packet.payload));
-            EXPECT_EQ(delete_session(a, SESSION), with_session ? 0 : -ENOENT);
+            EXPECT_EQ(delete_session(a, own_disc), with_session ? 0 : -ENOENT);
         }
     }
 }
@@ -121,7 +121,7 @@ TEST_F(rx_packet, packets_without_a_session_are_passed_up_if_they_are_valid)
 
 TEST_F(rx_packet, only_what_the_state_machine_must_see_is_passed_up)
 {
-    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    ASSERT_EQ(set_session(a, own_disc, rx{}), 0);
     datagram packet = arriving({});
     EXPECT_EQ(reason(packet), "66 != 0");
     EXPECT_EQ(reason(packet), "");
@@ -165,7 +165,7 @@ TEST_F(rx_packet, only_what_the_state_machine_must_see_is_passed_up)
 // Frames of one length, whose headers are longer or shorter.
 TEST_F(rx_packet, stored_frame_may_have_its_packet_elsewhere)
 {
-    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
+    ASSERT_EQ(set_session(a, own_disc, rx{}), 0);
     datagram first = arriving({}), second = first;
     first.link_len = 18;
     EXPECT_EQ(reason(first), "70 != 0");
@@ -179,7 +179,7 @@ TEST_F(rx_packet, stored_frame_may_have_its_packet_elsewhere)
     third.payload = with_section({}, auth_section(BFD_AUTH_PASSWORD));
     first.link_len = third.link_len + third.payload.size() - BFD_CTRL_LEN;
     EXPECT_EQ(reason(first), "75 != 70");
-    ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = BFD_AUTH_PASSWORD}), 0);
+    ASSERT_EQ(set_session(a, own_disc, rx{.auth_type = BFD_AUTH_PASSWORD}), 0);
     EXPECT_EQ(reason(third), "content changed");
     EXPECT_EQ(reason(third), "");
 }
@@ -188,7 +188,7 @@ TEST_F(rx_packet, stored_frame_may_have_its_packet_elsewhere)
 // one.
 TEST_F(rx_packet, time_stamp_in_our_own_returning_packets_is_no_change)
 {
-    ASSERT_EQ(set_session(a, SESSION, rx{.flags = KELM_RX_MYDISC_RTT}), 0);
+    ASSERT_EQ(set_session(a, own_disc, rx{.flags = KELM_RX_MYDISC_RTT}), 0);
     auto returned = [this, stamp = 77U](std::uint8_t flags = 0) mutable {
         datagram packet = arriving({.my_discriminator = ++stamp, .flags = flags});
         packet.form = buffer_form::cloned;
@@ -200,7 +200,7 @@ TEST_F(rx_packet, time_stamp_in_our_own_returning_packets_is_no_change)
     EXPECT_EQ(returned(), "00000000"); // a change, once
     EXPECT_EQ(returned(), "");
     EXPECT_EQ(returned(BFD_FLAG_POLL), "00000000");
-    EXPECT_EQ(rx_stats(a, SESSION)->num_received, 4U);
+    EXPECT_EQ(rx_stats(a, own_disc)->num_received, 4U);
 }
 
 TEST_F(rx_packet, what_kelm_sends_kelm_accepts_unless_a_bit_is_wrong)
@@ -209,37 +209,37 @@ TEST_F(rx_packet, what_kelm_sends_kelm_accepts_unless_a_bit_is_wrong)
         SCOPED_TRACE(int{type});
         kelm_msg_rx_set_session two_keys = rx{.auth_type = type};
         two_keys.auth_key[0] = two_keys.auth_key[1];
-        two_keys.auth_key[0].key_id = KEY_ID + 1;
-        ASSERT_EQ(set_session(a, SESSION, two_keys), 0);
+        two_keys.auth_key[0].key_id = test_key_id + 1;
+        ASSERT_EQ(set_session(a, own_disc, two_keys), 0);
         datagram bad = own_packet(type);
         bad.payload.back() ^= 1;
         bad.form = buffer_form::cloned; // the digest is computed in place
         EXPECT_EQ(reason(bad), "");
-        EXPECT_EQ(rx_stats(a, SESSION)->num_auth_fail, 1U);
+        EXPECT_EQ(rx_stats(a, own_disc)->num_auth_fail, 1U);
         const datagram good = own_packet(type);
         EXPECT_EQ(reason(good), std::to_string(42 + good.payload.size()) + " != 0");
         // A later one with another key: neither key id nor number nor digest is a change.
-        EXPECT_EQ(reason(own_packet(type, KEY_ID + 1)), "");
-        EXPECT_EQ(rx_stats(a, SESSION)->num_received, 2U);
+        EXPECT_EQ(reason(own_packet(type, test_key_id + 1)), "");
+        EXPECT_EQ(rx_stats(a, own_disc)->num_received, 2U);
         if (type == BFD_AUTH_METICULOUS_MD5) { // another type of the same length is a change
-            ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = BFD_AUTH_KEYED_MD5}), 0);
+            ASSERT_EQ(set_session(a, own_disc, rx{.auth_type = BFD_AUTH_KEYED_MD5}), 0);
             EXPECT_EQ(reason(own_packet(BFD_AUTH_KEYED_MD5)), "content changed");
         }
-        ASSERT_EQ(delete_session(a, SESSION), 0);
+        ASSERT_EQ(delete_session(a, own_disc), 0);
         ASSERT_EQ(delete_packet(a, 1), 0);
     }
 }
 
 TEST_F(rx_packet, numbers_of_a_meticulous_peer_stay_within_the_session_s_multiplier)
 {
-    ASSERT_EQ(set_session(a, SESSION, rx{.multiplier = 5, .auth_type = BFD_AUTH_METICULOUS_SHA1}),
+    ASSERT_EQ(set_session(a, own_disc, rx{.multiplier = 5, .auth_type = BFD_AUTH_METICULOUS_SHA1}),
               0);
     std::vector<datagram> numbered; // with a multiplier of 3
     while (numbered.size() <= 106)
         numbered.push_back(own_packet(BFD_AUTH_METICULOUS_SHA1));
     for (const std::size_t number : {100U, 106U, 105U})
         ASSERT_TRUE(w.deliver(w.initial(), numbered[number]));
-    EXPECT_EQ(rx_stats(a, SESSION)->num_received, 2U);
+    EXPECT_EQ(rx_stats(a, own_disc)->num_received, 2U);
     EXPECT_EQ(w.logged("seqnum failed received 106 expected > 100 and <= 105"), 1U);
 }
 
@@ -250,11 +250,11 @@ TEST_F(rx_packet, a_forged_sequence_number_locks_the_peer_out_unless_kelm_is_str
     forged.payload[BFD_AUTH_OFFSET + offsetof(bfd_auth_sha1, seq_num)] = 0xff;
     const rx session{.auth_type = BFD_AUTH_KEYED_SHA1};
     const auto received_after_the_forged = [&] {
-        EXPECT_EQ(set_session(a, SESSION, session), 0);
+        EXPECT_EQ(set_session(a, own_disc, session), 0);
         EXPECT_TRUE(w.deliver(w.initial(), forged));
         EXPECT_TRUE(w.deliver(w.initial(), genuine));
-        const std::uint64_t received = rx_stats(a, SESSION)->num_received;
-        EXPECT_EQ(delete_session(a, SESSION), 0);
+        const std::uint64_t received = rx_stats(a, own_disc)->num_received;
+        EXPECT_EQ(delete_session(a, own_disc), 0);
         return received;
     };
     EXPECT_EQ(received_after_the_forged(), 0U);
@@ -266,7 +266,7 @@ TEST_F(rx_packet, what_the_library_tells_is_logged_at_level_2_or_3)
 {
     for (std::uint16_t level = 1; level <= 3; ++level) {
         ASSERT_EQ(set_debug_level(a, level), 0);
-        ASSERT_EQ(set_session(a, SESSION,
+        ASSERT_EQ(set_session(a, own_disc,
                               rx{.auth_type = BFD_AUTH_KEYED_MD5, .auth_flags = KELM_AUTH_TTL_255}),
                   0);
         w.clear_log();
@@ -301,7 +301,7 @@ TEST_F(rx_packet, type_ttl_and_interface_admit_a_packet)
     for (const admission &each : cases) {
         for (const char *host : {"10.0.0.2", "fe80::2"}) {
             SCOPED_TRACE(testing::Message() << &each - cases << " from " << host);
-            ASSERT_EQ(set_session(a, SESSION, each.session), 0);
+            ASSERT_EQ(set_session(a, own_disc, each.session), 0);
             datagram packet;
             packet.payload = with_section({}, auth_section(each.packet_auth));
             packet.source = packet.destination = address(host);
@@ -309,20 +309,20 @@ TEST_F(rx_packet, type_ttl_and_interface_admit_a_packet)
             packet.ifindex = each.ifindex;
             EXPECT_EQ(reason(packet) != "", each.accepted);
             EXPECT_EQ(w.logged("kelm Rx (5): Packet failed auth check"), each.accepted ? 0U : 1U);
-            const kelm_msg_rx_stats stats = *rx_stats(a, SESSION);
+            const kelm_msg_rx_stats stats = *rx_stats(a, own_disc);
             EXPECT_EQ(stats.num_auth_fail, each.accepted ? 0U : 1U);
             const bool other_type =
                 each.packet_auth != 0 && each.packet_auth != each.session.auth_type;
             EXPECT_EQ(stats.num_auth_type_mismatch, other_type ? 1U : 0U);
             EXPECT_EQ(stats.num_received, each.accepted ? 1U : 0U);
-            ASSERT_EQ(delete_session(a, SESSION), 0);
+            ASSERT_EQ(delete_session(a, own_disc), 0);
         }
     }
 }
 
 TEST_F(rx_packet, without_memory_a_packet_counts_and_is_not_passed_up)
 {
-    ASSERT_EQ(set_session(a, SESSION, rx{.auth_type = BFD_AUTH_PASSWORD}), 0);
+    ASSERT_EQ(set_session(a, own_disc, rx{.auth_type = BFD_AUTH_PASSWORD}), 0);
     // Longer than what needs no memory besides the session's.
     const auto long_packet = [](const control_packet &header) {
         datagram packet = arriving(header);
@@ -359,7 +359,7 @@ TEST_F(rx_packet, without_memory_a_packet_counts_and_is_not_passed_up)
     }
     EXPECT_EQ(module_stats(a).pskb_expand_fail, 3U);
     EXPECT_EQ(module_stats(a).rfc_drops, 0U);
-    const kelm_msg_rx_stats stats = *rx_stats(a, SESSION);
+    const kelm_msg_rx_stats stats = *rx_stats(a, own_disc);
     EXPECT_EQ(stats.packet_alloc_fail, 2U);
     EXPECT_EQ(stats.pskb_expand_fail, 1U);
     EXPECT_EQ(stats.num_passup, 4U);

@@ -97,14 +97,14 @@ struct stats : engine_test {
     void set_period(kelm_microsecs usecs)
     {
         period = usecs;
-        ASSERT_EQ(set_packet(a, SESSION, tx{.period = usecs}), 0);
-        ASSERT_EQ(set_session(a, SESSION, rx{.flags = KELM_RX_MYDISC_RTT, .period = usecs}), 0);
+        ASSERT_EQ(set_packet(a, own_disc, tx{.period = usecs}), 0);
+        ASSERT_EQ(set_session(a, own_disc, rx{.flags = KELM_RX_MYDISC_RTT, .period = usecs}), 0);
     }
 
     void compare()
     {
-        const kelm_msg_rx_stats r = *rx_stats(a, SESSION);
-        const kelm_msg_tx_stats t = *tx_stats(a, SESSION);
+        const kelm_msg_rx_stats r = *rx_stats(a, own_disc);
+        const kelm_msg_tx_stats t = *tx_stats(a, own_disc);
         const auto &[lifetime, snapshot, last] = expected;
         EXPECT_EQ((numbers{r.num_received, r.min_period, r.avg_period, r.max_period, r.min_rtt,
                            r.avg_rtt, r.max_rtt}),
@@ -144,7 +144,7 @@ TEST_F(stats, are_those_of_the_packets_since_they_were_restarted)
         SCOPED_TRACE(step);
         switch (random.below(20)) {
         case 0: // CLEAR leaves the snapshots, but nothing to measure the next interval from
-            get_stats(a, SESSION, clearing[random.below(2)]);
+            get_stats(a, own_disc, clearing[random.below(2)]);
             expected.lifetime = {};
             expected.last.reset();
             break;
@@ -158,7 +158,7 @@ TEST_F(stats, are_those_of_the_packets_since_they_were_restarted)
             expected.lifetime = expected.snapshot = {};
             break;
         case 3: // neither reads nor clears
-            get_stats(a, SESSION, KELM_STATS_NO_REPORT);
+            get_stats(a, own_disc, KELM_STATS_NO_REPORT);
             set_period(static_cast<kelm_microsecs>(period));
             break;
         default: {
@@ -174,20 +174,20 @@ TEST_F(stats, are_those_of_the_packets_since_they_were_restarted)
 
 TEST_F(stats, counters_of_events_are_cleared_on_request_alone)
 {
-    ASSERT_EQ(set_packet(a, SESSION), 0);
-    ASSERT_EQ(set_session(a, SESSION, rx{}), 0);
-    ASSERT_TRUE(receive(w, SESSION));
+    ASSERT_EQ(set_packet(a, own_disc), 0);
+    ASSERT_EQ(set_session(a, own_disc, rx{}), 0);
+    ASSERT_TRUE(receive(w, own_disc));
     w.fail(service::send, -ENOBUFS);
-    w.advance(DETECTION);
-    ASSERT_EQ(set_session(a, SESSION, rx{.period = 1}), 0);
-    ASSERT_EQ(set_packet(a, SESSION, tx{.period = 1}), 0);
+    w.advance(detection_ticks);
+    ASSERT_EQ(set_session(a, own_disc, rx{.period = 1}), 0);
+    ASSERT_EQ(set_packet(a, own_disc, tx{.period = 1}), 0);
     const auto events = [this] {
-        const kelm_msg_rx_stats r = *rx_stats(a, SESSION);
-        return numbers{r.num_passup, r.num_timeout, tx_stats(a, SESSION)->num_tx_errors,
+        const kelm_msg_rx_stats r = *rx_stats(a, own_disc);
+        return numbers{r.num_passup, r.num_timeout, tx_stats(a, own_disc)->num_tx_errors,
                        r.last_state_change.sec != 0};
     };
     EXPECT_EQ(events(), numbers(4, 1));
-    ASSERT_EQ(get_stats(a, SESSION, KELM_STATS_CLEAR).error, 0);
+    ASSERT_EQ(get_stats(a, own_disc, KELM_STATS_CLEAR).error, 0);
     EXPECT_EQ(events(), numbers(4, 0));
 }
 
@@ -197,7 +197,7 @@ TEST_F(stats, fields_and_multiples_of_the_period_are_of_32_bits)
 {
     constexpr std::uint32_t above_half = 0x80000001; // twice that is 2, three times 0x80000003
     constexpr std::int64_t long_ago = (std::int64_t{1} << 32) + 70;
-    ASSERT_EQ(set_packet(a, SESSION, tx{.period = above_half}), 0);
+    ASSERT_EQ(set_packet(a, own_disc, tx{.period = above_half}), 0);
     for (const std::int64_t usecs :
          {std::int64_t{0}, std::int64_t{above_half}, above_half + std::int64_t{2},
           above_half + std::int64_t{3}, long_ago}) {
@@ -207,7 +207,7 @@ TEST_F(stats, fields_and_multiples_of_the_period_are_of_32_bits)
         w.step_wall_clock(start + usecs * 1000 - w.wall_ns());
         w.run_timers();
     }
-    const kelm_msg_tx_stats now = *tx_stats(a, SESSION);
+    const kelm_msg_tx_stats now = *tx_stats(a, own_disc);
     EXPECT_EQ((numbers{now.sent_within_1p, now.sent_within_2p, now.sent_within_3p,
                        now.sent_after_3p, now.min_lateness, now.max_lateness}),
               (numbers{1, 0, 1, 2, above_half, 70}));

@@ -14,7 +14,7 @@ using namespace sim;
 TEST(sync_dump, tells_of_sessions_with_their_frames_and_of_packets)
 {
     world w({.namespaces = {"red"}});
-    agent &a = w.open_agent(w.initial(), {.groups = CONTROL});
+    agent &a = w.open_agent(w.initial(), {.groups = control_group});
     ASSERT_EQ(set_session(a, 5, rx{}), 0);
     ASSERT_EQ(set_session(a, 37), 0);
     ASSERT_EQ(set_session(a, 6, rx{}), 0);

@@ -35,7 +35,7 @@ struct parts {
     explicit parts(std::uint8_t auth_type = BFD_AUTH_METICULOUS_SHA1)
         : packet(authenticated(auth_type).encode()),
           fixed(read_as<kelm_msg_tx_set_packet>(
-              set_request(engine_test::SESSION, authenticated(auth_type))))
+              set_request(engine_test::own_disc, authenticated(auth_type))))
     {
     }
 
@@ -72,7 +72,8 @@ TEST_F(tx_config, refusals_come_in_order_and_change_nothing)
     for (const auto &first : refusals) { // everything is wrong that is checked from here on
         SCOPED_TRACE(&first - refusals);
         parts p;
-        std::for_each(&first, std::end(refusals), [&p](const auto &each) { each.spoil(p); });
+        for (const auto *each = &first; each != std::end(refusals); ++each)
+            each->spoil(p);
         w.clear_log();
         EXPECT_EQ(set_body(p.body()), first.error);
         for (const auto &each : refusals)
@@ -109,9 +110,9 @@ TEST_F(tx_config, the_packet_ends_where_its_authentication_section_does)
     without_password.packet.resize(without_password.fixed.packet_len);
     EXPECT_EQ(set_body(without_password.body()), -EINVAL);
     for (std::size_t len = 0; len <= 17; ++len) { // of a password
-        bytes section = {BFD_AUTH_PASSWORD, static_cast<std::uint8_t>(3 + len), KEY_ID};
+        bytes section = {BFD_AUTH_PASSWORD, static_cast<std::uint8_t>(3 + len), test_key_id};
         section.insert(section.end(), len, 'x');
-        EXPECT_EQ(set(a, SESSION, {.payload = with_section({}, section)}),
+        EXPECT_EQ(set(a, own_disc, {.payload = with_section({}, section)}),
                   len >= 1 && len <= 16 ? 0 : -EINVAL)
             << len;
     }
@@ -128,7 +129,7 @@ TEST_F(tx_config, headers_lie_in_front_of_each_other_inside_the_packet)
         parts p;
         p.packet.assign(latch_offset + BFD_CTRL_LEN, filler);
         p.fixed = {};
-        p.fixed.header.discriminator = SESSION;
+        p.fixed.header.discriminator = own_disc;
         p.fixed.type = type;
         p.fixed.flags = KELM_TX_SEND_OOB | KELM_TX_MYDISC_RTT;
         p.fixed.period = 1000;
@@ -149,7 +150,7 @@ TEST_F(tx_config, headers_lie_in_front_of_each_other_inside_the_packet)
             for (std::uint32_t latch_offset = 0; latch_offset <= 70; ++latch_offset)
                 for (std::uint32_t ip_offset = 0; ip_offset <= 70; ++ip_offset)
                     expect_right(filler, type, latch_offset, ip_offset);
-    EXPECT_EQ(tx_stats(a, SESSION)->num_tx_errors, 0U);
+    EXPECT_EQ(tx_stats(a, own_disc)->num_tx_errors, 0U);
 }
 
 TEST_F(tx_config, an_ip_packet_begins_with_its_header_and_no_offset_wraps_around)
@@ -179,21 +180,21 @@ TEST_F(tx_config, an_ip_packet_begins_with_its_header_and_no_offset_wraps_around
 TEST_F(tx_config, without_memory_for_its_bytes_a_new_packet_stays_empty_until_set_again)
 {
     const std::size_t memory = w.memory_in_use();
-    const bytes body = set_request(SESSION, {.link_len = long_link});
+    const bytes body = set_request(own_disc, {.link_len = long_link});
     EXPECT_EQ(set_without(3, body), -ENOMEM);
-    EXPECT_EQ(tx_stats(a, SESSION), std::nullopt);
+    EXPECT_EQ(tx_stats(a, own_disc), std::nullopt);
     EXPECT_EQ(w.memory_in_use(), memory);
     EXPECT_EQ(set_without(4, body), -ENOMEM);
-    EXPECT_EQ(set_without(4, set_request(SESSION + 1, {.link_len = long_link})), -ENOMEM);
+    EXPECT_EQ(set_without(4, set_request(own_disc + 1, {.link_len = long_link})), -ENOMEM);
     EXPECT_EQ(w.logged("Failed to allocate packet data"), 2U);
     // The records are there, and count as empty when they are to be sent.
     EXPECT_EQ(path_ready(a), 0);
     EXPECT_EQ(w.timers(), 0U);
-    EXPECT_EQ(tx_stats(a, SESSION)->num_empty_packets, 1U);
+    EXPECT_EQ(tx_stats(a, own_disc)->num_empty_packets, 1U);
     EXPECT_EQ(w.logged("No packet to send!"), 2U);
     EXPECT_EQ(w.logged("kelm: tx_trigger attempted release from callback"), 1U);
     EXPECT_EQ(set_body(body), 0);
-    EXPECT_EQ(sent_during(INTERVAL).size(), 1U);
+    EXPECT_EQ(sent_during(interval_ticks).size(), 1U);
 }
 
 // A failed set leaves new settings beside the old, shorter bytes. Whatever the new offsets and
@@ -207,25 +208,25 @@ TEST_F(tx_config, new_offsets_beside_old_bytes_are_harmless)
         SCOPED_TRACE(testing::Message() << "link " << link_len << " auth " << int{auth_type}
                                         << " v6 " << v6 << " latch " << latch);
         const outgoing old{.link_len = long_link};
-        ASSERT_EQ(set(a, SESSION, old, tx{.period = 10'000}), 0);
+        ASSERT_EQ(set(a, own_disc, old, tx{.period = 10'000}), 0);
         outgoing longer = authenticated(auth_type);
         longer.link_len = link_len;
         if (v6)
             longer.source = longer.destination = address("fe80::1");
         const tx fixed{.period = 20'000, .flags = KELM_TX_MYDISC_RTT, .latch_period = 20'000};
-        ASSERT_EQ(set_without(3, set_request(SESSION, longer, fixed)), -ENOMEM);
+        ASSERT_EQ(set_without(3, set_request(own_disc, longer, fixed)), -ENOMEM);
         if (latch) {
-            const rx instantly{.multiplier = 1, .period = 1000, .latch = {SESSION}};
-            ASSERT_EQ(set_session(a, SESSION, instantly), 0);
+            const rx instantly{.multiplier = 1, .period = 1000, .latch = {own_disc}};
+            ASSERT_EQ(set_session(a, own_disc, instantly), 0);
             w.advance(2);
-            ASSERT_EQ(delete_session(a, SESSION), 0);
+            ASSERT_EQ(delete_session(a, own_disc), 0);
         }
-        const std::uint64_t errors = tx_stats(a, SESSION)->num_tx_errors;
+        const std::uint64_t errors = tx_stats(a, own_disc)->num_tx_errors;
         // The old bytes hold what fits an IPv4 datagram without a section.
         const bool fits = link_len == long_link && !v6;
         EXPECT_EQ(sent_during(50).size() >= 2, fits);
         EXPECT_EQ(w.frames().empty(), !fits);
-        const auto stats = *tx_stats(a, SESSION);
+        const auto stats = *tx_stats(a, own_disc);
         EXPECT_EQ(stats.num_latch_errors, latch && !fits ? 1U : 0U);
         EXPECT_EQ(stats.num_tx_errors + stats.num_latch_errors > errors, !fits);
         for (const frame &each : w.frames()) {
@@ -233,9 +234,9 @@ TEST_F(tx_config, new_offsets_beside_old_bytes_are_harmless)
             EXPECT_TRUE(udp_checksum_right({each.data.begin() + long_link, each.data.end()}));
         }
         // The next set makes all well again.
-        ASSERT_EQ(set(a, SESSION, longer, fixed), 0);
+        ASSERT_EQ(set(a, own_disc, longer, fixed), 0);
         EXPECT_FALSE(sent_during(25).empty());
-        EXPECT_EQ(delete_packet(a, SESSION), 0);
+        EXPECT_EQ(delete_packet(a, own_disc), 0);
         w.advance(25);
         EXPECT_EQ(w.timers(), 0U);
     };

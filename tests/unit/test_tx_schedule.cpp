@@ -19,10 +19,10 @@ using tick_list = std::vector<std::uint64_t>;
 struct tx_schedule : engine_test {
     int set_period(kelm_microsecs period, std::uint16_t jitter_type = BFD_TX_JITTER_NONE)
     {
-        return set_packet(a, SESSION, tx{.period = period, .jitter_type = jitter_type});
+        return set_packet(a, own_disc, tx{.period = period, .jitter_type = jitter_type});
     }
 
-    int set_out_of_band() { return set_packet(a, SESSION, tx{.flags = KELM_TX_SEND_OOB}); }
+    int set_out_of_band() { return set_packet(a, own_disc, tx{.flags = KELM_TX_SEND_OOB}); }
 };
 
 TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
@@ -63,7 +63,7 @@ TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
         ASSERT_EQ(set_period(period, jitter_type), 0);
         for (int i = 0; i < 2; ++i)
             EXPECT_EQ(sent_during(interval), tick_list{interval});
-        ASSERT_EQ(delete_packet(a, SESSION), 0);
+        ASSERT_EQ(delete_packet(a, own_disc), 0);
         w.pass(period / 1000 + 1); // for the timer to let go of it
         w.run_timers();
         ASSERT_EQ(w.timers(), 0U);
@@ -73,18 +73,18 @@ TEST_F(tx_schedule, interval_is_period_less_jitter_each_rounded_up)
 TEST_F(tx_schedule, out_of_band_packet_goes_at_once_and_leaves_the_rhythm_alone)
 {
     ASSERT_EQ(path_ready(a), 0);
-    ASSERT_EQ(set(a, SESSION, {}), 0);
+    ASSERT_EQ(set(a, own_disc, {}), 0);
     EXPECT_EQ(sent_during(400), tick_list{299});
-    const auto before = *tx_stats(a, SESSION);
+    const auto before = *tx_stats(a, own_disc);
     ASSERT_EQ(set_out_of_band(), 0);
     EXPECT_EQ(sent_during(100), tick_list{1});
-    const auto after = *tx_stats(a, SESSION);
+    const auto after = *tx_stats(a, own_disc);
     EXPECT_EQ(after.num_sent, before.num_sent);
     EXPECT_EQ(after.last_tx_time.sec, before.last_tx_time.sec);
     EXPECT_EQ(after.last_tx_time.nsec, before.last_tx_time.nsec);
     // 299 ticks after the last one in band, 98 from now, as if nothing had been sent.
     EXPECT_EQ(sent_during(400), (tick_list{98, 397}));
-    EXPECT_EQ(tx_stats(a, SESSION)->max_lateness, 299'000U);
+    EXPECT_EQ(tx_stats(a, own_disc)->max_lateness, 299'000U);
 }
 
 TEST_F(tx_schedule, rhythm_resumes_at_the_next_tick_if_its_time_has_passed)
@@ -150,7 +150,7 @@ TEST_F(tx_schedule, path_ready_sends_all_at_once_and_then_each_at_a_random_time_
         w.next_random(random);
         expected.push_back(ticks);
         if (ticks == 1)
-            expected.push_back(1 + INTERVAL); // from then on they are periodic
+            expected.push_back(1 + interval_ticks); // from then on they are periodic
     }
     EXPECT_EQ(w.timers(), 0U);
     ASSERT_EQ(path_ready(a), 0);
@@ -161,13 +161,13 @@ TEST_F(tx_schedule, path_ready_sends_all_at_once_and_then_each_at_a_random_time_
 
 TEST_F(tx_schedule, packet_still_out_of_band_when_the_path_gets_ready_is_not_delayed)
 {
-    ASSERT_EQ(set(a, SESSION, {}, tx{.flags = KELM_TX_SEND_OOB}), 0);
+    ASSERT_EQ(set(a, own_disc, {}, tx{.flags = KELM_TX_SEND_OOB}), 0);
     w.advance(500);
     ASSERT_TRUE(w.frames().empty());
     ASSERT_EQ(path_ready(a), 0);
     EXPECT_EQ(w.frames().size(), 1U);
     EXPECT_EQ(sent_during(400), (tick_list{1, 2, 301})); // again out of band, then in band
-    EXPECT_EQ(tx_stats(a, SESSION)->num_sent, 2U);
+    EXPECT_EQ(tx_stats(a, own_disc)->num_sent, 2U);
 }
 
 // The namespaces that packets went out in, by name and discriminator.

@@ -48,7 +48,7 @@ class without_memory : public testing::Test
   protected:
     without_memory() { get_net(ns); }
 
-    host host_{{}};
+    host server{{}};
     net ns{{}};
 };
 
@@ -67,12 +67,12 @@ TEST_F(without_memory, an_agent_hears_that_its_request_was_lost)
     const netlink_kernel_cfg cfg{.groups = 2, .input = acknowledge};
     sock *const kernel = hosted::netlink_kernel_open(&ns, &cfg);
     std::optional<agent_connection> connection;
-    connection.emplace(host_.loop, host_.closer, ns, kelm::unique_fd(ends[0]),
-                       identify(getpid(), geteuid()), std::move(*host_.connections.take(0)),
+    connection.emplace(server.loop, server.closer, ns, kelm::unique_fd(ends[0]),
+                       identify(getpid(), geteuid()), std::move(*server.connections.take(0)),
                        [&] { connection.reset(); });
 
     const nlmsghdr request{sizeof request, NLMSG_MIN_TYPE, NLM_F_REQUEST | NLM_F_ACK, 1, 0};
-    const auto serve = [&] { host_.loop.run_ready(); };
+    const auto serve = [&] { server.loop.run_ready(); };
     const auto answer = [&](bool starved) {
         EXPECT_EQ(send(agent.get(), &request, sizeof request, 0), ssize_t{sizeof request});
         memory_is_short = starved;
@@ -107,7 +107,7 @@ void receive(sock *sk)
 
 TEST_F(without_memory, the_engine_hears_that_a_datagram_was_lost)
 {
-    host_.softirq.start(false);
+    server.softirq.start(false);
     sock *sk = nullptr;
     ASSERT_EQ(__sock_create(&ns, AF_INET6, SOCK_DGRAM, 0, &sk, 1), 0);
     reception seen;

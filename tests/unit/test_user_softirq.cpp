@@ -68,10 +68,10 @@ class test_receiver : public kelmd::receiver
 class softirq : public testing::Test
 {
   protected:
-    softirq() { host_.softirq.start(false); }
+    softirq() { host.softirq.start(false); }
 
-    kelmd::host host_{{}};
-    kelmd::softirq_thread &thread = host_.softirq;
+    kelmd::host host{{}};
+    kelmd::softirq_thread &thread = host.softirq;
 };
 
 TEST_F(softirq, handles_what_arrived_before_a_timer_was_due_before_the_timer)

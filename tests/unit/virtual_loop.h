@@ -50,10 +50,10 @@ class virtual_loop final : public kelm_agent::event_loop
         callback work;
     };
     struct registration final : source {
-        registration(virtual_loop &loop, std::uint64_t id) : loop_(loop), id_(id) {}
-        ~registration() override { loop_.remove(id_); }
-        virtual_loop &loop_;
-        std::uint64_t id_;
+        registration(virtual_loop &owner, std::uint64_t number) : loop(owner), id(number) {}
+        ~registration() override { loop.remove(id); }
+        virtual_loop &loop;
+        std::uint64_t id;
     };
 
     handle add(entry added)

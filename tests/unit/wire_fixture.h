@@ -16,10 +16,11 @@
 namespace sim
 {
 
-inline constexpr std::string_view KEY = "0123456789abcdefghij"; // 20 bytes; MD5 uses the first 16
-inline constexpr std::uint8_t KEY_ID = 9;
+inline constexpr std::string_view test_key =
+    "0123456789abcdefghij"; // 20 bytes; MD5 uses the first 16
+inline constexpr std::uint8_t test_key_id = 9;
 
-// The length of an authentication section; that of a password is KEY's first 6 bytes.
+// The length of an authentication section; that of a password is test_key's first 6 bytes.
 inline std::size_t section_len(std::uint8_t type)
 {
     constexpr std::size_t lens[] = {0, 3 + 6, 24, 24, 28, 28};
@@ -34,9 +35,9 @@ inline bytes auth_section(std::uint8_t type)
         return section;
     section[0] = type;
     section[1] = static_cast<std::uint8_t>(section.size());
-    section[2] = type == BFD_AUTH_DEBUG_SEQNUM ? 0 : KEY_ID;
+    section[2] = type == BFD_AUTH_DEBUG_SEQNUM ? 0 : test_key_id;
     if (type == BFD_AUTH_PASSWORD)
-        std::copy_n(KEY.begin(), section.size() - 3, section.begin() + 3);
+        std::copy_n(test_key.begin(), section.size() - 3, section.begin() + 3);
     return section;
 }
 
@@ -112,7 +113,7 @@ struct rx {
     std::vector<std::uint32_t> latch = {}; // packets, at most 8
     std::uint8_t latch_diagnostic = BFD_DIAG_CTRL_TIMEOUT;
     std::uint8_t type = KELM_RX_SESSION_BFD;
-    std::uint8_t auth_type = BFD_AUTH_NONE; // with KEY
+    std::uint8_t auth_type = BFD_AUTH_NONE; // with test_key
     std::uint8_t auth_flags = 0;            // KELM_AUTH_TTL_*
     std::uint32_t auth_ifindex = 0;
 
@@ -126,9 +127,9 @@ struct rx {
         fixed.latch_diagnostic = latch_diagnostic;
         fixed.type = type;
         fixed.auth = {auth_ifindex, auth_type, auth_flags, {}};
-        std::copy_n(KEY.begin(), auth_type == BFD_AUTH_PASSWORD ? 6 : KEY.size(),
+        std::copy_n(test_key.begin(), auth_type == BFD_AUTH_PASSWORD ? 6 : test_key.size(),
                     fixed.auth_key[1].key);
-        fixed.auth_key[1].key_id = KEY_ID;
+        fixed.auth_key[1].key_id = test_key_id;
         fixed.auth_key[1].key_valid = 1;
         return fixed;
     }
@@ -150,7 +151,7 @@ inline bytes set_request(std::uint32_t discriminator, const outgoing &packet,
         std::memcpy(&fixed.auth_hdr, packet.payload.data() + BFD_CTRL_LEN,
                     packet.payload.size() - BFD_CTRL_LEN);
         if (fixed.auth.type >= BFD_AUTH_KEYED_MD5 && fixed.auth.type <= BFD_AUTH_METICULOUS_SHA1)
-            std::memcpy(fixed.auth_hdr.sha1.key_digest, KEY.data(), KEY.size());
+            std::memcpy(fixed.auth_hdr.sha1.key_digest, test_key.data(), test_key.size());
     }
     bytes body = to_bytes(fixed);
     append(body, encoded);
