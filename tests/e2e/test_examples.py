@@ -4,7 +4,7 @@
 import os
 import signal
 
-from lib import PATIENCE, bfd, wait_until
+from lib import bfd, wait_until
 from lib import protocol as p
 from lib.agent import Agent
 from lib.bfd import Bfd
@@ -77,16 +77,3 @@ def test_a_peer_that_has_lost_us_comes_back_with_what_it_said_before(link):
         link.wire.drain()
         second.stop()
     link.wire.collect(2, lambda f: f.bfd.state == bfd.ADMIN_DOWN)  # one may get lost
-
-
-def test_what_is_wrong_is_said(link, agent):
-    with Program(os.path.join(EXAMPLES, "agent")) as program:
-        program.expect("usage: agent LOCAL PEER DISCRIMINATOR")
-        assert program.process.wait(PATIENCE) == 2
-    with Program("ip", "netns", "exec", link.near_ns, os.path.join(EXAMPLES, "agent"), "10.0.0.1",
-                 "nobody", 5) as program:
-        program.expect("'nobody' is not an IPv4 or IPv6 address")
-        assert program.process.wait(PATIENCE) == 1
-    with Program(os.path.join(EXAMPLES, "watch"), "no-such-namespace") as program:
-        program.expect("no such network namespace: no-such-namespace")
-        assert program.process.wait(PATIENCE) == 1

@@ -92,12 +92,6 @@ def test_the_examples_build_and_run(build, directory, prefix, flags, library, na
         far.stop()
 
 
-def test_static_linking(directory, flags):
-    run("cc", "-std=gnu11", *flags("--cflags"), f"{SOURCES}/agent.c", "-o", f"{directory}/agent",
-        *static_libraries(flags))
-    assert "libkelm" not in run("readelf", "-d", f"{directory}/agent")
-
-
 def test_every_header_stands_alone(prefix, flags):
     headers = sorted((prefix / "include").glob("**/*.h"))
     assert len(headers) > 10
@@ -120,29 +114,6 @@ def test_the_library_exports_the_functions_of_its_header_alone(prefix, library):
     functions = re.findall(r"^(?!typedef)[a-z][\w ]*[ *](kelm_\w+)\(", header, re.MULTILINE)
     assert len(functions) > 30
     assert exported == {f"{name}@@LIBKELM_0" for name in functions} | {"LIBKELM_0"}
-
-
-BINDING = """
-import ctypes, sys
-kelm = ctypes.CDLL(sys.argv[1])
-kelm.kelm_error_text.restype = ctypes.c_char_p
-class Report(ctypes.Structure):
-    _fields_ = [("type", ctypes.c_uint16), ("length", ctypes.c_size_t), ("body", ctypes.c_void_p)]
-client, dump, report = ctypes.c_void_p(), ctypes.c_void_p(), Report()
-assert kelm.kelm_client_open(b"/nowhere", ctypes.byref(client)) == -2
-assert b"/nowhere" in kelm.kelm_error_text()
-assert kelm.kelm_client_open(sys.argv[2].encode(), ctypes.byref(client)) == 0, kelm.kelm_error_text()
-assert kelm.kelm_client_statistics(client, 0, 4, ctypes.byref(dump)) == 0
-assert kelm.kelm_dump_next(dump, ctypes.byref(report)) == 1
-assert (report.type, report.length) == (30, 120)
-assert kelm.kelm_dump_next(dump, ctypes.byref(report)) == 0
-kelm.kelm_dump_free(dump)
-kelm.kelm_client_close(client)
-"""
-
-
-def test_another_language_can_bind(library, link):
-    run("/usr/bin/python3", "-c", BINDING, str(library), link.near_ns)
 
 
 def test_each_file_is_in_one_debian_package(prefix, directory):
