@@ -180,8 +180,10 @@
  *   there is no sample. The average of intervals is their sum divided by the number of packets less
  *   one, that of round trips their sum divided by the number of packets. The interval in which
  *   KELM_STATS_CLEAR came is left out of the sums while its packet counts: a snapshot's average is
- *   too low after a clear, the more so the fewer packets there are. `timestamp_secs` and
- *   `timestamp_nsecs` are the wall clock when the message was made.
+ *   too low after a clear, the more so the fewer packets there are. In strict mode a vrf passes up
+ *   4,096 packets without a session at once and 4,000 a second; `num_not_passed_up` counts those
+ *   beyond, which are also among `num_invalid_sessions` or `num_passup_disc_0`. `timestamp_secs`
+ * and `timestamp_nsecs` are the wall clock when the message was made.
  *
  *
  * SYNCHRONISATION
@@ -485,11 +487,11 @@ struct kelm_msg_rx_sync {
 
 struct kelm_msg_module_stats {
     struct kelm_msg_header header; /* 0 */
-    uint32_t padding;
+    uint32_t num_not_passed_up;    /* packets beyond the limit of strict mode */
     uint64_t rfc_drops;            /* packets that failed the checks of RFC 5880 section 6.8.6 */
     uint64_t rx_packet_missing;    /* receive callbacks that found no packet */
-    uint64_t num_invalid_sessions; /* packets for no session, passed up */
-    uint64_t num_passup_disc_0;    /* packets with Your Discriminator 0, passed up */
+    uint64_t num_invalid_sessions; /* packets for no session */
+    uint64_t num_passup_disc_0;    /* packets with Your Discriminator 0 */
     uint64_t netlink_packet_change_fail;    /* packet changes that no agent got */
     uint64_t netlink_failure_fail;          /* session failures that no agent got */
     uint64_t pskb_expand_fail;              /* no memory to pass up a packet without a session */
@@ -500,7 +502,8 @@ struct kelm_msg_module_stats {
     uint64_t timestamp_nsecs;
     uint64_t seq_num; /* from 1, counts the periodic messages of this kind */
     uint8_t unsolicited;
-    uint8_t padding2[7];
+    uint8_t strict; /* 1 in strict mode */
+    uint8_t padding[6];
 };
 
 #pragma GCC diagnostic pop

@@ -9,6 +9,7 @@
 #include "kelm/kelm.h"
 #include "kelm/list.h"
 #include "kelm/netlink_module_stats.h"
+#include "kelm/pass_up_limit.h"
 #include "kelm/record_table.h"
 #include "kelm/relaxed.h"
 
@@ -39,6 +40,7 @@ struct kelm_vrf {
     record_table<rx_session> sessions; // guarded by rx_lock
     record_table<tx_packet> packets;   // guarded by tx_lock
     kelm_module_stats stats;
+    pass_up_limit strangers; // packets without a session
 
     // Null where not created.
     sock *tx_sockets[KELM_TX_SESSION_MAX];

@@ -164,7 +164,7 @@ BFD_ASSERT_OFFSET(struct kelm_msg_rx_sync, timer_active, 4);
 
 BFD_ASSERT_SIZE(struct kelm_msg_module_stats, 120);
 BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, header, 0);
-BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, padding, 4);
+BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, num_not_passed_up, 4);
 BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, rfc_drops, 8);
 BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, rx_packet_missing, 16);
 BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, num_invalid_sessions, 24);
@@ -179,4 +179,5 @@ BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, timestamp_secs, 88);
 BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, timestamp_nsecs, 96);
 BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, seq_num, 104);
 BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, unsolicited, 112);
-BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, padding2, 113);
+BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, strict, 113);
+BFD_ASSERT_OFFSET(struct kelm_msg_module_stats, padding, 114);

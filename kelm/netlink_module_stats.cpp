@@ -7,10 +7,11 @@
 #include "kelm/dump.h"
 #include "kelm/kelm_internal.h"
 #include "kelm/message.h"
+#include "platform/module.h"
 
 namespace
 {
-// Each counter with the field that reports it, null for none.
+// Each counter with the field of 64 bits that reports it, null for none.
 constexpr struct {
     atomic_counter kelm_module_stats::*counter;
     std::uint64_t kelm_msg_module_stats::*field;
@@ -19,6 +20,7 @@ constexpr struct {
     {&kelm_module_stats::rx_packet_missing, &kelm_msg_module_stats::rx_packet_missing},
     {&kelm_module_stats::num_invalid_sessions, &kelm_msg_module_stats::num_invalid_sessions},
     {&kelm_module_stats::num_passup_disc_0, &kelm_msg_module_stats::num_passup_disc_0},
+    {&kelm_module_stats::num_not_passed_up, nullptr},
     {&kelm_module_stats::netlink_packet_change_fail,
      &kelm_msg_module_stats::netlink_packet_change_fail},
     {&kelm_module_stats::netlink_failure_fail, &kelm_msg_module_stats::netlink_failure_fail},
@@ -45,6 +47,9 @@ kelm_msg_module_stats stats_message(const kelm_module_stats &stats, bool unsolic
         if (field != nullptr)
             msg.*field = static_cast<std::uint64_t>(value);
     }
+    msg.num_not_passed_up =
+        static_cast<std::uint32_t>(stats.num_not_passed_up.load(std::memory_order_relaxed));
+    msg.strict = kelm_strict;
     set_timestamp(msg);
     const std::int64_t seq = unsolicited ? module_stats_seq++ : module_stats_seq.load();
     msg.seq_num = static_cast<std::uint64_t>(seq);

@@ -24,6 +24,7 @@ struct kelm_module_stats {
     atomic_counter rx_packet_missing;
     atomic_counter num_invalid_sessions;
     atomic_counter num_passup_disc_0;
+    atomic_counter num_not_passed_up;
     atomic_counter netlink_packet_change_fail;
     atomic_counter netlink_failure_fail;
     atomic_counter netlink_stats_fail; // not reported

@@ -19,6 +19,7 @@
 #include "kelm/rx_table.h"
 #include "kelm/skb_ptr.h"
 #include "kelm/tx_schedule.h"
+#include "platform/clock.h"
 #include "platform/module.h"
 #include "platform/socket.h"
 
@@ -196,14 +197,27 @@ void session_packet(kelm_vrf *vrf, rx_session *session, skb_ptr &skb, const rece
         pass_up_packet(vrf, session, skb, frame);
 }
 
-// A valid packet: with a session, or for the agent to make something of.
+// A packet without a session, for the agent to make something of. In strict mode a flood of them
+// does not become one of messages.
+void pass_up_stranger(kelm_vrf *vrf, skb_ptr &skb, const received_frame &frame)
+{
+    const auto now = static_cast<std::uint32_t>(get_jiffies_64() * jiffies_to_usecs(1));
+    if (kelm_strict && !vrf->strangers.admit(now)) {
+        count(vrf->stats.num_not_passed_up);
+        skb.drop();
+        return;
+    }
+    pass_up_packet(vrf, nullptr, skb, frame);
+}
+
+// A valid packet: with a session, or without.
 void valid_packet(kelm_vrf *vrf, skb_ptr &skb, const received_frame &frame)
 {
     const std::uint32_t disc = frame.your_discriminator();
     if (disc == 0) {
         KELM_LOG("Rx", 2, "Passing up - discriminator==0");
         count(vrf->stats.num_passup_disc_0);
-        pass_up_packet(vrf, nullptr, skb, frame);
+        pass_up_stranger(vrf, skb, frame);
         return;
     }
     softirq_guard table(rx_lock);
@@ -217,7 +231,7 @@ void valid_packet(kelm_vrf *vrf, skb_ptr &skb, const received_frame &frame)
     table.unlock();
     rx_log(disc, 2, "Passing up - no session %u", disc);
     count(vrf->stats.num_invalid_sessions);
-    pass_up_packet(vrf, nullptr, skb, frame);
+    pass_up_stranger(vrf, skb, frame);
 }
 
 // Traffic from outside proves that the system can transmit too.

@@ -154,6 +154,9 @@ record module_stats_record(const kelm_msg_module_stats &stats, vrf_number vrf)
     else if (vrf == 0)
         made.text("", "vrf", "this");
     add_vrf(made, vrf);
+    made.json("strict", stats.strict != 0);
+    if (stats.strict != 0)
+        made.text("", "mode", "strict");
     made.number("rfc_drops", "invalid", stats.rfc_drops)
         .number("num_invalid_sessions", "no session", stats.num_invalid_sessions)
         .number("num_passup_disc_0", "no discriminator", stats.num_passup_disc_0)
@@ -161,6 +164,7 @@ record module_stats_record(const kelm_msg_module_stats &stats, vrf_number vrf)
                 stats.netlink_packet_change_fail)
         .number("netlink_failure_fail", "failures undelivered", stats.netlink_failure_fail)
         .full()
+        .number("num_not_passed_up", "not passed up", stats.num_not_passed_up)
         .number("rx_packet_missing", "packets missing", stats.rx_packet_missing)
         .number("pskb_expand_fail", "no memory to pass up", stats.pskb_expand_fail)
         .number("session_stats_no_skb_fail", "periodic: no memory", stats.session_stats_no_skb_fail)

@@ -262,6 +262,29 @@ TEST_F(rx_packet, a_forged_sequence_number_locks_the_peer_out_unless_kelm_is_str
     EXPECT_EQ(received_after_the_forged(), 1U);
 }
 
+TEST_F(rx_packet, strangers_do_not_flood_the_agent_if_kelm_is_strict)
+{
+    constexpr std::uint64_t burst = 4096, ticks = 10, more = 4 * ticks;
+    ASSERT_EQ(set_session(a, own_disc, rx{}), 0);
+    const auto passed_up_of = [&](std::uint64_t strangers) {
+        std::uint64_t heard = 0;
+        for (std::uint64_t i = 0; i < strangers; ++i)
+            heard += passed_up(
+                arriving({.your_discriminator = i % 2 == 0 ? 0U : 77U, .state = BFD_STATE_DOWN}));
+        return heard;
+    };
+    EXPECT_EQ(passed_up_of(burst + more), burst + more);
+    const strict_mode strict;
+    EXPECT_EQ(passed_up_of(burst + 1000), burst);
+    EXPECT_EQ(passed_up(arriving({})), 1U); // its own is not counted
+    w.advance(ticks);
+    EXPECT_EQ(passed_up_of(1000), more);
+    const kelm_msg_module_stats stats = module_stats(a);
+    EXPECT_EQ(stats.num_not_passed_up, 1000 + 1000 - more);
+    EXPECT_EQ(stats.num_passup_disc_0 + stats.num_invalid_sessions, 2 * burst + more + 2000);
+    EXPECT_EQ(stats.strict, 1);
+}
+
 TEST_F(rx_packet, what_the_library_tells_is_logged_at_level_2_or_3)
 {
     for (std::uint16_t level = 1; level <= 3; ++level) {

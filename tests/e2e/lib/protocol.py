@@ -126,11 +126,11 @@ _DECODERS = {
         packet_alloc_fail pskb_expand_fail num_timeout snapshot_num_received snapshot_min_period
         snapshot_avg_period snapshot_max_period min_rtt avg_rtt max_rtt last_rtt snapshot_min_rtt
         snapshot_avg_rtt snapshot_max_rtt timestamp_secs timestamp_nsecs unsolicited"""),
-    MODULE_STATS: _decoder("ModuleStats", "I4x10Q QQQB7x", """
-        disc rfc_drops rx_packet_missing num_invalid_sessions num_passup_disc_0
+    MODULE_STATS: _decoder("ModuleStats", "II10Q QQQBB6x", """
+        disc num_not_passed_up rfc_drops rx_packet_missing num_invalid_sessions num_passup_disc_0
         netlink_packet_change_fail netlink_failure_fail pskb_expand_fail session_stats_no_skb_fail
         session_stats_send_stats_fail session_stats_broadcast_fail timestamp_secs timestamp_nsecs
-        seq_num unsolicited"""),
+        seq_num unsolicited strict"""),
     RX_SYNC: _decoder("RxSync", "II", "disc timer_active"),
     TX_SYNC: _decoder("TxSync", "I", "disc"),
 }
