@@ -17,4 +17,16 @@ if(KELM_SANITIZE)
   set(KELM_UNHURRIED -O0)
   target_compile_options(kelm_flags INTERFACE -fsanitize=${KELM_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(kelm_flags INTERFACE -fsanitize=${KELM_SANITIZE})
+else()
+  # Against what attackers make of mistakes; also what Debian builds its packages with.
+  target_compile_options(kelm_flags INTERFACE
+    -fstack-protector-strong -fstack-clash-protection
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3>)
+  if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+    target_compile_options(kelm_flags INTERFACE -fcf-protection)
+  endif()
+  target_link_options(kelm_flags INTERFACE LINKER:-z,relro,-z,now)
+  include(CheckPIESupported)
+  check_pie_supported()
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 endif()
