@@ -30,7 +30,7 @@ struct saved_session {
 struct orphan {
     std::string netns;
     std::uint32_t discriminator = 0;
-    auto operator<=>(const orphan &) const = default;
+    auto operator<=>(const orphan &) const = default; // NOLINT(modernize-use-nullptr)
 };
 
 struct saved_state {

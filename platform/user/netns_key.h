@@ -12,7 +12,7 @@ struct netns_key {
     dev_t device;
     ino_t inode;
 
-    auto operator<=>(const netns_key &) const = default;
+    auto operator<=>(const netns_key &) const = default; // NOLINT(modernize-use-nullptr)
 };
 
 } // namespace kelmd

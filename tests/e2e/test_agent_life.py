@@ -16,7 +16,6 @@ import pytest
 from lib import PATIENCE, wait_until
 from lib import protocol as p
 from lib.agent import Agent, discriminators
-from lib.host import KELMCTL
 from lib.kelm_agent import KELM_AGENT, KelmAgent
 from lib.topology import ip_batch
 
@@ -176,11 +175,3 @@ def test_systemd_is_told(tmp_path):
         told = [manager.recv(4096) for _ in range(4)]
         agent.close()
     assert told.count(b"READY=1") == 1 and told.count(b"WATCHDOG=1") >= 3
-
-
-def test_completion_knows_the_sessions(start):
-    agent = start({"name": "alpha", "local": "10.0.0.1", "peer": "10.0.0.2"},
-                  {"name": "beta", "local": "10.0.0.1", "peer": "10.0.0.3"})
-    words = [KELMCTL, "__complete", "agent", "down", "socket", agent.socket, "al"]
-    result = subprocess.run(words, capture_output=True, text=True, timeout=PATIENCE)
-    assert result.stdout.split() == ["alpha"]

@@ -2,6 +2,7 @@
 //
 // An agent that was built with the first libkelm.h, kept here as it was, runs with the library of
 // today: it finds everything where it was, and nothing is written past the end of what it has.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -68,10 +69,7 @@ struct guarded {
     guarded() { std::memset(this, canary, sizeof *this); }
     bool is_intact() const
     {
-        for (const std::uint8_t byte : behind)
-            if (byte != canary)
-                return false;
-        return true;
+        return std::ranges::all_of(behind, [](std::uint8_t byte) { return byte == canary; });
     }
 };
 

@@ -29,7 +29,7 @@ class pipeline : public testing::Test
     void submit(const kelm::request &request)
     {
         const std::size_t id = ended.size();
-        ended.push_back({});
+        ended.emplace_back();
         client->submit(request, [this, id](kelm::answer how) {
             ended[id].push_back(std::move(how));
             order.push_back(id);
