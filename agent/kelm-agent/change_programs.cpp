@@ -47,6 +47,7 @@ std::vector<std::string> environment_for(const session_config &config, const cha
 std::vector<char *> pointers_to(std::vector<std::string> &texts)
 {
     std::vector<char *> all;
+    all.reserve(texts.size() + 1);
     for (auto &each : texts)
         all.push_back(each.data());
     all.push_back(nullptr);
@@ -96,8 +97,9 @@ class change_programs::child
     using callback = event_loop::callback;
 
     // Throws kelm::error when the program cannot be run.
-    child(event_loop &loop, const logger &log, const std::string &session, job &of, callback done)
-        : loop_(loop), log_(log), session_(session), program_(of.program), done_(std::move(done))
+    child(event_loop &loop, const logger &log, std::string session, job &of, callback done)
+        : loop_(loop), log_(log), session_(std::move(session)), program_(of.program),
+          done_(std::move(done))
     {
         std::array<int, 2> ends{};
         if (pipe2(ends.data(), O_CLOEXEC) != 0)

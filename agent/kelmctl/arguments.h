@@ -18,7 +18,7 @@ class arguments
   public:
     arguments(const command &, std::span<char *const> words);
 
-    std::optional<std::uint32_t> discriminator(std::size_t operand = 0) const;
+    std::optional<std::uint32_t> discriminator(std::size_t index = 0) const;
     std::uint32_t required_discriminator() const { return *discriminator(); } // it has been checked
     std::optional<std::string> operand(std::size_t index) const;
     const std::vector<std::string> &operands() const { return operands_; }

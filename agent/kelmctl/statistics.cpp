@@ -101,6 +101,7 @@ template<typename Entries, typename Make>
 std::vector<record> make_records(const Entries &entries, Make make)
 {
     std::vector<record> records;
+    records.reserve(entries.size());
     for (const auto &[key, message] : entries)
         records.push_back(make(key, message));
     return records;

@@ -27,7 +27,7 @@ inline outcome run_line(const std::string &line)
     std::istringstream stream("kelmctl " + line);
     std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
     std::vector<char *> argv;
-    argv.reserve(words.size());
+    argv.reserve(words.size() + 1);
     for (auto &word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
